@@ -1,0 +1,57 @@
+#pragma once
+
+#include "morvikglobal.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QDebug>
+#include <QtCore/QStringList>
+#include <QtCore/QVariant>
+
+/// What log lines are made of beside plain values. Each helper makes a small value that goes into
+/// a QDebug stream and leaves the stream's settings (quotes, spaces) as they were.
+///
+/// What comes from outside may be huge: a rendering is cut at MAX_LOG_BYTES, and says by how much.
+///
+/// \code
+/// qWarning().noquote().nospace() << error.errorString() << morvik::logtab
+///                                << morvik::logbinary(bytes, "UTF-8");
+/// \endcode
+namespace morvik
+{
+
+/// Longest rendering of one value, in bytes of what is rendered.
+constexpr int MAX_LOG_BYTES = 64 * 1024;
+
+struct LogTab
+{};
+/// One tab, with no space around it and no quotes.
+constexpr LogTab logtab {};
+
+struct LogBinary
+{
+    QByteArray bytes;
+    QByteArray codec;
+};
+/// Bytes as text in \a codec (a name QTextCodec knows); an unknown codec renders them in hex.
+MORVIK_EXPORT LogBinary logbinary(const QByteArray &bytes, const QByteArray &codec);
+
+struct LogList
+{
+    QStringList items;
+};
+/// A list of texts, each in quotes, in one log entry.
+MORVIK_EXPORT LogList loglist(const QStringList &items);
+
+struct LogVariant
+{
+    QVariant value;
+};
+/// A variant as compact JSON, which keeps maps and lists readable on one line.
+MORVIK_EXPORT LogVariant logvariant(const QVariant &value);
+
+MORVIK_EXPORT QDebug operator<<(QDebug debug, const LogTab &tab);
+MORVIK_EXPORT QDebug operator<<(QDebug debug, const LogBinary &binary);
+MORVIK_EXPORT QDebug operator<<(QDebug debug, const LogList &list);
+MORVIK_EXPORT QDebug operator<<(QDebug debug, const LogVariant &variant);
+
+} // namespace morvik

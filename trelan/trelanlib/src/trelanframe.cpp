@@ -1,0 +1,124 @@
+#include "trelanframe.h"
+
+#include "trelanerror.h"
+#include "trelanzstream.h"
+
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtCore/QJsonParseError>
+
+#include <atomic>
+
+namespace bus
+{
+
+namespace
+{
+
+const QString HEADER_REQUEST = QStringLiteral("[-REQUEST-]");
+const QString HEADER_REPLY = QStringLiteral("[-REPLY-]");
+const QString KEY_OPERATION = QStringLiteral("operation");
+const QString KEY_DATA = QStringLiteral("data");
+const QString KEY_RESULT = QStringLiteral("result");
+const QString KEY_CODE = QStringLiteral("code");
+const QString KEY_DESCRIPTION = QStringLiteral("description");
+constexpr char SEPARATOR[] = "\r\n";
+
+// Far above any envelope a client sends on purpose, and far below what a machine has: without it
+// a few hundred kilobytes of zeros, compressed, would take the process down.
+std::atomic<qint64> _maxInflatedSize {256LL * 1024 * 1024};
+
+} // namespace
+
+QString TrelanFrame::headerWord(Kind kind)
+{
+    return kind == Request ? HEADER_REQUEST : HEADER_REPLY;
+}
+
+QString TrelanFrame::lineText(const QByteArray &line)
+{
+    // With the size given, since a NUL byte would otherwise end the text and hide what follows it.
+    return QString::fromLatin1(line.constData(), line.size()).simplified();
+}
+
+QVariantMap TrelanFrame::request(const QString &operation, const QVariantMap &data)
+{
+    return {{KEY_OPERATION, operation}, {KEY_DATA, data}};
+}
+
+QVariantMap TrelanFrame::reply(const QString &operation, const TrelanError &error,
+                               const QVariantMap &data)
+{
+    const QVariantMap result {{KEY_CODE, int(error.error())},
+                              {KEY_DESCRIPTION, error.description()}};
+    return {{KEY_OPERATION, operation}, {KEY_DATA, data}, {KEY_RESULT, result}};
+}
+
+QByteArray TrelanFrame::encode(Kind kind, const QVariantMap &envelope)
+{
+    return frame(kind, encodePayload(envelope));
+}
+
+QByteArray TrelanFrame::encodePayload(const QVariantMap &envelope)
+{
+    return compress(QJsonDocument::fromVariant(envelope).toJson()).toBase64();
+}
+
+QByteArray TrelanFrame::frame(Kind kind, const QByteArray &payload)
+{
+    return headerWord(kind).toLatin1() + SEPARATOR + QByteArray::number(payload.size()) +
+           SEPARATOR + payload;
+}
+
+TrelanFrame::Payload TrelanFrame::decodePayload(const QByteArray &payload, qint64 maxInflatedSize)
+{
+    Payload decoded;
+    decoded.json = uncompress(QByteArray::fromBase64(payload), maxInflatedSize, &decoded.fault);
+
+    QJsonParseError error {};
+    const QJsonDocument document = QJsonDocument::fromJson(decoded.json, &error);
+    if (error.error != QJsonParseError::NoError) {
+        if (decoded.fault == NoFault)
+            decoded.fault = NotJson;
+        decoded.errorText = error.errorString();
+        return decoded;
+    }
+    decoded.envelope = document.object().toVariantMap();
+    return decoded;
+}
+
+qint64 TrelanFrame::maxInflatedSize()
+{
+    return _maxInflatedSize;
+}
+
+void TrelanFrame::setMaxInflatedSize(qint64 bytes)
+{
+    _maxInflatedSize = qMax<qint64>(bytes, 1);
+}
+
+QByteArray TrelanFrame::compress(const QByteArray &bytes)
+{
+    static thread_local zstream::Deflater _deflater;
+    return _deflater.compress(bytes);
+}
+
+QByteArray TrelanFrame::uncompress(const QByteArray &bytes, qint64 maxInflatedSize, Fault *fault)
+{
+    static thread_local zstream::Inflater _inflater;
+    QByteArray inflated;
+    switch (_inflater.uncompress(bytes, maxInflatedSize, inflated)) {
+    case zstream::Inflater::Done:
+        *fault = NoFault;
+        return inflated;
+    case zstream::Inflater::TooLarge:
+        *fault = TooLarge;
+        return {};
+    case zstream::Inflater::Damaged:
+        break;
+    }
+    *fault = NotInflatable;
+    return {};
+}
+
+} // namespace bus

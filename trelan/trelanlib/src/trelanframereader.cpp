@@ -1,0 +1,137 @@
+#include "trelanframereader.h"
+
+#include <limits>
+
+namespace bus
+{
+
+TrelanFrameReader::TrelanFrameReader(qint64 maxPayload)
+    : _maxPayload(qMin<qint64>(maxPayload, std::numeric_limits<int>::max() / 2))
+{}
+
+void TrelanFrameReader::feed(const QByteArray &bytes)
+{
+    if (_state == Faulty)
+        return;
+    if (_position > 0) {
+        _buffer.remove(0, _position);
+        _position = 0;
+    }
+    _buffer.append(bytes);
+}
+
+TrelanFrameReader::Status TrelanFrameReader::next()
+{
+    _payload.clear();
+    for (;;) {
+        const State before = _state;
+        const Status status = step();
+        if (status != NeedMoreData || _state == before)
+            return status;
+    }
+}
+
+TrelanFrame::Kind TrelanFrameReader::kind() const
+{
+    return _kind;
+}
+
+QByteArray TrelanFrameReader::payload() const
+{
+    return _payload;
+}
+
+bool TrelanFrameReader::isInsideFrame() const
+{
+    return _state != InHeader || _position < _buffer.size();
+}
+
+QString TrelanFrameReader::faultText() const
+{
+    return _faultText;
+}
+
+TrelanFrameReader::Status TrelanFrameReader::step()
+{
+    switch (_state) {
+    case InHeader:
+        return readHeader();
+    case InSize:
+        return readSize();
+    case InPayload:
+        return readPayload();
+    case Faulty:
+        break;
+    }
+    return _fault;
+}
+
+bool TrelanFrameReader::takeLine(QString &text)
+{
+    const QByteArray piece = _buffer.mid(_position, TrelanFrame::MAX_LINE_LENGTH);
+    const int end = piece.indexOf('\n');
+    if (end < 0 && piece.size() < TrelanFrame::MAX_LINE_LENGTH)
+        return false;
+    const int length = end < 0 ? piece.size() : end + 1;
+    _position += length;
+    text = TrelanFrame::lineText(piece.left(length));
+    return true;
+}
+
+TrelanFrameReader::Status TrelanFrameReader::readHeader()
+{
+    QString text;
+    if (!takeLine(text))
+        return NeedMoreData;
+    if (text == TrelanFrame::headerWord(TrelanFrame::Request))
+        _kind = TrelanFrame::Request;
+    else if (text == TrelanFrame::headerWord(TrelanFrame::Reply))
+        _kind = TrelanFrame::Reply;
+    else
+        return fail(Malformed, QStringLiteral("\"%1\" is no header line").arg(text));
+    _state = InSize;
+    return NeedMoreData;
+}
+
+TrelanFrameReader::Status TrelanFrameReader::readSize()
+{
+    QString text;
+    if (!takeLine(text))
+        return NeedMoreData;
+    bool ok = false;
+    const qint64 size = text.toLongLong(&ok, 10);
+    if (!ok || size < 0)
+        return fail(Malformed, QStringLiteral("\"%1\" is no size line").arg(text));
+    // A longer frame is not a large message but a stream out of step; buffering it would hide that
+    // until memory ran out.
+    if (size > _maxPayload) {
+        return fail(TooLarge, QStringLiteral("a payload of %1 bytes is above the limit of %2")
+                                  .arg(size)
+                                  .arg(_maxPayload));
+    }
+    _size = int(size);
+    _state = InPayload;
+    return NeedMoreData;
+}
+
+TrelanFrameReader::Status TrelanFrameReader::readPayload()
+{
+    if (_buffer.size() - _position < _size)
+        return NeedMoreData;
+    _payload = _buffer.mid(_position, _size);
+    _position += _size;
+    _state = InHeader;
+    return FrameReady;
+}
+
+TrelanFrameReader::Status TrelanFrameReader::fail(Status status, const QString &text)
+{
+    _state = Faulty;
+    _fault = status;
+    _faultText = text;
+    _buffer.clear();
+    _position = 0;
+    return status;
+}
+
+} // namespace bus

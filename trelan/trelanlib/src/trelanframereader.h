@@ -1,0 +1,71 @@
+#pragma once
+
+#include "trelanframe.h"
+
+namespace bus
+{
+
+/// \brief Cuts a stream of bytes, arriving in pieces of any size, into frames.
+///
+/// Bytes go in with feed(), frames come out of next(); there is no socket here and no log. It is
+/// strict where a stream cannot be trusted any more: once a line is not what it has to be, the end
+/// of the frame is unknown, and the reader stays faulty.
+///
+/// Memory is bounded by the limit, one line and the last piece fed: a longer payload is reported
+/// as soon as its size line has been read.
+///
+/// \code
+/// reader.feed(socket->readAll());
+/// while (reader.next() == TrelanFrameReader::FrameReady)
+///     handle(reader.kind(), reader.payload());
+/// \endcode
+class TRELAN_EXPORT TrelanFrameReader
+{
+public:
+    enum Status {
+        NeedMoreData, ///< nothing is complete; feed more
+        FrameReady,   ///< kind() and payload() hold the next frame
+        Malformed,    ///< a header or size line is none; see faultText()
+        TooLarge      ///< the announced payload is above the limit; see faultText()
+    };
+
+    /// \a maxPayload is the largest payload, in bytes of its base64 text, that is taken.
+    explicit TrelanFrameReader(qint64 maxPayload);
+
+    void feed(const QByteArray &bytes);
+
+    /// Goes on to the next frame. Malformed and TooLarge are final.
+    Status next();
+
+    /// Of the last frame that was ready.
+    TrelanFrame::Kind kind() const;
+    QByteArray payload() const;
+
+    /// Whether a frame has begun and is not complete.
+    bool isInsideFrame() const;
+
+    /// What is wrong, for people; empty unless the status is Malformed or TooLarge.
+    QString faultText() const;
+
+private:
+    enum State { InHeader, InSize, InPayload, Faulty };
+
+    Status step();
+    bool takeLine(QString &text);
+    Status readHeader();
+    Status readSize();
+    Status readPayload();
+    Status fail(Status status, const QString &text);
+
+    const qint64 _maxPayload;
+    QByteArray _buffer;
+    int _position = 0;
+    State _state = InHeader;
+    Status _fault = NeedMoreData;
+    QString _faultText;
+    TrelanFrame::Kind _kind = TrelanFrame::Request;
+    int _size = 0;
+    QByteArray _payload;
+};
+
+} // namespace bus

@@ -1,0 +1,176 @@
+#include "trelanmessage.h"
+
+#include "trelanvalue.h"
+
+namespace bus
+{
+
+namespace
+{
+const QString KEY_DT = QStringLiteral("dt");
+const QString KEY_MESSAGE = QStringLiteral("msg");
+const QString KEY_OPTIONS = QStringLiteral("ops");
+const QString KEY_RECIEVER = QStringLiteral("r");
+const QString KEY_SENDER = QStringLiteral("s");
+const QString KEY_UID = QStringLiteral("uid");
+} // namespace
+
+TrelanMessage::TrelanMessage()
+    : _dt(QDateTime::currentDateTime())
+{}
+
+TrelanMessage::TrelanMessage(const TrelanMessage &other) = default;
+TrelanMessage::TrelanMessage(TrelanMessage &&other) noexcept = default;
+TrelanMessage::~TrelanMessage() = default;
+TrelanMessage &TrelanMessage::operator=(const TrelanMessage &other) = default;
+TrelanMessage &TrelanMessage::operator=(TrelanMessage &&other) noexcept = default;
+
+bool TrelanMessage::operator==(const TrelanMessage &other) const
+{
+    return _sender == other._sender && _reciever == other._reciever && _options == other._options &&
+           _dt == other._dt && _message == other._message && _uid == other._uid;
+}
+
+bool TrelanMessage::operator!=(const TrelanMessage &other) const
+{
+    return !(*this == other);
+}
+
+QString TrelanMessage::sender() const
+{
+    return _sender;
+}
+
+void TrelanMessage::setSender(const QString &sender)
+{
+    _sender = sender;
+}
+
+QString TrelanMessage::reciever() const
+{
+    return _reciever;
+}
+
+void TrelanMessage::setReciever(const QString &reciever)
+{
+    _reciever = reciever;
+}
+
+QFlags<TrelanMessage::Option> TrelanMessage::options() const
+{
+    return _options;
+}
+
+void TrelanMessage::setOptions(const QFlags<Option> &options)
+{
+    _options = options;
+}
+
+QDateTime TrelanMessage::dt() const
+{
+    return _dt;
+}
+
+void TrelanMessage::setDt(const QDateTime &dt)
+{
+    _dt = dt;
+}
+
+QString TrelanMessage::message() const
+{
+    return _message;
+}
+
+void TrelanMessage::setMessage(const QString &message)
+{
+    _message = message;
+}
+
+QString TrelanMessage::uid() const
+{
+    return _uid;
+}
+
+void TrelanMessage::setUid(const QString &uid)
+{
+    _uid = uid;
+}
+
+bool TrelanMessage::isLogged() const
+{
+    return _options.testFlag(Logged);
+}
+
+void TrelanMessage::setLogged(bool logged)
+{
+    setOption(Logged, logged);
+}
+
+bool TrelanMessage::isStored() const
+{
+    return _options.testFlag(Stored);
+}
+
+void TrelanMessage::setStored(bool stored)
+{
+    setOption(Stored, stored);
+}
+
+bool TrelanMessage::needAnswer() const
+{
+    return _options.testFlag(NeedAnswer);
+}
+
+void TrelanMessage::setNeedAnswer(bool needAnswer)
+{
+    setOption(NeedAnswer, needAnswer);
+}
+
+QString TrelanMessage::genUid() const
+{
+    const QString text = QStringLiteral("TrelanMessage") + _sender + _reciever + _message +
+                         _dt.toString(Qt::ISODate) + QString::number(int(_options)) +
+                         value::nowText();
+    return value::digest(text.toUtf8());
+}
+
+QString TrelanMessage::msgKey() const
+{
+    // One arg() after the other, not arg(a, b, c): a sender that holds "%2" has always been filled
+    // in by the next value, and keys are compared with those that other peers make.
+    return QStringLiteral("%1.%2.%3")
+        .arg(_sender)
+        .arg(_reciever)
+        .arg(_uid); // clazy:exclude=qstring-arg
+}
+
+QVariantMap TrelanMessage::toVariantMap() const
+{
+    return {
+        {KEY_DT, value::timeToWire(_dt)},
+        {KEY_MESSAGE, _message},
+        {KEY_RECIEVER, _reciever},
+        {KEY_SENDER, _sender},
+        {KEY_UID, _uid},
+        {KEY_OPTIONS, int(_options)},
+    };
+}
+
+TrelanMessage TrelanMessage::fromVariantMap(const QVariantMap &map)
+{
+    TrelanMessage message;
+    message.setDt(value::timeFromWire(map.value(KEY_DT)));
+    message.setMessage(map.value(KEY_MESSAGE).toString());
+    message.setOptions(Options(QFlag(map.value(KEY_OPTIONS).toInt())));
+    message.setReciever(map.value(KEY_RECIEVER).toString());
+    message.setSender(map.value(KEY_SENDER).toString());
+    message.setUid(map.value(KEY_UID).toString());
+    return message;
+}
+
+void TrelanMessage::setOption(Option option, bool on)
+{
+    _options.setFlag(option, on);
+}
+
+} // namespace bus

@@ -1,0 +1,207 @@
+#include "trelanobject.h"
+
+#include "trelanmessage.h"
+#include "trelanvalue.h"
+#include "trelanwildcard.h"
+
+#include <QtCore/QJsonDocument>
+
+#include <utility>
+
+namespace bus
+{
+
+const QString TrelanObject::MSG_REASON_HD = QStringLiteral("__reason__");
+const QString TrelanObject::MSG_REASON_SUB = QStringLiteral("sub");
+const QString TrelanObject::MSG_NAME_HD = QStringLiteral("__name__");
+const QString TrelanObject::MSG_CONTEXT_HD = QStringLiteral("__context__");
+
+namespace
+{
+const QString KEY_PUBLISHER = QStringLiteral("p");
+const QString KEY_NAME = QStringLiteral("nm");
+const QString KEY_DT = QStringLiteral("dt");
+const QString KEY_CONTENT = QStringLiteral("cnt");
+const QString KEY_UID = QStringLiteral("uid");
+const QString KEY_OPTIONS = QStringLiteral("opt");
+} // namespace
+
+TrelanObject::TrelanObject()
+    : _dt(QDateTime::currentDateTime())
+    , _options(Stored)
+{}
+
+TrelanObject::TrelanObject(const TrelanObject &other) = default;
+TrelanObject::TrelanObject(TrelanObject &&other) = default;
+TrelanObject::~TrelanObject() = default;
+TrelanObject &TrelanObject::operator=(const TrelanObject &other) = default;
+
+TrelanObject &TrelanObject::operator=(TrelanObject &&other) noexcept
+{
+    std::swap(_publisher, other._publisher);
+    std::swap(_name, other._name);
+    std::swap(_dt, other._dt);
+    std::swap(_content, other._content);
+    std::swap(_uid, other._uid);
+    _options = other._options;
+    return *this;
+}
+
+bool TrelanObject::operator==(const TrelanObject &other) const
+{
+    return _publisher == other._publisher && _name == other._name && _dt == other._dt &&
+           _content == other._content && _uid == other._uid && int(_options) == int(other._options);
+}
+
+bool TrelanObject::operator!=(const TrelanObject &other) const
+{
+    return !(*this == other);
+}
+
+QString TrelanObject::publisher() const
+{
+    return _publisher;
+}
+
+void TrelanObject::setPublisher(const QString &publisher)
+{
+    _publisher = publisher;
+}
+
+QString TrelanObject::name() const
+{
+    return _name;
+}
+
+void TrelanObject::setName(const QString &name)
+{
+    _name = name;
+}
+
+QDateTime TrelanObject::dt() const
+{
+    return _dt;
+}
+
+void TrelanObject::setDt(const QDateTime &dt)
+{
+    _dt = dt;
+}
+
+QVariantMap TrelanObject::content() const
+{
+    return _content;
+}
+
+void TrelanObject::setContent(const QVariantMap &content)
+{
+    _content = content;
+}
+
+QString TrelanObject::uid() const
+{
+    return _uid;
+}
+
+void TrelanObject::setUid(const QString &uid)
+{
+    _uid = uid;
+}
+
+QFlags<TrelanObject::Option> TrelanObject::options() const
+{
+    return _options;
+}
+
+void TrelanObject::setOptions(const QFlags<Option> &options)
+{
+    _options = options;
+}
+
+bool TrelanObject::isLogged() const
+{
+    return _options.testFlag(Logged);
+}
+
+void TrelanObject::setLogged(bool logged)
+{
+    _options.setFlag(Logged, logged);
+}
+
+bool TrelanObject::isStored() const
+{
+    return _options.testFlag(Stored);
+}
+
+void TrelanObject::setStored(bool stored)
+{
+    _options.setFlag(Stored, stored);
+    if (!stored)
+        _options.setFlag(Permanent, false);
+}
+
+bool TrelanObject::isPermanent() const
+{
+    return _options.testFlag(Stored) && _options.testFlag(Permanent);
+}
+
+void TrelanObject::setPermanent(bool permanent)
+{
+    _options.setFlag(Permanent, permanent);
+    if (permanent)
+        _options.setFlag(Stored, true);
+}
+
+QString TrelanObject::genUid() const
+{
+    const QString text = QStringLiteral("TrelanObject") + _publisher + _name +
+                         _dt.toString(Qt::ISODate) + QString::number(int(_options)) +
+                         value::nowText();
+    return value::digest(text.toUtf8() +
+                         QJsonDocument::fromVariant(_content).toJson(QJsonDocument::Compact));
+}
+
+QVariantMap TrelanObject::toVariantMap() const
+{
+    return {
+        {KEY_PUBLISHER, _publisher}, {KEY_NAME, _name}, {KEY_DT, value::timeToWire(_dt)},
+        {KEY_CONTENT, _content},     {KEY_UID, _uid},   {KEY_OPTIONS, int(_options)},
+    };
+}
+
+TrelanObject TrelanObject::fromVariantMap(const QVariantMap &map)
+{
+    TrelanObject object;
+    object.setPublisher(map.value(KEY_PUBLISHER).toString());
+    object.setName(map.value(KEY_NAME).toString());
+    object.setDt(value::timeFromWire(map.value(KEY_DT)));
+    object.setContent(map.value(KEY_CONTENT).toMap());
+    object.setUid(map.value(KEY_UID).toString());
+    object.setOptions(Options(QFlag(map.value(KEY_OPTIONS).toInt())));
+    return object;
+}
+
+TrelanMessage TrelanObject::toMessage(const QString &reciever) const
+{
+    const QVariantMap notification {
+        {MSG_REASON_HD, MSG_REASON_SUB},
+        {MSG_NAME_HD, _name},
+        {MSG_CONTEXT_HD, _content},
+    };
+    TrelanMessage message;
+    message.setDt(_dt);
+    // Indented, unlike a command's body: readers of the bus compare these bytes.
+    message.setMessage(QString::fromUtf8(QJsonDocument::fromVariant(notification).toJson()));
+    message.setOptions({});
+    message.setReciever(reciever);
+    message.setSender(_publisher);
+    message.setUid(_uid);
+    return message;
+}
+
+bool TrelanObject::testWildCard(const QString &name, const QString &wildcard)
+{
+    return wildcard::matches(name, wildcard);
+}
+
+} // namespace bus

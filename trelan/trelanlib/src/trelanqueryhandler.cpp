@@ -1,0 +1,405 @@
+#include "trelanqueryhandler.h"
+
+#include "trelanframe.h"
+
+#include <loghelpers.h>
+
+#include <QtCore/QDateTime>
+#include <QtCore/QDebug>
+#include <QtCore/QThread>
+#include <QtNetwork/QHostAddress>
+#include <QtNetwork/QTcpSocket>
+
+#include <utility>
+
+namespace bus
+{
+
+using morvik::logbinary;
+using morvik::loglist;
+using morvik::logtab;
+
+namespace
+{
+
+constexpr int WAIT_MS = 30000;      // for the connection, the write and a reply's first byte
+constexpr int READ_WAIT_MS = 100;   // before the third and every later read attempt
+constexpr int READ_PAUSE_MS = 10;   // after every read attempt
+constexpr int CLOSE_PAUSE_MS = 100; // before a connection is ended
+constexpr int BYTES_PER_ATTEMPT = 100;
+constexpr int MIN_READ_ATTEMPTS = 100;
+constexpr int ATTEMPTS_WITHOUT_WAIT = 2;
+
+const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
+const QString LIST_SEPARATOR = QStringLiteral("::");
+
+} // namespace
+
+quint16 TrelanQueryHandler::_queryPort = TrelanQueryHandler::DEFAULT_PORT;
+quint32 TrelanQueryHandler::_queryHost = QHostAddress(QHostAddress::LocalHost).toIPv4Address();
+
+TrelanQueryHandler::TrelanQueryHandler(const QString &clientName, QObject *parent)
+    : QObject(parent)
+    , _socket(new QTcpSocket(this))
+    , _clientName(clientName)
+{
+    connect(_socket, SIGNAL(connected()), this, SLOT(socketConnected()));
+    connect(_socket, SIGNAL(disconnected()), this, SLOT(socketDisconnected()));
+    connect(_socket, SIGNAL(error(QAbstractSocket::SocketError)), this,
+            SLOT(socketError(QAbstractSocket::SocketError)));
+}
+
+TrelanQueryHandler::~TrelanQueryHandler()
+{
+    close();
+}
+
+quint32 TrelanQueryHandler::queryHost()
+{
+    return _queryHost;
+}
+
+void TrelanQueryHandler::setQueryHost(quint32 host)
+{
+    _queryHost = host;
+}
+
+quint16 TrelanQueryHandler::queryPort()
+{
+    return _queryPort;
+}
+
+void TrelanQueryHandler::setQueryPort(const quint16 &port)
+{
+    _queryPort = port;
+}
+
+QString TrelanQueryHandler::clientName() const
+{
+    return _clientName;
+}
+
+bool TrelanQueryHandler::handshaked() const
+{
+    return _handshaked;
+}
+
+bool TrelanQueryHandler::isOpen() const
+{
+    return canRequest() && _handshaked;
+}
+
+TrelanQueryHandler::Failure TrelanQueryHandler::lastFailure() const
+{
+    return _lastFailure;
+}
+
+TrelanError TrelanQueryHandler::lastError() const
+{
+    return _lastError;
+}
+
+bool TrelanQueryHandler::open()
+{
+    resetFailure();
+    if (queryPort() == 0 || !_socket)
+        return fail(NotOpen);
+    if (isOpen())
+        return true;
+
+    // A close that is still sending, or a connection without a handshake, would make
+    // connectToHost() refuse; and an earlier handshake says nothing about this connection.
+    if (_socket->state() != QAbstractSocket::UnconnectedState) {
+        _socket->blockSignals(true);
+        _socket->abort();
+    }
+    _handshaked = false;
+    _socket->blockSignals(false);
+    _socket->connectToHost(QHostAddress(queryHost()), queryPort(), QIODevice::ReadWrite);
+    if (_socket->state() != QAbstractSocket::ConnectedState &&
+        !_socket->waitForConnected(WAIT_MS)) {
+        close();
+        return fail(NotOpen);
+    }
+    if (handshake() && _handshaked) {
+        emit kelbusConnected();
+        return true;
+    }
+    if (_lastFailure == None)
+        fail(Framing); // an answer, but not to the handshake
+    close();
+    return false;
+}
+
+void TrelanQueryHandler::close()
+{
+    if (!_socket)
+        return;
+    _socket->blockSignals(true);
+    QThread::msleep(CLOSE_PAUSE_MS);
+    _socket->disconnectFromHost();
+    _handshaked = false;
+}
+
+bool TrelanQueryHandler::rmPersistent(const QStringList &names)
+{
+    QVariantList objects;
+    for (const QString &name : names)
+        objects.append(name.trimmed());
+    return request(QStringLiteral("rm"), {{QStringLiteral("objects"), objects}});
+}
+
+bool TrelanQueryHandler::publish(TrelanObject object)
+{
+    object.setPublisher(_clientName);
+    if (object.uid().isEmpty())
+        object.setUid(object.genUid());
+    if (!object.dt().isValid())
+        object.setDt(QDateTime::currentDateTime());
+    return request(QStringLiteral("pub"), object.toVariantMap());
+}
+
+bool TrelanQueryHandler::publish(QList<TrelanObject> objects)
+{
+    Failure failure = None;
+    TrelanError error;
+    for (const TrelanObject &object : std::as_const(objects)) {
+        if (!publish(object)) {
+            failure = _lastFailure;
+            error = _lastError;
+        }
+    }
+    _lastFailure = failure;
+    _lastError = error;
+    return failure == None;
+}
+
+bool TrelanQueryHandler::subscribe(const QString &wildCard)
+{
+    return request(QStringLiteral("sub"), {{QStringLiteral("wc"), wildCard}});
+}
+
+bool TrelanQueryHandler::subscribe(const QStringList &wildCards)
+{
+    return request(QStringLiteral("sub"),
+                   {{QStringLiteral("wcs"), wildCards.join(LIST_SEPARATOR)}});
+}
+
+bool TrelanQueryHandler::unsubscribe(const QString &wildCard)
+{
+    return request(QStringLiteral("unsub"), {{QStringLiteral("wc"), wildCard}});
+}
+
+bool TrelanQueryHandler::unsubscribe(const QStringList &wildCards)
+{
+    return request(QStringLiteral("unsub"),
+                   {{QStringLiteral("wcs"), wildCards.join(LIST_SEPARATOR)}});
+}
+
+bool TrelanQueryHandler::loadObject(const QString &name, TrelanObject &object)
+{
+    QVariantMap answer;
+    if (!request(answer, QStringLiteral("loadObject"), {{QStringLiteral("nm"), name}}))
+        return false;
+    object = TrelanObject::fromVariantMap(answer);
+    return true;
+}
+
+bool TrelanQueryHandler::loadObjects(const QString &wildCard, QMap<QString, TrelanObject> &objects)
+{
+    QVariantMap answer;
+    if (!request(answer, QStringLiteral("loadObjects"), {{QStringLiteral("wc"), wildCard}}))
+        return false;
+    for (auto entry = answer.cbegin(); entry != answer.cend(); ++entry)
+        objects.insert(entry.key(), TrelanObject::fromVariantMap(entry.value().toMap()));
+    return true;
+}
+
+bool TrelanQueryHandler::sendMessage(TrelanMessage msg)
+{
+    if (msg.uid().isEmpty())
+        msg.setUid(msg.genUid());
+    msg.setSender(_clientName);
+    return request(QStringLiteral("sendMessage"), msg.toVariantMap());
+}
+
+bool TrelanQueryHandler::sendCommand(TrelanCommand cmd)
+{
+    TrelanMessage message;
+    if (cmd.hasDestination() && cmd.toTrelanMessage(message))
+        return sendMessage(message);
+    TrelanObject object;
+    if (cmd.toTrelanObject(object))
+        return publish(object);
+    return false;
+}
+
+void TrelanQueryHandler::socketConnected()
+{
+    // open() sends the handshake itself, since it has to wait for the answer.
+}
+
+void TrelanQueryHandler::socketDisconnected()
+{
+    emit busDisconnected();
+}
+
+void TrelanQueryHandler::socketError(QAbstractSocket::SocketError error)
+{
+    // Every timed wait ends in this one when nothing came, and says so by its result.
+    if (!_socket || error == QAbstractSocket::SocketTimeoutError)
+        return;
+    qWarning() << error << _socket->errorString() << QDateTime::currentDateTime();
+}
+
+bool TrelanQueryHandler::handshake()
+{
+    return request(OPERATION_HANDSHAKE, {{QStringLiteral("name"), _clientName}});
+}
+
+bool TrelanQueryHandler::request(QVariantMap &answer, QString operation, QVariantMap data)
+{
+    resetFailure();
+    // The handshake comes this way too, so that being handshaked is no condition here.
+    if (!canRequest())
+        return fail(NotOpen);
+
+    const qint64 staleBytes = _socket->bytesAvailable();
+    sendRequest(operation, data);
+    return waitForReply(staleBytes) && readReply(answer);
+}
+
+bool TrelanQueryHandler::request(QString operation, QVariantMap data)
+{
+    QVariantMap ignored;
+    return request(ignored, std::move(operation), std::move(data));
+}
+
+bool TrelanQueryHandler::processReply(QString operation, QVariantMap data, QVariantMap result)
+{
+    Q_UNUSED(data)
+    const quint16 code = quint16(result.value(QStringLiteral("code")).toUInt());
+    const QString description = result.value(QStringLiteral("description")).toString();
+    if (code != 0) {
+        fail(Refused);
+        _lastError = TrelanError(TrelanError::Error(code), description);
+    }
+
+    if (operation == OPERATION_HANDSHAKE) {
+        _handshaked = code == 0;
+        if (!_handshaked)
+            close();
+        return _handshaked;
+    }
+    if (code == 0)
+        return true;
+    qCritical().noquote().nospace() << code << logtab << description;
+    return false;
+}
+
+/// A QTcpSocket stays open as a device after its connection is gone, so the state decides.
+bool TrelanQueryHandler::canRequest() const
+{
+    return _socket && _socket->isOpen() && _socket->state() != QAbstractSocket::UnconnectedState;
+}
+
+void TrelanQueryHandler::resetFailure()
+{
+    _lastFailure = None;
+    _lastError = TrelanError();
+}
+
+bool TrelanQueryHandler::fail(Failure failure)
+{
+    _lastFailure = failure;
+    return false;
+}
+
+/// What did not come is late or wrong only as long as there is somebody to send it.
+bool TrelanQueryHandler::failUnlessLost(Failure failure)
+{
+    return fail(canRequest() ? failure : NotOpen);
+}
+
+void TrelanQueryHandler::sendRequest(const QString &operation, const QVariantMap &data)
+{
+    _socket->write(
+        TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(operation, data)));
+    _socket->flush();
+    if (canRequest()) // the flush notices a connection that is gone
+        _socket->waitForBytesWritten(WAIT_MS);
+}
+
+bool TrelanQueryHandler::waitForReply(qint64 staleBytes)
+{
+    // While a large request is being written the reply may arrive, and waiting for the write then
+    // takes it off the wire: waiting for it again would wait for nothing. Bytes that were there
+    // before the request are not its reply.
+    const bool arrived = _socket && _socket->bytesAvailable() > staleBytes;
+    if (!arrived && (!_socket || !_socket->waitForReadyRead(WAIT_MS))) {
+        qCritical().noquote() << tr("Socket wait for ready read error");
+        return failUnlessLost(Timeout);
+    }
+    if (!_socket || _socket->bytesAvailable() == 0) {
+        qCritical().noquote() << tr("Socket is empty");
+        return fail(Framing);
+    }
+    return true;
+}
+
+bool TrelanQueryHandler::readReply(QVariantMap &answer)
+{
+    const QString header =
+        TrelanFrame::lineText(_socket->readLine(TrelanFrame::MAX_LINE_LENGTH + 1));
+    const QString sizeText =
+        TrelanFrame::lineText(_socket->readLine(TrelanFrame::MAX_LINE_LENGTH + 1));
+    if (header != TrelanFrame::headerWord(TrelanFrame::Reply)) {
+        qCritical().noquote().nospace() << tr("Incorrect reply header: ") << header;
+        return fail(Framing);
+    }
+
+    const int size = sizeText.toInt(nullptr, 10); // no number is size 0 on this channel
+    const QByteArray payload = readPayload(size);
+    if (payload.size() != size) {
+        const QString text = QString::fromLatin1(payload.constData(), payload.size());
+        qCritical().noquote()
+            << tr("Incorrect reply data size %1 != %2").arg(payload.size()).arg(size)
+            << loglist(text.split(QLatin1Char('\n')));
+        return failUnlessLost(Framing);
+    }
+
+    const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(payload);
+    if (decoded.fault != TrelanFrame::NoFault) {
+        qWarning().noquote().nospace()
+            << decoded.errorText << logtab << logbinary(decoded.json, "UTF-8");
+        return fail(Framing);
+    }
+
+    const QVariantMap data = decoded.envelope.value(QStringLiteral("data")).toMap();
+    const QVariantMap result = decoded.envelope.value(QStringLiteral("result")).toMap();
+    const QString operation = decoded.envelope.value(QStringLiteral("operation")).toString();
+    if (!processReply(operation, data, result))
+        return false;
+    answer = data;
+    return true;
+}
+
+/// Reads at most \a size bytes, and fewer when the attempts for that size are used up or the
+/// connection is gone. The announced size by itself takes no memory.
+QByteArray TrelanQueryHandler::readPayload(int size)
+{
+    const int attempts = qMax(MIN_READ_ATTEMPTS, size / BYTES_PER_ATTEMPT + 1);
+    QByteArray payload;
+    for (int attempt = 0; payload.size() < size && attempt < attempts; ++attempt) {
+        if (attempt >= ATTEMPTS_WITHOUT_WAIT)
+            _socket->waitForReadyRead(READ_WAIT_MS);
+        payload.append(
+            _socket->read(qMin<qint64>(size - payload.size(), _socket->bytesAvailable())));
+        QThread::msleep(READ_PAUSE_MS);
+        if (!canRequest() && _socket->bytesAvailable() == 0)
+            break;
+    }
+    return payload;
+}
+
+} // namespace bus

@@ -1,0 +1,178 @@
+#pragma once
+
+#include "trelanglobal.h"
+
+#include "trelancommand.h"
+#include "trelanerror.h"
+#include "trelanmessage.h"
+#include "trelanobject.h"
+
+#include <QtCore/QMap>
+#include <QtCore/QObject>
+#include <QtCore/QPointer>
+#include <QtCore/QStringList>
+#include <QtCore/QVariantMap>
+#include <QtNetwork/QAbstractSocket>
+
+class QTcpSocket;
+
+namespace bus
+{
+
+/// \brief The client end of the query channel: one connection on which a client sends a request
+/// and blocks until the reply is there.
+///
+/// Threads: a handler is used from the thread it lives in and from no other. It has no lock. It
+/// needs no running event loop, except to notice a connection that drops while nothing is asked.
+///
+/// Waiting: open() blocks for up to 30 s for the connection, and then as any request does: up to
+/// 30 s for the request to leave, up to 30 s for the first byte of the reply, and then, for a reply
+/// of N bytes, for up to max(100, N / 100 + 1) attempts of at most 110 ms each. An answered request
+/// takes at least the 10 ms that follow each read attempt. close(), and so the destructor, takes
+/// 100 ms.
+///
+/// Failure: every operation returns false and leaves what it was to fill in untouched; the reason
+/// goes to the Qt log (category "default") and to lastFailure() and lastError(). A request that
+/// fails leaves the connection open, except a refused handshake, which closes it.
+///
+/// \code
+/// bus::TrelanQueryHandler handler("thermometer");
+/// if (!handler.open())
+///     return 1; // no bus at queryHost():queryPort()
+/// bus::TrelanObject room;
+/// room.setName("room.kitchen");
+/// room.setContent({ { "celsius", 21.5 } });
+/// handler.publish(room);
+/// QMap<QString, bus::TrelanObject> rooms;
+/// handler.loadObjects("room.*", rooms);
+/// \endcode
+class TRELAN_EXPORT TrelanQueryHandler : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// Default TCP port of the query channel.
+    static constexpr quint16 DEFAULT_PORT = 43535;
+
+    /// What the last operation of a handler ended in.
+    enum Failure {
+        None,    ///< it succeeded, or there was none yet
+        NotOpen, ///< no connection, or it was lost before the reply was there
+        Timeout, ///< connected, but no reply in time
+        Framing, ///< a reply came that is no well-formed frame
+        Refused  ///< the bus answered with an error code: see lastError()
+    };
+    Q_ENUM(Failure)
+
+    /// A closed handler that will register with the bus as \a clientName.
+    explicit TrelanQueryHandler(const QString &clientName, QObject *parent = nullptr);
+    /// Closes; takes 100 ms.
+    ~TrelanQueryHandler() override;
+
+    /// IPv4 address used by the next open() of any handler of the process; 127.0.0.1 unless set.
+    /// Not thread-safe: set host and port before the first handler opens.
+    static quint32 queryHost();
+    static void setQueryHost(quint32 host);
+
+    /// TCP port used by the next open() of any handler; DEFAULT_PORT unless set, 0 never opens.
+    static quint16 queryPort();
+    static void setQueryPort(const quint16 &port);
+
+    QString clientName() const;
+
+    /// Whether the bus has accepted the handshake since the last open(). Stays true when the bus
+    /// goes away, until close(); isOpen() is what tells whether requests can be sent.
+    bool handshaked() const;
+
+    /// Connected and handshaked.
+    bool isOpen() const;
+
+    /// Loads the object called \a name. On failure \a object stays as it was.
+    bool loadObject(const QString &name, TrelanObject &object);
+
+    /// Loads every stored object whose name \a wildCard takes in, and adds them to \a objects by
+    /// name. What the map held before and the bus does not name stays there.
+    bool loadObjects(const QString &wildCard, QMap<QString, TrelanObject> &objects);
+
+    /// How the last operation ended; of a list, its last failing request.
+    Failure lastFailure() const;
+
+    /// Code and description as the bus sent them if the last failure was Refused, else no error.
+    TrelanError lastError() const;
+
+Q_SIGNALS:
+    /// The connection dropped by itself; never emitted by close().
+    void busDisconnected();
+    /// open() has succeeded.
+    void kelbusConnected();
+
+public Q_SLOTS:
+    /// Connects and names the client to the bus. True at once on an open handler; false at once,
+    /// without touching the socket, when the port is 0.
+    bool open();
+
+    /// Ends the connection without any signal, after a pause of 100 ms.
+    void close();
+
+    /// Removes the objects of these names, trimmed, from the memory and the disk of the bus. Names
+    /// that the bus does not know are no failure.
+    bool rmPersistent(const QStringList &names);
+
+    /// Publishes a copy of \a object under this client's name as publisher, with a fresh uid and
+    /// the current time where it has none.
+    bool publish(TrelanObject object);
+
+    /// Publishes one after the other and goes on after a failure; true if none failed.
+    bool publish(QList<TrelanObject> objects);
+
+    bool subscribe(const QString &wildCard);
+    /// All or nothing. An entry must not contain "::", which separates them on the wire.
+    bool subscribe(const QStringList &wildCards);
+
+    /// A wildcard that is not subscribed is no failure.
+    bool unsubscribe(const QString &wildCard);
+    bool unsubscribe(const QStringList &wildCards);
+
+    /// Sends a copy of \a msg with this client's name as sender and a fresh uid if it has none.
+    bool sendMessage(TrelanMessage msg);
+
+    /// Sends a command as a message to its receiver or, without one, publishes it to everybody.
+    bool sendCommand(TrelanCommand cmd);
+
+private Q_SLOTS:
+    void socketConnected();
+    void socketDisconnected();
+    void socketError(QAbstractSocket::SocketError error);
+
+public Q_SLOTS:
+    /// Sends the handshake and returns what the bus thinks of it; open() does it by itself.
+    bool handshake();
+
+    /// Sends any operation and waits for the reply. On success \a answer is the reply's "data".
+    bool request(QVariantMap &answer, QString operation, QVariantMap data);
+    bool request(QString operation, QVariantMap data);
+
+    /// Judges the status of a reply: true if its code, cut to 16 bits, is 0.
+    bool processReply(QString operation, QVariantMap data, QVariantMap result);
+
+private:
+    bool canRequest() const;
+    void resetFailure();
+    bool fail(Failure failure);
+    bool failUnlessLost(Failure failure);
+    void sendRequest(const QString &operation, const QVariantMap &data);
+    bool waitForReply(qint64 staleBytes);
+    bool readReply(QVariantMap &answer);
+    QByteArray readPayload(int size);
+
+    QPointer<QTcpSocket> _socket;
+    QString _clientName;
+    bool _handshaked = false;
+    Failure _lastFailure = None;
+    TrelanError _lastError;
+
+    static quint16 _queryPort;
+    static quint32 _queryHost;
+};
+
+} // namespace bus

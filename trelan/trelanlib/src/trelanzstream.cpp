@@ -1,0 +1,102 @@
+#include "trelanzstream.h"
+
+#include <QtCore/QtEndian>
+
+#include <limits>
+
+namespace bus::zstream
+{
+
+namespace
+{
+
+constexpr int LENGTH_SIZE = 4;
+constexpr int FIRST_CHUNK = 1024;
+// Qt refuses a declared length that a QByteArray could not hold, whatever the stream inflates to.
+constexpr quint32 MAX_DECLARED =
+    quint32(std::numeric_limits<int>::max()) - quint32(sizeof(QArrayData));
+
+/// zlib's interface knows no const for what it reads.
+Bytef *input(const char *bytes)
+{
+    return reinterpret_cast<Bytef *>(const_cast<char *>(bytes));
+}
+
+} // namespace
+
+Deflater::Deflater()
+    : _ready(deflateInit(&_stream, Z_DEFAULT_COMPRESSION) == Z_OK)
+{}
+
+Deflater::~Deflater()
+{
+    deflateEnd(&_stream);
+}
+
+QByteArray Deflater::compress(const QByteArray &bytes)
+{
+    if (!_ready || bytes.isEmpty() || deflateReset(&_stream) != Z_OK)
+        return qCompress(bytes);
+
+    const uLong bound = deflateBound(&_stream, uLong(bytes.size()));
+    QByteArray out(LENGTH_SIZE + int(bound), Qt::Uninitialized);
+    qToBigEndian(quint32(bytes.size()), out.data());
+    _stream.next_in = input(bytes.constData());
+    _stream.avail_in = uInt(bytes.size());
+    _stream.next_out = reinterpret_cast<Bytef *>(out.data()) + LENGTH_SIZE;
+    _stream.avail_out = uInt(bound);
+    if (deflate(&_stream, Z_FINISH) != Z_STREAM_END)
+        return qCompress(bytes);
+    out.resize(LENGTH_SIZE + int(_stream.total_out));
+    return out;
+}
+
+Inflater::Inflater()
+    : _ready(inflateInit(&_stream) == Z_OK)
+{}
+
+Inflater::~Inflater()
+{
+    inflateEnd(&_stream);
+}
+
+Inflater::Outcome Inflater::uncompress(const QByteArray &bytes, qint64 limit, QByteArray &inflated)
+{
+    inflated.clear();
+    if (!_ready || bytes.size() <= LENGTH_SIZE || inflateReset(&_stream) != Z_OK)
+        return Damaged;
+    if (qFromBigEndian<quint32>(bytes.constData()) >= MAX_DECLARED)
+        return Damaged;
+
+    _stream.next_in = input(bytes.constData()) + LENGTH_SIZE;
+    _stream.avail_in = uInt(bytes.size() - LENGTH_SIZE);
+    return inflateAll(qMin<qint64>(limit, MAX_DECLARED - 1), inflated);
+}
+
+Inflater::Outcome Inflater::inflateAll(qint64 limit, QByteArray &inflated)
+{
+    // One byte beyond the limit is asked for, to tell a result that just fits from one that does
+    // not.
+    const qint64 most = limit + 1;
+    int filled = 0;
+    int status = Z_OK;
+    while (status != Z_STREAM_END) {
+        if (filled == inflated.size()) {
+            if (filled > limit)
+                return TooLarge;
+            inflated.resize(int(qMin<qint64>(most, qMax<qint64>(FIRST_CHUNK, filled * 2LL))));
+        }
+        _stream.next_out = reinterpret_cast<Bytef *>(inflated.data()) + filled;
+        _stream.avail_out = uInt(inflated.size() - filled);
+        status = inflate(&_stream, Z_NO_FLUSH);
+        if (status != Z_OK && status != Z_STREAM_END)
+            return Damaged; // a stream that was cut off ends here too, as Z_BUF_ERROR
+        filled = inflated.size() - int(_stream.avail_out);
+    }
+    if (filled > limit)
+        return TooLarge;
+    inflated.resize(filled);
+    return Done;
+}
+
+} // namespace bus::zstream

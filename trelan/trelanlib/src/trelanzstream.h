@@ -1,0 +1,47 @@
+#pragma once
+
+#include <QtCore/QByteArray>
+
+#include <zlib.h>
+
+/// zlib streams that are set up once and used again. Internal to the library; one thread each.
+namespace bus::zstream
+{
+
+/// Makes Qt's form of compressed data: four bytes of length, big-endian, and a zlib stream.
+class Deflater
+{
+public:
+    Deflater();
+    ~Deflater();
+    Q_DISABLE_COPY(Deflater)
+
+    QByteArray compress(const QByteArray &bytes);
+
+private:
+    z_stream _stream {};
+    bool _ready = false;
+};
+
+/// Reads Qt's form of compressed data.
+class Inflater
+{
+public:
+    enum Outcome { Done, Damaged, TooLarge };
+
+    Inflater();
+    ~Inflater();
+    Q_DISABLE_COPY(Inflater)
+
+    /// \a inflated is only meaningful when the outcome is Done; it never holds more than a small
+    /// multiple of what has been inflated, nor more than \a limit.
+    Outcome uncompress(const QByteArray &bytes, qint64 limit, QByteArray &inflated);
+
+private:
+    Outcome inflateAll(qint64 limit, QByteArray &inflated);
+
+    z_stream _stream {};
+    bool _ready = false;
+};
+
+} // namespace bus::zstream
