@@ -1,0 +1,20 @@
+# add_trelan_test(<name> SOURCES <file>... [LIBRARIES <target>...] [LABELS <label>...]
+#                 [TIMEOUT <seconds>])
+#
+# A QtTest program that is a CTest test. It runs in the C locale, since texts are compared; and a
+# connect that Qt only warns about is a failure, since string connects compare text and a typing
+# error there would otherwise be a test that waits for nothing.
+function(add_trelan_test name)
+    cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS")
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 60)
+    endif()
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE Qt5::Test ${ARG_LIBRARIES})
+    add_test(NAME ${name} COMMAND ${name})
+    set_tests_properties(${name} PROPERTIES
+        TIMEOUT ${ARG_TIMEOUT}
+        LABELS "${ARG_LABELS}"
+        ENVIRONMENT "LC_ALL=C.UTF-8;LANGUAGE=;QT_LOGGING_RULES="
+        FAIL_REGULAR_EXPRESSION "QObject::connect:;QObject: Cannot create children;QObject::startTimer:;QObject::~QObject")
+endfunction()
