@@ -19,7 +19,6 @@ function(trelan_install_library)
     get_target_property(version ${ARG_TARGET} VERSION)
     get_target_property(library ${ARG_TARGET} OUTPUT_NAME)
     set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/${ARG_PACKAGE}")
-    set(include_subdir "${ARG_INCLUDE_SUBDIR}")
 
     # Qt keeps pointers into a library that has registered types, resources or start-up functions:
     # one that is loaded stays loaded.
@@ -29,7 +28,7 @@ function(trelan_install_library)
     install(TARGETS ${ARG_TARGET} EXPORT ${ARG_PACKAGE}Targets
         LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
     install(FILES ${ARG_HEADERS}
-        DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${include_subdir}")
+        DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${ARG_INCLUDE_SUBDIR}")
     install(EXPORT ${ARG_PACKAGE}Targets
         NAMESPACE ${ARG_NAMESPACE}::
         DESTINATION "${package_dir}")
@@ -40,7 +39,6 @@ function(trelan_install_library)
         string(APPEND dependencies
             "find_dependency(${dependency} HINTS \"\${CMAKE_CURRENT_LIST_DIR}/..\")\n")
     endforeach()
-    set(package "${ARG_PACKAGE}")
     configure_package_config_file(
         "${TRELAN_CMAKE_TEMPLATES}/LibraryConfig.cmake.in"
         "${CMAKE_CURRENT_BINARY_DIR}/${ARG_PACKAGE}Config.cmake"
@@ -65,4 +63,12 @@ function(trelan_install_library)
         "${CMAKE_CURRENT_BINARY_DIR}/${ARG_PKGCONFIG}.pc" @ONLY)
     install(FILES "${CMAKE_CURRENT_BINARY_DIR}/${ARG_PKGCONFIG}.pc"
         DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+endfunction()
+
+# trelan_install_program(<target>)
+#
+# Installs a program that finds the libraries of its tree, wherever the tree is.
+function(trelan_install_program target)
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH "${TRELAN_RPATH_BIN}")
+    install(TARGETS ${target} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 endfunction()

@@ -12,9 +12,10 @@
 #include <QtCore/QTranslator>
 
 #include <cstdlib>
-#include <dlfcn.h>
-
 #include <memory>
+#include <utility>
+
+#include <dlfcn.h>
 
 namespace morvik
 {
@@ -55,8 +56,11 @@ Registry &registry()
     return _registry;
 }
 
+/// Never a relative folder: a translation must not come from wherever the process was started.
 QString installedFolder()
 {
+    if (registry().path.isEmpty())
+        return RESOURCE_FOLDER;
     const QFileInfo library(QFile::decodeName(registry().path));
     return library.path() + QStringLiteral("/" MORVIK_LIB_TO_TRANSLATIONS);
 }

@@ -130,11 +130,10 @@ QString renderVariant(const LogVariant &variant)
 
 /// Writes \a text and leaves the stream as it was, with the blank after it that a stream in space
 /// mode puts after every value.
-QDebug writeValue(QDebug debug, const QString &text)
+void writeValue(QDebug &debug, const QString &text)
 {
     const QDebugStateSaver saver(debug);
     debug.nospace().noquote() << text;
-    return debug;
 }
 
 /// A stream in space mode has written a blank after the last value already; a saver that goes from
@@ -176,17 +175,20 @@ QDebug operator<<(QDebug debug, const LogTab &)
 
 QDebug operator<<(QDebug debug, const LogBinary &binary)
 {
-    return writeValue(debug, renderBinary(binary));
+    writeValue(debug, renderBinary(binary));
+    return debug;
 }
 
 QDebug operator<<(QDebug debug, const LogList &list)
 {
-    return writeValue(debug, renderList(list));
+    writeValue(debug, renderList(list));
+    return debug;
 }
 
 QDebug operator<<(QDebug debug, const LogVariant &variant)
 {
-    return writeValue(debug, renderVariant(variant));
+    writeValue(debug, renderVariant(variant));
+    return debug;
 }
 
 } // namespace morvik
