@@ -21,8 +21,8 @@ inline std::optional<bool> judgeText(const QString &name, const QString &wildcar
     const bool plusForm = wildcard.right(2) == QStringLiteral(".+") ||
                           wildcard.indexOf(QStringLiteral(".+.")) != -1 ||
                           wildcard.left(2) == QStringLiteral("+.");
-    const bool starForm = wildcard.left(2) == QStringLiteral("*.") ||
-                          wildcard.right(2) == QStringLiteral(".*");
+    const bool starForm =
+        wildcard.left(2) == QStringLiteral("*.") || wildcard.right(2) == QStringLiteral(".*");
     if (!plusForm && !starForm)
         return false;
 

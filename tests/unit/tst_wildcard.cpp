@@ -79,7 +79,8 @@ void tst_Wildcard::agreesOnRandomLongPairs()
 {
     std::mt19937 random(20240607);
     const auto upTo = [&random](int most) { return int(random() % quint32(most + 1)); };
-    const QStringList literals = QStringLiteral("a|b|c|ab|ba|a*|+a|*a|a+||").split(QLatin1Char('|'));
+    const QStringList literals =
+        QStringLiteral("a|b|c|ab|ba|a*|+a|*a|a+||").split(QLatin1Char('|'));
     const QStringList wild {QStringLiteral("+"), QStringLiteral("*")};
 
     int matched = 0;
@@ -104,7 +105,8 @@ void tst_Wildcard::agreesOnRandomLongPairs()
         AGREE(name, wildcard);
         matched += reference::matches(name, wildcard) ? 1 : 0;
     }
-    QVERIFY2(matched > rounds / 10 && matched < rounds * 9 / 10, qPrintable(QString::number(matched)));
+    QVERIFY2(matched > rounds / 10 && matched < rounds * 9 / 10,
+             qPrintable(QString::number(matched)));
 }
 
 QTEST_APPLESS_MAIN(tst_Wildcard)
