@@ -9,89 +9,76 @@
 namespace reference
 {
 
-/// What can be said without looking at single segments; nothing if that is not enough.
-inline std::optional<bool> judgeText(const QString &name, const QString &wildcard)
+const QString PLUS = QStringLiteral("+");
+const QString STAR = QStringLiteral("*");
+const QString DOT = QStringLiteral(".");
+
+/// What the texts tell without a look at single segments; nothing if that is not enough.
+inline std::optional<bool> judgeTexts(const QString &name, const QString &wildcard)
 {
-    const int length = wildcard.length();
     if (name == QString() || wildcard == QString())
         return false;
-    if (name == wildcard || wildcard == QStringLiteral("*"))
+    if (name == wildcard || wildcard == STAR)
         return true;
 
-    const bool plusForm = wildcard.right(2) == QStringLiteral(".+") ||
-                          wildcard.indexOf(QStringLiteral(".+.")) != -1 ||
-                          wildcard.left(2) == QStringLiteral("+.");
-    const bool starForm =
-        wildcard.left(2) == QStringLiteral("*.") || wildcard.right(2) == QStringLiteral(".*");
+    const bool plusForm = wildcard.right(2) == DOT + PLUS || wildcard.left(2) == PLUS + DOT ||
+                          wildcard.split(DOT + PLUS + DOT).size() > 1;
+    const bool starForm = wildcard.left(2) == STAR + DOT || wildcard.right(2) == DOT + STAR;
     if (!plusForm && !starForm)
         return false;
 
-    int first = 0;
-    while (first < length && wildcard.mid(first, 2) != QStringLiteral("+."))
-        ++first;
-    if (first < length && first != 0 && wildcard[first - 1] != QLatin1Char('.'))
+    const QString beforeFirst = wildcard.left(wildcard.indexOf(PLUS + DOT)).right(1);
+    if (wildcard.indexOf(PLUS + DOT) > 0 && beforeFirst != DOT)
         return false;
-    int last = length - 1;
-    while (last >= 0 && wildcard.mid(last, 2) != QStringLiteral(".+"))
-        --last;
-    if (1 <= last && last < length - 2 && wildcard[last + 2] != QLatin1Char('.'))
+    const QString behindLast = wildcard.split(DOT + PLUS).last().left(1);
+    if (wildcard.lastIndexOf(DOT + PLUS) > 0 && behindLast != QString() && behindLast != DOT)
         return false;
-    if (wildcard[0] == QLatin1Char('.') || wildcard[length - 1] == QLatin1Char('.'))
+    if (wildcard.left(1) == DOT || wildcard.right(1) == DOT)
         return false;
 
-    const int names = name.count(QLatin1Char('.')) + 1;
-    const int segments = wildcard.count(QLatin1Char('.')) + 1;
-    if (!starForm && segments != names)
-        return false;
-    if (starForm && (segments > names || wildcard[length - 1] != QLatin1Char('*')))
+    const int surplus = wildcard.count(DOT) - name.count(DOT);
+    if (starForm ? surplus > 0 || wildcard.right(1) != STAR : surplus != 0)
         return false;
     return std::nullopt;
 }
 
 inline bool judgeSegments(const QString &name, const QString &wildcard)
 {
-    const QString plus = QStringLiteral("+");
-    const QString star = QStringLiteral("*");
-    const QStringList n = name.split(QLatin1Char('.'));
-    QStringList w = wildcard.split(QLatin1Char('.'));
-
+    const QStringList n = name.split(DOT);
+    QStringList w = wildcard.split(DOT);
     QStringList run;
-    for (const QString &segment : w + QStringList {plus}) { // the last one stands for the end
-        if (segment != plus && segment != star)
+    for (const QString &segment : w + QStringList {PLUS}) { // the last one stands for the end
+        if (segment != PLUS && segment != STAR)
             run << segment;
-        else if (!run.isEmpty() && !name.contains(run.join(QLatin1Char('.'))))
+        else if (!run.isEmpty() && !name.contains(run.join(DOT)))
             return false;
     }
-
-    if (wildcard[0] == QLatin1Char('*')) {
+    if (wildcard.left(1) == STAR) {
         QStringList rest = w.mid(1);
-        while (!rest.isEmpty() && rest.first() == plus)
+        while (!rest.isEmpty() && rest.first() == PLUS)
             rest.removeFirst();
-        if (rest.isEmpty() || rest.first().isEmpty() || rest == QStringList {star})
+        if (rest.isEmpty() || rest.first().isEmpty() || rest == QStringList {STAR})
             return n.size() >= w.size();
-        if (rest.first() == star || !n.contains(rest.first()))
+        if (rest.first() == STAR || !n.contains(rest.first()))
             return false;
         for (int i = n.indexOf(rest.first()); i > 0; --i)
-            rest.prepend(plus);
+            rest.prepend(PLUS);
         w = rest;
     }
-    if (wildcard[wildcard.length() - 1] == QLatin1Char('*')) {
+    if (wildcard.right(1) == STAR) {
         w.removeLast();
-        if (w.size() > n.size())
-            return false;
         while (w.size() < n.size())
-            w << plus;
+            w << PLUS;
     }
-
     bool same = w.size() == n.size();
     for (int i = 0; same && i < n.size(); ++i)
-        same = w[i] == plus || w[i] == n[i];
+        same = w[i] == PLUS || w[i] == n[i];
     return same;
 }
 
 inline bool matches(const QString &name, const QString &wildcard)
 {
-    const std::optional<bool> verdict = judgeText(name, wildcard);
+    const std::optional<bool> verdict = judgeTexts(name, wildcard);
     return verdict ? *verdict : judgeSegments(name, wildcard);
 }
 

@@ -1,10 +1,8 @@
+#include "testdata.h"
+
 #include <trelanerror.h>
 #include <trelanframe.h>
 #include <trelanframereader.h>
-
-#include <QtTest/QtTest>
-
-#include <zlib.h>
 
 #include <random>
 #include <thread>
@@ -15,12 +13,6 @@ using bus::TrelanFrameReader;
 
 namespace
 {
-
-QByteArray goldenFile(const QString &name)
-{
-    QFile file(QStringLiteral(TRELAN_GOLDEN_DIR "/") + name);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 /// Text, noise or one byte over and over, changing every few hundred bytes.
 QByteArray someBytes(std::mt19937 &random, int size)
@@ -49,32 +41,11 @@ int compressedOtherwise(quint32 seed)
     return 0;
 }
 
-/// Qt's form of 300 MB of zeros, made without ever having them.
-QByteArray bomb()
-{
-    QByteArray zeros(1 << 20, '\0');
-    QByteArray out(1 << 19, '\0');
-    z_stream stream {};
-    deflateInit(&stream, Z_DEFAULT_COMPRESSION);
-    stream.next_out = reinterpret_cast<Bytef *>(out.data()) + 4;
-    stream.avail_out = uInt(out.size() - 4);
-    for (int left = 300; left > 0; --left) {
-        stream.next_in = reinterpret_cast<Bytef *>(zeros.data());
-        stream.avail_in = uInt(zeros.size());
-        deflate(&stream, left == 1 ? Z_FINISH : Z_NO_FLUSH);
-    }
-    out.truncate(4 + int(stream.total_out));
-    deflateEnd(&stream);
-    return out;
-}
-
 /// Most memory that this process ever had, in MB.
 int peak()
 {
-    QFile file(QStringLiteral("/proc/self/status"));
-    file.open(QIODevice::ReadOnly);
-    const QByteArray status = file.readAll();
-    return status.mid(status.indexOf("VmPeak:") + 7, 16).trimmed().split(' ').first().toInt() /
+    const QByteArray status = testData(QStringLiteral("/proc/self/status"));
+    return status.mid(status.indexOf("VmPeak:") + 7, 16).simplified().split(' ').first().toInt() /
            1024;
 }
 
@@ -85,21 +56,25 @@ class tst_TrelanFrame : public QObject
     Q_OBJECT
 
 private slots:
-    void golden_data()
+    void takesNoMoreMemoryThanTheLimit() // the first one, since peaks stay
     {
-        QTest::addColumn<QJsonObject>("row");
-        const QJsonArray rows =
-            QJsonDocument::fromJson(goldenFile(QStringLiteral("index.json"))).array();
-        QVERIFY(!rows.isEmpty());
-        for (const QJsonValue row : rows)
-            QTest::newRow(qPrintable(row[u"name"].toString())) << row.toObject();
+        const QByteArray bomb = testData(QStringLiteral("bomb.b64")); // 32 MB of zeros
+        QByteArray liar = qCompress("{}");
+        liar.replace(0, 4, QByteArray::fromHex("7fffffe0"));
+        const int before = peak();
+        QCOMPARE(TrelanFrame::decodePayload(bomb, 1 << 20).fault, TrelanFrame::TooLarge);
+        QCOMPARE(TrelanFrame::decodePayload(liar.toBase64()).json, QByteArray("{}"));
+        const int taken = peak() - before;
+        QVERIFY2(taken < 16, qPrintable(QString::number(taken)));
     }
+
+    void golden_data() { addTestRows(QStringLiteral("index.json")); }
 
     void golden()
     {
         QFETCH(QJsonObject, row);
         const QByteArray frame =
-            goldenFile(QStringLiteral("frames/%1.bin").arg(row[u"name"].toString()));
+            testData(QStringLiteral("frames/%1.bin").arg(row[u"name"].toString()));
         const QVariantMap envelope = row[u"envelope"].toObject().toVariantMap();
 
         TrelanFrameReader reader(frame.size());
@@ -114,17 +89,17 @@ private slots:
 
         const QString operation = envelope[QStringLiteral("operation")].toString();
         const QVariantMap data = envelope[QStringLiteral("data")].toMap();
-        const QJsonObject result = QJsonObject::fromVariantMap(envelope)[u"result"].toObject();
-        const TrelanError error(TrelanError::Error(result[u"code"].toInt()),
-                                result[u"description"].toString());
-        const QByteArray ours =
-            result.isEmpty()
-                ? TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(operation, data))
-                : TrelanFrame::encode(TrelanFrame::Reply,
-                                      TrelanFrame::reply(operation, error, data));
+        const QVariantMap result = envelope[QStringLiteral("result")].toMap();
+        const auto code = TrelanError::Error(result[QStringLiteral("code")].toInt());
+        const TrelanError error(code, result[QStringLiteral("description")].toString());
+        const bool isReply = !result.isEmpty();
+        const QVariantMap built = isReply ? TrelanFrame::reply(operation, error, data)
+                                          : TrelanFrame::request(operation, data);
+        const auto kind = isReply ? TrelanFrame::Reply : TrelanFrame::Request;
         const QByteArray payload = qCompress(row[u"json"].toString().toUtf8()).toBase64();
-        QCOMPARE(ours, (result.isEmpty() ? "[-REQUEST-]\r\n" : "[-REPLY-]\r\n") +
-                           QByteArray::number(payload.size()) + "\r\n" + payload);
+        QCOMPARE(TrelanFrame::encode(kind, built), (isReply ? "[-REPLY-]\r\n" : "[-REQUEST-]\r\n") +
+                                                       QByteArray::number(payload.size()) + "\r\n" +
+                                                       payload);
     }
 
     void compressesAsQtDoes()
@@ -146,26 +121,14 @@ private slots:
             qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
         std::mt19937 random(4);
         int accepted = 0, different = 0;
-        for (int round = 0; round < 20000; ++round) {
+        for (int round = 0; round < 10000; ++round) {
             QByteArray bytes =
                 qCompress(someBytes(random, int(random() % 3000)), int(random() % 10));
             for (quint32 edits = random() % 3; edits > 0; --edits) {
                 const int at = int(random() % quint32(bytes.size()));
-                switch (random() % 4) {
-                case 0:
-                    bytes[at] = char(random());
-                    break;
-                case 1:
-                    bytes.truncate(at);
-                    bytes += bytes.isEmpty() ? "x" : "";
-                    break;
-                case 2:
-                    bytes.insert(at, char(random()));
-                    break;
-                default:
-                    bytes[qMin(3, bytes.size() - 1)] = char(random());
-                    break;
-                }
+                bytes.replace(at, int(random() % 3),
+                              QByteArray(int(1 + random() % 2), char(random())));
+                bytes.truncate(random() % 8 ? bytes.size() : at + 1);
             }
             bytes[0] = '\0'; // Qt takes the declared length at once
             TrelanFrame::Fault fault = TrelanFrame::NotJson;
@@ -175,7 +138,7 @@ private slots:
         }
         qInstallMessageHandler(loud);
         QCOMPARE(different, 0);
-        QVERIFY2(accepted > 5000 && accepted < 15000, qPrintable(QString::number(accepted)));
+        QVERIFY2(accepted > 2500 && accepted < 7500, qPrintable(QString::number(accepted)));
     }
 
     void stopsAtTheLimit()
@@ -188,19 +151,6 @@ private slots:
             QVERIFY(TrelanFrame::uncompress(qCompress(fits + 'x'), limit, &fault).isEmpty());
             QCOMPARE(fault, TrelanFrame::TooLarge);
         }
-    }
-
-    void takesNoMoreMemoryThanTheLimit()
-    {
-        const QByteArray bytes = bomb();
-        QByteArray liar = qCompress("{}");
-        liar.replace(0, 4, QByteArray::fromHex("7fffffe0"));
-        const int before = peak();
-        const qint64 limit = 16 << 20;
-        QCOMPARE(TrelanFrame::decodePayload(bytes.toBase64(), limit).fault, TrelanFrame::TooLarge);
-        QCOMPARE(TrelanFrame::decodePayload(liar.toBase64()).json, QByteArray("{}"));
-        const int taken = peak() - before;
-        QVERIFY2(taken < 64, qPrintable(QString::number(taken)));
     }
 };
 

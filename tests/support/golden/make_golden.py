@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes the golden frames beside this file: index.json and frames/*.bin.
+"""Writes the golden frames beside this file: index.json, frames/*.bin and bomb.b64.
 
 Everything here is made with Python's json, zlib and base64 alone, so that the library's encoder and
 decoder cannot agree on a mistake. Run it after changing a row and check in what it writes; zlib
@@ -140,6 +140,8 @@ def main():
     written_rows()
     read_rows()
     refused_rows()
+    # What must not be inflated: 32 MB of zeros.
+    (HERE / "bomb.b64").write_bytes(base64.b64encode(packed(bytes(32 << 20), 9)))
     (HERE / "index.json").write_text(json.dumps(ROWS, indent=1) + "\n")
 
 
