@@ -1,6 +1,6 @@
-#include <trelanerror.h>
+#include "testdata.h"
 
-#include <QtTest/QtTest>
+#include <trelanerror.h>
 
 using bus::TrelanError;
 
@@ -11,24 +11,16 @@ class tst_TrelanError : public QObject
     Q_OBJECT
 
 private slots:
+    void texts_data() { addTestRows(QStringLiteral("errors.json")); }
+
     void texts()
     {
-        const QMap<int, const char *> texts {{0, ""},
-                                             {1, "Incorret request size"},
-                                             {2, "Incorrect request data"},
-                                             {3, "Unregisterd client"},
-                                             {4, "Unsupported request"},
-                                             {5, ""},
-                                             {256, "Invalid data storage"},
-                                             {512, "Storage access error"}};
-        for (const int code : texts.keys()) {
-            TrelanError error {TrelanError::Error(code)};
-            QCOMPARE(error.description(), QString::fromLatin1(texts[code]));
-            QCOMPARE(error, TrelanError(error.error(), QStringLiteral("only the code counts")));
-            QCOMPARE(error != TrelanError(), code != 0);
-            error.setError(TrelanError::StorageAccessError);
-            QCOMPARE(error.description(), QString::fromLatin1(texts[code]));
-        }
+        QFETCH(QJsonObject, row);
+        TrelanError error {TrelanError::Error(row[u"code"].toInt())};
+        QCOMPARE(error, TrelanError(error.error(), QStringLiteral("only the code counts")));
+        QCOMPARE(error != TrelanError(), row[u"code"].toInt() != 0);
+        error.setError(TrelanError::StorageAccessError);
+        QCOMPARE(error.description(), row[u"text"].toString());
     }
 };
 
