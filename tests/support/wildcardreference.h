@@ -13,7 +13,6 @@ const QString PLUS = QStringLiteral("+");
 const QString STAR = QStringLiteral("*");
 const QString DOT = QStringLiteral(".");
 
-/// What the texts tell without a look at single segments; nothing if that is not enough.
 inline std::optional<bool> judgeTexts(const QString &name, const QString &wildcard)
 {
     if (name == QString() || wildcard == QString())
@@ -27,11 +26,11 @@ inline std::optional<bool> judgeTexts(const QString &name, const QString &wildca
     if (!plusForm && !starForm)
         return false;
 
-    const QString beforeFirst = wildcard.left(wildcard.indexOf(PLUS + DOT)).right(1);
-    if (wildcard.indexOf(PLUS + DOT) > 0 && beforeFirst != DOT)
+    const int first = wildcard.indexOf(PLUS + DOT);
+    if (first > 0 && wildcard.mid(first - 1, 1) != DOT)
         return false;
-    const QString behindLast = wildcard.split(DOT + PLUS).last().left(1);
-    if (wildcard.lastIndexOf(DOT + PLUS) > 0 && behindLast != QString() && behindLast != DOT)
+    const int last = wildcard.lastIndexOf(DOT + PLUS);
+    if (last > 0 && last < wildcard.size() - 2 && wildcard.mid(last + 2, 1) != DOT)
         return false;
     if (wildcard.left(1) == DOT || wildcard.right(1) == DOT)
         return false;

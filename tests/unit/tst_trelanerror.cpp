@@ -1,8 +1,8 @@
-#include "testdata.h"
+#include "testsupport.h"
 
 #include <trelanerror.h>
 
-using bus::TrelanError;
+using namespace bus;
 
 static_assert(!std::is_constructible<TrelanError, int>::value, "a number is no code");
 

@@ -1,9 +1,8 @@
-#include "testdata.h"
+#include "testsupport.h"
 
 #include <trelanframereader.h>
 
-using bus::TrelanFrame;
-using bus::TrelanFrameReader;
+using namespace bus;
 
 class tst_TrelanFrameReader : public QObject
 {

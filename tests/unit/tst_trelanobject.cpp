@@ -1,34 +1,26 @@
-#include "testdata.h"
-#include "valuecheck.h"
+#include "testsupport.h"
 
 #include <trelanmessage.h>
 #include <trelanobject.h>
 
-using bus::TrelanMessage;
-using bus::TrelanObject;
-
-namespace
-{
-
-TrelanObject sample()
-{
-    TrelanObject object;
-    object.setPublisher(QStringLiteral("box"));
-    object.setName(QStringLiteral("a.b"));
-    object.setDt(QDateTime::fromMSecsSinceEpoch(1700000000123, Qt::UTC));
-    object.setContent({{QStringLiteral("k"), 1}});
-    object.setUid(QStringLiteral("u"));
-    object.setOptions(TrelanObject::Options(QFlag(0x106)));
-    return object;
-}
-
-} // namespace
+using namespace bus;
 
 class tst_TrelanObject : public QObject
 {
     Q_OBJECT
+    TrelanObject _object;
 
 private slots:
+    void init()
+    {
+        _object.setPublisher(QStringLiteral("box"));
+        _object.setName(QStringLiteral("a.b"));
+        _object.setDt(QDateTime::fromMSecsSinceEpoch(1700000000123, Qt::UTC));
+        _object.setContent({{QStringLiteral("k"), 1}});
+        _object.setUid(QStringLiteral("u"));
+        _object.setOptions(TrelanObject::Options(QFlag(0x106)));
+    }
+
     void flags()
     {
         TrelanObject object;
@@ -49,25 +41,20 @@ private slots:
 
     void moveAssignmentSwapsAllButTheFlags()
     {
-        TrelanObject target, source = sample();
-        TrelanObject expected = target;
-        expected.setOptions(sample().options());
+        TrelanObject target, source = _object;
+        target.setName(QStringLiteral("old"));
+        TrelanObject swapped = target;
+        swapped.setOptions(source.options());
         target = std::move(source);
-        QCOMPARE(target, sample());
-        QCOMPARE(source, expected); // NOLINT(bugprone-use-after-move)
+        QCOMPARE(target, _object);
+        QCOMPARE(source, swapped); // NOLINT(bugprone-use-after-move)
     }
 
-    void uidIsMadeOfTheFields()
+    void wireFormAndId()
     {
-        const qint64 since = QDateTime::currentMSecsSinceEpoch();
-        const QString uid = sample().genUid();
-        QVERIFY(isUidOf(uid, "TrelanObjectboxa.b2023-11-14T22:13:20Z262", R"({"k":1})", since));
-    }
-
-    void wireForm()
-    {
-        checkWireForm(sample(), R"({"cnt":{"k":1},"dt":"1700000000123","nm":"a.b","opt":262,)"
-                                R"("p":"box","uid":"u"})");
+        QVERIFY(makesUidOf(_object, "TrelanObjectboxa.b2023-11-14T22:13:20Z262", R"({"k":1})"));
+        checkWireForm(_object, R"({"cnt":{"k":1},"dt":"1700000000123","nm":"a.b","opt":262,)"
+                               R"("p":"box","uid":"u"})");
     }
 
     void timeIsReadThroughItsText_data() { addTestRows(QStringLiteral("times.json")); }
@@ -83,13 +70,12 @@ private slots:
 
     void notification()
     {
-        TrelanObject object = sample();
-        object.setContent({});
-        const TrelanMessage message = object.toMessage(QStringLiteral("ui"));
+        _object.setContent({});
+        const TrelanMessage message = _object.toMessage(QStringLiteral("ui"));
         const QByteArray expected = "{\n    \"__context__\": {\n    },\n"
                                     "    \"__name__\": \"a.b\",\n    \"__reason__\": \"sub\"\n}\n";
         QCOMPARE(message.message().toUtf8(), expected);
-        QVERIFY(message.dt() == object.dt() && int(message.options()) == 0);
+        QVERIFY(message.dt() == _object.dt() && int(message.options()) == 0);
         QCOMPARE(message.msgKey(), QStringLiteral("box.ui.u"));
     }
 };

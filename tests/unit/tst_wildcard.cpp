@@ -1,11 +1,11 @@
-#include "testdata.h"
+#include "testsupport.h"
 #include "wildcardreference.h"
 
 #include <trelanobject.h>
 
 #include <random>
 
-using bus::TrelanObject;
+using namespace bus;
 
 #define AGREE(name, wildcard)                                                                      \
     if (TrelanObject::testWildCard(name, wildcard) != reference::matches(name, wildcard))          \
@@ -34,7 +34,6 @@ private slots:
             for (const char c : {'a', 'b', '.', '+', '*'})
                 texts << texts.at(i) + QLatin1Char(c);
         }
-        QCOMPARE(texts.size(), 781);
         for (const QString &name : qAsConst(texts)) {
             for (const QString &wildcard : qAsConst(texts))
                 AGREE(name, wildcard);
@@ -49,8 +48,7 @@ private slots:
             return list.at(int(random() % quint32(list.size())));
         };
         int matched = 0;
-        const int rounds = 250000;
-        for (int round = 0; round < rounds; ++round) {
+        for (int round = 0; round < 250000; ++round) {
             // The wildcard is made from the name, since unrelated ones hardly ever match.
             QStringList name, wildcard;
             for (quint32 count = 1 + random() % 7; count > 0; --count) {
@@ -66,7 +64,7 @@ private slots:
             AGREE(first, second);
             matched += reference::matches(first, second);
         }
-        QVERIFY2(matched > rounds / 20, qPrintable(QString::number(matched)));
+        QVERIFY2(matched > 12500, qPrintable(QString::number(matched)));
     }
 };
 
