@@ -49,7 +49,7 @@ bool ScriptedPeer::readFrame()
             const QByteArray json = qUncompress(packed);
             const QJsonObject envelope = QJsonDocument::fromJson(json).object();
             const QMutexLocker lock(&_server->_mutex);
-            _server->_frames.append({_buffer.left(end), _buffer.left(headerEnd), json,
+            _server->_frames.append({_buffer.left(end), json,
                                      envelope[QLatin1String("operation")].toString(),
                                      envelope[QLatin1String("data")].toObject().toVariantMap(),
                                      envelope[QLatin1String("result")].toObject().toVariantMap()});
@@ -144,12 +144,6 @@ QList<ScriptedFrame> ScriptedServer::frames() const
 {
     const QMutexLocker lock(&_mutex);
     return _frames;
-}
-
-int ScriptedServer::connections() const
-{
-    const QMutexLocker lock(&_mutex);
-    return int(_threads.size()) - 1;
 }
 
 void ScriptedServer::release()

@@ -12,7 +12,7 @@
 /// A frame as the peer received it, taken apart without the library's own codec.
 struct ScriptedFrame
 {
-    QByteArray raw, header, json; // whole; "[-REQUEST-]" or "[-REPLY-]"; the inflated envelope
+    QByteArray raw, json; ///< the whole of it, and the inflated envelope
     QString operation;
     QVariantMap data, result;
 };
@@ -63,7 +63,6 @@ public:
     quint16 port() const { return _port; }
     /// All frames received so far, of all connections.
     QList<ScriptedFrame> frames() const;
-    int connections() const;
     /// Lets one awaitRelease() return; from any thread.
     void release();
 
