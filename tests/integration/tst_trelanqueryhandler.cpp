@@ -7,6 +7,7 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QRandomGenerator>
 #include <QtCore/QRegularExpression>
+#include <QtCore/QSemaphore>
 #include <QtNetwork/QTcpSocket>
 #include <QtTest/QtTest>
 
@@ -165,6 +166,7 @@ private Q_SLOTS:
         });
         QSignalSpy connected(_handler.get(), SIGNAL(kelbusConnected()));
         QSignalSpy disconnected(_handler.get(), SIGNAL(busDisconnected()));
+        _handler->close(); // whose silence must end with the next open()
         QVERIFY(_handler->open());
         QTRY_COMPARE(disconnected.count(), 1);
         QVERIFY(!_handler->isOpen() && _handler->handshaked());
@@ -365,6 +367,19 @@ private Q_SLOTS:
             QCOMPARE(log().left(PEER_GONE.size() + logged.size()), PEER_GONE + logged);
             QVERIFY(peakMemory() - memory < 1024 * 1024);
         }
+    }
+
+    void resetBetweenRequestsIsNoticedByTheWrite()
+    {
+        QSemaphore gone;
+        QVERIFY(openOn([&](ScriptedPeer &peer) {
+            peer.close(true);
+            gone.release();
+        }));
+        gone.acquire();
+        QVERIFY(!_handler->subscribe("a"_s) && _handler->lastFailure() == Q::NotOpen);
+        QVERIFY(!_handler->isOpen());
+        QCOMPARE(log(), PEER_GONE + "|critical: Socket wait for ready read error"_s);
     }
 
     void readAttemptsGrowWithTheSize_data()
