@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QHash>
+#include <QtCore/QLoggingCategory>
+#include <QtCore/QString>
+
+namespace bus
+{
+
+/// Category of everything that the bus logs: "trelan.bus".
+Q_DECLARE_LOGGING_CATEGORY(BUS_LOG)
+
+/// \brief Lets a warning about one thing through once a minute.
+///
+/// What clients can cause at will must not fill the log. One thread.
+class WarningLimiter
+{
+public:
+    /// Whether the warning about \a what may be written now.
+    bool allows(const QString &what);
+
+private:
+    void forgetOld();
+
+    QHash<QString, QElapsedTimer> _warned;
+};
+
+} // namespace bus

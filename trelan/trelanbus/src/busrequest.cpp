@@ -1,0 +1,258 @@
+#include "busrequest.h"
+
+#include "busnames.h"
+
+#include <trelanframe.h>
+#include <trelanmessage.h>
+
+#include <QtCore/QHash>
+#include <QtCore/QVariantMap>
+
+namespace bus
+{
+
+namespace
+{
+
+// Answers wrap a content into one level more than a publish did, and JSON parsers stop at 1024
+// levels: an object nested deeper could be published, but not be loaded back.
+constexpr int MAX_CONTENT_DEPTH = 1000;
+
+const QString LIST_SEPARATOR = QStringLiteral("::");
+
+TrelanError dataFault(const QString &description)
+{
+    return {TrelanError::IncorrectRequestData, description};
+}
+
+bool isText(const QVariant &value)
+{
+    return value.userType() == QMetaType::QString;
+}
+
+bool isNumber(const QVariant &value)
+{
+    const int type = value.userType();
+    return type == QMetaType::Double || type == QMetaType::LongLong || type == QMetaType::Int;
+}
+
+/// Takes the text under \a key, or sets the fault. Absent is not text.
+bool takeText(const QVariantMap &data, const char *key, QString &text, BusRequest &request)
+{
+    const QVariant value = data.value(QLatin1String(key));
+    if (!isText(value)) {
+        request.fault =
+            dataFault(QStringLiteral("\"%1\" has to be a string").arg(QLatin1String(key)));
+        return false;
+    }
+    text = value.toString();
+    return true;
+}
+
+/// Levels of nesting of a JSON text, without taking it apart.
+int jsonDepth(const QByteArray &json)
+{
+    int depth = 0;
+    int deepest = 0;
+    bool inString = false;
+    for (int i = 0; i < json.size(); ++i) {
+        const char c = json.at(i);
+        if (inString) {
+            if (c == '\\')
+                ++i;
+            else if (c == '"')
+                inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '{' || c == '[') {
+            deepest = qMax(deepest, ++depth);
+        } else if (c == '}' || c == ']') {
+            --depth;
+        }
+    }
+    return deepest;
+}
+
+bool parseHandshake(const QVariantMap &data, BusRequest &request)
+{
+    return takeText(data, "name", request.name, request);
+}
+
+/// The fields that may be missing, but not be of another kind.
+bool checkPublishTypes(const QVariantMap &data, BusRequest &request)
+{
+    const auto check = [&](const char *key, const char *kind, bool (*fits)(const QVariant &)) {
+        const QVariant value = data.value(QLatin1String(key));
+        if (!data.contains(QLatin1String(key)) || fits(value))
+            return true;
+        request.fault = dataFault(
+            QStringLiteral("\"%1\" has to be %2").arg(QLatin1String(key), QLatin1String(kind)));
+        return false;
+    };
+    return check("uid", "a string", isText) && check("opt", "a number", isNumber) &&
+           check("dt", "a string of milliseconds",
+                 [](const QVariant &value) { return isText(value) || isNumber(value); }) &&
+           check("cnt", "an object",
+                 [](const QVariant &value) { return value.userType() == QMetaType::QVariantMap; });
+}
+
+bool parsePublish(const QVariantMap &data, BusRequest &request)
+{
+    QString name;
+    if (!takeText(data, "nm", name, request) || !checkPublishTypes(data, request))
+        return false;
+    const QString fault = names::objectNameFault(name);
+    if (!fault.isEmpty()) {
+        request.fault = dataFault(fault);
+        return false;
+    }
+
+    TrelanObject object = TrelanObject::fromVariantMap(data);
+    if (data.value(QStringLiteral("dt")).toString().isEmpty())
+        object.setDt(QDateTime::currentDateTime());
+    request.record = ObjectRecord::fromObject(object);
+    const int depth = jsonDepth(request.record.contentJson);
+    if (depth > MAX_CONTENT_DEPTH) {
+        request.fault =
+            dataFault(QStringLiteral("content of %1 is nested %2 levels deep, more than %3")
+                          .arg(names::quoted(name))
+                          .arg(depth)
+                          .arg(MAX_CONTENT_DEPTH));
+        return false;
+    }
+    return true;
+}
+
+bool parseRemove(const QVariantMap &data, BusRequest &request)
+{
+    const QVariant objects = data.value(QStringLiteral("objects"));
+    const QVariantList list = objects.toList();
+    bool fits = objects.userType() == QMetaType::QVariantList;
+    for (const QVariant &entry : list) {
+        fits = fits && isText(entry);
+        request.names.append(entry.toString());
+    }
+    if (!fits)
+        request.fault = dataFault(QStringLiteral("\"objects\" has to be an array of strings"));
+    return fits;
+}
+
+bool parseLoadObject(const QVariantMap &data, BusRequest &request)
+{
+    return takeText(data, "nm", request.name, request);
+}
+
+bool parseLoadObjects(const QVariantMap &data, BusRequest &request)
+{
+    return takeText(data, "wc", request.name, request);
+}
+
+/// Either one wildcard under "wc", which may not be empty, or a list under "wcs", which may.
+bool takeWildcards(const QVariantMap &data, BusRequest &request)
+{
+    const bool one = data.contains(QStringLiteral("wc"));
+    if (one == data.contains(QStringLiteral("wcs"))) {
+        request.fault = dataFault(QStringLiteral("either \"wc\" or \"wcs\" has to be given"));
+        return false;
+    }
+    QString text;
+    if (!takeText(data, one ? "wc" : "wcs", text, request))
+        return false;
+    if (one)
+        request.names.append(text);
+    else if (!text.isEmpty())
+        request.names = text.split(LIST_SEPARATOR);
+    if (one && text.isEmpty()) {
+        request.fault = dataFault(names::wildcardFault(text));
+        return false;
+    }
+    return true;
+}
+
+bool parseSubscribe(const QVariantMap &data, BusRequest &request)
+{
+    if (!takeWildcards(data, request))
+        return false;
+    for (const QString &wildcard : std::as_const(request.names)) {
+        const QString fault = names::wildcardFault(wildcard);
+        if (!fault.isEmpty()) {
+            request.fault = dataFault(fault);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool parseSendMessage(const QVariantMap &data, BusRequest &request)
+{
+    return takeText(data, "r", request.name, request);
+}
+
+struct Parser
+{
+    BusRequest::Operation operation;
+    bool (*parse)(const QVariantMap &data, BusRequest &request);
+};
+
+const QHash<QString, Parser> PARSERS {
+    {QStringLiteral("handshake"), {BusRequest::Handshake, parseHandshake}},
+    {QStringLiteral("pub"), {BusRequest::Publish, parsePublish}},
+    {QStringLiteral("rm"), {BusRequest::Remove, parseRemove}},
+    {QStringLiteral("loadObject"), {BusRequest::LoadObject, parseLoadObject}},
+    {QStringLiteral("loadObjects"), {BusRequest::LoadObjects, parseLoadObjects}},
+    {QStringLiteral("sub"), {BusRequest::Subscribe, parseSubscribe}},
+    // No text is too long or too odd not to be subscribed: after a failure clients unsubscribe
+    // whole lists, the refused entry included.
+    {QStringLiteral("unsub"), {BusRequest::Unsubscribe, takeWildcards}},
+    {QStringLiteral("sendMessage"), {BusRequest::SendMessage, parseSendMessage}},
+};
+
+QString payloadFaultText(const TrelanFrame::Payload &payload, qint64 maxInflatedSize)
+{
+    switch (payload.fault) {
+    case TrelanFrame::NotInflatable:
+        return QStringLiteral("payload is no base64 text of compressed data");
+    case TrelanFrame::TooLarge:
+        return QStringLiteral("payload inflates to more than %1 bytes").arg(maxInflatedSize);
+    case TrelanFrame::NotJson:
+        return QStringLiteral("payload is no JSON: %1").arg(payload.errorText);
+    case TrelanFrame::NoFault:
+        break;
+    }
+    return {};
+}
+
+} // namespace
+
+BusRequest BusRequest::parse(const QByteArray &payload, qint64 maxInflatedSize)
+{
+    BusRequest request;
+    const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(payload, maxInflatedSize);
+    if (decoded.fault != TrelanFrame::NoFault) {
+        request.payloadFault = decoded.fault;
+        request.fault = dataFault(payloadFaultText(decoded, maxInflatedSize));
+        return request;
+    }
+    const QVariant word = decoded.envelope.value(QStringLiteral("operation"));
+    const QVariant data = decoded.envelope.value(QStringLiteral("data"));
+    if (!isText(word)) {
+        request.fault = dataFault(
+            QStringLiteral("payload has to be an object with a string under \"operation\""));
+        return request;
+    }
+    request.word = word.toString();
+    const auto parser = PARSERS.constFind(request.word);
+    if (parser == PARSERS.constEnd()) {
+        request.fault = TrelanError(TrelanError::UnsupportedRequest);
+        return request;
+    }
+    if (data.isValid() && data.userType() != QMetaType::QVariantMap) {
+        request.fault = dataFault(QStringLiteral("\"data\" has to be an object"));
+        return request;
+    }
+    if (parser->parse(data.toMap(), request))
+        request.operation = parser->operation;
+    return request;
+}
+
+} // namespace bus

@@ -1,0 +1,48 @@
+#pragma once
+
+#include "objectrecord.h"
+
+#include <trelanerror.h>
+#include <trelanframe.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+namespace bus
+{
+
+/// \brief One request off the query channel, decoded and checked as far as it can be without
+/// knowing what the bus holds.
+///
+/// Only the fields of its operation are filled in. Making one is pure and takes the time that the
+/// size of the payload takes, so that it can be done in any thread.
+struct BusRequest
+{
+    enum Operation {
+        Invalid, ///< see fault
+        Handshake,
+        Publish,
+        Remove,
+        LoadObject,
+        LoadObjects,
+        Subscribe,
+        Unsubscribe,
+        SendMessage
+    };
+
+    Operation operation = Invalid;
+    QString word;      ///< the operation as it was sent; the reply repeats it
+    TrelanError fault; ///< of an Invalid request
+    TrelanFrame::Fault payloadFault = TrelanFrame::NoFault;
+
+    QString name;        ///< client (Handshake), object (LoadObject), wildcard (LoadObjects),
+                         ///< receiver (SendMessage)
+    QStringList names;   ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
+    ObjectRecord record; ///< Publish; without publisher, and without uid where none was sent
+
+    /// Never fails: what is wrong with \a payload stands in the fault.
+    static BusRequest parse(const QByteArray &payload, qint64 maxInflatedSize);
+};
+
+} // namespace bus

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "backgroundworker.h"
+#include "busconnection.h"
+#include "buscore.h"
+#include "buslistener.h"
+#include "busstorage.h"
+
+#include <QtCore/QHash>
+#include <QtCore/QObject>
+
+#include <functional>
+
+namespace bus
+{
+
+/// \brief The bus in its own thread: joins listener, connections, rules and storage.
+///
+/// Small requests and answers are decoded and encoded here, large ones in a thread of their own,
+/// since the other clients would wait for them.
+class BusServer : public QObject, private BusOutput
+{
+    Q_OBJECT
+
+public:
+    explicit BusServer(const TrelanBusSettings &settings);
+    /// Waits for the disk, sends what it has to answer, and closes everything.
+    ~BusServer() override;
+
+    /// False, with the reason in errorString(), if it cannot listen or the storage is unusable and
+    /// required.
+    bool start();
+
+    quint16 queryPort() const;
+    TrelanBus::Storage storage() const;
+    QString errorString() const;
+
+private:
+    /// What is left to do in the thread of the bus.
+    using Completion = std::function<void()>;
+    using Job = std::function<Completion()>;
+    using Codec = BackgroundWorker<Job, Completion>;
+
+    void reply(ConnectionId id, const QString &word, const TrelanError &error) override;
+    void replyObject(ConnectionId id, const QString &word, const ObjectRecord &record) override;
+    void replyObjects(ConnectionId id, const QString &word,
+                      const QVector<ObjectRecord> &records) override;
+    void closeConnection(ConnectionId id) override;
+    bool isAtEnd(ConnectionId id) const override;
+    QString peer(ConnectionId id) const override;
+    void setRegistered(ConnectionId id) override;
+
+    void onDescriptor(qintptr descriptor);
+    void onRequest(ConnectionId id, const QByteArray &payload);
+    void onFrameTooLarge(ConnectionId id, const QString &fault);
+    void onClosed(ConnectionId id);
+    void handleCodecResults();
+    void answerEncoded(ConnectionId id, qint64 cost, const std::function<QByteArray()> &encode);
+    void answer(ConnectionId id, const QByteArray &frame);
+
+    const TrelanBusSettings _settings;
+    QString _errorString;
+    BusListener _listener;
+    BusStorage _storage;
+    BusCore _core;
+    QHash<ConnectionId, BusConnection *> _connections; // children of this
+    ConnectionId _lastId = 0;
+    WarningLimiter _warnings;
+    Codec _codec; // last: its thread calls back
+};
+
+} // namespace bus

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <trelanobject.h>
+
+#include <QtCore/QByteArray>
+
+namespace bus
+{
+
+/// \brief An object as the bus keeps it: its content as compact JSON.
+///
+/// As text a content takes a tenth of what its tree of variants takes, its size in memory is known
+/// exactly, and it is what goes to the disk.
+struct ObjectRecord
+{
+    TrelanObject head;      ///< everything but the content
+    QByteArray contentJson; ///< a JSON object
+
+    static ObjectRecord fromObject(const TrelanObject &object);
+    TrelanObject toObject() const;
+
+    /// What keeping it takes, in bytes.
+    qint64 cost() const;
+};
+
+} // namespace bus

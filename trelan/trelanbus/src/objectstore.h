@@ -1,0 +1,49 @@
+#pragma once
+
+#include "objectrecord.h"
+
+#include <QtCore/QHash>
+#include <QtCore/QString>
+#include <QtCore/QVector>
+
+namespace bus
+{
+
+/// \brief The last value of every stored object, in memory, within bounds.
+///
+/// A value that waits for the disk before it is put takes its room beforehand, so that what was
+/// accepted always fits. One thread.
+class ObjectStore
+{
+public:
+    ObjectStore(int maxObjects, qint64 maxBytes);
+
+    /// Which bound \a record would pass, for people; empty if there is room. A value never passes
+    /// a bound by replacing one of the same name that is at least as large.
+    QString roomFault(const ObjectRecord &record) const;
+
+    void reserve(const ObjectRecord &record);
+    void release(const ObjectRecord &record);
+
+    /// Keeps \a record in place of one of the same name; asks no bound.
+    void put(const ObjectRecord &record);
+    void remove(const QString &name);
+
+    /// Null if there is none; valid until the next change.
+    const ObjectRecord *find(const QString &name) const;
+
+    QVector<ObjectRecord> matching(const QString &wildcard) const;
+
+    int count() const;
+    qint64 bytes() const;
+
+private:
+    const int _maxObjects;
+    const qint64 _maxBytes;
+    QHash<QString, ObjectRecord> _objects;
+    qint64 _bytes = 0;
+    int _reservedObjects = 0;
+    qint64 _reservedBytes = 0;
+};
+
+} // namespace bus

@@ -1,0 +1,80 @@
+#pragma once
+
+#include "objectrecord.h"
+
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+#include <QtCore/QVector>
+
+#include <memory>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace bus
+{
+
+/// \brief The permanent objects in a folder on disk, one SQLite database.
+///
+/// What a function reports as done is on disk: it outlives the process and the machine. The
+/// database belongs to one server at a time, is checked when it is opened, and is never replaced.
+/// Every method blocks for as long as the disk takes; one thread at a time.
+class PermanentStore
+{
+public:
+    /// One change: objects to keep and names to drop, all or nothing.
+    struct Change
+    {
+        QVector<ObjectRecord> puts;
+        QStringList removes;
+    };
+
+    PermanentStore();
+    ~PermanentStore();
+    Q_DISABLE_COPY(PermanentStore)
+
+    /// Opens or makes the database in \a folder. False if it is in use, damaged, of another kind or
+    /// not accessible; errorString() names the path and the reason.
+    bool open(const QString &folder);
+    void close();
+
+    /// Reads everything. False if the database turns out to be damaged.
+    bool load(QVector<ObjectRecord> &records);
+
+    /// Makes all \a changes, in order, with one wait for the disk. All or nothing.
+    bool apply(const QVector<Change> &changes);
+
+    QString errorString() const;
+
+private:
+    struct CloseDatabase
+    {
+        void operator()(sqlite3 *database) const;
+    };
+    struct Finalize
+    {
+        void operator()(sqlite3_stmt *statement) const;
+    };
+    using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
+
+    bool prepareFolder(const QString &folder);
+    bool prepareDatabase();
+    bool checkIntegrity();
+    bool checkKind();
+    bool execute(const char *sql);
+    bool number(const char *sql, qint64 &value);
+    Statement prepare(const char *sql);
+    bool put(sqlite3_stmt *statement, const ObjectRecord &record);
+    bool remove(sqlite3_stmt *statement, const QString &name);
+    bool applyInTransaction(const QVector<Change> &changes);
+    bool step(sqlite3_stmt *statement);
+    bool readRow(sqlite3_stmt *statement, ObjectRecord &record);
+    bool fail(const QString &reason);
+    bool failDatabase();
+
+    std::unique_ptr<sqlite3, CloseDatabase> _database;
+    QString _path;
+    QString _errorString;
+};
+
+} // namespace bus

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <QtCore/QString>
+#include <QtNetwork/QHostAddress>
+
+namespace bus
+{
+
+/// \brief Where a bus listens, where it keeps permanent objects, and how much it takes.
+///
+/// Sizes are in bytes, times in milliseconds. A plain value; what is not set is the default of the
+/// daemon.
+struct TrelanBusSettings
+{
+    QHostAddress host = QHostAddress(QHostAddress::LocalHost);
+    quint16 queryPort = 43535; ///< 0: any free port, see TrelanBus::queryPort()
+
+    /// Folder of the permanent objects, made if it does not exist. Empty: they live in memory only.
+    QString dataFolder;
+    /// Whether a bus whose data folder cannot be used fails to start, rather than to start and to
+    /// refuse permanent objects.
+    bool requireStorage = false;
+
+    qint64 maxFrameSize = 16 * 1024 * 1024;    ///< payload of one frame, either way
+    qint64 maxInflatedSize = 64 * 1024 * 1024; ///< what the payload of one request inflates to
+    int maxConnections = 1024;
+    int maxObjects = 100000;                     ///< stored objects
+    qint64 maxObjectBytes = 256LL * 1024 * 1024; ///< stored objects together
+    int maxSubscriptions = 10000;                ///< wildcards of one client
+
+    int handshakeTimeout = 30000; ///< from the connection to the handshake
+    int stallTimeout = 30000;     ///< a begun frame, or an unread reply, without progress
+    int discardTime = 2000;       ///< reading on after a frame above the limit was refused
+};
+
+} // namespace bus
