@@ -35,14 +35,23 @@ trap 'exit 143' TERM
 
 caption() { printf '\n# %s\n' "$1"; }
 
-# Shows a command as one would type it, runs it, and holds it to the exit code it should have.
-run() {
-    local expected=$1 program=$2 status=0
-    shift 2
+# A command as one would type it.
+show() {
+    local program=$1 word
+    shift
     printf '$ %s' "${program##*/}"
-    printf ' %q' "$@"
+    for word in "$@"; do
+        if [[ $word == *[^A-Za-z0-9_./:=-]* ]]; then printf " '%s'" "$word"; else printf ' %s' "$word"; fi
+    done
+}
+
+# Shows a command, runs it, and holds it to the exit code it should have.
+run() {
+    local expected=$1 status=0
+    shift
+    show "$@"
     printf '\n'
-    "$program" "$@" 2>&1 || status=$?
+    "$@" 2>&1 || status=$?
     if ((status != expected)); then
         echo "demo: that ended with $status, not with $expected" >&2
         exit 1
@@ -65,8 +74,7 @@ wait_for() {
 caption 'A bus, on free ports of this machine and with a data folder of its own'
 start_bus=(--query-port 0 --msg-port 0 --port-file "$work/ports" --data "$work/data")
 mkdir "$work/data"
-printf '$ trelanbusd'
-printf ' %q' "${start_bus[@]}"
+show "$busd" "${start_bus[@]}"
 printf ' &\n'
 "$busd" "${start_bus[@]}" >"$work/bus.log" 2>&1 &
 bus_pid=$!
@@ -76,8 +84,7 @@ echo "query port: $port"
 
 caption 'A program that publishes the load, memory, network and disks of this machine each second'
 publish_args=(--query-port "$port" --interval 1 --seconds 60)
-printf '$ hoststate'
-printf ' %q' "${publish_args[@]}"
+show "$hoststate" "${publish_args[@]}"
 printf ' &\n'
 "$hoststate" "${publish_args[@]}" &
 host_pid=$!
