@@ -21,6 +21,8 @@ set(TRELAN_RPATH_BIN "$ORIGIN/${TRELAN_BIN_TO_LIB}")
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
     -Wold-style-cast -Wcast-align -Wformat=2 -Wundef -Wimplicit-fallthrough)
+# Qt's logging macros leave their variadic part empty, which clang takes for an extension.
+add_compile_options($<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments>)
 if(TRELAN_WERROR)
     add_compile_options(-Werror)
 endif()
