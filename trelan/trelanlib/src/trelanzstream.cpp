@@ -12,6 +12,8 @@ namespace
 
 constexpr int LENGTH_SIZE = 4;
 constexpr int FIRST_CHUNK = 1024;
+// JSON usually inflates to four to eight times its size.
+constexpr qint64 USUAL_GROWTH = 4;
 // Qt refuses a declared length that a QByteArray could not hold, whatever the stream inflates to.
 constexpr quint32 MAX_DECLARED =
     quint32(std::numeric_limits<int>::max()) - quint32(sizeof(QArrayData));
@@ -78,6 +80,8 @@ Inflater::Outcome Inflater::inflateAll(qint64 limit, QByteArray &inflated)
     // One byte beyond the limit is asked for, to tell a result that just fits from one that does
     // not.
     const qint64 most = limit + 1;
+    // The first guess is made from what has arrived, never from what it declares to be.
+    const qint64 first = qMax<qint64>(FIRST_CHUNK, _stream.avail_in * USUAL_GROWTH);
     int filled = 0;
     int status = Z_OK;
     while (status != Z_STREAM_END) {
@@ -85,7 +89,7 @@ Inflater::Outcome Inflater::inflateAll(qint64 limit, QByteArray &inflated)
             if (filled > limit)
                 return TooLarge;
             // Reserved first: resize() alone takes the next power of two, which is past the limit.
-            const int size = int(qMin<qint64>(most, qMax<qint64>(FIRST_CHUNK, filled * 2LL)));
+            const int size = int(qMin<qint64>(most, qMax<qint64>(first, filled * 2LL)));
             inflated.reserve(size);
             inflated.resize(size);
         }

@@ -33,8 +33,8 @@ public:
     ~Inflater();
     Q_DISABLE_COPY(Inflater)
 
-    /// \a inflated is only meaningful when the outcome is Done; it never holds more than a small
-    /// multiple of what has been inflated, nor more than \a limit.
+    /// \a inflated is only meaningful when the outcome is Done; it never takes more than a small
+    /// multiple of what has arrived or been inflated, nor more than \a limit and one byte.
     Outcome uncompress(const QByteArray &bytes, qint64 limit, QByteArray &inflated);
 
 private:
