@@ -13,7 +13,7 @@ done
 
 deadline=20 # seconds that anything here may take to come up
 work=$(mktemp -d)
-bus_pid= host_pid=
+bus_pid='' host_pid=''
 
 cleanup() {
     local status=$?
