@@ -54,6 +54,15 @@ QVariantMap TrelanFrame::reply(const QString &operation, const TrelanError &erro
     return {{KEY_OPERATION, operation}, {KEY_DATA, data}, {KEY_RESULT, result}};
 }
 
+quint16 TrelanFrame::replyCode(const QVariantMap &result)
+{
+    const QVariant code = result.value(KEY_CODE);
+    // QVariant would make numbers of these too.
+    if (code.userType() == QMetaType::QString || code.userType() == QMetaType::Bool)
+        return TrelanError::NoError;
+    return quint16(code.toUInt());
+}
+
 QByteArray TrelanFrame::encode(Kind kind, const QVariantMap &envelope)
 {
     return frame(kind, encodePayload(envelope));

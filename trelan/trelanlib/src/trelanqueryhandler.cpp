@@ -1,6 +1,7 @@
 #include "trelanqueryhandler.h"
 
 #include "trelanframe.h"
+#include "trelansocket.h"
 
 #include <loghelpers.h>
 
@@ -32,16 +33,6 @@ constexpr int ATTEMPTS_WITHOUT_WAIT = 2;
 
 const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
 const QString LIST_SEPARATOR = QStringLiteral("::");
-
-/// The low 16 bits of the "code" of a reply. Texts and truth values are no codes, although QVariant
-/// would make numbers of them.
-quint16 codeOf(const QVariantMap &result)
-{
-    const QVariant code = result.value(QStringLiteral("code"));
-    if (code.userType() == QMetaType::QString || code.userType() == QMetaType::Bool)
-        return TrelanError::NoError;
-    return quint16(code.toUInt());
-}
 
 /// The lines of what came of a payload. Only what a log shows is taken apart, since millions of
 /// line feeds would take far more memory as a list than as bytes.
@@ -288,7 +279,7 @@ bool TrelanQueryHandler::request(QString operation, QVariantMap data)
 bool TrelanQueryHandler::processReply(QString operation, QVariantMap data, QVariantMap result)
 {
     Q_UNUSED(data)
-    const quint16 code = codeOf(result);
+    const quint16 code = TrelanFrame::replyCode(result);
     const QString description = result.value(QStringLiteral("description")).toString();
     if (code != 0) {
         fail(Refused);
@@ -338,7 +329,7 @@ void TrelanQueryHandler::sendRequest(const QString &operation, const QVariantMap
         TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(operation, data)));
     _socket->flush();
     if (canRequest()) // the flush notices a connection that is gone
-        _socket->waitForBytesWritten(WAIT_MS);
+        wait::bytesWritten(*_socket, WAIT_MS);
 }
 
 bool TrelanQueryHandler::connectToBus()
@@ -353,7 +344,7 @@ bool TrelanQueryHandler::connectToBus()
     _socket->blockSignals(false);
     _socket->connectToHost(QHostAddress(queryHost()), queryPort(), QIODevice::ReadWrite);
     return _socket->state() == QAbstractSocket::ConnectedState ||
-           _socket->waitForConnected(WAIT_MS);
+           wait::connected(*_socket, WAIT_MS);
 }
 
 bool TrelanQueryHandler::waitForReply(qint64 staleBytes)
@@ -362,7 +353,7 @@ bool TrelanQueryHandler::waitForReply(qint64 staleBytes)
     // takes it off the wire: waiting for it again would wait for nothing. Bytes that were there
     // before the request are not its reply.
     const bool arrived = _socket && _socket->bytesAvailable() > staleBytes;
-    if (!arrived && (!_socket || !_socket->waitForReadyRead(WAIT_MS))) {
+    if (!arrived && (!_socket || !wait::readyRead(*_socket, WAIT_MS))) {
         qCritical().noquote() << tr("Socket wait for ready read error");
         return failUnlessLost(Timeout);
     }
@@ -426,7 +417,7 @@ QByteArray TrelanQueryHandler::readPayload(int size)
         if (arrived > 0)
             payload.append(_socket->read(qMin<qint64>(size - payload.size(), arrived)));
         QThread::msleep(READ_PAUSE_MS);
-        if (arrived == 0 && !canRequest())
+        if (wait::isInterrupted() || (arrived == 0 && !canRequest()))
             break;
     }
     return payload;

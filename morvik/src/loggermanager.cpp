@@ -1,0 +1,116 @@
+#include "loggermanager.h"
+
+#include <QtCore/QMap>
+#include <QtCore/QMutex>
+#include <QtCore/QMutexLocker>
+
+#include <memory>
+
+namespace
+{
+
+struct Entry
+{
+    explicit Entry(const LoggerManager::Output &function)
+        : output(function)
+    {}
+
+    QMutex mutex {QMutex::Recursive}; // one line at a time
+    LoggerManager::Output output;     // empty once it is removed
+    bool running = false;
+};
+
+struct Outputs
+{
+    QMutex mutex;
+    QMap<QString, std::shared_ptr<Entry>> entries;
+    QtMessageHandler previous = nullptr;
+    bool installed = false;
+};
+
+/// Never destroyed: lines are logged until the very end of the process.
+Outputs &outputsOfProcess()
+{
+    static auto *_outputs = new Outputs;
+    return *_outputs;
+}
+
+void callOutput(Entry &entry, QtMsgType type, const QMessageLogContext &context,
+                const QString &text)
+{
+    const QMutexLocker locker(&entry.mutex);
+    // What an output logs does not come back to it, else it would log for ever.
+    if (entry.running || !entry.output)
+        return;
+    entry.running = true;
+    const LoggerManager::Output output = entry.output;
+    output(type, context, text);
+    entry.running = false;
+}
+
+} // namespace
+
+void LoggerManager::addOutput(const QString &name, const Output &output)
+{
+    removeOutput(name);
+    Outputs &all = outputsOfProcess();
+    const QMutexLocker locker(&all.mutex);
+    all.entries.insert(name, std::make_shared<Entry>(output));
+}
+
+void LoggerManager::removeOutput(const QString &name)
+{
+    Outputs &all = outputsOfProcess();
+    std::shared_ptr<Entry> entry;
+    {
+        const QMutexLocker locker(&all.mutex);
+        entry = all.entries.take(name);
+    }
+    if (!entry)
+        return;
+    const QMutexLocker locker(&entry->mutex); // waits for a line that is being written
+    entry->output = nullptr;
+}
+
+QStringList LoggerManager::outputs()
+{
+    Outputs &all = outputsOfProcess();
+    const QMutexLocker locker(&all.mutex);
+    return all.entries.keys();
+}
+
+void LoggerManager::install()
+{
+    Outputs &all = outputsOfProcess();
+    const QMutexLocker locker(&all.mutex);
+    if (all.installed)
+        return;
+    all.previous = qInstallMessageHandler(&LoggerManager::handle);
+    all.installed = true;
+}
+
+void LoggerManager::uninstall()
+{
+    Outputs &all = outputsOfProcess();
+    const QMutexLocker locker(&all.mutex);
+    if (!all.installed)
+        return;
+    qInstallMessageHandler(all.previous);
+    all.installed = false;
+}
+
+void LoggerManager::handle(QtMsgType type, const QMessageLogContext &context, const QString &text)
+{
+    Outputs &all = outputsOfProcess();
+    QList<std::shared_ptr<Entry>> entries;
+    QtMessageHandler previous = nullptr;
+    {
+        const QMutexLocker locker(&all.mutex);
+        entries = all.entries.values();
+        previous = all.previous;
+    }
+    for (const std::shared_ptr<Entry> &entry : std::as_const(entries))
+        callOutput(*entry, type, context, text);
+    if (entries.isEmpty() && previous)
+        previous(type, context, text);
+}

@@ -1,0 +1,157 @@
+#include "trelanlogcreator.h"
+
+#include "trelancommand.h"
+
+#include <QtCore/QMutexLocker>
+
+namespace bus
+{
+
+namespace
+{
+
+constexpr int MAX_UNSUPPRESSED_INTERVAL = 1000;
+constexpr double INTERVAL_GROWTH = 1.3;
+constexpr int MSECS_PER_DAY = 24 * 60 * 60 * 1000;
+
+// Set while this thread connects an emitter: a wrong method makes Qt warn there, and that line
+// would come back here for ever.
+thread_local bool _connecting = false;
+
+/// Milliseconds since a time of day; past midnight it goes on counting.
+int elapsedSince(const QTime &time)
+{
+    const int elapsed = time.msecsTo(QTime::currentTime());
+    return elapsed < 0 ? elapsed + MSECS_PER_DAY : elapsed;
+}
+
+QString prefixOf(QtMsgType type)
+{
+    switch (type) {
+    case QtDebugMsg:
+    case QtInfoMsg:
+        return QStringLiteral("INFO");
+    case QtWarningMsg:
+        return QStringLiteral("WARNING");
+    case QtCriticalMsg:
+    case QtFatalMsg:
+        return QStringLiteral("ERROR");
+    }
+    return {};
+}
+
+} // namespace
+
+QPointer<QObject> TrelanLogCreator::_sender;
+QByteArray TrelanLogCreator::_method;
+QString TrelanLogCreator::_baseClientName;
+int TrelanLogCreator::_baseRepeatInterval = 0;
+int TrelanLogCreator::_repeatInterval = 0;
+QString TrelanLogCreator::_lastMessage;
+QTime TrelanLogCreator::_lastMessageTime;
+QMutex TrelanLogCreator::_mutex;
+
+QLoggingCategory &LOGGER()
+{
+    static QLoggingCategory _category("logger");
+    return _category;
+}
+
+TrelanLogCreator::TrelanLogCreator(const QString &clientName, QObject *parent)
+    : QObject(parent)
+    , _clientName(clientName)
+{}
+
+TrelanLogCreator::~TrelanLogCreator() = default;
+
+void TrelanLogCreator::init(const QPointer<QObject> &receiver, const QByteArray &method,
+                            const QString &clientName, int repeatInterval)
+{
+    const QMutexLocker locker(&_mutex);
+    const bool complete = receiver && !method.isEmpty();
+    _sender = complete ? receiver : nullptr;
+    _method = complete ? method : QByteArray();
+    _baseRepeatInterval = _repeatInterval = qMin(repeatInterval, MAX_REPEAT_INTERVAL);
+    _baseClientName = clientName;
+    _lastMessage.clear();
+    _lastMessageTime = QTime();
+}
+
+void TrelanLogCreator::release()
+{
+    const QMutexLocker locker(&_mutex);
+    _sender.clear();
+    _method.clear();
+    _baseClientName.clear();
+    _baseRepeatInterval = _repeatInterval = 0;
+}
+
+QPointer<TrelanLogCreator> TrelanLogCreator::createCreator()
+{
+    QPointer<QObject> sender;
+    QByteArray method;
+    QString clientName;
+    {
+        const QMutexLocker locker(&_mutex);
+        sender = _sender;
+        method = _method;
+        clientName = _baseClientName;
+    }
+    if (!sender || method.isEmpty() || clientName.isEmpty() || _connecting)
+        return {};
+
+    auto *creator = new TrelanLogCreator(clientName, nullptr);
+    _connecting = true;
+    connect(creator, SIGNAL(sendMessage(TrelanMessage)), sender, method.constData());
+    _connecting = false;
+    return creator;
+}
+
+bool TrelanLogCreator::checkMessage(const QString &message)
+{
+    const QMutexLocker locker(&_mutex);
+    if (_repeatInterval <= MAX_UNSUPPRESSED_INTERVAL)
+        return true;
+    if (message != _lastMessage) {
+        _lastMessageTime = QTime::currentTime();
+        _lastMessage = message;
+        _repeatInterval = _baseRepeatInterval;
+        return true;
+    }
+    if (_lastMessageTime.isValid() && elapsedSince(_lastMessageTime) < _repeatInterval)
+        return false;
+    _repeatInterval = qMin(MAX_REPEAT_INTERVAL, int(_repeatInterval * INTERVAL_GROWTH));
+    _lastMessageTime = QTime::currentTime();
+    return true;
+}
+
+void TrelanLogCreator::humanKelLog(QtMsgType type, const QMessageLogContext &context,
+                                   const QString &message)
+{
+    Q_UNUSED(context)
+    if (_connecting || !checkMessage(message))
+        return;
+    const QPointer<TrelanLogCreator> creator = createCreator();
+    if (!creator)
+        return;
+    creator->sendMessage(prefixOf(type), message);
+    creator->deleteLater();
+}
+
+void TrelanLogCreator::sendMessage(QString prefix, QString msg)
+{
+    msg.replace(QLatin1String("\r\n"), QLatin1String("\t"));
+    msg.replace(QLatin1Char('\r'), QLatin1Char('\t'));
+    msg.replace(QLatin1Char('\n'), QLatin1Char('\t'));
+
+    TrelanCommand command;
+    command.setName(QStringLiteral("saveLog"));
+    command.setSender(_clientName);
+    command.setReciever(QStringLiteral("logger"));
+    command.setParams({{QStringLiteral("prefix"), prefix}, {QStringLiteral("text"), msg}});
+    TrelanMessage message;
+    if (command.toTrelanMessage(message))
+        emit sendMessage(message);
+}
+
+} // namespace bus

@@ -1,0 +1,373 @@
+#include "trelanmessagereciever.h"
+
+#include "trelanframe.h"
+#include "trelansocket.h"
+
+#include <loghelpers.h>
+
+#include <QtCore/QDateTime>
+#include <QtCore/QDebug>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QThread>
+#include <QtNetwork/QHostAddress>
+#include <QtNetwork/QTcpSocket>
+
+namespace bus
+{
+
+using morvik::logbinary;
+using morvik::loglist;
+using morvik::logtab;
+
+namespace
+{
+
+constexpr int WAIT_MS = 30000;      // for the connection and for a frame to leave
+constexpr int READ_WAIT_MS = 100;   // after every read attempt
+constexpr int READ_PAUSE_MS = 10;   // likewise, before that
+constexpr int CLOSE_PAUSE_MS = 100; // before a connection is ended
+constexpr int BYTES_PER_ATTEMPT = 100;
+constexpr int MAX_REMEMBERED = 100;
+
+const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
+const QString OPERATION_SEND_MESSAGE = QStringLiteral("sendMessage");
+
+TrelanObject objectOf(const TrelanMessage &msg, const QVariantMap &notification)
+{
+    TrelanObject object;
+    object.setContent(notification.value(TrelanObject::MSG_CONTEXT_HD).toMap());
+    object.setDt(msg.dt());
+    object.setName(notification.value(TrelanObject::MSG_NAME_HD).toString());
+    object.setPublisher(msg.sender());
+    object.setUid(msg.uid());
+    return object;
+}
+
+TrelanCommand commandOf(const TrelanMessage &msg, const QVariantMap &call)
+{
+    TrelanCommand command;
+    command.setDt(msg.dt());
+    command.setName(call.value(TrelanCommand::MSG_NAME_HD).toString());
+    command.setParams(call.value(TrelanCommand::MSG_PARAMS_HD).toMap());
+    if (call.contains(TrelanCommand::PARENT_UID_HD))
+        command.setParentUid(call.value(TrelanCommand::PARENT_UID_HD).toString());
+    command.setNeedAnswer(msg.needAnswer());
+    command.setUid(msg.uid());
+    command.setReciever(msg.reciever());
+    command.setSender(msg.sender());
+    return command;
+}
+
+} // namespace
+
+quint16 TrelanMessageReciever::_msgPort = TrelanMessageReciever::DEFAULT_PORT;
+quint32 TrelanMessageReciever::_msgHost = QHostAddress(QHostAddress::LocalHost).toIPv4Address();
+
+TrelanMessageReciever::TrelanMessageReciever(const QString &clientName, QObject *parent)
+    : QObject(parent)
+    , _socket(new QTcpSocket(this))
+    , _clientName(clientName)
+    , _cache(MAX_REMEMBERED)
+{
+    connect(_socket, SIGNAL(connected()), this, SLOT(socketConnected()));
+    connect(_socket, SIGNAL(disconnected()), this, SLOT(socketDisconnected()));
+    connect(_socket, SIGNAL(error(QAbstractSocket::SocketError)), this,
+            SLOT(socketError(QAbstractSocket::SocketError)));
+    connect(_socket, SIGNAL(readyRead()), this, SLOT(onSocketReadyRead()));
+}
+
+TrelanMessageReciever::~TrelanMessageReciever()
+{
+    close();
+    _cache.clear();
+}
+
+bool TrelanMessageReciever::isOpen() const
+{
+    return isConnected() && _opened;
+}
+
+QString TrelanMessageReciever::clientName() const
+{
+    return _clientName;
+}
+
+quint32 TrelanMessageReciever::msgHost()
+{
+    return _msgHost;
+}
+
+void TrelanMessageReciever::setMsgHost(quint32 host)
+{
+    _msgHost = host;
+}
+
+quint16 TrelanMessageReciever::msgPort()
+{
+    return _msgPort;
+}
+
+void TrelanMessageReciever::setMsgPort(const quint16 &port)
+{
+    _msgPort = port;
+}
+
+void TrelanMessageReciever::processMessage(const TrelanMessage &msg)
+{
+    QJsonParseError error {};
+    const QJsonDocument document = QJsonDocument::fromJson(msg.message().toUtf8(), &error);
+    if (error.error != QJsonParseError::NoError) {
+        emit incomingMessage(msg);
+        return;
+    }
+    const QVariantMap body = document.toVariant().toMap();
+    const bool isNotification =
+        body.contains(TrelanObject::MSG_REASON_HD) && body.contains(TrelanObject::MSG_NAME_HD) &&
+        body.contains(TrelanObject::MSG_CONTEXT_HD) &&
+        body.value(TrelanObject::MSG_REASON_HD).toString() == TrelanObject::MSG_REASON_SUB;
+    if (isNotification)
+        processObject(objectOf(msg, body));
+    else if (body.contains(TrelanCommand::MSG_CMD_HD))
+        emit incomingCommand(commandOf(msg, body.value(TrelanCommand::MSG_CMD_HD).toMap()));
+    else
+        emit incomingMessage(msg);
+}
+
+void TrelanMessageReciever::processObject(const TrelanObject &obj)
+{
+    static const QString CMD_PREFIX = QStringLiteral("%1.%2.").arg(
+        TrelanCommand::BUS_OBJ_NAME_PREFIX, TrelanCommand::CMD_NAME_PREFIX);
+    if (!obj.name().startsWith(CMD_PREFIX)) {
+        emit incomingObject(obj);
+        return;
+    }
+    TrelanCommand command;
+    command.setDt(obj.dt());
+    command.setName(obj.name().mid(CMD_PREFIX.size()));
+    command.setParams(obj.content());
+    command.setSender(obj.publisher());
+    command.setUid(obj.uid());
+    emit incomingCommand(command);
+}
+
+bool TrelanMessageReciever::open()
+{
+    if (msgPort() == 0 || !_socket)
+        return false;
+    if (isOpen())
+        return true;
+    // connectToHost() refuses on a connection that is not yet accepted; and an earlier handshake
+    // says nothing about a new connection.
+    if (_socket->state() != QAbstractSocket::UnconnectedState) {
+        _socket->blockSignals(true);
+        _socket->abort();
+    }
+    _opened = false;
+    _socket->blockSignals(false);
+    _socket->connectToHost(QHostAddress(msgHost()), msgPort(), QIODevice::ReadWrite);
+    if (wait::connected(*_socket, WAIT_MS) && handshake()) {
+        emit kelbusConnected();
+        return true;
+    }
+    close();
+    return false;
+}
+
+void TrelanMessageReciever::close()
+{
+    if (!_socket)
+        return;
+    _socket->blockSignals(true);
+    QThread::msleep(CLOSE_PAUSE_MS);
+    _socket->abort();
+    _opened = false;
+}
+
+void TrelanMessageReciever::socketConnected()
+{
+    // open() sends the handshake itself.
+}
+
+void TrelanMessageReciever::socketDisconnected()
+{
+    emit busDisconnected();
+}
+
+void TrelanMessageReciever::socketError(QAbstractSocket::SocketError error)
+{
+    // Every timed wait ends in this one when nothing came, and says so by its result.
+    if (!_socket || error == QAbstractSocket::SocketTimeoutError)
+        return;
+    qWarning().noquote() << error << _socket->errorString() << QDateTime::currentDateTime();
+}
+
+void TrelanMessageReciever::onSocketReadyRead()
+{
+    while (_socket && _socket->bytesAvailable() > 0 && !wait::isInterrupted()) {
+        const QString header =
+            TrelanFrame::lineText(_socket->readLine(TrelanFrame::MAX_LINE_LENGTH + 1));
+        if (header == TrelanFrame::headerWord(TrelanFrame::Request))
+            prepareRequest();
+        else if (header == TrelanFrame::headerWord(TrelanFrame::Reply))
+            prepareReply();
+        else
+            qCritical().noquote() << tr("Unknown request header: %1").arg(header);
+    }
+}
+
+bool TrelanMessageReciever::handshake()
+{
+    return request(OPERATION_HANDSHAKE, {{QStringLiteral("name"), _clientName}});
+}
+
+bool TrelanMessageReciever::request(QString cmd, QVariantMap data)
+{
+    if (!isConnected())
+        return false;
+    write(TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(cmd, data)));
+    return true;
+}
+
+bool TrelanMessageReciever::reply(QString cmd, TrelanError error, QVariantMap data)
+{
+    if (!isConnected())
+        return false;
+    write(TrelanFrame::encode(TrelanFrame::Reply, TrelanFrame::reply(cmd, error, data)));
+    return true;
+}
+
+/// A QTcpSocket stays open as a device after its connection is gone, so the state decides.
+bool TrelanMessageReciever::isConnected() const
+{
+    return _socket && _socket->isOpen() && _socket->state() == QAbstractSocket::ConnectedState;
+}
+
+void TrelanMessageReciever::write(const QByteArray &frame)
+{
+    _socket->write(frame);
+    _socket->flush();
+    if (isConnected()) // the flush notices a connection that is gone
+        wait::bytesWritten(*_socket, WAIT_MS);
+}
+
+void TrelanMessageReciever::prepareRequest()
+{
+    const qint32 size = readSize();
+    if (size < 0) {
+        qWarning().noquote() << tr("Invalid request size");
+        return;
+    }
+    QVariant envelope;
+    if (!readData(size, envelope) || !processRequest(envelope))
+        qWarning().noquote() << tr("Invalid request data");
+}
+
+void TrelanMessageReciever::prepareReply()
+{
+    const qint32 size = readSize();
+    QVariant envelope;
+    if (size < 0 || !readData(size, envelope) || !processReply(envelope))
+        qWarning().noquote() << tr("Incorrect reply data");
+}
+
+qint32 TrelanMessageReciever::readSize()
+{
+    if (!_socket || !_socket->canReadLine()) {
+        qWarning().noquote() << tr("Socket is empty");
+        return -1;
+    }
+    const QString text = TrelanFrame::lineText(_socket->readLine(TrelanFrame::MAX_LINE_LENGTH + 1));
+    bool ok = false;
+    const qint32 size = text.toInt(&ok, 10);
+    if (ok)
+        return size;
+    qWarning().noquote().nospace() << tr("Invalid request size: ") << text;
+    return -1;
+}
+
+bool TrelanMessageReciever::readData(qint32 size, QVariant &out)
+{
+    const QByteArray payload = readPayload(size);
+    if (payload.size() != size)
+        return false;
+    const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(payload);
+    if (decoded.fault != TrelanFrame::NoFault) {
+        qWarning().noquote().nospace()
+            << decoded.errorText << logtab << logbinary(decoded.json, "UTF-8");
+        return false;
+    }
+    out = QVariant(decoded.envelope);
+    return true;
+}
+
+/// Reads at most \a size bytes, and fewer when the attempts for that size are used up or the
+/// connection is gone. The announced size by itself takes no memory.
+QByteArray TrelanMessageReciever::readPayload(qint32 size)
+{
+    const int attempts = size / BYTES_PER_ATTEMPT + 1;
+    QByteArray payload;
+    for (int attempt = 0; payload.size() < size && attempt < attempts; ++attempt) {
+        const qint64 arrived = _socket->bytesAvailable();
+        if (arrived > 0)
+            payload.append(_socket->read(qMin<qint64>(size - payload.size(), arrived)));
+        QThread::msleep(READ_PAUSE_MS);
+        if (!_socket || wait::isInterrupted() || (arrived == 0 && !isConnected()))
+            break;
+        if (isConnected())
+            _socket->waitForReadyRead(READ_WAIT_MS);
+    }
+    return payload;
+}
+
+bool TrelanMessageReciever::processRequest(const QVariant &envelope)
+{
+    const QVariantMap request = envelope.toMap();
+    const QString operation = request.value(QStringLiteral("operation")).toString();
+    if (operation != OPERATION_SEND_MESSAGE) {
+        reply(operation, TrelanError(TrelanError::UnsupportedRequest));
+        return false;
+    }
+
+    const TrelanMessage msg =
+        TrelanMessage::fromVariantMap(request.value(QStringLiteral("data")).toMap());
+    // Repeated ones too, so that the bus stops sending them.
+    reply(OPERATION_SEND_MESSAGE, TrelanError(),
+          {{QStringLiteral("sender"), msg.sender()},
+           {QStringLiteral("reciever"), msg.reciever()},
+           {QStringLiteral("uid"), msg.uid()}});
+
+    const QString key = msg.msgKey();
+    // contains() and never object(), which would count as a use: the oldest key goes first.
+    if (_cache.contains(key)) {
+        qWarning().noquote().nospace()
+            << "Message repeating: " << logtab << msg.sender() << "\t" << msg.reciever() << "\t"
+            << msg.uid() << logtab << loglist(msg.message().split(QLatin1Char('\n')));
+        return true;
+    }
+    _cache.insert(key, new TrelanMessage(msg));
+    processMessage(msg);
+    return true;
+}
+
+bool TrelanMessageReciever::processReply(const QVariant &envelope)
+{
+    const QVariantMap answer = envelope.toMap();
+    const QString operation = answer.value(QStringLiteral("operation")).toString();
+    const QVariantMap result = answer.value(QStringLiteral("result")).toMap();
+    const quint16 code = TrelanFrame::replyCode(result);
+    if (operation == OPERATION_HANDSHAKE) {
+        _opened = code == 0;
+        if (!_opened) {
+            close();
+            emit handshakeRefused();
+        }
+        return _opened;
+    }
+    if (code != 0) {
+        qCritical().noquote().nospace()
+            << code << logtab << result.value(QStringLiteral("description")).toString();
+    }
+    return true;
+}
+
+} // namespace bus

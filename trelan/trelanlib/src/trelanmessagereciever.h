@@ -1,0 +1,118 @@
+#pragma once
+
+#include "trelanglobal.h"
+
+#include "trelancommand.h"
+#include "trelanerror.h"
+#include "trelanmessage.h"
+#include "trelanobject.h"
+
+#include <QtCore/QCache>
+#include <QtCore/QObject>
+#include <QtCore/QPointer>
+#include <QtCore/QVariantMap>
+#include <QtNetwork/QAbstractSocket>
+
+class QTcpSocket;
+
+namespace bus
+{
+
+/// \brief The client end of the message channel: the connection on which the bus pushes messages,
+/// objects and commands to this client, each of which is acknowledged.
+///
+/// Threads: used from the thread it lives in, whose event loop has to run: what arrives is read
+/// when that loop says so, and comes out as a signal.
+///
+/// Waiting: open() blocks for up to 30 s for the connection, and like every frame it writes up to
+/// 30 s until the frame has left. Reading blocks too: a frame is read to its end in place, for at
+/// most size / 100 + 1 attempts of up to 110 ms each. close(), and so the destructor, takes 100 ms.
+/// All of it is left early when the thread is asked to end.
+///
+/// Failure: a frame that cannot be read is logged (category "default") and dropped, unanswered; the
+/// reader does not look for the next one, so that what follows may be logged piece by piece.
+///
+/// A message that was delivered before is acknowledged and dropped: the last 100 keys (see
+/// TrelanMessage::msgKey()) are remembered, for as long as this object lives.
+class TRELAN_EXPORT TrelanMessageReciever : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// Default TCP port of the message channel.
+    static constexpr quint16 DEFAULT_PORT = 43537;
+
+    /// A closed receiver that will register with the bus as \a clientName.
+    explicit TrelanMessageReciever(const QString &clientName, QObject *parent = nullptr);
+    /// Closes; takes 100 ms.
+    ~TrelanMessageReciever() override;
+
+    /// Connected, and the bus has accepted the handshake. False right after open(): the answer to
+    /// the handshake is not waited for.
+    bool isOpen() const;
+    QString clientName() const;
+
+    /// IPv4 address used by the next open() of any receiver of the process; 127.0.0.1 unless set.
+    /// Not thread-safe: set host and port before the first receiver opens.
+    static quint32 msgHost();
+    static void setMsgHost(quint32 host);
+
+    /// TCP port used by the next open() of any receiver; DEFAULT_PORT unless set, 0 never opens.
+    static quint16 msgPort();
+    static void setMsgPort(const quint16 &port);
+
+    /// Says what an accepted message is and hands it on: a notification to processObject(), a
+    /// command and anything else by its signal.
+    virtual void processMessage(const TrelanMessage &msg);
+    /// Hands an object on by its signal; one under the reserved prefix is a command.
+    virtual void processObject(const TrelanObject &obj);
+
+Q_SIGNALS:
+    void incomingMessage(TrelanMessage msg);
+    void incomingObject(TrelanObject msg);
+    void incomingCommand(TrelanCommand msg);
+    /// The connection dropped by itself; never emitted by close().
+    void busDisconnected();
+    /// The connection is made and the handshake has been sent.
+    void kelbusConnected();
+    /// The bus has refused the handshake, and the connection is closed.
+    void handshakeRefused();
+
+public Q_SLOTS:
+    /// Connects and sends the handshake. True at once on an open receiver; false at once, without
+    /// touching the socket, when the port is 0.
+    bool open();
+    /// Ends the connection without any signal, after a pause of 100 ms. What was not sent is lost;
+    /// what is remembered of past messages stays.
+    void close();
+
+private Q_SLOTS:
+    void socketConnected();
+    void socketDisconnected();
+    void socketError(QAbstractSocket::SocketError error);
+    void onSocketReadyRead();
+    bool handshake();
+    bool request(QString cmd, QVariantMap data = QVariantMap());
+    bool reply(QString cmd, TrelanError error, QVariantMap data = QVariantMap());
+
+private:
+    bool isConnected() const;
+    void write(const QByteArray &frame);
+    void prepareRequest();
+    void prepareReply();
+    qint32 readSize();
+    bool readData(qint32 size, QVariant &out);
+    QByteArray readPayload(qint32 size);
+    bool processRequest(const QVariant &envelope);
+    bool processReply(const QVariant &envelope);
+
+    QPointer<QTcpSocket> _socket;
+    QString _clientName;
+    bool _opened = false;
+    QCache<QString, TrelanMessage> _cache;
+
+    static quint16 _msgPort;
+    static quint32 _msgHost;
+};
+
+} // namespace bus

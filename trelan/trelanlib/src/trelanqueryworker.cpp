@@ -1,0 +1,146 @@
+#include "trelanqueryworker.h"
+
+#include "trelanchannelworker.h"
+
+#include <loghelpers.h>
+
+#include <QtCore/QDebug>
+#include <QtCore/QMessageLogger>
+
+#include <utility>
+
+namespace bus
+{
+
+namespace
+{
+
+const QString TRACED_OBJECT = QStringLiteral("fs.state");
+
+/// The trace of one particular object. Readers of logs look for this very context.
+void traceContent(const QVariantMap &content)
+{
+    QMessageLogger("trelan/trelanlib/src/trelanqueryworker", 34,
+                   "void bus::TrelanQueryWorker::publish(bus::TrelanObject)", "default")
+            .warning()
+        << morvik::logvariant(content);
+}
+
+} // namespace
+
+TrelanQueryWorker::TrelanQueryWorker(const QString &clientName, QStringList wildcards)
+    : _clientName(clientName)
+    , _wildcards(std::move(wildcards))
+{}
+
+TrelanQueryWorker::~TrelanQueryWorker()
+{
+    stopChannel();
+}
+
+bool TrelanQueryWorker::doStart()
+{
+    doStop();
+    _handler = new TrelanQueryHandler(_clientName, this);
+    _restartTimer = channelworker::makeRestartTimer(this);
+
+    connect(_restartTimer, SIGNAL(timeout()), this, SLOT(restart()));
+    connect(_handler, SIGNAL(busDisconnected()), _restartTimer, SLOT(start()));
+    connect(_handler, SIGNAL(kelbusConnected()), this, SIGNAL(workerConnected()));
+
+    if (_handler->open() && subscribeAll())
+        _restartTimer->stop();
+    else
+        _restartTimer->start();
+    return true;
+}
+
+bool TrelanQueryWorker::doStop()
+{
+    stopChannel();
+    return true;
+}
+
+void TrelanQueryWorker::sendMessage(TrelanMessage msg)
+{
+    if (isOpen())
+        _handler->sendMessage(msg);
+}
+
+void TrelanQueryWorker::publish(TrelanObject obj)
+{
+    if (obj.name() == TRACED_OBJECT)
+        traceContent(obj.content());
+    if (isOpen())
+        _handler->publish(obj);
+}
+
+void TrelanQueryWorker::subscribe(QStringList wildCards)
+{
+    if (isOpen())
+        _handler->subscribe(wildCards);
+}
+
+void TrelanQueryWorker::subscribe(QString wildCard)
+{
+    if (isOpen())
+        _handler->subscribe(wildCard);
+}
+
+void TrelanQueryWorker::unsubscribe(QString wildCard)
+{
+    if (isOpen())
+        _handler->unsubscribe(wildCard);
+}
+
+void TrelanQueryWorker::unsubscribe(QStringList wildCards)
+{
+    if (isOpen())
+        _handler->unsubscribe(wildCards);
+}
+
+void TrelanQueryWorker::sendCommand(TrelanCommand cmd)
+{
+    if (!isOpen())
+        return;
+    if (cmd.needAnswer()) {
+        // Now, so that what is kept and what is sent have the same one.
+        if (cmd.uid().isEmpty())
+            cmd.setUid(cmd.genUid());
+        _storage.storeCmd(cmd);
+    }
+    _handler->sendCommand(cmd);
+}
+
+void TrelanQueryWorker::loadObject(QString name)
+{
+    TrelanObject object;
+    if (!isOpen() || !_handler->loadObject(name, object))
+        return;
+    _storage.store(object);
+    emit objectLoaded(object);
+}
+
+bool TrelanQueryWorker::isOpen() const
+{
+    return _handler && _handler->isOpen();
+}
+
+bool TrelanQueryWorker::subscribeAll()
+{
+    for (const QString &wildcard : std::as_const(_wildcards)) {
+        if (!_handler->subscribe(wildcard)) {
+            _handler->unsubscribe(_wildcards); // no partial subscription is left
+            return false;
+        }
+    }
+    return true;
+}
+
+void TrelanQueryWorker::stopChannel()
+{
+    channelworker::stopTimer(_restartTimer);
+    channelworker::stopChannel(_handler);
+}
+
+} // namespace bus

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "trelanglobal.h"
+
+#include "sharedobjectsstorage.h"
+#include "trelancommand.h"
+#include "trelanmessage.h"
+#include "trelanobject.h"
+#include "trelanqueryhandler.h"
+
+#include <abstractworker.h>
+
+#include <QtCore/QPointer>
+#include <QtCore/QStringList>
+#include <QtCore/QTimer>
+
+namespace bus
+{
+
+/// \brief Owns the query channel: everything that this client says to the bus goes through it, one
+/// request at a time, in the order in which it was asked for.
+///
+/// Threads: as TrelanMsgWorker. The slots are reached through queued connections, and each blocks
+/// the worker's thread until the bus has answered; nothing tells the caller how it went.
+///
+/// While the channel is down every slot drops what it is given, without a report. A new attempt
+/// follows every 5 s; on each connection the wildcards given at construction are subscribed, and
+/// only those: what was added through a slot is lost with the connection.
+class TRELAN_EXPORT TrelanQueryWorker : public morvik::AbstractWorker
+{
+    Q_OBJECT
+
+public:
+    TrelanQueryWorker(const QString &clientName, QStringList wildcards);
+    ~TrelanQueryWorker() override;
+
+    /// Builds the channel, opens it and subscribes. Always true: a bus that is not there, or that
+    /// refuses a subscription, is tried again.
+    bool doStart() override;
+    /// Takes the channel down without a signal. Always true, and harmless on a stopped worker.
+    bool doStop() override;
+
+Q_SIGNALS:
+    void workerConnected();
+    /// An object asked for with loadObject() has come, and is in the SharedObjectsStorage.
+    void objectLoaded(TrelanObject obj);
+
+public Q_SLOTS:
+    void sendMessage(TrelanMessage msg);
+    void publish(TrelanObject obj);
+    void subscribe(QStringList wildCards);
+    void subscribe(QString wildCard);
+    void unsubscribe(QString wildCard);
+    void unsubscribe(QStringList wildCards);
+    /// A command that needs an answer is kept in the SharedObjectsStorage, under its uid, before it
+    /// is sent.
+    void sendCommand(TrelanCommand cmd);
+    void loadObject(QString name);
+
+private:
+    bool isOpen() const;
+    bool subscribeAll();
+    void stopChannel();
+
+    QString _clientName;
+    QPointer<TrelanQueryHandler> _handler;
+    QPointer<QTimer> _restartTimer;
+    QStringList _wildcards;
+    SharedObjectsStorage _storage;
+};
+
+} // namespace bus
