@@ -145,6 +145,8 @@ void BusCore::subscribe(ConnectionId id, const BusRequest &request)
     for (const QString &wildcard : request.names) {
         if (!client.wildcards.contains(wildcard))
             added.insert(wildcard);
+        if (client.wildcards.size() + added.size() > _maxSubscriptions)
+            break; // a frame has room for millions
     }
     if (client.wildcards.size() + added.size() > _maxSubscriptions) {
         _output.reply(

@@ -29,7 +29,7 @@ public:
                               const QVector<ObjectRecord> &records) = 0;
 
     virtual void closeConnection(ConnectionId id) = 0;
-    /// Whether the other side has ended the connection, be it unnoticed so far.
+    /// Whether the connection takes no more requests, be it unnoticed so far.
     virtual bool isAtEnd(ConnectionId id) const = 0;
     /// Address and port of the other side.
     virtual QString peer(ConnectionId id) const = 0;
