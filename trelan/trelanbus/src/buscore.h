@@ -59,6 +59,7 @@ private:
     };
 
     void handshake(ConnectionId id, const BusRequest &request);
+    bool isGhost(ConnectionId id, const QString &name) const;
     void takeOver(ConnectionId id, const QString &name);
     void publish(ConnectionId id, const BusRequest &request);
     void remove(ConnectionId id, const BusRequest &request);
