@@ -62,6 +62,8 @@ void BusCore::handshake(ConnectionId id, const BusRequest &request)
         fault = QStringLiteral("this connection is registered as %1 already")
                     .arg(names::quoted(known->name));
     }
+    if (fault.isEmpty() && !repeated && isGhost(id, request.name))
+        fault = QStringLiteral("client %1 has come back").arg(names::quoted(request.name));
     if (!fault.isEmpty()) {
         _output.reply(id, request.word, {TrelanError::UnregisteredClient, fault});
         return;
@@ -73,6 +75,14 @@ void BusCore::handshake(ConnectionId id, const BusRequest &request)
         _output.setRegistered(id);
     }
     _output.reply(id, request.word, TrelanError());
+}
+
+/// Whether this is the handshake of a connection that has ended, read after the client has come
+/// back on another: events of several connections arrive in any order.
+bool BusCore::isGhost(ConnectionId id, const QString &name) const
+{
+    const auto registered = _ids.constFind(name);
+    return registered != _ids.constEnd() && _output.isAtEnd(id) && !_output.isAtEnd(*registered);
 }
 
 /// A client must never be locked out by its own ghost, so that the newer connection wins.
@@ -145,6 +155,8 @@ void BusCore::subscribe(ConnectionId id, const BusRequest &request)
     for (const QString &wildcard : request.names) {
         if (!client.wildcards.contains(wildcard))
             added.insert(wildcard);
+        if (client.wildcards.size() + added.size() > _maxSubscriptions)
+            break; // a frame has room for millions
     }
     if (client.wildcards.size() + added.size() > _maxSubscriptions) {
         _output.reply(
