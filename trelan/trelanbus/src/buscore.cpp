@@ -7,6 +7,20 @@
 namespace bus
 {
 
+namespace
+{
+
+void logPublish(const TrelanObject &object)
+{
+    if (object.isLogged()) {
+        qCInfo(BUS_LOG).noquote() << QStringLiteral("%1 is published by %2")
+                                         .arg(names::quoted(object.name()),
+                                              names::quoted(object.publisher()));
+    }
+}
+
+} // namespace
+
 BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output)
     : _maxSubscriptions(settings.maxSubscriptions)
     , _storage(storage)
@@ -16,7 +30,8 @@ BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutp
 void BusCore::handle(ConnectionId id, const BusRequest &request)
 {
     const bool isHandshake = request.word == QLatin1String("handshake");
-    if (!_clients.contains(id) && !isHandshake && !request.word.isEmpty()) {
+    // What could not be read at all has no operation to be refused.
+    if (!_clients.contains(id) && !isHandshake && !request.word.isNull()) {
         _output.reply(id, request.word,
                       {TrelanError::UnregisteredClient,
                        QStringLiteral("the first request has to be \"handshake\"")});
@@ -109,19 +124,16 @@ void BusCore::publish(ConnectionId id, const BusRequest &request)
         // An id over the content too: two values of one millisecond must not share it.
         record.head.setUid(record.toObject().genUid());
     }
-    if (record.head.isLogged()) {
-        qCInfo(BUS_LOG).noquote() << QStringLiteral("%1 is published by %2")
-                                         .arg(names::quoted(record.head.name()),
-                                              names::quoted(record.head.publisher()));
-    }
-
-    if (!record.head.isStored() || names::isCommandName(record.head.name())) {
-        _output.reply(id, request.word, TrelanError());
-        return;
-    }
-    _storage.publish(record, [this, id, word = request.word](const TrelanError &error) {
+    const auto done = [this, id, word = request.word,
+                       head = record.head](const TrelanError &error) {
+        if (error.error() == TrelanError::NoError)
+            logPublish(head);
         _output.reply(id, word, error);
-    });
+    };
+    if (record.head.isStored() && !names::isCommandName(record.head.name()))
+        _storage.publish(record, done);
+    else
+        done(TrelanError());
 }
 
 void BusCore::remove(ConnectionId id, const BusRequest &request)
