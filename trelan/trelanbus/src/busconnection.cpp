@@ -1,7 +1,11 @@
 #include "busconnection.h"
 
 #include "buslog.h"
+#include "busnames.h"
 
+#include <QtCore/QAbstractEventDispatcher>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QThread>
 #include <QtNetwork/QHostAddress>
 
 #include <poll.h>
@@ -14,8 +18,9 @@ namespace
 {
 
 constexpr qint64 READ_CHUNK = 64 * 1024;
-// More from one client in one go would make the others wait.
-constexpr int REQUESTS_PER_TURN = 16;
+// More from one client in one go would make the others wait. A time and not a number, since one
+// request may take as long as a hundred others.
+constexpr qint64 TURN_MS = 2;
 
 } // namespace
 
@@ -38,6 +43,8 @@ BusConnection::BusConnection(ConnectionId id, qintptr descriptor, const TrelanBu
     connect(&_socket, &QTcpSocket::bytesWritten, this, &BusConnection::onBytesWritten);
     connect(&_socket, &QTcpSocket::disconnected, this, &BusConnection::onDisconnected);
 
+    _nextTurn.setSingleShot(true);
+    connect(&_nextTurn, &QTimer::timeout, this, &BusConnection::takeTurn);
     _stall.setSingleShot(true);
     connect(&_stall, &QTimer::timeout, this, &BusConnection::onStalled);
     _handshake.setSingleShot(true);
@@ -59,7 +66,7 @@ QString BusConnection::peer() const
 
 bool BusConnection::isAtEnd() const
 {
-    if (_socket.state() != QAbstractSocket::ConnectedState)
+    if (_state >= Ending || _socket.state() != QAbstractSocket::ConnectedState)
         return true;
     pollfd descriptor {int(_socket.socketDescriptor()), POLLRDHUP, 0};
     return ::poll(&descriptor, 1, 0) > 0 &&
@@ -77,8 +84,7 @@ void BusConnection::answer(const QByteArray &frame)
         return;
     _state = Reading;
     send(frame);
-    // Queued: answers may come from inside the loop that hands requests over.
-    QMetaObject::invokeMethod(this, &BusConnection::takeRequests, Qt::QueuedConnection);
+    scheduleTurn();
 }
 
 void BusConnection::answerAndEnd(const QByteArray &frame)
@@ -97,6 +103,7 @@ void BusConnection::close()
     if (_state == Closed)
         return;
     _state = Closed;
+    _nextTurn.stop();
     _stall.stop();
     _handshake.stop();
     _socket.disconnect(this);
@@ -110,7 +117,7 @@ void BusConnection::onReadyRead()
         _socket.skip(_socket.bytesAvailable());
         return;
     }
-    takeRequests();
+    takeTurn();
 }
 
 void BusConnection::onBytesWritten()
@@ -120,7 +127,7 @@ void BusConnection::onBytesWritten()
     } else if (_state == Ending) {
         endSending();
     } else {
-        takeRequests();
+        scheduleTurn();
     }
 }
 
@@ -139,48 +146,65 @@ void BusConnection::onStalled()
         closeWith(QStringLiteral("stopped in the middle of a frame"));
 }
 
-/// Hands requests over until there is none, one is not answered yet, or an answer has not left.
-void BusConnection::takeRequests()
+/// A timer, and not an event posted to ourselves: events that are posted while events are handled
+/// come before the sockets of the others.
+void BusConnection::scheduleTurn()
 {
-    int taken = 0;
-    while (_state == Reading && _socket.bytesToWrite() == 0) {
-        if (taken == REQUESTS_PER_TURN) {
-            QMetaObject::invokeMethod(this, &BusConnection::takeRequests, Qt::QueuedConnection);
-            break;
-        }
-        const TrelanFrameReader::Status status = _reader.next();
-        if (status != TrelanFrameReader::NeedMoreData) {
-            if (!takeRequest(status))
-                return;
-            ++taken;
-        } else if (_socket.bytesAvailable() > 0) {
-            _reader.feed(_socket.read(READ_CHUNK));
-        } else {
-            break;
-        }
-    }
+    // An answer may come while its request is being handed over; the turn goes on then.
+    if (_inTurn || _nextTurn.isActive())
+        return;
+    _nextTurn.start(0);
+    // Some event loops run timers only when no socket has anything, unless they are woken.
+    thread()->eventDispatcher()->wakeUp();
+}
+
+void BusConnection::takeTurn()
+{
+    if (_inTurn)
+        return;
+    _nextTurn.stop();
+    _inTurn = true;
+    const bool isOver = takeRequests();
+    _inTurn = false;
+    if (!isOver)
+        scheduleTurn();
     watchProgress();
 }
 
-/// Returns false when the connection is not to be looked at any more.
-bool BusConnection::takeRequest(TrelanFrameReader::Status status)
+/// Hands requests over until there is none, one is not answered yet or an answer has not left.
+/// Returns false if there is more than fits into one turn.
+bool BusConnection::takeRequests()
+{
+    QElapsedTimer turn;
+    turn.start();
+    while (_state == Reading && _socket.bytesToWrite() == 0) {
+        const TrelanFrameReader::Status status = _reader.next();
+        if (status != TrelanFrameReader::NeedMoreData) {
+            takeRequest(status);
+        } else if (_socket.bytesAvailable() > 0) {
+            _reader.feed(_socket.read(READ_CHUNK));
+        } else {
+            return true;
+        }
+        if (turn.hasExpired(TURN_MS))
+            return _state != Reading;
+    }
+    return true;
+}
+
+void BusConnection::takeRequest(TrelanFrameReader::Status status)
 {
     if (status == TrelanFrameReader::TooLarge) {
         _state = Answering;
         emit frameTooLarge(_connectionId, _reader.faultText());
-        return false;
-    }
-    if (status == TrelanFrameReader::Malformed) {
-        closeWith(_reader.faultText());
-        return false;
-    }
-    if (_reader.kind() != TrelanFrame::Request) {
+    } else if (status == TrelanFrameReader::Malformed) {
+        closeWith(names::printable(_reader.faultText()));
+    } else if (_reader.kind() != TrelanFrame::Request) {
         closeWith(QStringLiteral("sent a reply that nobody asked for"));
-        return false;
+    } else {
+        _state = Answering;
+        emit requestArrived(_connectionId, _reader.payload());
     }
-    _state = Answering;
-    emit requestArrived(_connectionId, _reader.payload());
-    return true;
 }
 
 /// In one call of the socket, so that a frame is a block of its own on the wire.

@@ -15,7 +15,8 @@ namespace bus
 ///
 /// It hands over one request at a time and reads the next when that one is answered and the answer
 /// has left, so that what one client can make the bus keep is bounded by one frame each way,
-/// however fast it sends and however slowly it reads. Lives in the thread of the bus.
+/// however fast it sends and however slowly it reads. It works in short turns, between which all
+/// others have theirs. Lives in the thread of the bus.
 class BusConnection : public QObject
 {
     Q_OBJECT
@@ -27,7 +28,8 @@ public:
 
     /// Address and port of the other side.
     QString peer() const;
-    /// Whether the other side has ended the connection, be it unnoticed so far.
+    /// Whether it takes no more requests: the other side has ended it, be it unnoticed so far, or
+    /// it was sent its last frame.
     bool isAtEnd() const;
 
     /// Ends the wait for the handshake.
@@ -65,8 +67,10 @@ private:
     void onBytesWritten();
     void onDisconnected();
     void onStalled();
-    void takeRequests();
-    bool takeRequest(TrelanFrameReader::Status status);
+    void scheduleTurn();
+    void takeTurn();
+    bool takeRequests();
+    void takeRequest(TrelanFrameReader::Status status);
     void send(const QByteArray &frame);
     void endSending();
     void watchProgress();
@@ -77,6 +81,8 @@ private:
     QTcpSocket _socket;
     TrelanFrameReader _reader;
     State _state = Reading;
+    bool _inTurn = false;
+    QTimer _nextTurn;
     QTimer _stall;
     QTimer _handshake;
     QString _peer;

@@ -7,6 +7,20 @@
 namespace bus
 {
 
+namespace
+{
+
+void logPublish(const TrelanObject &object)
+{
+    if (object.isLogged()) {
+        qCInfo(BUS_LOG).noquote() << QStringLiteral("%1 is published by %2")
+                                         .arg(names::quoted(object.name()),
+                                              names::quoted(object.publisher()));
+    }
+}
+
+} // namespace
+
 BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output)
     : _maxSubscriptions(settings.maxSubscriptions)
     , _storage(storage)
@@ -16,7 +30,8 @@ BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutp
 void BusCore::handle(ConnectionId id, const BusRequest &request)
 {
     const bool isHandshake = request.word == QLatin1String("handshake");
-    if (!_clients.contains(id) && !isHandshake && !request.word.isEmpty()) {
+    // What could not be read at all has no operation to be refused.
+    if (!_clients.contains(id) && !isHandshake && !request.word.isNull()) {
         _output.reply(id, request.word,
                       {TrelanError::UnregisteredClient,
                        QStringLiteral("the first request has to be \"handshake\"")});
@@ -62,6 +77,8 @@ void BusCore::handshake(ConnectionId id, const BusRequest &request)
         fault = QStringLiteral("this connection is registered as %1 already")
                     .arg(names::quoted(known->name));
     }
+    if (fault.isEmpty() && !repeated && isGhost(id, request.name))
+        fault = QStringLiteral("client %1 has come back").arg(names::quoted(request.name));
     if (!fault.isEmpty()) {
         _output.reply(id, request.word, {TrelanError::UnregisteredClient, fault});
         return;
@@ -73,6 +90,14 @@ void BusCore::handshake(ConnectionId id, const BusRequest &request)
         _output.setRegistered(id);
     }
     _output.reply(id, request.word, TrelanError());
+}
+
+/// Whether this is the handshake of a connection that has ended, read after the client has come
+/// back on another: events of several connections arrive in any order.
+bool BusCore::isGhost(ConnectionId id, const QString &name) const
+{
+    const auto registered = _ids.constFind(name);
+    return registered != _ids.constEnd() && _output.isAtEnd(id) && !_output.isAtEnd(*registered);
 }
 
 /// A client must never be locked out by its own ghost, so that the newer connection wins.
@@ -99,19 +124,16 @@ void BusCore::publish(ConnectionId id, const BusRequest &request)
         // An id over the content too: two values of one millisecond must not share it.
         record.head.setUid(record.toObject().genUid());
     }
-    if (record.head.isLogged()) {
-        qCInfo(BUS_LOG).noquote() << QStringLiteral("%1 is published by %2")
-                                         .arg(names::quoted(record.head.name()),
-                                              names::quoted(record.head.publisher()));
-    }
-
-    if (!record.head.isStored() || names::isCommandName(record.head.name())) {
-        _output.reply(id, request.word, TrelanError());
-        return;
-    }
-    _storage.publish(record, [this, id, word = request.word](const TrelanError &error) {
+    const auto done = [this, id, word = request.word,
+                       head = record.head](const TrelanError &error) {
+        if (error.error() == TrelanError::NoError)
+            logPublish(head);
         _output.reply(id, word, error);
-    });
+    };
+    if (record.head.isStored() && !names::isCommandName(record.head.name()))
+        _storage.publish(record, done);
+    else
+        done(TrelanError());
 }
 
 void BusCore::remove(ConnectionId id, const BusRequest &request)
@@ -145,6 +167,8 @@ void BusCore::subscribe(ConnectionId id, const BusRequest &request)
     for (const QString &wildcard : request.names) {
         if (!client.wildcards.contains(wildcard))
             added.insert(wildcard);
+        if (client.wildcards.size() + added.size() > _maxSubscriptions)
+            break; // a frame has room for millions
     }
     if (client.wildcards.size() + added.size() > _maxSubscriptions) {
         _output.reply(

@@ -29,7 +29,7 @@ public:
                               const QVector<ObjectRecord> &records) = 0;
 
     virtual void closeConnection(ConnectionId id) = 0;
-    /// Whether the other side has ended the connection, be it unnoticed so far.
+    /// Whether the connection takes no more requests, be it unnoticed so far.
     virtual bool isAtEnd(ConnectionId id) const = 0;
     /// Address and port of the other side.
     virtual QString peer(ConnectionId id) const = 0;
@@ -59,6 +59,7 @@ private:
     };
 
     void handshake(ConnectionId id, const BusRequest &request);
+    bool isGhost(ConnectionId id, const QString &name) const;
     void takeOver(ConnectionId id, const QString &name);
     void publish(ConnectionId id, const BusRequest &request);
     void remove(ConnectionId id, const BusRequest &request);

@@ -2,32 +2,42 @@
 
 #include "buslog.h"
 
+#include <QtCore/QObject>
+#include <QtCore/QSocketNotifier>
 #include <QtCore/QTimer>
+#include <QtNetwork/QHostAddress>
 #include <QtNetwork/QTcpServer>
 
-#include <functional>
+#include <memory>
 
 namespace bus
 {
 
 /// \brief Takes connections, and goes on doing so when the process runs out of descriptors.
-class BusListener : public QTcpServer
+class BusListener : public QObject
 {
     Q_OBJECT
 
 public:
     explicit BusListener(QObject *parent = nullptr);
 
+    /// False, with the reason in errorString(), if it cannot.
+    bool listen(const QHostAddress &host, quint16 port);
+    void close();
+
+    quint16 serverPort() const;
+    QString errorString() const;
+
 Q_SIGNALS:
     /// Whoever takes it owns the descriptor.
     void descriptorArrived(qintptr descriptor);
 
-protected:
-    void incomingConnection(qintptr descriptor) override;
-
 private:
-    void onAcceptError();
+    void accept();
+    void pause(const QString &reason);
 
+    QTcpServer _server; // listens; takes nothing itself
+    std::unique_ptr<QSocketNotifier> _arrival;
     QTimer _retry;
     WarningLimiter _warnings;
 };

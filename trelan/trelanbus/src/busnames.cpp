@@ -87,18 +87,25 @@ bool isCommandName(const QString &name)
     return name.startsWith(_prefix);
 }
 
-QString quoted(const QString &text)
+QString printable(const QString &text)
 {
-    QString shown = QStringLiteral("\"");
-    for (const QChar c : text.left(MAX_QUOTED)) {
-        if (c == QLatin1Char('"') || c == QLatin1Char('\\'))
-            shown += QLatin1Char('\\') + QString(c);
-        else if (c.isPrint() || c.isSurrogate())
+    QString shown;
+    for (const QChar c : text) {
+        if (c.isPrint() || c.isSurrogate())
             shown += c;
         else
             shown += QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
     }
-    return shown + (text.size() > MAX_QUOTED ? QStringLiteral("...\"") : QStringLiteral("\""));
+    return shown;
+}
+
+QString quoted(const QString &text)
+{
+    QString shown = text.left(MAX_QUOTED);
+    shown.replace(QLatin1Char('\\'), QLatin1String("\\\\"));
+    shown.replace(QLatin1Char('"'), QLatin1String("\\\""));
+    const QString end = text.size() > MAX_QUOTED ? QStringLiteral("...\"") : QStringLiteral("\"");
+    return QLatin1Char('"') + printable(shown) + end;
 }
 
 } // namespace bus::names

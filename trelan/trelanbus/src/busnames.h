@@ -22,8 +22,11 @@ QString wildcardFault(const QString &wildcard);
 /// Whether an object of this name is a command to everybody, which is passed on and never kept.
 bool isCommandName(const QString &name);
 
-/// A text from a client as it may stand in a log line or a description: in quotes, control
-/// characters escaped, cut when it is long.
+/// A text from a client as it may stand in a log line: what is not printable is escaped.
+QString printable(const QString &text);
+
+/// A name from a client as it may stand in a log line or a description: printable, in quotes, and
+/// cut when it is long.
 QString quoted(const QString &text);
 
 } // namespace bus::names

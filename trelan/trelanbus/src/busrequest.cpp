@@ -18,6 +18,9 @@ namespace
 // levels: an object nested deeper could be published, but not be loaded back.
 constexpr int MAX_CONTENT_DEPTH = 1000;
 
+// Longer than any there is. The reply repeats the word, which must not take long to encode.
+constexpr int MAX_WORD = 64;
+
 const QString LIST_SEPARATOR = QStringLiteral("::");
 
 TrelanError dataFault(const QString &description)
@@ -240,7 +243,7 @@ BusRequest BusRequest::parse(const QByteArray &payload, qint64 maxInflatedSize)
             QStringLiteral("payload has to be an object with a string under \"operation\""));
         return request;
     }
-    request.word = word.toString();
+    request.word = word.toString().left(MAX_WORD);
     const auto parser = PARSERS.constFind(request.word);
     if (parser == PARSERS.constEnd()) {
         request.fault = TrelanError(TrelanError::UnsupportedRequest);

@@ -32,7 +32,7 @@ struct BusRequest
     };
 
     Operation operation = Invalid;
-    QString word;      ///< the operation as it was sent; the reply repeats it
+    QString word;      ///< the operation, cut when it is long; the reply repeats it
     TrelanError fault; ///< of an Invalid request
     TrelanFrame::Fault payloadFault = TrelanFrame::NoFault;
 

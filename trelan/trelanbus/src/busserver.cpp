@@ -202,8 +202,11 @@ void BusServer::onRequest(ConnectionId id, const QByteArray &payload)
         }
     }
     _codec.add([this, id, payload, limit] {
-        return
-            [this, id, request = BusRequest::parse(payload, limit)] { _core.handle(id, request); };
+        return [this, id, request = BusRequest::parse(payload, limit)] {
+            // A late handshake of a client that has gone must not take over one that is there.
+            if (_connections.contains(id))
+                _core.handle(id, request);
+        };
     });
 }
 

@@ -1,0 +1,124 @@
+#include "rawpeer.h"
+
+#include <QtCore/QJsonDocument>
+#include <QtCore/QRandomGenerator>
+#include <QtCore/QVector>
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using bus::TrelanFrame;
+using bus::TrelanFrameReader;
+
+QVariantMap noise(int bytes)
+{
+    QVector<quint32> random(bytes / 4);
+    QRandomGenerator(1).fillRange(random.data(), random.size());
+    const QByteArray raw(reinterpret_cast<const char *>(random.constData()), bytes);
+    return {{"noise", QString::fromLatin1(raw.toBase64())}};
+}
+
+TestBus::TestBus(bus::TrelanBusSettings settings)
+{
+    settings.queryPort = 0;
+    if (!start(settings))
+        qFatal("%s", qUtf8Printable(errorString()));
+}
+
+RawPeer::RawPeer()
+    : _socket(::socket(AF_INET, SOCK_STREAM, 0))
+{
+    const timeval wait {30, 0};
+    ::setsockopt(_socket, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    ::setsockopt(_socket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+}
+
+RawPeer::RawPeer(const bus::TrelanBus &server, const QString &name)
+    : RawPeer()
+{
+    const bool connected = connectTo(server.queryPort());
+    const QByteArray request = "handshake {'name':'" + name.toUtf8() + "'}";
+    if (!connected || (!name.isEmpty() && ask(request) != "0 "))
+        qWarning("the peer is not registered"); // and what needs it to be will fail
+}
+
+RawPeer::~RawPeer()
+{
+    ::close(_socket);
+}
+
+bool RawPeer::connectTo(quint16 port)
+{
+    const sockaddr_in to {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    return ::connect(_socket, reinterpret_cast<const sockaddr *>(&to), sizeof to) == 0;
+}
+
+QString RawPeer::address() const
+{
+    sockaddr_in own {};
+    socklen_t size = sizeof own;
+    ::getsockname(_socket, reinterpret_cast<sockaddr *>(&own), &size);
+    return QString("127.0.0.1:%1").arg(ntohs(own.sin_port));
+}
+
+QByteArray RawPeer::frame(const QByteArray &request)
+{
+    const int blank = request.indexOf(' ');
+    const QByteArray json = request.mid(blank).replace('\'', '"');
+    return frame(request.left(blank), QJsonDocument::fromJson(json).toVariant().toMap());
+}
+
+QByteArray RawPeer::frame(const QString &operation, const QVariantMap &data)
+{
+    return TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(operation, data));
+}
+
+QByteArray RawPeer::jsonFrame(const QByteArray &json)
+{
+    return TrelanFrame::frame(TrelanFrame::Request, qCompress(json).toBase64());
+}
+
+bool RawPeer::send(const QByteArray &bytes)
+{
+    const auto size = size_t(bytes.size());
+    return ::send(_socket, bytes.constData(), size, MSG_NOSIGNAL) == bytes.size();
+}
+
+QString RawPeer::receive()
+{
+    char bytes[64 * 1024];
+    TrelanFrameReader::Status status = _reader.next();
+    ssize_t count = 1;
+    while (status == TrelanFrameReader::NeedMoreData && count > 0) {
+        count = ::recv(_socket, bytes, sizeof bytes, 0);
+        _reader.feed(QByteArray(bytes, int(qMax<ssize_t>(count, 0))));
+        status = _reader.next();
+    }
+    if (status != TrelanFrameReader::FrameReady || _reader.kind() != TrelanFrame::Reply)
+        return "none";
+    _envelope = TrelanFrame::decodePayload(_reader.payload()).envelope;
+    const QVariantMap result = _envelope.value("result").toMap();
+    return result.value("code").toString() + ' ' + result.value("description").toString();
+}
+
+QString RawPeer::ask(const QByteArray &request)
+{
+    return send(frame(request)) ? receive() : "none";
+}
+
+bool RawPeer::hasInput(int milliseconds)
+{
+    pollfd poll {_socket, POLLIN, 0};
+    return ::poll(&poll, 1, milliseconds) > 0;
+}
+
+bool RawPeer::awaitEnd()
+{
+    char bytes[64 * 1024];
+    ssize_t count = 1;
+    while (count > 0)
+        count = ::recv(_socket, bytes, sizeof bytes, 0);
+    return count == 0 || errno == ECONNRESET;
+}

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <trelanbus.h>
+#include <trelanframereader.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
+#include <QtCore/QVariantMap>
+
+/// The content of an object that hardly compresses, the same each time.
+QVariantMap noise(int bytes);
+
+/// A bus on a free port.
+class TestBus : public bus::TrelanBus
+{
+public:
+    explicit TestBus(bus::TrelanBusSettings settings = {});
+};
+
+/// \brief A client that sends any bytes. Blocking; every wait is bounded by 30 s. One thread may
+/// send while another receives.
+///
+/// Requests are written as "operation {'key': 'value'}"; a reply is told by its status, "code
+/// description".
+class RawPeer
+{
+public:
+    /// Has its descriptor, but no connection.
+    RawPeer();
+    /// Connected, and registered as \a name unless that is empty.
+    explicit RawPeer(const bus::TrelanBus &server, const QString &name = QString());
+    ~RawPeer();
+    Q_DISABLE_COPY(RawPeer)
+
+    bool connectTo(quint16 port);
+    /// Address and port, as the bus names this peer.
+    QString address() const;
+
+    static QByteArray frame(const QByteArray &request);
+    static QByteArray frame(const QString &operation, const QVariantMap &data);
+    /// A request frame around a payload that inflates to \a json.
+    static QByteArray jsonFrame(const QByteArray &json);
+
+    /// False if the other side does not take it any more.
+    bool send(const QByteArray &bytes);
+    /// Status of the next reply; "none" if the connection ends instead.
+    QString receive();
+    QString ask(const QByteArray &request);
+    /// The envelope of the reply received last.
+    QVariantMap envelope() const { return _envelope; }
+    QVariantMap data() const { return _envelope.value(QStringLiteral("data")).toMap(); }
+    /// Whether anything, the end included, is there within this time.
+    bool hasInput(int milliseconds);
+    /// Whether the other side ends the connection; what it still sends is skipped.
+    bool awaitEnd();
+
+private:
+    const int _socket;
+    bus::TrelanFrameReader _reader {64 * 1024 * 1024};
+    QVariantMap _envelope;
+};
