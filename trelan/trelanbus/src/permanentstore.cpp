@@ -7,6 +7,8 @@
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonDocument>
 #include <QtCore/QtEndian>
 
 #include <sqlite3.h>
@@ -59,6 +61,18 @@ QByteArray columnBytes(sqlite3_stmt *statement, int column)
 QString columnText(sqlite3_stmt *statement, int column)
 {
     return QString::fromUtf8(columnBytes(statement, column));
+}
+
+/// A text of the client's choice, exactly. JSON escapes what UTF-8 has no form for (half a
+/// surrogate pair) and what readers of UTF-8 stop at (a NUL).
+QByteArray exactBytes(const QString &text)
+{
+    return QJsonDocument(QJsonArray {text}).toJson(QJsonDocument::Compact);
+}
+
+QString exactText(const QByteArray &bytes)
+{
+    return QJsonDocument::fromJson(bytes).array().first().toString();
 }
 
 /// What the operating system said to it, in brackets; empty if it was not asked.
@@ -163,7 +177,10 @@ bool PermanentStore::load(QVector<ObjectRecord> &records)
             return false;
         records.append(record);
     }
-    return status == SQLITE_DONE || failDatabase();
+    if (status != SQLITE_DONE)
+        return failDatabase();
+    keepLogOnClose(false);
+    return true;
 }
 
 bool PermanentStore::apply(const QVector<Change> &changes)
@@ -215,15 +232,12 @@ bool PermanentStore::prepareDatabase()
 {
     sqlite3_busy_timeout(_database.get(), BUSY_TIMEOUT_MS);
     sqlite3_extended_result_codes(_database.get(), 1);
-    // A database that is refused stays as it is to the byte, its log included.
+    // A database that is refused, now or by load(), stays as it is to the byte, its log included.
     keepLogOnClose(true);
     // Exclusive before anything is read: from then on no other server gets in. With it the index
     // of the log is in memory, so that a damaged one cannot be left behind.
-    if (!execute("PRAGMA locking_mode = EXCLUSIVE") || !execute("BEGIN IMMEDIATE") || !checkLog() ||
-        !checkKind() || !checkIntegrity() || !execute("COMMIT") || !useLog())
-        return false;
-    keepLogOnClose(false);
-    return true;
+    return execute("PRAGMA locking_mode = EXCLUSIVE") && execute("BEGIN IMMEDIATE") && checkLog() &&
+           checkKind() && checkIntegrity() && execute("COMMIT") && useLog();
 }
 
 void PermanentStore::keepLogOnClose(bool keep)
@@ -324,7 +338,7 @@ bool PermanentStore::put(sqlite3_stmt *statement, const ObjectRecord &record)
     row.name = record.head.name().toUtf8();
     row.publisher = record.head.publisher().toUtf8();
     row.time = record.head.dt().toMSecsSinceEpoch();
-    row.uid = record.head.uid().toUtf8();
+    row.uid = exactBytes(record.head.uid());
     row.options = int(record.head.options());
     row.content = record.contentJson;
     const QByteArray digest = row.digest();
@@ -390,7 +404,7 @@ bool PermanentStore::readRow(sqlite3_stmt *statement, ObjectRecord &record)
     record.head.setName(QString::fromUtf8(row.name));
     record.head.setPublisher(QString::fromUtf8(row.publisher));
     record.head.setDt(QDateTime::fromMSecsSinceEpoch(row.time));
-    record.head.setUid(QString::fromUtf8(row.uid));
+    record.head.setUid(exactText(row.uid));
     record.head.setOptions(TrelanObject::Options(QFlag(row.options)));
     record.contentJson = row.content;
     return true;

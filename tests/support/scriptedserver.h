@@ -1,0 +1,85 @@
+#pragma once
+
+#include <QtCore/QByteArray>
+#include <QtCore/QList>
+#include <QtCore/QMutex>
+#include <QtCore/QVariantMap>
+
+#include <functional>
+#include <list>
+#include <thread>
+
+/// A frame as the peer received it, taken apart without the library's own codec.
+struct ScriptedFrame
+{
+    QByteArray raw, json; ///< the whole of it, and the inflated envelope
+    QString operation;
+    QVariantMap data, result;
+};
+
+class ScriptedServer;
+
+/// \brief One connection, as its script sees it. What returns bool waits until it is done, and is
+/// false when the client is gone or the server ends.
+class ScriptedPeer
+{
+public:
+    const int number; ///< of the connection, from 0
+
+    /// Reads one whole frame, which is then among the server's frames.
+    bool readFrame();
+    /// Reads bytes off the wire, which readFrame() takes into account.
+    bool read(int atLeast);
+    bool send(const QByteArray &bytes);
+    /// Waits for one ScriptedServer::release().
+    bool awaitRelease();
+    /// Discards what comes until the client ends the connection.
+    void awaitEnd();
+    /// In order, or with a reset.
+    void close(bool reset = false);
+
+private:
+    friend class ScriptedServer;
+    ScriptedPeer(ScriptedServer *server, int socket, int connection);
+    bool wait(int descriptor, short events) const;
+
+    ScriptedServer *_server;
+    int _socket;
+    QByteArray _buffer;
+};
+
+/// \brief A bus that does exactly what a test tells it, faults included: a TCP server on an
+/// ephemeral port of 127.0.0.1 that plays a script on every connection, each in its own thread, and
+/// closes the connection when the script returns.
+class ScriptedServer
+{
+public:
+    using Script = std::function<void(ScriptedPeer &)>;
+
+    explicit ScriptedServer(const Script &script);
+    /// Ends all scripts at their next wait.
+    ~ScriptedServer();
+
+    quint16 port() const { return _port; }
+    /// All frames received so far, of all connections.
+    QList<ScriptedFrame> frames() const;
+    /// Lets one awaitRelease() return; from any thread.
+    void release();
+
+    static QByteArray payload(const QByteArray &json);
+    static QByteArray frame(const QByteArray &header, const QByteArray &payload);
+    /// A reply frame; \a data is JSON.
+    static QByteArray reply(const QByteArray &operation, int code = 0,
+                            const QByteArray &description = {}, const QByteArray &data = "{}");
+
+private:
+    friend class ScriptedPeer;
+    void acceptAll();
+
+    const Script _script;
+    const int _listener, _stop, _released;
+    quint16 _port = 0;
+    mutable QMutex _mutex; // for the frames and the threads
+    QList<ScriptedFrame> _frames;
+    std::list<std::thread> _threads; // the one that accepts, then one for each connection
+};
