@@ -11,7 +11,9 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 option(TRELAN_WERROR "Treat warnings as errors" ON)
 set(TRELAN_SANITIZE "" CACHE STRING "Sanitizers to build with, as for -fsanitize=")
 
-# An installed tree can be moved: everything finds its libraries relative to itself.
+# A tree can be moved, the installed and the built one: everything finds its libraries relative to
+# itself. It also makes two builds in different folders alike.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 file(RELATIVE_PATH TRELAN_BIN_TO_LIB
     "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
 set(TRELAN_RPATH_LIB "$ORIGIN")

@@ -10,6 +10,9 @@ function(add_trelan_test name)
         set(ARG_TIMEOUT 60)
     endif()
     add_executable(${name} ${ARG_SOURCES})
+    if(TARGET TrelanQtSync) # before Qt, whose functions it stands for
+        target_link_libraries(${name} PRIVATE TrelanQtSync)
+    endif()
     target_link_libraries(${name} PRIVATE Qt5::Test ${ARG_LIBRARIES})
     add_test(NAME ${name} COMMAND ${name})
     set_tests_properties(${name} PROPERTIES

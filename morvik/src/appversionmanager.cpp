@@ -1,8 +1,21 @@
 #include "appversionmanager.h"
 
+#include <QtCore/QCoreApplication>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 #include <QtCore/QHash>
+#include <QtCore/QLocale>
 #include <QtCore/QMutex>
 #include <QtCore/QMutexLocker>
+#include <QtCore/QStringList>
+#include <QtCore/QThread>
+#include <QtCore/QTranslator>
+
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+#include <dlfcn.h>
 
 namespace morvik
 {
@@ -10,10 +23,30 @@ namespace morvik
 namespace
 {
 
+const QString RESOURCE_FOLDER = QStringLiteral(":/translations");
+const QString TRANSLATOR_NAME = QStringLiteral("morvik.translator.%1");
+
+/// The path of this library, links resolved, in the bytes of the file system. A loader may have
+/// been given a relative path, which means nothing any more once the process changes its folder.
+QByteArray libraryPath()
+{
+    Dl_info info;
+    static const char _inThisLibrary = 0;
+    if (dladdr(&_inThisLibrary, &info) == 0)
+        return {};
+    const std::unique_ptr<char, decltype(&std::free)> path(realpath(info.dli_fname, nullptr),
+                                                           &std::free);
+    return path.get();
+}
+
 struct Registry
 {
     QMutex mutex;
     QHash<QString, AppVersion> versions;
+    QStringList localisations;
+    /// Not decoded here: before there is an application object Qt would take the C locale for the
+    /// encoding of file names, and keep to it.
+    const QByteArray path = libraryPath();
 };
 
 /// Built on first use: libraries register while they are loaded, in an order nobody controls.
@@ -22,6 +55,59 @@ Registry &registry()
     static Registry _registry;
     return _registry;
 }
+
+/// Never a relative folder: a translation must not come from wherever the process was started.
+QString installedFolder()
+{
+    if (registry().path.isEmpty())
+        return RESOURCE_FOLDER;
+    const QFileInfo library(QFile::decodeName(registry().path));
+    return library.path() + QStringLiteral("/" MORVIK_LIB_TO_TRANSLATIONS);
+}
+
+/// The texts in the code are English. Somebody who reads English first and has German as a second
+/// choice is not to get German only because there is no English file.
+bool prefersTextsOfTheCode(const QLocale &locale)
+{
+    const QLocale first(locale.uiLanguages().value(0));
+    return first.language() == QLocale::C || first.language() == QLocale::English;
+}
+
+/// In the thread of the application object.
+void installTranslator(const QString &name)
+{
+    QCoreApplication *application = QCoreApplication::instance();
+    const QString objectName = TRANSLATOR_NAME.arg(name);
+    const QLocale locale;
+    if (prefersTextsOfTheCode(locale) ||
+        application->findChild<QObject *>(objectName, Qt::FindDirectChildrenOnly))
+        return;
+
+    auto translator = std::make_unique<QTranslator>();
+    const QString separator(QLatin1Char('_'));
+    if (!translator->load(locale, name, separator, installedFolder()) &&
+        !translator->load(locale, name, separator, RESOURCE_FOLDER))
+        return;
+    translator->setObjectName(objectName);
+    translator->setParent(application);
+    QCoreApplication::installTranslator(translator.release());
+}
+
+/// Qt calls it in the constructor of every application object, and once while this library is
+/// loaded if there is one already: then there are no names yet.
+void installTranslators()
+{
+    Registry &known = registry();
+    QStringList names;
+    {
+        const QMutexLocker locker(&known.mutex);
+        names = known.localisations;
+    }
+    for (const QString &name : std::as_const(names))
+        installTranslator(name);
+}
+
+Q_COREAPP_STARTUP_FUNCTION(installTranslators)
 
 } // namespace
 
@@ -41,7 +127,23 @@ AppVersion AppVersionManager::version(const QString &name)
 
 void AppVersionManager::addLocalisation(const QString &name)
 {
-    Q_UNUSED(name)
+    {
+        Registry &known = registry();
+        const QMutexLocker locker(&known.mutex);
+        if (known.localisations.contains(name))
+            return;
+        known.localisations.append(name);
+    }
+    // The name is in the list by now: an application object that is made after this line installs
+    // it, and one that does both at the same time finds the translator it has.
+    QCoreApplication *application = QCoreApplication::instance();
+    if (!application)
+        return;
+    if (application->thread() == QThread::currentThread())
+        installTranslator(name);
+    else
+        QMetaObject::invokeMethod(
+            application, [name] { installTranslator(name); }, Qt::QueuedConnection);
 }
 
 } // namespace morvik

@@ -24,10 +24,14 @@ public:
 
     /// \brief Loads the translations of \a name for the locale of the process.
     ///
-    /// The file `<name>_<locale>.qm` is looked for in the folder of installed translations and then
-    /// in the Qt resource folder ":/translations". It is installed as soon as there is an
-    /// application object, at once if there is one, and for every later one again. A locale
-    /// without translation is no fault: the texts stay as they are in the code.
+    /// The file `<name>_<locale>.qm` is looked for in the folder of installed translations,
+    /// `<datadir>/morvik/translations` of the tree this library lies in, and then in the Qt
+    /// resource folder ":/translations". It is installed as soon as there is an application
+    /// object, at once if there is one, and for every later one again; in another thread than the
+    /// application's it is left to that thread's event loop. A name counts once.
+    ///
+    /// A locale without translation is no fault, and neither is one that prefers English: the texts
+    /// stay as they are in the code.
     static void addLocalisation(const QString &name);
 };
 

@@ -11,6 +11,7 @@
 /// a QDebug stream and leaves the stream's settings (quotes, spaces) as they were.
 ///
 /// What comes from outside may be huge: a rendering is cut at MAX_LOG_BYTES, and says by how much.
+/// In a stream in space mode a value has one blank before and after it, as any value has.
 ///
 /// \code
 /// qWarning().noquote().nospace() << error.errorString() << morvik::logtab
@@ -19,12 +20,12 @@
 namespace morvik
 {
 
-/// Longest rendering of one value, in bytes of what is rendered.
+/// Longest rendering of one value, in bytes (UTF-8), without the note of what was cut.
 constexpr int MAX_LOG_BYTES = 64 * 1024;
 
 struct LogTab
 {};
-/// One tab, with no space around it and no quotes.
+/// One tab, with no blank around it in any mode and no quotes.
 constexpr LogTab logtab {};
 
 struct LogBinary
@@ -39,14 +40,16 @@ struct LogList
 {
     QStringList items;
 };
-/// A list of texts, each in quotes, in one log entry.
+/// A list of texts, each in quotes, in one log entry: ("a", "b"). Quotes, backslashes and what
+/// cannot be printed are escaped, so that a line break in the data starts no line of the log.
 MORVIK_EXPORT LogList loglist(const QStringList &items);
 
 struct LogVariant
 {
     QVariant value;
 };
-/// A variant as compact JSON, which keeps maps and lists readable on one line.
+/// A variant as compact JSON, which keeps maps and lists readable on one line. What JSON has no
+/// form for, an invalid variant for one, is rendered as Qt does.
 MORVIK_EXPORT LogVariant logvariant(const QVariant &value);
 
 MORVIK_EXPORT QDebug operator<<(QDebug debug, const LogTab &tab);

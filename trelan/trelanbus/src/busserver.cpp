@@ -63,6 +63,7 @@ BusServer::BusServer(const TrelanBusSettings &settings)
     , _codec(
           [](const std::vector<Job> &jobs) {
               std::vector<Completion> completions;
+              completions.reserve(jobs.size());
               for (const Job &job : jobs)
                   completions.push_back(job());
               return completions;

@@ -121,6 +121,11 @@ TrelanFrameReader::Status TrelanFrameReader::readPayload()
     _payload = _buffer.mid(_position, _size);
     _position += _size;
     _state = InHeader;
+    // A connection that is idle after a large frame must not hold on to the memory it took.
+    if (_position == _buffer.size()) {
+        _buffer.clear();
+        _position = 0;
+    }
     return FrameReady;
 }
 

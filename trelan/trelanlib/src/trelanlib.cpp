@@ -11,6 +11,13 @@
 #include <QtCore/QSharedPointer>
 #include <QtNetwork/QAbstractSocket>
 
+/// Translations may be looked for before the static objects of the resource's own file are made.
+/// The macro wants the global namespace; it does no harm twice.
+static void initTranslations()
+{
+    Q_INIT_RESOURCE(trelanclient);
+}
+
 namespace bus
 {
 
@@ -54,6 +61,7 @@ TrelanLib::TrelanLib()
     qRegisterMetaType<QAbstractSocket::SocketError>();
     qRegisterMetaType<QAbstractSocket::SocketState>();
 
+    initTranslations();
     morvik::AppVersionManager::addLocalisation(LIBRARY_NAME);
 }
 

@@ -46,7 +46,7 @@ public:
     /// An object without name, content and uid, Stored, with the current time as its time stamp.
     TrelanObject();
     TrelanObject(const TrelanObject &other);
-    /// Leaves \a other as a default object would be, apart from its time.
+    /// Leaves \a other without its values, its time included; the flag word is copied.
     TrelanObject(TrelanObject &&other);
     ~TrelanObject();
 

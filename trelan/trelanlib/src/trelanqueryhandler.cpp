@@ -33,6 +33,26 @@ constexpr int ATTEMPTS_WITHOUT_WAIT = 2;
 const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
 const QString LIST_SEPARATOR = QStringLiteral("::");
 
+/// The low 16 bits of the "code" of a reply. Texts and truth values are no codes, although QVariant
+/// would make numbers of them.
+quint16 codeOf(const QVariantMap &result)
+{
+    const QVariant code = result.value(QStringLiteral("code"));
+    if (code.userType() == QMetaType::QString || code.userType() == QMetaType::Bool)
+        return TrelanError::NoError;
+    return quint16(code.toUInt());
+}
+
+/// The lines of what came of a payload. Only what a log shows is taken apart, since millions of
+/// line feeds would take far more memory as a list than as bytes.
+QStringList linesOf(const QByteArray &payload)
+{
+    const QString text = QString::fromLatin1(payload.constData(), payload.size());
+    QStringList lines = text.left(morvik::MAX_LOG_BYTES).split(QLatin1Char('\n'));
+    lines.last() += text.mid(morvik::MAX_LOG_BYTES);
+    return lines;
+}
+
 } // namespace
 
 quint16 TrelanQueryHandler::_queryPort = TrelanQueryHandler::DEFAULT_PORT;
@@ -107,17 +127,7 @@ bool TrelanQueryHandler::open()
     if (isOpen())
         return true;
 
-    // A close that is still sending, or a connection without a handshake, would make
-    // connectToHost() refuse; and an earlier handshake says nothing about this connection.
-    if (_socket->state() != QAbstractSocket::UnconnectedState) {
-        _socket->blockSignals(true);
-        _socket->abort();
-    }
-    _handshaked = false;
-    _socket->blockSignals(false);
-    _socket->connectToHost(QHostAddress(queryHost()), queryPort(), QIODevice::ReadWrite);
-    if (_socket->state() != QAbstractSocket::ConnectedState &&
-        !_socket->waitForConnected(WAIT_MS)) {
+    if (!connectToBus()) {
         close();
         return fail(NotOpen);
     }
@@ -249,7 +259,7 @@ void TrelanQueryHandler::socketError(QAbstractSocket::SocketError error)
     // Every timed wait ends in this one when nothing came, and says so by its result.
     if (!_socket || error == QAbstractSocket::SocketTimeoutError)
         return;
-    qWarning() << error << _socket->errorString() << QDateTime::currentDateTime();
+    qWarning().noquote() << error << _socket->errorString() << QDateTime::currentDateTime();
 }
 
 bool TrelanQueryHandler::handshake()
@@ -278,7 +288,7 @@ bool TrelanQueryHandler::request(QString operation, QVariantMap data)
 bool TrelanQueryHandler::processReply(QString operation, QVariantMap data, QVariantMap result)
 {
     Q_UNUSED(data)
-    const quint16 code = quint16(result.value(QStringLiteral("code")).toUInt());
+    const quint16 code = codeOf(result);
     const QString description = result.value(QStringLiteral("description")).toString();
     if (code != 0) {
         fail(Refused);
@@ -297,10 +307,11 @@ bool TrelanQueryHandler::processReply(QString operation, QVariantMap data, QVari
     return false;
 }
 
-/// A QTcpSocket stays open as a device after its connection is gone, so the state decides.
+/// A QTcpSocket stays open as a device after its connection is gone, and while a close() is still
+/// sending what was left, so the state decides.
 bool TrelanQueryHandler::canRequest() const
 {
-    return _socket && _socket->isOpen() && _socket->state() != QAbstractSocket::UnconnectedState;
+    return _socket && _socket->isOpen() && _socket->state() == QAbstractSocket::ConnectedState;
 }
 
 void TrelanQueryHandler::resetFailure()
@@ -330,6 +341,21 @@ void TrelanQueryHandler::sendRequest(const QString &operation, const QVariantMap
         _socket->waitForBytesWritten(WAIT_MS);
 }
 
+bool TrelanQueryHandler::connectToBus()
+{
+    // A close that is still sending, or a connection without a handshake, would make
+    // connectToHost() refuse; and an earlier handshake says nothing about this connection.
+    if (_socket->state() != QAbstractSocket::UnconnectedState) {
+        _socket->blockSignals(true);
+        _socket->abort();
+    }
+    _handshaked = false;
+    _socket->blockSignals(false);
+    _socket->connectToHost(QHostAddress(queryHost()), queryPort(), QIODevice::ReadWrite);
+    return _socket->state() == QAbstractSocket::ConnectedState ||
+           _socket->waitForConnected(WAIT_MS);
+}
+
 bool TrelanQueryHandler::waitForReply(qint64 staleBytes)
 {
     // While a large request is being written the reply may arrive, and waiting for the write then
@@ -342,7 +368,7 @@ bool TrelanQueryHandler::waitForReply(qint64 staleBytes)
     }
     if (!_socket || _socket->bytesAvailable() == 0) {
         qCritical().noquote() << tr("Socket is empty");
-        return fail(Framing);
+        return failUnlessLost(Framing);
     }
     return true;
 }
@@ -361,13 +387,16 @@ bool TrelanQueryHandler::readReply(QVariantMap &answer)
     const int size = sizeText.toInt(nullptr, 10); // no number is size 0 on this channel
     const QByteArray payload = readPayload(size);
     if (payload.size() != size) {
-        const QString text = QString::fromLatin1(payload.constData(), payload.size());
         qCritical().noquote()
             << tr("Incorrect reply data size %1 != %2").arg(payload.size()).arg(size)
-            << loglist(text.split(QLatin1Char('\n')));
+            << loglist(linesOf(payload));
         return failUnlessLost(Framing);
     }
+    return takePayload(payload, answer);
+}
 
+bool TrelanQueryHandler::takePayload(const QByteArray &payload, QVariantMap &answer)
+{
     const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(payload);
     if (decoded.fault != TrelanFrame::NoFault) {
         qWarning().noquote().nospace()
@@ -393,10 +422,11 @@ QByteArray TrelanQueryHandler::readPayload(int size)
     for (int attempt = 0; payload.size() < size && attempt < attempts; ++attempt) {
         if (attempt >= ATTEMPTS_WITHOUT_WAIT)
             _socket->waitForReadyRead(READ_WAIT_MS);
-        payload.append(
-            _socket->read(qMin<qint64>(size - payload.size(), _socket->bytesAvailable())));
+        const qint64 arrived = _socket->bytesAvailable();
+        if (arrived > 0)
+            payload.append(_socket->read(qMin<qint64>(size - payload.size(), arrived)));
         QThread::msleep(READ_PAUSE_MS);
-        if (!canRequest() && _socket->bytesAvailable() == 0)
+        if (arrived == 0 && !canRequest())
             break;
     }
     return payload;

@@ -101,7 +101,8 @@ public:
     TrelanError lastError() const;
 
 Q_SIGNALS:
-    /// The connection dropped by itself; never emitted by close().
+    /// The connection dropped by itself; never emitted by close(). It may come out of a request
+    /// that is waiting, so reopen from a queued connection, not from a direct one.
     void busDisconnected();
     /// open() has succeeded.
     void kelbusConnected();
@@ -157,6 +158,7 @@ public Q_SLOTS:
 
 private:
     bool canRequest() const;
+    bool connectToBus();
     void resetFailure();
     bool fail(Failure failure);
     bool failUnlessLost(Failure failure);
@@ -164,6 +166,7 @@ private:
     bool waitForReply(qint64 staleBytes);
     bool readReply(QVariantMap &answer);
     QByteArray readPayload(int size);
+    bool takePayload(const QByteArray &payload, QVariantMap &answer);
 
     QPointer<QTcpSocket> _socket;
     QString _clientName;

@@ -84,7 +84,10 @@ Inflater::Outcome Inflater::inflateAll(qint64 limit, QByteArray &inflated)
         if (filled == inflated.size()) {
             if (filled > limit)
                 return TooLarge;
-            inflated.resize(int(qMin<qint64>(most, qMax<qint64>(FIRST_CHUNK, filled * 2LL))));
+            // Reserved first: resize() alone takes the next power of two, which is past the limit.
+            const int size = int(qMin<qint64>(most, qMax<qint64>(FIRST_CHUNK, filled * 2LL)));
+            inflated.reserve(size);
+            inflated.resize(size);
         }
         _stream.next_out = reinterpret_cast<Bytef *>(inflated.data()) + filled;
         _stream.avail_out = uInt(inflated.size() - filled);

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <trelanobject.h>
+
+#include <QtCore/QList>
+#include <QtCore/QString>
+
+namespace hoststate
+{
+
+/// \brief Reads the state of this machine from the kernel's files, as objects to publish.
+///
+/// host.<name>.load, .memory, .net.<interface> and .disk.<mount>. What cannot be read is left out.
+class HostSampler
+{
+public:
+    explicit HostSampler(const QString &hostName);
+
+    QList<bus::TrelanObject> sample() const;
+
+private:
+    void append(QList<bus::TrelanObject> &objects, const QString &name,
+                const QVariantMap &figures) const;
+
+    const QString _prefix;
+};
+
+} // namespace hoststate

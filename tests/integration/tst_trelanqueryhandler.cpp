@@ -1,0 +1,478 @@
+#include <logcapture.h>
+#include <scriptedserver.h>
+#include <trelanqueryhandler.h>
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QFile>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QRandomGenerator>
+#include <QtCore/QRegularExpression>
+#include <QtCore/QSemaphore>
+#include <QtNetwork/QTcpSocket>
+#include <QtTest/QtTest>
+
+#include <memory>
+
+using namespace bus;
+using Q = TrelanQueryHandler;
+using Server = ScriptedServer;
+
+namespace
+{
+
+QString operator""_s(const char *text, size_t size)
+{
+    return QString::fromUtf8(text, int(size));
+}
+
+/// JSON, written with single quotes.
+QByteArray j(QByteArray json)
+{
+    return json.replace('\'', '"');
+}
+
+QVariantMap map(const QByteArray &json)
+{
+    return QJsonDocument::fromJson(j(json)).toVariant().toMap();
+}
+
+const QByteArray HELLO = Server::reply("handshake");
+const QString PEER_GONE = "warning: QAbstractSocket::RemoteHostClosedError The remote host closed "
+                          "the connection <now>"_s;
+
+/// Answers one request after the other with these bytes, then waits for the end.
+Server::Script answers(const QByteArrayList &replies)
+{
+    return [replies](ScriptedPeer &peer) {
+        for (const QByteArray &reply : replies) {
+            if (!peer.readFrame() || !peer.send(reply))
+                return;
+        }
+        peer.awaitEnd();
+    };
+}
+
+/// Data that makes a request of more than this many bytes, although it is compressed.
+QVariantMap noise(int bytes)
+{
+    QVector<quint32> random(bytes / 4);
+    QRandomGenerator(1).fillRange(random.data(), random.size());
+    const QByteArray raw(reinterpret_cast<const char *>(random.constData()), bytes);
+    return {{"noise"_s, QString::fromLatin1(raw.toBase64())}};
+}
+
+/// Most address space this process has had, in KiB.
+int peakMemory()
+{
+    QFile status("/proc/self/status"_s);
+    status.open(QIODevice::ReadOnly);
+    const QByteArray text = status.readAll();
+    return text.mid(text.indexOf("VmPeak:") + 7, 16).trimmed().split(' ')[0].toInt();
+}
+
+} // namespace
+
+class tst_TrelanQueryHandler : public QObject
+{
+    Q_OBJECT
+
+    std::unique_ptr<LogCapture> _log;
+    std::unique_ptr<Server> _server;
+    std::unique_ptr<Q> _handler;
+
+    void serve(const Server::Script &script)
+    {
+        _server = std::make_unique<Server>(script);
+        Q::setQueryPort(_server->port());
+    }
+
+    /// Opens the handler, with the script to follow on the handshake.
+    bool openOn(const Server::Script &script)
+    {
+        serve([script](ScriptedPeer &peer) {
+            if (peer.readFrame() && peer.send(HELLO))
+                script(peer);
+        });
+        return _handler->open();
+    }
+
+    /// From now on the script is released each time the handler's socket takes bytes off the wire.
+    void releaseOnReadyRead()
+    {
+        connect(_handler->findChild<QTcpSocket *>(), &QTcpSocket::readyRead, this,
+                [this] { _server->release(); });
+    }
+
+    QString log() const
+    {
+        static const QRegularExpression NOW("QDateTime\\(\\d{4}-[^()]*\\)$"_s);
+        return _log->texts().replaceInStrings(NOW, "<now>"_s).join(QLatin1Char('|'));
+    }
+
+    /// What the server got of an operation that has just succeeded.
+    QByteArray sent(bool ok) const
+    {
+        const ScriptedFrame frame = _server->frames().last();
+        const QByteArray data =
+            QJsonDocument::fromVariant(frame.data).toJson(QJsonDocument::Compact);
+        return (ok ? frame.operation.toUtf8() : "failed") + ' ' + data;
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        _log = std::make_unique<LogCapture>();
+        _handler = std::make_unique<Q>("me"_s);
+    }
+
+    void cleanup()
+    {
+        _handler.reset();
+        _server.reset();
+        const QList<LogCapture::Line> lines = _log->lines();
+        _log.reset();
+        // Whatever else there is in the log is Qt complaining of how its sockets are used.
+        for (const LogCapture::Line &line : lines) {
+            QCOMPARE(line.file, "trelan/trelanlib/src/trelanqueryhandler.cpp"_s);
+            QVERIFY(line.function.contains("bus::TrelanQueryHandler::"_s));
+            QCOMPARE(line.category, "default"_s);
+        }
+    }
+
+    void handshakeDecidesOpen_data()
+    {
+        QTest::addColumn<QByteArray>("reply");
+        QTest::addColumn<Q::Failure>("failure");
+        QTest::addColumn<QString>("logged");
+        QTest::newRow("accepted") << HELLO << Q::None << ""_s;
+        QTest::newRow("refused") << Server::reply("handshake", 3, "no") << Q::Refused << ""_s;
+        QTest::newRow("other name") << Server::reply("Handshake") << Q::Framing << ""_s;
+        QTest::newRow("other name, refused")
+            << Server::reply("pub", 3, "no") << Q::Refused << "|critical: 3\tno"_s;
+    }
+
+    void handshakeDecidesOpen()
+    {
+        QFETCH(QByteArray, reply);
+        QFETCH(Q::Failure, failure);
+        QFETCH(QString, logged);
+        const bool accepted = failure == Q::None;
+        // An earlier connection, accepted and lost, must not count for the next one.
+        serve([=](ScriptedPeer &peer) {
+            peer.readFrame();
+            peer.send(peer.number == 0 ? HELLO : reply);
+            if (peer.number == 1)
+                peer.awaitEnd();
+        });
+        QSignalSpy connected(_handler.get(), SIGNAL(kelbusConnected()));
+        QSignalSpy disconnected(_handler.get(), SIGNAL(busDisconnected()));
+        _handler->close(); // whose silence must end with the next open()
+        QVERIFY(_handler->open());
+        QTRY_COMPARE(disconnected.count(), 1);
+        QVERIFY(!_handler->isOpen() && _handler->handshaked());
+        QVERIFY(!_handler->subscribe("a"_s) && _handler->lastFailure() == Q::NotOpen);
+
+        QCOMPARE(_handler->open(), accepted);
+        QCOMPARE(_handler->isOpen(), accepted);
+        QCOMPARE(_handler->handshaked(), accepted);
+        QCOMPARE(_handler->lastFailure(), failure);
+        QCOMPARE(int(_handler->lastError().error()), failure == Q::Refused ? 3 : 0);
+        QCOMPARE(_handler->lastError().description(), failure == Q::Refused ? "no"_s : ""_s);
+        QCOMPARE(log(), PEER_GONE + logged);
+        QElapsedTimer pause;
+        pause.start();
+        _handler->close();
+        QVERIFY(pause.elapsed() >= 100 && !_handler->handshaked());
+        QCoreApplication::processEvents();
+        QCOMPARE(disconnected.count(), 1);
+        QCOMPARE(connected.count(), accepted ? 2 : 1);
+    }
+
+    void opensOnceAndOnlyWithABus()
+    {
+        QVERIFY(openOn(answers({Server::reply("x", 0, {}, j("{'k':[1,'ä']}"))})));
+        QVERIFY(_handler->open());
+        QVariantMap answer = map("{'old':1}");
+        QVERIFY(_handler->request(answer, "x"_s, {}));
+        QCOMPARE(answer, map("{'k':[1,'ä']}"));
+        QCOMPARE(_server->frames().size(), 2); // one handshake, one request
+        QVERIFY(_server->frames()[0].raw.startsWith("[-REQUEST-]\r\n"));
+        QCOMPARE(_server->frames()[0].operation, "handshake"_s);
+        QCOMPARE(_server->frames()[0].data, map("{'name':'me'}"));
+        QCOMPARE(_server->frames()[1].json.simplified(), j("{ 'data': { }, 'operation': 'x' }"));
+
+        Q other("other"_s);
+        Q::setQueryPort(0);
+        QVERIFY(!other.open() && other.lastFailure() == Q::NotOpen);
+        QCOMPARE(log(), ""_s);
+        serve([](ScriptedPeer &) {});
+        _server.reset();
+        QVERIFY(!other.open() && other.lastFailure() == Q::NotOpen);
+        QCOMPARE(log(),
+                 "warning: QAbstractSocket::ConnectionRefusedError Connection refused <now>"_s);
+    }
+
+    void operations()
+    {
+        const QByteArray done = Server::reply("any");
+        QVERIFY(openOn(answers({done, done, done, done, done, done, done, done, done, done})));
+        Q &q = *_handler;
+        QByteArray json = j("{'cnt':{'t':2.5},'dt':'5','nm':'a','opt':7,'p':'you','uid':'u'}");
+        const TrelanObject object = TrelanObject::fromVariantMap(map(json));
+        QCOMPARE(sent(q.publish(object)), "pub " + json.replace("you", "me"));
+        QCOMPARE(sent(q.subscribe(" a "_s)), j("sub {'wc':' a '}"));
+        QCOMPARE(sent(q.subscribe({"a.*"_s, "b"_s})), j("sub {'wcs':'a.*::b'}"));
+        QCOMPARE(sent(q.subscribe(QStringList())), j("sub {'wcs':''}"));
+        QCOMPARE(sent(q.unsubscribe("a"_s)), j("unsub {'wc':'a'}"));
+        QCOMPARE(sent(q.unsubscribe({"a.*"_s, "b"_s})), j("unsub {'wcs':'a.*::b'}"));
+        QCOMPARE(sent(q.rmPersistent({" x "_s, ""_s})), j("rm {'objects':['x','']}"));
+        json = j("{'dt':'5','msg':'hi','ops':4,'r':'r','s':'you','uid':'u'}");
+        const TrelanMessage message = TrelanMessage::fromVariantMap(map(json));
+        QCOMPARE(sent(q.sendMessage(message)), "sendMessage " + json.replace("you", "me"));
+        TrelanCommand cmd;
+        cmd.setName("go"_s);
+        cmd.setDt(QDateTime::fromMSecsSinceEpoch(5));
+        const QRegularExpression uid("\"uid\":\"[^\"]{28}\""_s); // each copy gets one of its own
+        QCOMPARE(QString::fromUtf8(sent(q.sendCommand(cmd))).remove(uid).toUtf8(),
+                 j("pub {'cnt':{},'dt':'5','nm':'__bus__.__cmd__.go','opt':0,'p':'me',}"));
+        cmd.setReciever("you"_s);
+        QCOMPARE(QString::fromUtf8(sent(q.sendCommand(cmd))).remove(uid).toUtf8(),
+                 j("sendMessage {'dt':'5','msg':'{\\'__cmd__\\':{\\'__name__\\':\\'go\\',"
+                   "\\'__params__\\':{}}}','ops':2,'r':'you','s':'me',}"));
+        QVERIFY(cmd.uid().isEmpty());
+    }
+
+    void listPublishFillsInAndGoesOnAfterARefusal()
+    {
+        const QByteArray done = Server::reply("pub");
+        QVERIFY(openOn(answers({done, Server::reply("pub", 2, "no"), done})));
+        QVERIFY(_handler->publish(QList<TrelanObject>()));
+        TrelanObject bare;
+        bare.setDt(QDateTime());
+        const qint64 before = QDateTime::currentMSecsSinceEpoch();
+        QVERIFY(!_handler->publish(QList<TrelanObject> {bare, bare, bare}));
+        QCOMPARE(_server->frames().size(), 4);
+        const QVariantMap last = _server->frames().last().data;
+        const qint64 dt = last["dt"_s].toString().toLongLong();
+        QVERIFY(dt >= before && dt <= QDateTime::currentMSecsSinceEpoch());
+        QCOMPARE(last["uid"_s].toString().size(), 28);
+        QCOMPARE(_handler->lastFailure(), Q::Refused);
+        QCOMPARE(_handler->lastError().description(), "no"_s);
+    }
+
+    void loadsOnlyOnSuccess()
+    {
+        const QByteArray many = j("{'c':{'nm':'new'},'d':{'nm':'new'}}");
+        const QByteArray no = Server::reply("x", 2, "no", many);
+        const QByteArray one = Server::reply("x", 0, {}, j("{'nm':'new'}"));
+        QVERIFY(openOn(answers({no, no, one, Server::reply("x", 0, {}, many)})));
+        const TrelanObject old = TrelanObject::fromVariantMap(map("{'nm':'old'}"));
+        const TrelanObject fresh = TrelanObject::fromVariantMap(map("{'nm':'new'}"));
+        TrelanObject object = old;
+        QMap<QString, TrelanObject> objects {{"a"_s, old}, {"b"_s, old}, {"c"_s, old}};
+        const QMap<QString, TrelanObject> before = objects;
+        QVERIFY(!_handler->loadObject("a"_s, object) && object == old);
+        QVERIFY(!_handler->loadObjects("*"_s, objects) && objects == before);
+        QVERIFY(_handler->loadObject("a"_s, object) && object == fresh);
+        QCOMPARE(sent(_handler->loadObjects("*"_s, objects)), j("loadObjects {'wc':'*'}"));
+        QCOMPARE(_server->frames()[3].data, map("{'nm':'a'}"));
+        QCOMPARE(objects.keys().join(QString()), "abcd"_s);
+        QVERIFY(objects["b"_s] == old && objects["c"_s] == fresh && objects["d"_s] == fresh);
+    }
+
+    void replies_data()
+    {
+        QTest::addColumn<QByteArray>("reply");
+        QTest::addColumn<int>("code"); // -1 for a reply that is none
+        QTest::addColumn<QString>("logged");
+        const auto json = [](const QByteArray &text) {
+            return Server::frame("[-REPLY-]", Server::payload(j(text)));
+        };
+        const auto row = [](const char *name, const QByteArray &reply, int code,
+                            const QString &logged) {
+            QTest::newRow(name) << reply << code << logged;
+        };
+        const QByteArray payload = Server::payload("{}");
+        const QString incorrect = "critical: Incorrect reply header: "_s;
+        const QString nothing = "warning: illegal value\t"_s;
+        row("another operation", Server::reply("something else"), 0, {});
+        row("blanks around the word", Server::frame("  [-REPLY-] ", payload), 0, {});
+        row("empty envelope", json("{}"), 0, {});
+        row("JSON but no object", json("[1]"), 0, {});
+        row("code 65536", Server::reply("x", 65536), 0, {});
+        row("code is a text", json("{'result':{'code':'5'}}"), 0, {});
+        row("code is a truth value", json("{'result':{'code':true}}"), 0, {});
+        row("code is a list", json("{'result':{'code':[5]}}"), 0, {});
+        row("code 65541", json("{'result':{'description':'no','code':65541}}"), 5,
+            "critical: 5\tno"_s);
+        row("code -1", json("{'result':{'description':'no','code':-1}}"), 65535,
+            "critical: 65535\tno"_s);
+        row("request", Server::frame("[-REQUEST-]", payload), -1, incorrect + "[-REQUEST-]"_s);
+        row("blanks in it", Server::frame(" [-  REPLY-]", payload), -1, incorrect + "[- REPLY-]"_s);
+        row("NUL", Server::frame({"[-REPLY-]\0z", 11}, payload), -1, incorrect + "[-REPLY-]\0z"_s);
+        row("line above 15 bytes", Server::frame("[-REPLY-]          ", payload), -1, nothing);
+        row("header alone", "[-REPLY-]\r\n", -1, nothing);
+        row("no size", "[-REPLY-]\r\nabc\r\n" + payload, -1, nothing);
+        row("negative size", "[-REPLY-]\r\n-1\r\n", -1,
+            "critical: Incorrect reply data size 0 != -1"_s);
+        row("not compressed", Server::frame("[-REPLY-]", "YWJjZGVmZ2hpamts"), -1, nothing);
+        row("not JSON", json("{'a' 'b'}"), -1, "warning: missing name separator\t{\"a\" \"b\"}"_s);
+    }
+
+    void replies()
+    {
+        QFETCH(QByteArray, reply);
+        QFETCH(int, code);
+        QFETCH(QString, logged);
+        QVERIFY(openOn(answers({reply})));
+        QVariantMap answer = map("{'old':1}");
+        QCOMPARE(_handler->request(answer, "x"_s, {}), code == 0);
+        QCOMPARE(answer.isEmpty(), code == 0);
+        QCOMPARE(_handler->lastFailure(), code == 0 ? Q::None : code < 0 ? Q::Framing : Q::Refused);
+        QCOMPARE(int(_handler->lastError().error()), qMax(code, 0));
+        QVERIFY(_handler->isOpen());
+        const bool listed = logged.contains("data size"_s); // and a list behind it
+        QCOMPARE(listed ? log().left(logged.size()) : log(), logged);
+    }
+
+    void lostConnection_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("logged");
+        const QString cut = "|critical: Incorrect reply data size 4 != "_s;
+        QTest::newRow("none") << QByteArray() << "|critical: Socket wait for ready read error"_s;
+        QTest::newRow("some") << QByteArray("[-REPLY-]\r\n300\r\nabcd") << cut + "300"_s;
+        QTest::newRow("absurd") << QByteArray("[-REPLY-]\r\n2000000000\r\nabcd")
+                                << cut + "2000000000"_s;
+    }
+
+    void lostConnection()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, logged);
+        for (const bool reset : {false, true}) {
+            cleanup();
+            init();
+            QVERIFY(openOn([=](ScriptedPeer &peer) {
+                peer.readFrame();
+                if (peer.send(bytes) && !bytes.isEmpty())
+                    peer.awaitRelease(); // else a reset would overtake them
+                peer.close(reset);
+            }));
+            releaseOnReadyRead();
+            QSignalSpy disconnected(_handler.get(), SIGNAL(busDisconnected()));
+            const int memory = peakMemory();
+            QVERIFY(!_handler->subscribe("a"_s) && _handler->lastFailure() == Q::NotOpen);
+            QCOMPARE(disconnected.count(), 1);
+            QCOMPARE(log().left(PEER_GONE.size() + logged.size()), PEER_GONE + logged);
+            QVERIFY(peakMemory() - memory < 1024 * 1024);
+        }
+    }
+
+    void resetBetweenRequestsIsNoticedByTheWrite()
+    {
+        QSemaphore gone;
+        QVERIFY(openOn([&](ScriptedPeer &peer) {
+            peer.close(true);
+            gone.release();
+        }));
+        gone.acquire();
+        QVERIFY(!_handler->subscribe("a"_s) && _handler->lastFailure() == Q::NotOpen);
+        QVERIFY(!_handler->isOpen());
+        QCOMPARE(log(), PEER_GONE + "|critical: Socket wait for ready read error"_s);
+    }
+
+    void readAttemptsGrowWithTheSize_data()
+    {
+        QTest::addColumn<int>("size");
+        QTest::addColumn<int>("drops");
+        QTest::addColumn<bool>("answered");
+        // The first two attempts do not wait, so 100 attempts see 98 bytes that come one by one. On
+        // a busy machine some attempts pass without a byte, which the rows leave room for.
+        QTest::newRow("100 attempts suffice") << 250 << 80 << true;
+        QTest::newRow("100 attempts do not") << 250 << 99 << false;
+        QTest::newRow("201 attempts suffice") << 20000 << 180 << true;
+        QTest::newRow("201 attempts do not") << 20000 << 200 << false;
+    }
+
+    void readAttemptsGrowWithTheSize()
+    {
+        QFETCH(int, size);
+        QFETCH(int, drops);
+        QFETCH(bool, answered);
+        // Foreign characters in a payload are skipped, so blanks make it as long as is wanted.
+        const QByteArray payload = Server::payload("{}").leftJustified(size);
+        const QByteArray reply = Server::frame("[-REPLY-]", payload);
+        QVERIFY(openOn([=](ScriptedPeer &peer) {
+            peer.readFrame();
+            peer.send(reply.left(reply.size() - drops));
+            // The next byte only when the one before is off the wire: one byte an attempt.
+            for (int left = drops; left > 0 && peer.awaitRelease(); --left)
+                peer.send(reply.mid(reply.size() - left, 1));
+            peer.awaitEnd();
+        }));
+        releaseOnReadyRead();
+        QCOMPARE(_handler->subscribe("a"_s), answered);
+        QCOMPARE(_handler->lastFailure(), answered ? Q::None : Q::Framing);
+        QVERIFY(_handler->isOpen());
+    }
+
+    void noticesAReplyDuringTheWrite()
+    {
+        QVERIFY(openOn([](ScriptedPeer &peer) {
+            peer.read(100);
+            peer.send(Server::reply("x"));
+            peer.awaitRelease(); // so the client is stuck in its write when the reply reaches it
+            answers({{}, Server::reply("sub")})(peer);
+        }));
+        releaseOnReadyRead();
+        QVERIFY(_handler->request("x"_s, noise(16 << 20)));
+        QVERIFY(_handler->subscribe("a"_s)); // the rest of the large request goes first
+        QVERIFY(_server->frames()[1].raw.size() > 16 << 20);
+        QCOMPARE(_server->frames()[2].operation, "sub"_s);
+        QCOMPARE(log(), ""_s);
+    }
+
+    void reopensWhileCloseIsStillSending()
+    {
+        QVERIFY(openOn([](ScriptedPeer &peer) {
+            if (peer.number > 0)
+                return answers({Server::reply("sub")})(peer);
+            peer.read(100);
+            peer.send(Server::reply("x", 1, "too large"));
+            peer.awaitRelease();
+            peer.read(8 << 20); // lets a part of the write through, and then reads no more
+            peer.awaitRelease();
+        }));
+        releaseOnReadyRead();
+        QVERIFY(!_handler->request("x"_s, noise(16 << 20)));
+        _handler->close();
+        QCOMPARE(_handler->findChild<QTcpSocket *>()->state(), QAbstractSocket::ClosingState);
+        QVERIFY(!_handler->subscribe("a"_s) && _handler->lastFailure() == Q::NotOpen);
+        QVERIFY(_handler->open());
+        QVERIFY(_handler->subscribe("a"_s));
+        QCOMPARE(log(), "critical: 1\ttoo large"_s);
+    }
+
+    void waitsInSpiteOfStaleBytes_data()
+    {
+        QTest::addColumn<int>("requestBytes");
+        QTest::newRow("small request") << 100;
+        QTest::newRow("large request") << (16 << 20);
+    }
+
+    void waitsInSpiteOfStaleBytes()
+    {
+        QFETCH(int, requestBytes);
+        // The second header comes with the first reply: taken for the reply, it has no size.
+        const QByteArray second = Server::reply("x", 0, {}, j("{'k':1}"));
+        QVERIFY(openOn(answers({Server::reply("sub") + second.left(11), second.mid(11)})));
+        QVERIFY(_handler->subscribe("a"_s));
+        QVariantMap answer;
+        QVERIFY(_handler->request(answer, "x"_s, noise(requestBytes)));
+        QCOMPARE(answer, map("{'k':1}"));
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_TrelanQueryHandler)
+#include "tst_trelanqueryhandler.moc"

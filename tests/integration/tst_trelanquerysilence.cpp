@@ -1,0 +1,36 @@
+#include <logcapture.h>
+#include <scriptedserver.h>
+#include <trelanqueryhandler.h>
+
+#include <QtTest/QtTest>
+
+/// A program of its own, since it waits for as long as the library does: 30 s.
+class tst_TrelanQuerySilence : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void silentBusFailsTheRequestOnly()
+    {
+        ScriptedServer server([](ScriptedPeer &peer) {
+            for (const char *operation : {"handshake", "", "unsub"}) {
+                peer.readFrame();
+                if (*operation)
+                    peer.send(ScriptedServer::reply(operation));
+            }
+            peer.awaitEnd();
+        });
+        bus::TrelanQueryHandler::setQueryPort(server.port());
+        bus::TrelanQueryHandler handler(QStringLiteral("me"));
+        QVERIFY(handler.open());
+        const LogCapture log;
+        QVERIFY(!handler.subscribe(QStringLiteral("a")));
+        QCOMPARE(handler.lastFailure(), bus::TrelanQueryHandler::Timeout);
+        QCOMPARE(log.texts().join(QLatin1Char('|')),
+                 QStringLiteral("critical: Socket wait for ready read error"));
+        QVERIFY(handler.unsubscribe(QStringLiteral("a")));
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_TrelanQuerySilence)
+#include "tst_trelanquerysilence.moc"

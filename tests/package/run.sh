@@ -1,0 +1,81 @@
+#!/bin/bash
+# Installs a build into a prefix, moves the prefix, and uses the libraries from there as somebody
+# would who has nothing else of this tree.
+#
+# run.sh <cmake> <compiler> <source folder> <build folder> <libdir> <datadir> <compiler flags>
+set -eu
+cmake=$1 compiler=$2 source=$3 build=$4 libdir=$5 datadir=$6 flags=$7
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+unset LD_LIBRARY_PATH CMAKE_PREFIX_PATH TrelanClient_DIR
+export DESTDIR=
+
+fail() {
+    echo "FAILED: $*" >&2
+    exit 1
+}
+
+expect() { # <what> <expected> <actual>
+    [ "$2" = "$3" ] || fail "$1: expected '$2', got '$3'"
+    echo "ok: $1: $3"
+}
+
+run() { # <program> <locale>
+    env -u LANGUAGE LC_ALL="$2" "$1" 2>&1
+}
+
+check_program() { # <name> <program>
+    expect "$1, plain" "a.b 1.2.1 Unsupported request" "$(run "$2" C)"
+    expect "$1, German" "a.b 1.2.1 Anfrage nicht unterstützt" "$(run "$2" de_DE.UTF-8)"
+}
+
+"$cmake" --install "$build" --prefix "$work/first" >/dev/null
+mkdir "$work/else where"
+mv "$work/first" "$work/else where/moved"
+prefix="$work/else where/moved"
+
+# Neither the prefix it was installed to nor the folder it was built in may be named anywhere.
+for trace in "$work/first" "$build"; do
+    ! grep -rlF "$trace" "$prefix/$libdir/cmake" "$prefix/$libdir/pkgconfig" ||
+        fail "$trace is named in what is installed"
+done
+for internal in trelanvalue.h trelanwildcard.h trelanzstream.h; do
+    [ ! -e "$prefix/include/trelan/$internal" ] || fail "$internal is installed"
+done
+# Every installed header has to do with nothing but installed headers.
+for header in "$prefix"/include/*/*.h; do
+    echo "#include <$(basename "$header")>"
+done >"$work/all.cpp"
+cat "$source/main.cpp" >>"$work/all.cpp"
+
+# The client finds the support library beside itself. (The shell does the comparing: the loader
+# may spell the path with "..".)
+beside=$(LC_ALL=C ldd "$prefix/$libdir/libtrelanclient.so.1" |
+    sed -n 's/.*libmorvikcore.so.1 => \(.*\) (0x.*/\1/p')
+[ "$beside" -ef "$prefix/$libdir/libmorvikcore.so.1" ] || fail "support library is '$beside'"
+echo "ok: the support library is found beside the client"
+
+"$cmake" -S "$source" -B "$work/cmake" -DCMAKE_CXX_COMPILER="$compiler" \
+    -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+"$cmake" --build "$work/cmake" >/dev/null
+check_program "CMake" "$work/cmake/consumer"
+
+# The texts above may come out of the library itself: a translation that only the installed folder
+# has shows that this folder is looked at, and first.
+qm="$prefix/$datadir/morvik/translations/trelanclient_de.qm"
+[ -f "$qm" ] || fail "the translation is not installed"
+cp "$qm" "$work/trelanclient_de.qm"
+printf '%s' '<TS version="2.1" language="de"><context><name>QObject</name><message>
+<source>Unsupported request</source><translation>installiert</translation>
+</message></context></TS>' >"$work/own.ts"
+"$LRELEASE" -silent "$work/own.ts" -qm "$qm"
+expect "installed translation" "a.b 1.2.1 installiert" "$(run "$work/cmake/consumer" de_DE.UTF-8)"
+cp "$work/trelanclient_de.qm" "$qm"
+
+export PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig"
+expect "pkg-config version" "1.2.1" "$(pkg-config --modversion trelanclient)"
+# A shell of its own takes the quoting that pkg-config puts into paths.
+eval "\"$compiler\" -std=c++17 $flags \"$work/all.cpp\" -o \"$work/consumer\" \
+    $(pkg-config --cflags --libs trelanclient) \"-Wl,-rpath,$prefix/$libdir\""
+check_program "pkg-config" "$work/consumer"

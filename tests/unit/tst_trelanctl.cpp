@@ -1,0 +1,96 @@
+#include "contentparser.h"
+#include "objecttable.h"
+#include "terminaltext.h"
+
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtTest/QtTest>
+
+using namespace trelanctl;
+
+class tst_trelanctl : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void content_data();
+    void content();
+    void escaping_data();
+    void escaping();
+    void tableIsAlignedAndCut();
+};
+
+void tst_trelanctl::content_data()
+{
+    QTest::addColumn<QByteArray>("words"); // separated by blanks
+    QTest::addColumn<QByteArray>("made");  // compact JSON, or the beginning of the error
+    const auto row = [](const char *name, const char *words, const char *made) {
+        QTest::newRow(name) << QByteArray(words) << QByteArray(made);
+    };
+    row("object", R"({"a":{"b":[1,null]}})", R"({"a":{"b":[1,null]}})");
+    row("values that are JSON", R"(i=-7 d=2.5 t=true n=null o={"k":1} l=[1,[2]])",
+        R"({"d":2.5,"i":-7,"l":[1,[2]],"n":null,"o":{"k":1},"t":true})");
+    row("values that are none", "a= b=1,2 c=1],[2 d=007 e=True f={x} g=1e999",
+        R"({"a":"","b":"1,2","c":"1],[2","d":"007","e":"True","f":"{x}","g":"1e999"})");
+    row("quoted number, second equals sign", R"(a="7" b=c=d)", R"({"a":"7","b":"c=d"})");
+    row("broken object", R"({"a":})", "no JSON object: ");
+    row("word", "a=1 \x1b[2J", "'\\u001b[2J' is neither a JSON object nor key=value");
+    row("object and pair", "{} a=1", "'{}' is neither");
+    row("key twice", "a=1 a=2", "the key 'a' is given twice");
+}
+
+void tst_trelanctl::content()
+{
+    QFETCH(QByteArray, words);
+    QFETCH(QByteArray, made);
+    const ParsedContent parsed = parseContent(QString::fromUtf8(words).split(QLatin1Char(' ')));
+    const QJsonDocument content(QJsonObject::fromVariantMap(parsed.content));
+    if (parsed.isValid())
+        QCOMPARE(content.toJson(QJsonDocument::Compact), made);
+    else
+        QCOMPARE(parsed.errorText.toUtf8().left(made.size()), made);
+}
+
+void tst_trelanctl::escaping_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<QByteArray>("shown");
+    QTest::addColumn<int>("width");
+    const auto row = [](const char *name, const char *text, const char *shown, int width) {
+        QTest::newRow(name) << QByteArray(text) << QByteArray(shown) << width;
+    };
+    row("escape sequence", "\x1b]0;x\x07\r\n\x7f", "\\u001b]0;x\\u0007\\u000d\\u000a\\u007f", 34);
+    row("upper controls", "\302\2332J", "\\u009b2J", 8);
+    row("direction, invisible", "\342\200\256x\342\201\246\342\200\213", "\\u202ex\\u2066\\u200b",
+        19);
+    row("line separator, tag", "\342\200\250\363\240\201\201", "\\u2028\\udb40\\udc41", 18);
+    row("pretended escape", "\\u001b", "\\\\u001b", 7);
+    row("wide, mark", "\346\274\242\360\237\230\200e\314\201",
+        "\346\274\242\360\237\230\200e\314\201", 5);
+}
+
+void tst_trelanctl::escaping()
+{
+    QFETCH(QByteArray, text);
+    const QString result = terminal::escaped(QString::fromUtf8(text));
+    QTEST(result.toUtf8(), "shown");
+    QTEST(terminal::width(result), "width");
+}
+
+void tst_trelanctl::tableIsAlignedAndCut()
+{
+    bus::TrelanObject wide;
+    wide.setName(QString::fromUtf8("\xe6\xbc\xa2.a"));
+    wide.setContent({{QStringLiteral("text"), QString(200, QLatin1Char('x'))}});
+    bus::TrelanObject narrow;
+    narrow.setName(QStringLiteral("long.name\n"));
+    const QStringList lines = objectTable({wide, narrow}, 90);
+    const int column = lines[0].indexOf(QStringLiteral("CONTENT"));
+    QCOMPARE(terminal::width(lines[1].left(lines[1].indexOf(QLatin1Char('{')))), column);
+    QCOMPARE(lines[2].indexOf(QLatin1Char('{')), column);
+    QCOMPARE(terminal::width(lines[1]), 90);
+    QVERIFY(objectTable({wide}, 0).last().endsWith(QStringLiteral("xx\"}")));
+}
+
+QTEST_APPLESS_MAIN(tst_trelanctl)
+#include "tst_trelanctl.moc"

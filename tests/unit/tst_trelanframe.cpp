@@ -1,0 +1,141 @@
+#include "testsupport.h"
+
+#include <trelanerror.h>
+#include <trelanframereader.h>
+
+#include <future>
+#include <random>
+
+using namespace bus;
+
+namespace
+{
+
+/// Text, noise or one byte over and over, changing every few hundred bytes.
+QByteArray someBytes(std::mt19937 &random, int size)
+{
+    QByteArray bytes;
+    while (bytes.size() < size) {
+        const quint32 style = random();
+        for (int left = int(1 + random() % 700); left > 0; --left)
+            bytes += style % 3 ? "host.box \"load\": "[random() % (style % 18)] : char(random());
+    }
+    return bytes.left(size);
+}
+
+/// Size of the first input that is not compressed as Qt does it; 0 if there is none.
+int compressedOtherwise(quint32 seed)
+{
+    std::mt19937 random(seed);
+    for (int round = 0; round < 120; ++round) {
+        const int largest = round == 60 ? 1 << 21 : 1 << (1 + random() % 15);
+        const QByteArray bytes = someBytes(random, largest - int(random() % 2));
+        if (TrelanFrame::compress(bytes) != qCompress(bytes, -1))
+            return bytes.size();
+    }
+    return 0;
+}
+
+} // namespace
+
+class tst_TrelanFrame : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void takesNoMoreMemoryThanTheLimit() // the first one, since peaks stay
+    {
+        const QByteArray bomb = testData(QStringLiteral("bomb.b64")); // 32 MB of zeros
+        QByteArray liar = qCompress("{}");
+        liar.replace(0, 4, QByteArray::fromHex("7fffffe0"));
+        const auto peak = [] { // most memory that this process ever had, in KB
+            const QByteArray status = testData(QStringLiteral("/proc/self/status"));
+            return status.mid(status.indexOf("VmPeak:") + 7, 16).simplified().split(' ')[0].toInt();
+        };
+        const int before = peak();
+        QCOMPARE(TrelanFrame::decodePayload(bomb, 1 << 20).fault, TrelanFrame::TooLarge);
+        QCOMPARE(TrelanFrame::decodePayload(liar.toBase64()).json, QByteArray("{}"));
+        const int taken = peak() - before;
+        QVERIFY2(taken < 16 * 1024, qPrintable(QString::number(taken)));
+    }
+
+    void golden_data() { addTestRows(QStringLiteral("index.json")); }
+
+    void golden()
+    {
+        QFETCH(QJsonObject, row);
+        const QByteArray frame =
+            testData(QStringLiteral("frames/%1.bin").arg(row[u"name"].toString()));
+        const QVariantMap envelope = row[u"envelope"].toObject().toVariantMap();
+
+        TrelanFrameReader reader(frame.size());
+        reader.feed(frame);
+        QCOMPARE(reader.next(), TrelanFrameReader::FrameReady);
+        const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(reader.payload());
+        QCOMPARE(int(decoded.fault), row[u"fault"].toInt());
+        QCOMPARE(decoded.errorText, row[u"error"].toString());
+        QCOMPARE(decoded.envelope, envelope);
+        if (!row[u"written"].toBool())
+            return;
+
+        const QString operation = envelope[QStringLiteral("operation")].toString();
+        const QVariantMap data = envelope[QStringLiteral("data")].toMap();
+        const QVariantMap result = envelope[QStringLiteral("result")].toMap();
+        const auto code = TrelanError::Error(result[QStringLiteral("code")].toInt());
+        const TrelanError error(code, result[QStringLiteral("description")].toString());
+        const QVariantMap built = result.isEmpty() ? TrelanFrame::request(operation, data)
+                                                   : TrelanFrame::reply(operation, error, data);
+        const QByteArray payload = qCompress(row[u"json"].toString().toUtf8()).toBase64();
+        const QByteArray lines = TrelanFrame::headerWord(reader.kind()).toLatin1() + "\r\n" +
+                                 QByteArray::number(payload.size()) + "\r\n";
+        QCOMPARE(TrelanFrame::encode(reader.kind(), built), lines + payload);
+    }
+
+    void compressesAsQtDoes()
+    {
+        auto first = std::async(std::launch::async, compressedOtherwise, 1U);
+        auto second = std::async(std::launch::async, compressedOtherwise, 2U);
+        QCOMPARE(compressedOtherwise(3), 0);
+        QCOMPARE(first.get() + second.get(), 0);
+        QCOMPARE(TrelanFrame::compress({}), qCompress(QByteArray()));
+    }
+
+    void acceptsWhatQtAccepts()
+    {
+        const QtMessageHandler loud =
+            qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+        std::mt19937 random(4);
+        int accepted = 0, different = 0;
+        for (int round = 0; round < 10000; ++round) {
+            QByteArray bytes = qCompress(someBytes(random, random() % 3000), random() % 10);
+            for (quint32 edits = random() % 3; edits > 0; --edits) {
+                const int at = int(random() % quint32(bytes.size()));
+                bytes.replace(at, random() % 3, QByteArray(1 + random() % 2, char(random())));
+                bytes.truncate(random() % 8 ? bytes.size() : at + 1);
+            }
+            bytes[0] = '\0'; // Qt takes the declared length at once
+            TrelanFrame::Fault fault = TrelanFrame::NotJson;
+            const QByteArray inflated = TrelanFrame::uncompress(bytes, 1 << 30, &fault);
+            different += inflated != qUncompress(bytes);
+            accepted += fault == TrelanFrame::NoFault;
+        }
+        qInstallMessageHandler(loud);
+        QCOMPARE(different, 0);
+        QVERIFY2(accepted > 2500 && accepted < 7500, qPrintable(QString::number(accepted)));
+    }
+
+    void stopsAtTheLimit()
+    {
+        for (const int limit : {1, 1023, 1024, 1025, 4096, 1000000}) {
+            TrelanFrame::Fault fault = TrelanFrame::NotJson;
+            const QByteArray fits(limit, 'x');
+            QCOMPARE(TrelanFrame::uncompress(qCompress(fits), limit, &fault), fits);
+            QCOMPARE(fault, TrelanFrame::NoFault);
+            QVERIFY(TrelanFrame::uncompress(qCompress(fits + 'x'), limit, &fault).isEmpty());
+            QCOMPARE(fault, TrelanFrame::TooLarge);
+        }
+    }
+};
+
+QTEST_APPLESS_MAIN(tst_TrelanFrame)
+#include "tst_trelanframe.moc"

@@ -1,0 +1,42 @@
+#include "arguments.h"
+#include "commands.h"
+#include "output.h"
+#include "terminaltext.h"
+
+#include <QtCore/QCoreApplication>
+
+namespace
+{
+
+bool _verbose = false;
+
+// The tool says by itself what went wrong; what the library logs of it would say it twice.
+void showLog(QtMsgType, const QMessageLogContext &, const QString &text)
+{
+    if (_verbose)
+        trelanctl::Output::error(trelanctl::terminal::escaped(text.simplified()));
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QList<QByteArray> words; // before Qt, which would take options of its own away
+    for (int index = 1; index < argc; ++index)
+        words.append(argv[index]);
+    qInstallMessageHandler(showLog);
+    const QCoreApplication application(argc, argv);
+
+    const trelanctl::ParsedArguments parsed = trelanctl::parseArguments(words);
+    if (!parsed.run && parsed.exitCode == trelanctl::Done) {
+        trelanctl::Output output;
+        output.line(parsed.text);
+        return output.failed() ? trelanctl::Failed : trelanctl::Done;
+    }
+    if (!parsed.run) {
+        trelanctl::Output::error(parsed.text);
+        return parsed.exitCode;
+    }
+    _verbose = parsed.arguments.verbose;
+    return trelanctl::Commands(parsed.arguments).run();
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+namespace trelanctl
+{
+
+/// \brief Standard output and standard error of the tool, in UTF-8 whatever the locale.
+///
+/// A reader that has gone away (`trelanctl ls | head -1`) is no fault: what remains is dropped
+/// silently. Any other fault of writing is told once on standard error and by failed().
+class Output
+{
+public:
+    void line(const QString &text);
+    void lines(const QStringList &texts);
+
+    /// "trelanctl: " and \a text on standard error; \a text is escaped by the caller where it
+    /// quotes.
+    static void error(const QString &text);
+
+    /// Width of the terminal, or 0 if standard output is none.
+    static int terminalWidth();
+
+    /// Whether output was lost for another reason than a reader that has gone.
+    bool failed() const { return _failed; }
+
+private:
+    bool _failed = false;
+    bool _closed = false;
+};
+
+/// Standard input up to its end; false if it holds more than \a limit bytes or cannot be read, and
+/// then \a errorText says which.
+bool readStandardInput(qint64 limit, QByteArray &bytes, QString &errorText);
+
+} // namespace trelanctl
