@@ -6,6 +6,7 @@
 #include <QtCore/QLoggingCategory>
 #include <QtCore/QSaveFile>
 #include <QtCore/QSocketNotifier>
+#include <QtCore/QTextCodec>
 
 #include <systemd/sd-daemon.h>
 
@@ -16,6 +17,11 @@
 
 namespace
 {
+
+// A frame is one block in memory, and no block is larger than 2 GiB.
+constexpr qint64 MAX_FRAME = 1LL << 30;
+constexpr qint64 MAX_BYTES = 1LL << 40;
+constexpr int MAX_COUNT = 100 * 1000 * 1000;
 
 enum ExitCode { EXIT_DONE = 0, EXIT_FAILED = 1, EXIT_USAGE = 2 };
 
@@ -32,33 +38,35 @@ struct Options
 void addLimits(CLI::App &app, bus::TrelanBusSettings &settings)
 {
     const auto size = CLI::AsSizeValue(false);
-    const auto positive = CLI::PositiveNumber;
+    const CLI::Range frame(qint64(1), MAX_FRAME, "1 to 1 GiB");
+    const CLI::Range bytes(qint64(1), MAX_BYTES, "1 to 1 TiB");
+    const CLI::Range count(1, MAX_COUNT);
     const char *group = "Limits";
     app.add_option("--max-frame", settings.maxFrameSize, "Largest payload of a frame")
         ->transform(size)
-        ->check(positive)
+        ->check(frame)
         ->capture_default_str()
         ->group(group);
     app.add_option("--max-inflated", settings.maxInflatedSize, "Largest inflated request")
         ->transform(size)
-        ->check(positive)
+        ->check(frame)
         ->capture_default_str()
         ->group(group);
     app.add_option("--max-connections", settings.maxConnections, "Connections at a time")
-        ->check(positive)
+        ->check(count)
         ->capture_default_str()
         ->group(group);
     app.add_option("--max-objects", settings.maxObjects, "Stored objects")
-        ->check(positive)
+        ->check(count)
         ->capture_default_str()
         ->group(group);
     app.add_option("--max-bytes", settings.maxObjectBytes, "Stored objects together, in bytes")
         ->transform(size)
-        ->check(positive)
+        ->check(bytes)
         ->capture_default_str()
         ->group(group);
     app.add_option("--max-subscriptions", settings.maxSubscriptions, "Wildcards of one client")
-        ->check(positive)
+        ->check(count)
         ->capture_default_str()
         ->group(group);
 }
@@ -78,7 +86,11 @@ void addOptions(CLI::App &app, Options &options)
     app.add_option("--port-file", options.portFile,
                    "File that gets the line query=PORT once the bus listens");
     app.add_option("--data", options.dataFolder,
-                   "Folder of the permanent objects; without it they end with the process");
+                   "Folder of the permanent objects; without it they end with the process")
+        // A variable that a script forgot to set must not cost the objects.
+        ->check([](const std::string &folder) {
+            return folder.empty() ? std::string("the folder has no name") : std::string();
+        });
     app.add_option("--log-level", options.logLevel, "Least severe line to log")
         ->check(CLI::IsMember({"debug", "info", "warning", "critical"}))
         ->capture_default_str();
@@ -121,12 +133,15 @@ int fail(const QString &reason)
     return EXIT_FAILED;
 }
 
-bool writePortFile(const QString &path, quint16 queryPort)
+/// Returns what went wrong, or nothing.
+QString writePortFile(const QString &path, quint16 queryPort)
 {
     // At once, so that whoever waits for the file never reads half a line.
     QSaveFile file(path);
-    return file.open(QIODevice::WriteOnly) &&
-           file.write("query=" + QByteArray::number(queryPort) + "\n") > 0 && file.commit();
+    if (file.open(QIODevice::WriteOnly) &&
+        file.write("query=" + QByteArray::number(queryPort) + "\n") > 0 && file.commit())
+        return {};
+    return QStringLiteral("cannot write the port file %1: %2").arg(path, file.errorString());
 }
 
 int run(QCoreApplication &app, const Options &options, int signalFd)
@@ -135,8 +150,11 @@ int run(QCoreApplication &app, const Options &options, int signalFd)
     if (!server.start(options.settings))
         return fail(server.errorString());
     const QString portFile = QString::fromStdString(options.portFile);
-    if (!portFile.isEmpty() && !writePortFile(portFile, server.queryPort()))
-        return fail(QStringLiteral("cannot write the port file %1").arg(portFile));
+    if (!portFile.isEmpty()) {
+        const QString fault = writePortFile(portFile, server.queryPort());
+        if (!fault.isEmpty())
+            return fail(fault);
+    }
 
     const QSocketNotifier notifier(signalFd, QSocketNotifier::Read);
     QObject::connect(&notifier, &QSocketNotifier::activated, &app, &QCoreApplication::quit);
@@ -170,6 +188,8 @@ int main(int argc, char **argv)
 
     const int signalFd = openSignals();
     QCoreApplication app(argc, argv);
+    // Paths and log lines are UTF-8 also in the C locale that a service starts in.
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
     configureLog(QString::fromStdString(options.logLevel));
     return run(app, options, signalFd);
 }

@@ -1,7 +1,5 @@
 #include "busstorage.h"
 
-#include "buslog.h"
-
 namespace bus
 {
 
@@ -120,7 +118,8 @@ void BusStorage::handleResults()
         const TrelanError error = result.fault.isEmpty()
                                       ? TrelanError()
                                       : TrelanError(TrelanError::StorageAccessError, result.fault);
-        if (!result.fault.isEmpty())
+        // A full disk fails every publish: the log of it must not fill what is left.
+        if (!result.fault.isEmpty() && _warnings.allows(result.fault))
             qCWarning(BUS_LOG).noquote() << result.fault;
         _written.take(result.ticket)(error);
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "backgroundworker.h"
+#include "buslog.h"
 #include "objectstore.h"
 #include "permanentstore.h"
 #include "trelanbus.h"
@@ -83,6 +84,7 @@ private:
     TrelanBus::Storage _state = TrelanBus::MemoryOnly;
     QString _errorString;
     bool _warnedMemoryOnly = false;
+    WarningLimiter _warnings;
 
     quint64 _lastTicket = 0;
     QHash<quint64, Written> _written;

@@ -1,5 +1,7 @@
 #include "objectstore.h"
 
+#include <algorithm>
+
 namespace bus
 {
 
@@ -10,43 +12,49 @@ ObjectStore::ObjectStore(int maxObjects, qint64 maxBytes)
 
 QString ObjectStore::roomFault(const ObjectRecord &record) const
 {
-    const ObjectRecord *old = find(record.head.name());
-    const qint64 growth = record.cost() - (old ? old->cost() : 0);
-    if (old && growth <= 0)
+    const qint64 taken = room(record.head.name());
+    const qint64 growth = record.cost() - taken;
+    if (taken > 0 && growth <= 0)
         return {};
-    if (!old && _objects.size() + _reservedObjects + 1 > _maxObjects)
+    if (taken == 0 && _takenObjects + 1 > _maxObjects)
         return QStringLiteral("the bus keeps %1 objects at most").arg(_maxObjects);
-    if (_bytes + _reservedBytes + growth > _maxBytes)
+    if (_takenBytes + growth > _maxBytes)
         return QStringLiteral("the bus keeps objects of %1 bytes at most").arg(_maxBytes);
     return {};
 }
 
 void ObjectStore::reserve(const ObjectRecord &record)
 {
-    ++_reservedObjects;
-    _reservedBytes += record.cost();
+    const QString &name = record.head.name();
+    const qint64 before = room(name);
+    _reserved[name].append(record.cost());
+    account(before, room(name));
 }
 
 void ObjectStore::release(const ObjectRecord &record)
 {
-    --_reservedObjects;
-    _reservedBytes -= record.cost();
+    const QString &name = record.head.name();
+    const qint64 before = room(name);
+    const auto reserved = _reserved.find(name);
+    reserved->removeOne(record.cost());
+    if (reserved->isEmpty())
+        _reserved.erase(reserved);
+    account(before, room(name));
 }
 
 void ObjectStore::put(const ObjectRecord &record)
 {
-    remove(record.head.name());
-    _bytes += record.cost();
-    _objects.insert(record.head.name(), record);
+    const QString &name = record.head.name();
+    const qint64 before = room(name);
+    _objects.insert(name, record);
+    account(before, room(name));
 }
 
 void ObjectStore::remove(const QString &name)
 {
-    const auto found = _objects.constFind(name);
-    if (found == _objects.constEnd())
-        return;
-    _bytes -= found->cost();
-    _objects.erase(found);
+    const qint64 before = room(name);
+    _objects.remove(name);
+    account(before, room(name));
 }
 
 const ObjectRecord *ObjectStore::find(const QString &name) const
@@ -65,14 +73,22 @@ QVector<ObjectRecord> ObjectStore::matching(const QString &wildcard) const
     return records;
 }
 
-int ObjectStore::count() const
+/// What a name takes: the value it has or any that it may get, as only one of them stays. 0 if
+/// there is none.
+qint64 ObjectStore::room(const QString &name) const
 {
-    return _objects.size();
+    const ObjectRecord *record = find(name);
+    qint64 most = record ? record->cost() : 0;
+    const auto reserved = _reserved.constFind(name);
+    if (reserved != _reserved.constEnd())
+        most = qMax(most, *std::max_element(reserved->cbegin(), reserved->cend()));
+    return most;
 }
 
-qint64 ObjectStore::bytes() const
+void ObjectStore::account(qint64 before, qint64 after)
 {
-    return _bytes;
+    _takenBytes += after - before;
+    _takenObjects += int(after > 0) - int(before > 0);
 }
 
 } // namespace bus

@@ -12,7 +12,8 @@ namespace bus
 /// \brief The last value of every stored object, in memory, within bounds.
 ///
 /// A value that waits for the disk before it is put takes its room beforehand, so that what was
-/// accepted always fits. One thread.
+/// accepted always fits; room that it is going to take over from the value of its name is not
+/// counted twice. One thread.
 class ObjectStore
 {
 public:
@@ -22,6 +23,7 @@ public:
     /// a bound by replacing one of the same name that is at least as large.
     QString roomFault(const ObjectRecord &record) const;
 
+    /// Each reserve() is followed by one release() of the same record.
     void reserve(const ObjectRecord &record);
     void release(const ObjectRecord &record);
 
@@ -34,16 +36,16 @@ public:
 
     QVector<ObjectRecord> matching(const QString &wildcard) const;
 
-    int count() const;
-    qint64 bytes() const;
-
 private:
+    qint64 room(const QString &name) const;
+    void account(qint64 before, qint64 after);
+
     const int _maxObjects;
     const qint64 _maxBytes;
     QHash<QString, ObjectRecord> _objects;
-    qint64 _bytes = 0;
-    int _reservedObjects = 0;
-    qint64 _reservedBytes = 0;
+    QHash<QString, QVector<qint64>> _reserved; // costs, by name
+    int _takenObjects = 0;
+    qint64 _takenBytes = 0;
 };
 
 } // namespace bus

@@ -17,7 +17,8 @@ namespace bus
 /// \brief The permanent objects in a folder on disk, one SQLite database.
 ///
 /// What a function reports as done is on disk: it outlives the process and the machine. The
-/// database belongs to one server at a time, is checked when it is opened, and is never replaced.
+/// database belongs to one server at a time, is checked when it is opened, and is never replaced:
+/// one that is refused is left as it was.
 /// Every method blocks for as long as the disk takes; one thread at a time.
 class PermanentStore
 {
@@ -56,11 +57,15 @@ private:
         void operator()(sqlite3_stmt *statement) const;
     };
     using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
+    struct Row;
 
     bool prepareFolder(const QString &folder);
     bool prepareDatabase();
-    bool checkIntegrity();
+    void keepLogOnClose(bool keep);
+    bool checkLog();
     bool checkKind();
+    bool checkIntegrity();
+    bool useLog();
     bool execute(const char *sql);
     bool number(const char *sql, qint64 &value);
     Statement prepare(const char *sql);

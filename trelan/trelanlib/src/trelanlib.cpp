@@ -10,6 +10,7 @@
 #include <QtCore/QLocale>
 #include <QtCore/QSharedPointer>
 #include <QtNetwork/QAbstractSocket>
+#include <QtNetwork/QNetworkSession>
 
 /// Translations may be looked for before the static objects of the resource's own file are made.
 /// The macro wants the global namespace; it does no harm twice.
@@ -38,6 +39,18 @@ QString buildDate()
         .toString(Qt::ISODate);
 }
 
+// Sockets register these when they are first used, and two threads that do so at once make Qt warn.
+// The session is deprecated, and sockets use it all the same.
+QT_WARNING_PUSH
+QT_WARNING_DISABLE_DEPRECATED
+void registerSocketTypes()
+{
+    qRegisterMetaType<QAbstractSocket::SocketError>();
+    qRegisterMetaType<QAbstractSocket::SocketState>();
+    qRegisterMetaType<QSharedPointer<QNetworkSession>>();
+}
+QT_WARNING_POP
+
 } // namespace
 
 // The order matters: the constructor of busLib asks whether _version is valid already.
@@ -57,9 +70,7 @@ TrelanLib::TrelanLib()
     qRegisterMetaType<QSharedPointer<TrelanMessage>>("QSharedPointer<TrelanMessage>");
     qRegisterMetaType<QSharedPointer<TrelanObject>>("QSharedPointer<TrelanObject>");
     qRegisterMetaType<QSharedPointer<TrelanCommand>>("QSharedPointer<TrelanCommand>");
-    // Sockets are made in several threads; two that register these at once make Qt warn.
-    qRegisterMetaType<QAbstractSocket::SocketError>();
-    qRegisterMetaType<QAbstractSocket::SocketState>();
+    registerSocketTypes();
 
     initTranslations();
     morvik::AppVersionManager::addLocalisation(LIBRARY_NAME);

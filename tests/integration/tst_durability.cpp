@@ -1,0 +1,209 @@
+#undef QT_NO_CAST_FROM_ASCII // texts of this file are ASCII
+
+#include <trelanqueryhandler.h>
+
+#include <QtCore/QProcess>
+#include <QtCore/QRandomGenerator>
+#include <QtTest/QtTest>
+
+#include <csignal>
+#include <thread>
+
+using namespace bus;
+
+class tst_Durability : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void acknowledgedSurvivesEnd();
+    void refusals_data();
+    void refusals();
+};
+
+namespace
+{
+
+/// The daemon on a data folder and a free port.
+class Daemon
+{
+public:
+    ~Daemon()
+    {
+        _process.kill();
+        _process.waitForFinished();
+    }
+
+    /// Returns when it listens, or false when it ended instead.
+    bool start(const QString &folder)
+    {
+        _process.setProcessChannelMode(QProcess::MergedChannels);
+        _process.start(TRELANBUSD, {"--query-port", "0", "--data", folder});
+        const QRegularExpression listens("listens on 127.0.0.1:(\\d+)\n");
+        QString log;
+        while (!listens.match(log).hasMatch()) {
+            if (!_process.waitForReadyRead())
+                return false;
+            log += QString::fromUtf8(_process.readAll());
+        }
+        TrelanQueryHandler::setQueryPort(quint16(listens.match(log).captured(1).toInt()));
+        return true;
+    }
+
+    /// Returns its exit code; -1 if the signal ended it.
+    int end(int signal)
+    {
+        ::kill(pid_t(_process.processId()), signal);
+        _process.waitForFinished();
+        return _process.exitStatus() == QProcess::NormalExit ? _process.exitCode() : -1;
+    }
+
+private:
+    QProcess _process;
+};
+
+constexpr int NAMES = 4;
+constexpr int NONE = -1; // what the bus has of a name that was removed, or was not permanent
+
+QVariantMap contentOf(int number)
+{
+    // Of a size of its own, so that rows of one name move between the pages of the database.
+    return {{"number", number}, {"text", QString(number * 997 % 20000, QChar('a' + number % 26))}};
+}
+
+/// \brief Changes permanent objects of its own one after the other, until the bus is gone.
+///
+/// Knows what a bus that loses nothing can have afterwards: what was acknowledged, and for the name
+/// of the last change, which got no answer, also what that asked for.
+struct Writer
+{
+    QString prefix;
+    int number = 0;
+    QVector<QSet<int>> possible = QVector<QSet<int>>(NAMES, {NONE});
+
+    void run(QSemaphore &acknowledged)
+    {
+        TrelanQueryHandler client(prefix);
+        for (bool done = client.open(); done;) {
+            const int name = ++number % NAMES;
+            TrelanObject object;
+            object.setName(prefix + QString::number(name));
+            object.setContent(contentOf(number));
+            object.setPermanent(number % 7 != 0);
+            const bool removes = number % 5 == 0;
+            const int value = removes || !object.isPermanent() ? NONE : number;
+            possible[name].insert(value);
+            done = removes ? client.rmPersistent({object.name()}) : client.publish(object);
+            if (done)
+                possible[name] = {value};
+            acknowledged.release(int(done));
+        }
+    }
+
+    /// Takes what is there as the new beginning. Returns what is wrong with it.
+    QString check(int name, const QMap<QString, TrelanObject> &objects)
+    {
+        const QString key = prefix + QString::number(name);
+        const QVariantMap content = objects.value(key).content();
+        const int found = objects.contains(key) ? content.value("number").toInt() : NONE;
+        if (!possible[name].contains(found) || (found != NONE && content != contentOf(found)))
+            return QString("%1 has number %2 of %3").arg(key).arg(found).arg(number);
+        possible[name] = {found};
+        return {};
+    }
+};
+
+/// Publishes from several threads, ends the daemon at a random moment, and looks what is left.
+/// Returns what is wrong with it.
+QString interrupt(const QString &folder, std::vector<Writer> &writers, int signal,
+                  QRandomGenerator &random)
+{
+    Daemon daemon;
+    if (!daemon.start(folder))
+        return "does not start";
+    QSemaphore acknowledged;
+    std::vector<std::thread> threads;
+    for (Writer &writer : writers) {
+        writer.prefix = QString("writer%1.").arg(&writer - writers.data());
+        threads.emplace_back([&] { writer.run(acknowledged); });
+    }
+    const bool busy = acknowledged.tryAcquire(random.bounded(4, 40), 20000);
+    // Answers come together; the moment has to be one of any between them.
+    const QDeadlineTimer moment(random.bounded(12), Qt::PreciseTimer);
+    while (!moment.hasExpired())
+        std::this_thread::yield();
+    const int code = daemon.end(signal);
+    for (std::thread &thread : threads)
+        thread.join();
+
+    if (!busy || code != (signal == SIGKILL ? -1 : 0))
+        return QString("signal %1 ended it with %2").arg(signal).arg(code);
+
+    Daemon after;
+    TrelanQueryHandler client("reader");
+    QMap<QString, TrelanObject> objects;
+    if (!after.start(folder) || !client.open() || !client.loadObjects("*", objects))
+        return "does not start again";
+    for (Writer &writer : writers) {
+        for (int name = 0; name < NAMES; ++name) {
+            const QString fault = writer.check(name, objects);
+            if (!fault.isEmpty())
+                return fault;
+        }
+    }
+    return {};
+}
+
+} // namespace
+
+void tst_Durability::acknowledgedSurvivesEnd()
+{
+    const int asked = qEnvironmentVariableIntValue("TRELAN_DURABILITY_ROUNDS");
+    QRandomGenerator random(quint32(qEnvironmentVariableIntValue("TRELAN_DURABILITY_SEED")));
+    const QTemporaryDir folder;
+    std::vector<Writer> writers(4);
+    for (int round = 0; round < (asked > 0 ? asked : 25); ++round) {
+        const int signal = round % 8 == 3 ? SIGTERM : round % 8 == 7 ? SIGINT : SIGKILL;
+        const QString fault = interrupt(folder.path(), writers, signal, random);
+        QVERIFY2(fault.isEmpty(), qPrintable(QString("round %1: %2").arg(round).arg(fault)));
+    }
+}
+
+void tst_Durability::refusals_data()
+{
+    QTest::addColumn<QString>("arguments");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("version") << "--version" << 0 << "^trelanbusd 1\\.2\\.1\n$";
+    QTest::newRow("host name") << "--host localhost" << 2 << "--host.*localhost";
+    QTest::newRow("unknown option") << "--nonsense" << 2 << "--nonsense";
+    QTest::newRow("no folder") << "--data " << 2 << "--data";
+    QTest::newRow("limit too large") << "--max-frame 2GiB" << 2 << "not in range 1 to 1073741824\n";
+    QTest::newRow("folder") << "--data /dev/null" << 1 << "/dev/null/trelan.db: the folder cannot";
+    QTest::newRow("folder in use") << "--data DATA" << 1 << "/trelan.db: .* in use by another";
+    QTest::newRow("port in use") << "--query-port PORT" << 1 << "127.0.0.1:\\d+: .*in use";
+    QTest::newRow("port file") << "--port-file /dev/null/port" << 1 << "/dev/null/port: \\w+";
+}
+
+void tst_Durability::refusals()
+{
+    QFETCH(QString, arguments);
+    const QTemporaryDir folder;
+    Daemon first;
+    QVERIFY(first.start(folder.path()));
+    arguments.replace("PORT", QString::number(TrelanQueryHandler::queryPort()));
+    arguments.replace("DATA", folder.path());
+    if (!arguments.contains("--query-port"))
+        arguments += " --query-port 0";
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(TRELANBUSD, arguments.split(' '));
+    QVERIFY(process.waitForFinished());
+    QTEST(process.exitCode(), "code");
+    QFETCH(QString, text);
+    const QString printed = QString::fromUtf8(process.readAll());
+    QVERIFY2(printed.contains(QRegularExpression(text)), qPrintable(printed));
+}
+
+QTEST_GUILESS_MAIN(tst_Durability)
+#include "tst_durability.moc"
