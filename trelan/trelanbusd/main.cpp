@@ -32,7 +32,6 @@ struct Options
     std::string dataFolder;
     std::string portFile;
     std::string logLevel = "info";
-    quint16 msgPort = 43537;
 };
 
 void addLimits(CLI::App &app, bus::TrelanBusSettings &settings)
@@ -80,11 +79,11 @@ void addOptions(CLI::App &app, Options &options)
     app.add_option("--query-port", options.settings.queryPort,
                    "Port of the query channel; 0 takes any free one")
         ->capture_default_str();
-    app.add_option("--msg-port", options.msgPort,
-                   "Port of the message channel, which this version does not open yet")
+    app.add_option("--msg-port", options.settings.msgPort,
+                   "Port of the message channel; 0 takes any free one")
         ->capture_default_str();
     app.add_option("--port-file", options.portFile,
-                   "File that gets the line query=PORT once the bus listens");
+                   "File that gets the lines query=PORT and msg=PORT once the bus listens");
     app.add_option("--data", options.dataFolder,
                    "Folder of the permanent objects; without it they end with the process")
         // A variable that a script forgot to set must not cost the objects.
@@ -134,12 +133,13 @@ int fail(const QString &reason)
 }
 
 /// Returns what went wrong, or nothing.
-QString writePortFile(const QString &path, quint16 queryPort)
+QString writePortFile(const QString &path, const bus::TrelanBus &server)
 {
     // At once, so that whoever waits for the file never reads half a line.
     QSaveFile file(path);
-    if (file.open(QIODevice::WriteOnly) &&
-        file.write("query=" + QByteArray::number(queryPort) + "\n") > 0 && file.commit())
+    const QByteArray lines = "query=" + QByteArray::number(server.queryPort()) +
+                             "\nmsg=" + QByteArray::number(server.msgPort()) + "\n";
+    if (file.open(QIODevice::WriteOnly) && file.write(lines) > 0 && file.commit())
         return {};
     return QStringLiteral("cannot write the port file %1: %2").arg(path, file.errorString());
 }
@@ -151,16 +151,17 @@ int run(QCoreApplication &app, const Options &options, int signalFd)
         return fail(server.errorString());
     const QString portFile = QString::fromStdString(options.portFile);
     if (!portFile.isEmpty()) {
-        const QString fault = writePortFile(portFile, server.queryPort());
+        const QString fault = writePortFile(portFile, server);
         if (!fault.isEmpty())
             return fail(fault);
     }
 
     const QSocketNotifier notifier(signalFd, QSocketNotifier::Read);
     QObject::connect(&notifier, &QSocketNotifier::activated, &app, &QCoreApplication::quit);
-    qInfo().noquote() << QStringLiteral("trelanbusd %1 listens on %2:%3")
+    qInfo().noquote() << QStringLiteral("trelanbusd %1 listens on %2:%3 and %2:%4")
                              .arg(QStringLiteral(TRELAN_VERSION), options.settings.host.toString())
-                             .arg(server.queryPort());
+                             .arg(server.queryPort())
+                             .arg(server.msgPort());
     sd_notify(0, "READY=1");
     QCoreApplication::exec();
     sd_notify(0, "STOPPING=1");

@@ -21,12 +21,15 @@ constexpr qint64 READ_CHUNK = 64 * 1024;
 // More from one client in one go would make the others wait. A time and not a number, since one
 // request may take as long as a hundred others.
 constexpr qint64 TURN_MS = 2;
+// Room for all that may be pushed without an acknowledgement, with what the system adds to a frame.
+constexpr int PUSH_BUFFER = 256 * 1024;
 
 } // namespace
 
-BusConnection::BusConnection(ConnectionId id, qintptr descriptor, const TrelanBusSettings &settings,
-                             QObject *parent)
+BusConnection::BusConnection(Channel channel, ConnectionId id, qintptr descriptor,
+                             const TrelanBusSettings &settings, QObject *parent)
     : QObject(parent)
+    , _channel(channel)
     , _connectionId(id)
     , _settings(settings)
     , _reader(settings.maxFrameSize)
@@ -37,6 +40,8 @@ BusConnection::BusConnection(ConnectionId id, qintptr descriptor, const TrelanBu
     // A frame has to start a segment of its own: the paced reader of the message channel wants
     // header and size together.
     _socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    if (channel == Messages)
+        _socket.setSocketOption(QAbstractSocket::SendBufferSizeSocketOption, PUSH_BUFFER);
     _peer = QStringLiteral("%1:%2").arg(_socket.peerAddress().toString()).arg(_socket.peerPort());
 
     connect(&_socket, &QTcpSocket::readyRead, this, &BusConnection::onReadyRead);
@@ -57,6 +62,11 @@ BusConnection::~BusConnection()
 {
     // The socket says that it is disconnected when it is destroyed, and by then half of this is.
     _socket.disconnect(this);
+}
+
+BusConnection::Channel BusConnection::channel() const
+{
+    return _channel;
 }
 
 QString BusConnection::peer() const
@@ -98,6 +108,16 @@ void BusConnection::answerAndEnd(const QByteArray &frame)
         endSending();
 }
 
+bool BusConnection::canPush() const
+{
+    return _state < Ending && _socket.bytesToWrite() == 0;
+}
+
+void BusConnection::push(const QByteArray &frame)
+{
+    send(frame);
+}
+
 void BusConnection::close()
 {
     if (_state == Closed)
@@ -128,6 +148,7 @@ void BusConnection::onBytesWritten()
         endSending();
     } else {
         scheduleTurn();
+        emit drained(_connectionId);
     }
 }
 
@@ -177,7 +198,7 @@ bool BusConnection::takeRequests()
 {
     QElapsedTimer turn;
     turn.start();
-    while (_state == Reading && _socket.bytesToWrite() == 0) {
+    while (_state == Reading && (_channel == Messages || _socket.bytesToWrite() == 0)) {
         const TrelanFrameReader::Status status = _reader.next();
         if (status != TrelanFrameReader::NeedMoreData) {
             takeRequest(status);
@@ -199,7 +220,9 @@ void BusConnection::takeRequest(TrelanFrameReader::Status status)
         emit frameTooLarge(_connectionId, _reader.faultText());
     } else if (status == TrelanFrameReader::Malformed) {
         closeWith(names::printable(_reader.faultText()));
-    } else if (_reader.kind() != TrelanFrame::Request) {
+    } else if (_reader.kind() == TrelanFrame::Reply && _channel == Messages) {
+        emit replyArrived(_connectionId, _reader.payload());
+    } else if (_reader.kind() == TrelanFrame::Reply) {
         closeWith(QStringLiteral("sent a reply that nobody asked for"));
     } else {
         _state = Answering;
@@ -207,11 +230,21 @@ void BusConnection::takeRequest(TrelanFrameReader::Status status)
     }
 }
 
-/// In one call of the socket, so that a frame is a block of its own on the wire.
+/// In one call of the system and as a record of its own, which is not joined with the next: the
+/// paced reader of the message channel wants header and size of a frame together, and its system
+/// cuts what is joined wherever its buffer is full.
 void BusConnection::send(const QByteArray &frame)
 {
-    _socket.write(frame);
-    _socket.flush();
+    ssize_t sent = 0;
+    if (_socket.bytesToWrite() == 0 && _socket.state() == QAbstractSocket::ConnectedState) {
+        sent = ::send(int(_socket.socketDescriptor()), frame.constData(), size_t(frame.size()),
+                      MSG_EOR | MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
+    // What does not fit is the rest of a large frame. An error shows when the socket is read.
+    if (sent < frame.size()) {
+        _socket.write(frame.mid(int(qMax<ssize_t>(sent, 0))));
+        _socket.flush();
+    }
     watchProgress();
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
-#include "buscore.h"
+#include "busoutput.h"
+#include "trelanbussettings.h"
 
 #include <trelanframereader.h>
 
@@ -22,10 +23,16 @@ class BusConnection : public QObject
     Q_OBJECT
 
 public:
-    BusConnection(ConnectionId id, qintptr descriptor, const TrelanBusSettings &settings,
-                  QObject *parent);
+    enum Channel {
+        Query,   ///< requests and answers in turn
+        Messages ///< frames are pushed, and their replies arrive at any time
+    };
+
+    BusConnection(Channel channel, ConnectionId id, qintptr descriptor,
+                  const TrelanBusSettings &settings, QObject *parent);
     ~BusConnection() override;
 
+    Channel channel() const;
     /// Address and port of the other side.
     QString peer() const;
     /// Whether it takes no more requests: the other side has ended it, be it unnoticed so far, or
@@ -43,12 +50,21 @@ public:
     /// answer away.
     void answerAndEnd(const QByteArray &frame);
 
+    /// Whether everything sent so far has left, so that push() may be called.
+    bool canPush() const;
+    /// Sends a frame that answers nothing.
+    void push(const QByteArray &frame);
+
     /// Ends the connection; closed() follows.
     void close();
 
 Q_SIGNALS:
     /// A request has arrived; answer() is due.
     void requestArrived(bus::ConnectionId id, QByteArray payload);
+    /// A reply has arrived, on the message channel.
+    void replyArrived(bus::ConnectionId id, QByteArray payload);
+    /// What was sent has left, and canPush() is true again.
+    void drained(bus::ConnectionId id);
     /// A frame above the limit has been announced; answerAndEnd() is due.
     void frameTooLarge(bus::ConnectionId id, QString fault);
     /// The connection has ended. The last thing it emits, and it is emitted once.
@@ -76,6 +92,7 @@ private:
     void watchProgress();
     void closeWith(const QString &reason);
 
+    const Channel _channel;
     const ConnectionId _connectionId;
     const TrelanBusSettings _settings;
     QTcpSocket _socket;

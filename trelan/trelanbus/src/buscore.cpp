@@ -2,13 +2,19 @@
 
 #include "busnames.h"
 
-#include <utility>
+#include <QtCore/QCryptographicHash>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+
+#include <algorithm>
 
 namespace bus
 {
 
 namespace
 {
+
+constexpr int MAX_LAST_PUBLISHED = 10000;
 
 void logPublish(const TrelanObject &object)
 {
@@ -25,24 +31,29 @@ BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutp
     : _maxSubscriptions(settings.maxSubscriptions)
     , _storage(storage)
     , _output(output)
+    , _delivery(settings, output)
+    , _queryClients(QStringLiteral("query"), output)
+    , _msgClients(QStringLiteral("message"), output)
+    , _lastPublished(MAX_LAST_PUBLISHED)
 {}
 
 void BusCore::handle(ConnectionId id, const BusRequest &request)
 {
     const bool isHandshake = request.word == QLatin1String("handshake");
     // What could not be read at all has no operation to be refused.
-    if (!_clients.contains(id) && !isHandshake && !request.word.isNull()) {
+    if (!_queryClients.contains(id) && !isHandshake && !request.word.isNull()) {
         _output.reply(id, request.word,
                       {TrelanError::UnregisteredClient,
                        QStringLiteral("the first request has to be \"handshake\"")});
         return;
     }
+    _queryClients.count(id);
 
     switch (request.operation) {
     case BusRequest::Invalid:
         return _output.reply(id, request.word, request.fault);
     case BusRequest::Handshake:
-        return handshake(id, request);
+        return handshake(_queryClients, id, request);
     case BusRequest::Publish:
         return publish(id, request);
     case BusRequest::Remove:
@@ -60,75 +71,108 @@ void BusCore::handle(ConnectionId id, const BusRequest &request)
     }
 }
 
-void BusCore::connectionClosed(ConnectionId id)
+void BusCore::handleOnMessageChannel(ConnectionId id, const BusRequest &request)
 {
-    const Client client = _clients.take(id);
-    const auto registered = _ids.constFind(client.name);
-    if (registered != _ids.constEnd() && *registered == id)
-        _ids.erase(registered);
+    if (request.operation == BusRequest::Handshake)
+        handshake(_msgClients, id, request);
+    else if (request.word.isNull() || request.word == QLatin1String("handshake"))
+        _output.reply(id, request.word, request.fault);
+    else
+        _output.reply(id, request.word, TrelanError(TrelanError::UnsupportedRequest));
 }
 
-void BusCore::handshake(ConnectionId id, const BusRequest &request)
+void BusCore::handleReply(ConnectionId id, const QVariantMap &envelope)
 {
-    QString fault = names::clientNameFault(request.name);
-    const auto known = _clients.constFind(id);
-    const bool repeated = known != _clients.constEnd();
-    if (fault.isEmpty() && repeated && known->name != request.name) {
-        fault = QStringLiteral("this connection is registered as %1 already")
-                    .arg(names::quoted(known->name));
-    }
-    if (fault.isEmpty() && !repeated && isGhost(id, request.name))
-        fault = QStringLiteral("client %1 has come back").arg(names::quoted(request.name));
+    const QString client = _msgClients.name(id);
+    const QVariantMap data = envelope.value(QStringLiteral("data")).toMap();
+    if (client.isEmpty() ||
+        envelope.value(QStringLiteral("operation")).toString() != QLatin1String("sendMessage"))
+        return;
+    _delivery.acknowledge(client, data.value(QStringLiteral("sender")).toString(),
+                          data.value(QStringLiteral("reciever")).toString(),
+                          data.value(QStringLiteral("uid")).toString());
+    pump(client);
+}
+
+void BusCore::pushMore(ConnectionId id)
+{
+    const QString client = _msgClients.name(id);
+    if (!client.isEmpty())
+        pump(client);
+}
+
+void BusCore::connectionClosed(ConnectionId id)
+{
+    endQuery(id);
+    endMessages(id);
+}
+
+void BusCore::checkTimes()
+{
+    _delivery.checkTimes();
+}
+
+bool BusCore::hasQueues() const
+{
+    return _delivery.hasQueues();
+}
+
+/// A client must never be locked out by its own ghost, so that the newer connection wins.
+void BusCore::handshake(ClientRegistry &registry, ConnectionId id, const BusRequest &request)
+{
+    const QString fault = registry.handshakeFault(id, request.name);
     if (!fault.isEmpty()) {
         _output.reply(id, request.word, {TrelanError::UnregisteredClient, fault});
         return;
     }
-    if (!repeated) {
-        takeOver(id, request.name);
-        _clients.insert(id, {request.name, {}});
-        _ids.insert(request.name, id);
-        _output.setRegistered(id);
-    }
-    _output.reply(id, request.word, TrelanError());
-}
-
-/// Whether this is the handshake of a connection that has ended, read after the client has come
-/// back on another: events of several connections arrive in any order.
-bool BusCore::isGhost(ConnectionId id, const QString &name) const
-{
-    const auto registered = _ids.constFind(name);
-    return registered != _ids.constEnd() && _output.isAtEnd(id) && !_output.isAtEnd(*registered);
-}
-
-/// A client must never be locked out by its own ghost, so that the newer connection wins.
-void BusCore::takeOver(ConnectionId id, const QString &name)
-{
-    const auto registered = _ids.constFind(name);
-    if (registered == _ids.constEnd())
+    if (registry.contains(id)) {
+        _output.reply(id, request.word, TrelanError());
         return;
-    const ConnectionId older = *registered;
-    if (!_output.isAtEnd(older) && _takeoverWarnings.allows(name)) {
-        qCWarning(BUS_LOG).noquote()
-            << QStringLiteral("client %1 at %2 is taken over by %3")
-                   .arg(names::quoted(name), _output.peer(older), _output.peer(id));
     }
-    connectionClosed(older);
-    _output.closeConnection(older);
+    if (const ConnectionId older = registry.connection(request.name)) {
+        registry.warnOfTakeover(older, id, request.name);
+        connectionClosed(older);
+        _output.closeConnection(older);
+    }
+    registry.add(id, request.name);
+    _output.setRegistered(id);
+    _output.reply(id, request.word, TrelanError());
+    if (&registry == &_msgClients) {
+        _delivery.attach(request.name, id);
+        pump(request.name);
+    }
+}
+
+void BusCore::endQuery(ConnectionId id)
+{
+    const QString client = _queryClients.remove(id);
+    if (client.isEmpty())
+        return;
+    _subscriptions.remove(client);
+    _delivery.dropNotifications(client);
+}
+
+void BusCore::endMessages(ConnectionId id)
+{
+    const QString client = _msgClients.remove(id);
+    if (!client.isEmpty())
+        _delivery.detach(client);
 }
 
 void BusCore::publish(ConnectionId id, const BusRequest &request)
 {
     ObjectRecord record = request.record;
-    record.head.setPublisher(_clients.value(id).name);
+    record.head.setPublisher(_queryClients.name(id));
     if (record.head.uid().isEmpty()) {
         // An id over the content too: two values of one millisecond must not share it.
         record.head.setUid(record.toObject().genUid());
     }
-    const auto done = [this, id, word = request.word,
-                       head = record.head](const TrelanError &error) {
-        if (error.error() == TrelanError::NoError)
-            logPublish(head);
+    const auto done = [this, id, word = request.word, record](const TrelanError &error) {
         _output.reply(id, word, error);
+        if (error.error() != TrelanError::NoError)
+            return;
+        logPublish(record.head);
+        deliver(record);
     };
     if (record.head.isStored() && !names::isCommandName(record.head.name()))
         _storage.publish(record, done);
@@ -162,38 +206,91 @@ void BusCore::loadObjects(ConnectionId id, const BusRequest &request)
 
 void BusCore::subscribe(ConnectionId id, const BusRequest &request)
 {
-    Client &client = _clients[id];
+    QSet<QString> &wildcards = _subscriptions[_queryClients.name(id)];
     QSet<QString> added;
     for (const QString &wildcard : request.names) {
-        if (!client.wildcards.contains(wildcard))
+        if (!wildcards.contains(wildcard))
             added.insert(wildcard);
-        if (client.wildcards.size() + added.size() > _maxSubscriptions)
+        if (wildcards.size() + added.size() > _maxSubscriptions)
             break; // a frame has room for millions
     }
-    if (client.wildcards.size() + added.size() > _maxSubscriptions) {
+    if (wildcards.size() + added.size() > _maxSubscriptions) {
         _output.reply(
             id, request.word,
             {TrelanError::IncorrectRequestData,
              QStringLiteral("a client has %1 subscriptions at most").arg(_maxSubscriptions)});
         return;
     }
-    client.wildcards.unite(added);
+    wildcards.unite(added);
     _output.reply(id, request.word, TrelanError());
 }
 
 void BusCore::unsubscribe(ConnectionId id, const BusRequest &request)
 {
-    Client &client = _clients[id];
+    QSet<QString> &wildcards = _subscriptions[_queryClients.name(id)];
     for (const QString &wildcard : request.names)
-        client.wildcards.remove(wildcard);
+        wildcards.remove(wildcard);
     _output.reply(id, request.word, TrelanError());
 }
 
 void BusCore::sendMessage(ConnectionId id, const BusRequest &request)
 {
-    _output.reply(id, request.word,
-                  {TrelanError::UnregisteredClient,
-                   QStringLiteral("client %1 is not connected").arg(names::quoted(request.name))});
+    TrelanMessage message = request.message;
+    message.setSender(_queryClients.name(id));
+    if (message.uid().isEmpty())
+        message.setUid(message.genUid());
+    if (message.isLogged()) {
+        qCInfo(BUS_LOG).noquote() << QStringLiteral("%1 sends a message to %2")
+                                         .arg(names::quoted(message.sender()),
+                                              names::quoted(message.reciever()));
+    }
+    const TrelanError fault = _delivery.accept(message);
+    _output.reply(id, request.word, fault);
+    if (fault.error() == TrelanError::NoError)
+        pump(message.reciever());
+}
+
+/// Once to each client with a wildcard that takes it in, however many of them do.
+void BusCore::deliver(const ObjectRecord &record)
+{
+    TrelanObject object = record.head;
+    freshenUid(object, record.contentJson);
+    bool complete = false;
+    for (auto client = _subscriptions.cbegin(); client != _subscriptions.cend(); ++client) {
+        const bool subscribed =
+            std::any_of(client->cbegin(), client->cend(), [&](const QString &wildcard) {
+                return TrelanObject::testWildCard(object.name(), wildcard);
+            });
+        if (!subscribed)
+            continue;
+        if (!complete)
+            object.setContent(record.toObject().content());
+        complete = true;
+        _delivery.notify(client.key(), object);
+        pump(client.key());
+    }
+}
+
+/// Receivers drop a message whose key they know: a publisher that uses the same uid for another
+/// value would not be heard.
+void BusCore::freshenUid(TrelanObject &object, const QByteArray &contentJson)
+{
+    const QByteArray digest = QCryptographicHash::hash(contentJson, QCryptographicHash::Sha1);
+    const QString uid = object.uid();
+    const QPair<QString, QByteArray> *last = _lastPublished.object(object.name());
+    if (last && last->first == uid && last->second != digest) {
+        TrelanObject complete = object;
+        complete.setContent(QJsonDocument::fromJson(contentJson).object().toVariantMap());
+        object.setUid(complete.genUid());
+    }
+    _lastPublished.insert(object.name(), new QPair<QString, QByteArray>(uid, digest));
+}
+
+void BusCore::pump(const QString &client)
+{
+    const ConnectionId id = _msgClients.connection(client);
+    for (int pushed = _delivery.pump(client); pushed > 0; --pushed)
+        _msgClients.count(id);
 }
 
 } // namespace bus

@@ -1,41 +1,19 @@
 #pragma once
 
-#include "buslog.h"
+#include "busdelivery.h"
+#include "busoutput.h"
 #include "busrequest.h"
 #include "busstorage.h"
+#include "clientregistry.h"
 
+#include <QtCore/QCache>
 #include <QtCore/QHash>
+#include <QtCore/QPair>
 #include <QtCore/QSet>
 #include <QtCore/QString>
 
 namespace bus
 {
-
-/// A connection, as the rules of the bus know it. Never used twice.
-using ConnectionId = quint64;
-
-/// \brief What the rules of the bus need of whoever owns the connections.
-class BusOutput
-{
-public:
-    virtual ~BusOutput() = default;
-
-    /// Answers the request of \a id that is being handled. Ignored when it is gone.
-    virtual void reply(ConnectionId id, const QString &word, const TrelanError &error) = 0;
-    /// Answers with one object as the data.
-    virtual void replyObject(ConnectionId id, const QString &word, const ObjectRecord &record) = 0;
-    /// Answers with the objects by name.
-    virtual void replyObjects(ConnectionId id, const QString &word,
-                              const QVector<ObjectRecord> &records) = 0;
-
-    virtual void closeConnection(ConnectionId id) = 0;
-    /// Whether the connection takes no more requests, be it unnoticed so far.
-    virtual bool isAtEnd(ConnectionId id) const = 0;
-    /// Address and port of the other side.
-    virtual QString peer(ConnectionId id) const = 0;
-    /// The client has named itself.
-    virtual void setRegistered(ConnectionId id) = 0;
-};
 
 /// \brief The rules of the bus: who is registered, who subscribes to what, what a request does.
 ///
@@ -45,22 +23,27 @@ class BusCore
 public:
     BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output);
 
-    /// Handles one request and sees to it that exactly one reply follows, now or later.
+    /// Handles one request of the query channel and sees to it that exactly one reply follows, now
+    /// or later.
     void handle(ConnectionId id, const BusRequest &request);
+    /// Handles one request of the message channel, likewise.
+    void handleOnMessageChannel(ConnectionId id, const BusRequest &request);
+    /// Handles a reply on the message channel.
+    void handleReply(ConnectionId id, const QVariantMap &envelope);
+    /// What was sent on a connection of the message channel has left.
+    void pushMore(ConnectionId id);
 
     /// The connection has ended; what another connection registered under its name stays.
     void connectionClosed(ConnectionId id);
 
-private:
-    struct Client
-    {
-        QString name;
-        QSet<QString> wildcards;
-    };
+    /// To be called about once a second while hasQueues().
+    void checkTimes();
+    bool hasQueues() const;
 
-    void handshake(ConnectionId id, const BusRequest &request);
-    bool isGhost(ConnectionId id, const QString &name) const;
-    void takeOver(ConnectionId id, const QString &name);
+private:
+    void handshake(ClientRegistry &registry, ConnectionId id, const BusRequest &request);
+    void endQuery(ConnectionId id);
+    void endMessages(ConnectionId id);
     void publish(ConnectionId id, const BusRequest &request);
     void remove(ConnectionId id, const BusRequest &request);
     void loadObject(ConnectionId id, const BusRequest &request);
@@ -68,13 +51,18 @@ private:
     void subscribe(ConnectionId id, const BusRequest &request);
     void unsubscribe(ConnectionId id, const BusRequest &request);
     void sendMessage(ConnectionId id, const BusRequest &request);
+    void deliver(const ObjectRecord &record);
+    void freshenUid(TrelanObject &object, const QByteArray &contentJson);
+    void pump(const QString &client);
 
     const int _maxSubscriptions;
     BusStorage &_storage;
     BusOutput &_output;
-    QHash<ConnectionId, Client> _clients;
-    QHash<QString, ConnectionId> _ids; // of the registered clients, by name
-    WarningLimiter _takeoverWarnings;
+    BusDelivery _delivery;
+    ClientRegistry _queryClients;
+    ClientRegistry _msgClients;
+    QHash<QString, QSet<QString>> _subscriptions; // of the clients with a query connection, by name
+    QCache<QString, QPair<QString, QByteArray>> _lastPublished; // uid and digest, by name
 };
 
 } // namespace bus

@@ -3,10 +3,11 @@
 #include "busnames.h"
 
 #include <trelanframe.h>
-#include <trelanmessage.h>
 
 #include <QtCore/QHash>
 #include <QtCore/QVariantMap>
+
+#include <initializer_list>
 
 namespace bus
 {
@@ -81,28 +82,48 @@ bool parseHandshake(const QVariantMap &data, BusRequest &request)
     return takeText(data, "name", request.name, request);
 }
 
-/// The fields that may be missing, but not be of another kind.
-bool checkPublishTypes(const QVariantMap &data, BusRequest &request)
+bool isObject(const QVariant &value)
 {
-    const auto check = [&](const char *key, const char *kind, bool (*fits)(const QVariant &)) {
-        const QVariant value = data.value(QLatin1String(key));
-        if (!data.contains(QLatin1String(key)) || fits(value))
-            return true;
-        request.fault = dataFault(
-            QStringLiteral("\"%1\" has to be %2").arg(QLatin1String(key), QLatin1String(kind)));
+    return value.userType() == QMetaType::QVariantMap;
+}
+
+bool isTime(const QVariant &value)
+{
+    return isText(value) || isNumber(value);
+}
+
+/// What a value has to be if it is there.
+struct Type
+{
+    const char *key;
+    const char *text;
+    bool (*fits)(const QVariant &value);
+};
+
+constexpr Type UID {"uid", "a string", isText};
+constexpr Type TIME {"dt", "a string of milliseconds", isTime};
+
+/// The values that may be missing, but not be of another kind.
+bool checkTypes(const QVariantMap &data, std::initializer_list<Type> types, BusRequest &request)
+{
+    for (const Type &type : types) {
+        const auto value = data.constFind(QLatin1String(type.key));
+        if (value == data.constEnd() || type.fits(*value))
+            continue;
+        request.fault = dataFault(QStringLiteral("\"%1\" has to be %2")
+                                      .arg(QLatin1String(type.key), QLatin1String(type.text)));
         return false;
-    };
-    return check("uid", "a string", isText) && check("opt", "a number", isNumber) &&
-           check("dt", "a string of milliseconds",
-                 [](const QVariant &value) { return isText(value) || isNumber(value); }) &&
-           check("cnt", "an object",
-                 [](const QVariant &value) { return value.userType() == QMetaType::QVariantMap; });
+    }
+    return true;
 }
 
 bool parsePublish(const QVariantMap &data, BusRequest &request)
 {
     QString name;
-    if (!takeText(data, "nm", name, request) || !checkPublishTypes(data, request))
+    if (!takeText(data, "nm", name, request) ||
+        !checkTypes(data,
+                    {UID, TIME, {"opt", "a number", isNumber}, {"cnt", "an object", isObject}},
+                    request))
         return false;
     const QString fault = names::objectNameFault(name);
     if (!fault.isEmpty()) {
@@ -188,7 +209,18 @@ bool parseSubscribe(const QVariantMap &data, BusRequest &request)
 
 bool parseSendMessage(const QVariantMap &data, BusRequest &request)
 {
-    return takeText(data, "r", request.name, request);
+    if (!takeText(data, "r", request.name, request) ||
+        !checkTypes(data, {{"msg", "a string", isText}, UID, TIME, {"ops", "a number", isNumber}},
+                    request))
+        return false;
+    if (request.name.isEmpty()) {
+        request.fault = dataFault(QStringLiteral("a message without a receiver"));
+        return false;
+    }
+    request.message = TrelanMessage::fromVariantMap(data);
+    if (data.value(QStringLiteral("dt")).toString().isEmpty())
+        request.message.setDt(QDateTime::currentDateTime());
+    return true;
 }
 
 struct Parser

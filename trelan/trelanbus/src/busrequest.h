@@ -4,6 +4,7 @@
 
 #include <trelanerror.h>
 #include <trelanframe.h>
+#include <trelanmessage.h>
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
@@ -36,10 +37,11 @@ struct BusRequest
     TrelanError fault; ///< of an Invalid request
     TrelanFrame::Fault payloadFault = TrelanFrame::NoFault;
 
-    QString name;        ///< client (Handshake), object (LoadObject), wildcard (LoadObjects),
-                         ///< receiver (SendMessage)
-    QStringList names;   ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
-    ObjectRecord record; ///< Publish; without publisher, and without uid where none was sent
+    QString name;          ///< client (Handshake), object (LoadObject), wildcard (LoadObjects),
+                           ///< receiver (SendMessage)
+    QStringList names;     ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
+    TrelanMessage message; ///< SendMessage; with the time filled in, without a sender
+    ObjectRecord record;   ///< Publish; without publisher, and without uid where none was sent
 
     /// Never fails: what is wrong with \a payload stands in the fault.
     static BusRequest parse(const QByteArray &payload, qint64 maxInflatedSize);

@@ -14,6 +14,7 @@ namespace
 constexpr qint64 SMALL_REQUEST = 64 * 1024;
 constexpr qint64 SMALL_INFLATED = 512 * 1024;
 constexpr qint64 SMALL_ANSWER = 64 * 1024;
+constexpr int TIMES_INTERVAL_MS = 1000;
 
 QByteArray replyFrame(const QString &word, const TrelanError &error,
                       const QVariantMap &data = QVariantMap())
@@ -56,8 +57,8 @@ BusServer::BusServer(const TrelanBusSettings &settings)
     : _settings(settings)
     , _storage(settings,
                [this] {
-                   QMetaObject::invokeMethod(
-                       this, [this] { _storage.handleResults(); }, Qt::QueuedConnection);
+                   QMetaObject::invokeMethod(this, &BusServer::handleStorageResults,
+                                             Qt::QueuedConnection);
                })
     , _core(settings, _storage, *this)
     , _codec(
@@ -72,12 +73,18 @@ BusServer::BusServer(const TrelanBusSettings &settings)
               QMetaObject::invokeMethod(this, &BusServer::handleCodecResults, Qt::QueuedConnection);
           })
 {
-    connect(&_listener, &BusListener::descriptorArrived, this, &BusServer::onDescriptor);
+    connect(&_queryListener, &BusListener::descriptorArrived, this,
+            [this](qintptr descriptor) { onDescriptor(BusConnection::Query, descriptor); });
+    connect(&_msgListener, &BusListener::descriptorArrived, this,
+            [this](qintptr descriptor) { onDescriptor(BusConnection::Messages, descriptor); });
+    _times.setInterval(TIMES_INTERVAL_MS);
+    connect(&_times, &QTimer::timeout, this, &BusServer::checkTimes);
 }
 
 BusServer::~BusServer()
 {
-    _listener.close();
+    _queryListener.close();
+    _msgListener.close();
     _codec.finish();
     handleCodecResults();
     _storage.finish();
@@ -96,18 +103,28 @@ bool BusServer::start()
             return false;
         qCWarning(BUS_LOG).noquote() << "permanent objects are refused:" << _errorString;
     }
-    if (_listener.listen(_settings.host, _settings.queryPort))
+    return listen(_queryListener, _settings.queryPort) && listen(_msgListener, _settings.msgPort);
+}
+
+bool BusServer::listen(BusListener &listener, quint16 port)
+{
+    if (listener.listen(_settings.host, port))
         return true;
     _errorString = QStringLiteral("cannot listen on %1:%2: %3")
                        .arg(_settings.host.toString())
-                       .arg(_settings.queryPort)
-                       .arg(_listener.errorString());
+                       .arg(port)
+                       .arg(listener.errorString());
     return false;
 }
 
 quint16 BusServer::queryPort() const
 {
-    return _listener.serverPort();
+    return _queryListener.serverPort();
+}
+
+quint16 BusServer::msgPort() const
+{
+    return _msgListener.serverPort();
 }
 
 TrelanBus::Storage BusServer::storage() const
@@ -149,6 +166,18 @@ void BusServer::replyObjects(ConnectionId id, const QString &word,
     });
 }
 
+bool BusServer::canPush(ConnectionId id) const
+{
+    const BusConnection *connection = _connections.value(id);
+    return connection && connection->canPush();
+}
+
+void BusServer::push(ConnectionId id, const QByteArray &frame)
+{
+    if (BusConnection *connection = _connections.value(id))
+        connection->push(frame);
+}
+
 void BusServer::closeConnection(ConnectionId id)
 {
     if (BusConnection *connection = _connections.value(id))
@@ -173,7 +202,7 @@ void BusServer::setRegistered(ConnectionId id)
         connection->setRegistered();
 }
 
-void BusServer::onDescriptor(qintptr descriptor)
+void BusServer::onDescriptor(BusConnection::Channel channel, qintptr descriptor)
 {
     if (_connections.size() >= _settings.maxConnections) {
         ::close(int(descriptor));
@@ -183,9 +212,12 @@ void BusServer::onDescriptor(qintptr descriptor)
         }
         return;
     }
-    auto *connection = new BusConnection(++_lastId, descriptor, _settings, this);
+    auto *connection = new BusConnection(channel, ++_lastId, descriptor, _settings, this);
     _connections.insert(_lastId, connection);
     connect(connection, &BusConnection::requestArrived, this, &BusServer::onRequest);
+    connect(connection, &BusConnection::replyArrived, this, &BusServer::onReply);
+    connect(connection, &BusConnection::drained, this,
+            [this](ConnectionId id) { _core.pushMore(id); });
     connect(connection, &BusConnection::frameTooLarge, this, &BusServer::onFrameTooLarge);
     connect(connection, &BusConnection::closed, this, &BusServer::onClosed);
 }
@@ -197,7 +229,7 @@ void BusServer::onRequest(ConnectionId id, const QByteArray &payload)
         const BusRequest request = BusRequest::parse(payload, qMin(limit, SMALL_INFLATED));
         // A small payload may inflate a thousandfold, and is a large request then.
         if (request.payloadFault != TrelanFrame::TooLarge || limit <= SMALL_INFLATED) {
-            _core.handle(id, request);
+            handle(id, request);
             return;
         }
     }
@@ -205,9 +237,26 @@ void BusServer::onRequest(ConnectionId id, const QByteArray &payload)
         return [this, id, request = BusRequest::parse(payload, limit)] {
             // A late handshake of a client that has gone must not take over one that is there.
             if (_connections.contains(id))
-                _core.handle(id, request);
+                handle(id, request);
         };
     });
+}
+
+void BusServer::onReply(ConnectionId id, const QByteArray &payload)
+{
+    const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(payload, SMALL_INFLATED);
+    if (decoded.fault == TrelanFrame::NoFault)
+        _core.handleReply(id, decoded.envelope);
+}
+
+void BusServer::handle(ConnectionId id, const BusRequest &request)
+{
+    const BusConnection *connection = _connections.value(id);
+    if (connection && connection->channel() == BusConnection::Messages)
+        _core.handleOnMessageChannel(id, request);
+    else
+        _core.handle(id, request);
+    watchTimes();
 }
 
 void BusServer::onFrameTooLarge(ConnectionId id, const QString &fault)
@@ -228,6 +277,26 @@ void BusServer::handleCodecResults()
 {
     for (const Completion &complete : _codec.takeResults())
         complete();
+}
+
+void BusServer::handleStorageResults()
+{
+    _storage.handleResults();
+    watchTimes();
+}
+
+/// The clock runs only while something waits: an idle bus is not to wake up.
+void BusServer::watchTimes()
+{
+    if (_core.hasQueues() && !_times.isActive())
+        _times.start();
+}
+
+void BusServer::checkTimes()
+{
+    _core.checkTimes();
+    if (!_core.hasQueues())
+        _times.stop();
 }
 
 void BusServer::answerEncoded(ConnectionId id, qint64 cost,

@@ -8,6 +8,7 @@
 
 #include <QtCore/QHash>
 #include <QtCore/QObject>
+#include <QtCore/QTimer>
 
 #include <functional>
 
@@ -32,6 +33,7 @@ public:
     bool start();
 
     quint16 queryPort() const;
+    quint16 msgPort() const;
     TrelanBus::Storage storage() const;
     QString errorString() const;
 
@@ -45,28 +47,38 @@ private:
     void replyObject(ConnectionId id, const QString &word, const ObjectRecord &record) override;
     void replyObjects(ConnectionId id, const QString &word,
                       const QVector<ObjectRecord> &records) override;
+    bool canPush(ConnectionId id) const override;
+    void push(ConnectionId id, const QByteArray &frame) override;
     void closeConnection(ConnectionId id) override;
     bool isAtEnd(ConnectionId id) const override;
     QString peer(ConnectionId id) const override;
     void setRegistered(ConnectionId id) override;
 
-    void onDescriptor(qintptr descriptor);
+    bool listen(BusListener &listener, quint16 port);
+    void onDescriptor(BusConnection::Channel channel, qintptr descriptor);
     void onRequest(ConnectionId id, const QByteArray &payload);
+    void onReply(ConnectionId id, const QByteArray &payload);
+    void handle(ConnectionId id, const BusRequest &request);
     void onFrameTooLarge(ConnectionId id, const QString &fault);
     void onClosed(ConnectionId id);
     void handleCodecResults();
+    void handleStorageResults();
+    void watchTimes();
+    void checkTimes();
     void answerEncoded(ConnectionId id, qint64 cost, const std::function<QByteArray()> &encode);
     void answer(ConnectionId id, const QByteArray &frame);
 
     const TrelanBusSettings _settings;
     QString _errorString;
-    BusListener _listener;
+    BusListener _queryListener;
+    BusListener _msgListener;
     BusStorage _storage;
     BusCore _core;
     QHash<ConnectionId, BusConnection *> _connections; // children of this
     ConnectionId _lastId = 0;
     WarningLimiter _warnings;
-    Codec _codec; // last: its thread calls back
+    QTimer _times; // runs while something waits for a client
+    Codec _codec;  // last: its thread calls back
 };
 
 } // namespace bus

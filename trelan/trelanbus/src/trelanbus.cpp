@@ -26,6 +26,7 @@ public:
     }
 
     quint16 queryPort() const { return _queryPort; }
+    quint16 msgPort() const { return _msgPort; }
     Storage storage() const { return _storage; }
     QString errorString() const { return _errorString; }
 
@@ -35,6 +36,7 @@ protected:
         BusServer server(_settings);
         _listening = server.start();
         _queryPort = server.queryPort();
+        _msgPort = server.msgPort();
         _storage = server.storage();
         _errorString = server.errorString();
         const bool listening = _listening;
@@ -48,6 +50,7 @@ private:
     QSemaphore _settled;
     bool _listening = false;
     quint16 _queryPort = 0;
+    quint16 _msgPort = 0;
     Storage _storage = MemoryOnly;
     QString _errorString;
 };
@@ -93,6 +96,11 @@ bool TrelanBus::isRunning() const
 quint16 TrelanBus::queryPort() const
 {
     return _thread ? _thread->queryPort() : 0;
+}
+
+quint16 TrelanBus::msgPort() const
+{
+    return _thread ? _thread->msgPort() : 0;
 }
 
 TrelanBus::Storage TrelanBus::storage() const

@@ -14,8 +14,8 @@ namespace bus
 /// application can embed.
 ///
 /// It keeps the last value of every stored object, permanent ones on disk, answers the query
-/// channel of up to settings.maxConnections clients, and serves each as if it were alone: a client
-/// that sends half a frame, rubbish or nothing delays no other.
+/// channel of its clients and delivers on their message channel, and serves each as if it were
+/// alone: a client that sends half a frame, rubbish or nothing delays no other.
 ///
 /// Threads: the bus runs in threads of its own (one for the clients, one for the disk, one for
 /// large requests), so that blocking channels may be used from any thread, the one that started
@@ -25,7 +25,7 @@ namespace bus
 /// \code
 /// bus::TrelanBus server;
 /// bus::TrelanBusSettings settings;
-/// settings.queryPort = 0; // any free port
+/// settings.queryPort = settings.msgPort = 0; // any free ports
 /// if (!server.start(settings))
 ///     qFatal("%s", qUtf8Printable(server.errorString()));
 /// bus::TrelanQueryHandler::setQueryPort(server.queryPort());
@@ -58,6 +58,8 @@ public:
 
     /// Port of the query channel; 0 while not running.
     quint16 queryPort() const;
+    /// Port of the message channel; 0 while not running.
+    quint16 msgPort() const;
 
     Storage storage() const;
 

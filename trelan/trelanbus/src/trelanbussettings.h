@@ -14,6 +14,7 @@ struct TrelanBusSettings
 {
     QHostAddress host = QHostAddress(QHostAddress::LocalHost);
     quint16 queryPort = 43535; ///< 0: any free port, see TrelanBus::queryPort()
+    quint16 msgPort = 43537;   ///< 0: any free port, see TrelanBus::msgPort()
 
     /// Folder of the permanent objects, made if it does not exist. Empty: they live in memory only.
     QString dataFolder;
@@ -27,6 +28,11 @@ struct TrelanBusSettings
     int maxObjects = 100000;                     ///< stored objects
     qint64 maxObjectBytes = 256LL * 1024 * 1024; ///< stored objects together
     int maxSubscriptions = 10000;                ///< wildcards of one client
+
+    int maxClientMessages = 1000;                ///< waiting for one client
+    qint64 maxClientBytes = 16 * 1024 * 1024;    ///< likewise, in bytes
+    int maxQueues = 10000;                       ///< clients that something waits for
+    qint64 maxQueuedBytes = 256LL * 1024 * 1024; ///< waiting in all
 
     int handshakeTimeout = 30000; ///< from the connection to the handshake
     int stallTimeout = 30000;     ///< a begun frame, or an unread reply, without progress

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "objectrecord.h"
+
+#include <trelanerror.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
+#include <QtCore/QVector>
+
+namespace bus
+{
+
+/// A connection, as the rules of the bus know it. Never used twice, and never 0.
+using ConnectionId = quint64;
+
+/// \brief What the rules of the bus need of whoever owns the connections.
+class BusOutput
+{
+public:
+    virtual ~BusOutput() = default;
+
+    /// Answers the request of \a id that is being handled. Ignored when it is gone.
+    virtual void reply(ConnectionId id, const QString &word, const TrelanError &error) = 0;
+    /// Answers with one object as the data.
+    virtual void replyObject(ConnectionId id, const QString &word, const ObjectRecord &record) = 0;
+    /// Answers with the objects by name.
+    virtual void replyObjects(ConnectionId id, const QString &word,
+                              const QVector<ObjectRecord> &records) = 0;
+
+    /// Whether everything sent so far has left, so that push() may be called.
+    virtual bool canPush(ConnectionId id) const = 0;
+    /// Sends a frame that answers nothing, in a block of its own.
+    virtual void push(ConnectionId id, const QByteArray &frame) = 0;
+
+    virtual void closeConnection(ConnectionId id) = 0;
+    /// Whether the connection takes no more requests, be it unnoticed so far.
+    virtual bool isAtEnd(ConnectionId id) const = 0;
+    /// Address and port of the other side.
+    virtual QString peer(ConnectionId id) const = 0;
+    /// The client has named itself.
+    virtual void setRegistered(ConnectionId id) = 0;
+};
+
+} // namespace bus

@@ -1,0 +1,192 @@
+#include "deliveryqueue.h"
+
+#include <trelanframe.h>
+
+#include <algorithm>
+
+namespace bus
+{
+
+namespace
+{
+
+// Headers and allocator, measured roughly: small messages must not come for free.
+constexpr qint64 FIXED_COST = 256;
+
+QString keyOf(const QString &sender, const QString &reciever, const QString &uid)
+{
+    TrelanMessage message;
+    message.setSender(sender);
+    message.setReciever(reciever);
+    message.setUid(uid);
+    return message.msgKey();
+}
+
+int indexOf(const QList<Delivery> &deliveries, const QString &key)
+{
+    const auto found =
+        std::find_if(deliveries.cbegin(), deliveries.cend(),
+                     [&](const Delivery &delivery) { return delivery.message.msgKey() == key; });
+    return found == deliveries.cend() ? -1 : int(found - deliveries.cbegin());
+}
+
+} // namespace
+
+qint64 Delivery::cost() const
+{
+    const qint64 characters = message.message().size() + message.sender().size() +
+                              message.reciever().size() + message.uid().size();
+    return FIXED_COST + characters * qint64(sizeof(QChar));
+}
+
+void DeliveryQueue::append(const TrelanMessage &message, Delivery::Kind kind, qint64 now)
+{
+    Delivery delivery;
+    delivery.message = message;
+    delivery.kind = kind;
+    delivery.queuedAt = now;
+    _bytes += delivery.cost();
+    _waiting.append(delivery);
+}
+
+QByteArray DeliveryQueue::takeFrame(qint64 now)
+{
+    if (_waiting.isEmpty() || _inFlight.size() >= MAX_IN_FLIGHT)
+        return {};
+    if (_nextFrame.isEmpty()) {
+        _nextFrame = TrelanFrame::encode(
+            TrelanFrame::Request, TrelanFrame::request(QStringLiteral("sendMessage"),
+                                                       _waiting.first().message.toVariantMap()));
+    }
+    if (!_inFlight.isEmpty() && _bytesInFlight + _nextFrame.size() > MAX_BYTES_IN_FLIGHT)
+        return {};
+
+    Delivery delivery = _waiting.takeFirst();
+    delivery.sentAt = now;
+    delivery.frameSize = _nextFrame.size();
+    _bytesInFlight += delivery.frameSize;
+    _inFlight.append(delivery);
+    return std::exchange(_nextFrame, {});
+}
+
+bool DeliveryQueue::acknowledge(const QString &sender, const QString &reciever, const QString &uid)
+{
+    const QString key = keyOf(sender, reciever, uid);
+    const int index = indexOf(_inFlight, key);
+    if (index < 0)
+        return settleWaiting(key);
+    const Delivery settled = _inFlight.takeAt(index);
+    _bytesInFlight -= settled.frameSize;
+    forget(settled);
+    sendAgain(index);
+    return true;
+}
+
+void DeliveryQueue::restart()
+{
+    _nextFrame.clear();
+    _waiting = _inFlight + _waiting;
+    _inFlight.clear();
+    _bytesInFlight = 0;
+}
+
+void DeliveryQueue::dropNotifications()
+{
+    const auto drop = [this](QList<Delivery> &deliveries) {
+        for (int i = deliveries.size() - 1; i >= 0; --i) {
+            if (deliveries.at(i).kind == Delivery::Notification)
+                forget(deliveries.takeAt(i));
+        }
+    };
+    drop(_waiting);
+    drop(_inFlight);
+    _nextFrame.clear();
+    _bytesInFlight = 0;
+    for (const Delivery &delivery : std::as_const(_inFlight))
+        _bytesInFlight += delivery.frameSize;
+}
+
+bool DeliveryQueue::dropOldest(Delivery::Kind kind)
+{
+    for (int i = 0; i < _waiting.size(); ++i) {
+        if (_waiting.at(i).kind != kind)
+            continue;
+        forget(_waiting.takeAt(i));
+        if (i == 0)
+            _nextFrame.clear();
+        return true;
+    }
+    return false;
+}
+
+void DeliveryQueue::checkTimes(qint64 now)
+{
+    if (!_inFlight.isEmpty() && now - _inFlight.first().sentAt >= SILENCE_MS)
+        sendAgain(1);
+    for (int i = _waiting.size() - 1; i >= 0; --i) {
+        const Delivery &delivery = _waiting.at(i);
+        if (!delivery.message.needAnswer() || now - delivery.queuedAt < ANSWER_WAIT_MS)
+            continue;
+        forget(delivery);
+        _givenUp.prepend(_waiting.takeAt(i));
+        if (i == 0)
+            _nextFrame.clear();
+    }
+}
+
+QList<Delivery> DeliveryQueue::takeGivenUp()
+{
+    return std::exchange(_givenUp, {});
+}
+
+bool DeliveryQueue::isEmpty() const
+{
+    return _waiting.isEmpty() && _inFlight.isEmpty();
+}
+
+int DeliveryQueue::count() const
+{
+    return _waiting.size() + _inFlight.size();
+}
+
+qint64 DeliveryQueue::bytes() const
+{
+    return _bytes;
+}
+
+/// A late acknowledgement of what is about to be sent again.
+bool DeliveryQueue::settleWaiting(const QString &key)
+{
+    const int index = indexOf(_waiting, key);
+    if (index < 0 || _waiting.at(index).resends == 0)
+        return false;
+    forget(_waiting.takeAt(index));
+    if (index == 0)
+        _nextFrame.clear();
+    return true;
+}
+
+/// The first \a number in flight were dropped on the other side.
+void DeliveryQueue::sendAgain(int number)
+{
+    if (number == 0)
+        return;
+    _nextFrame.clear();
+    for (int i = number - 1; i >= 0; --i) {
+        Delivery delivery = _inFlight.takeAt(i);
+        _bytesInFlight -= delivery.frameSize;
+        if (++delivery.resends <= MAX_RESENDS) {
+            _waiting.prepend(delivery);
+        } else {
+            forget(delivery);
+            _givenUp.prepend(delivery);
+        }
+    }
+}
+
+void DeliveryQueue::forget(const Delivery &delivery)
+{
+    _bytes -= delivery.cost();
+}
+
+} // namespace bus
