@@ -233,12 +233,13 @@ private Q_SLOTS:
         R::setMsgPort(0);
         QVERIFY(!_reciever->open());
     }
+
     void lossBeforeTheHandshakeFailsOpen()
     {
         // Else a worker would take it for connected, and never try again.
-        QSemaphore isReset;
-        connect(socket(), &QTcpSocket::connected, this, [&] { isReset.acquire(); });
-        QVERIFY(!openOn([&](ScriptedPeer &peer) {
+        static QSemaphore isReset; // the script may still be in it
+        connect(socket(), &QTcpSocket::connected, this, [] { isReset.acquire(); });
+        QVERIFY(!openOn([](ScriptedPeer &peer) {
             peer.close(true);
             isReset.release();
         }));

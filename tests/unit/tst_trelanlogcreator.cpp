@@ -73,7 +73,7 @@ private Q_SLOTS:
     {
         init(0, "1noSuchSlot()");
         const QtMessageHandler before = qInstallMessageHandler(Creator::humanKelLog);
-        QVERIFY(Creator::createCreator()); // about which Qt has something to say
+        delete Creator::createCreator(); // about which Qt has something to say
         qInstallMessageHandler(before);
         init(0);
         log(QtInfoMsg, "b");

@@ -334,7 +334,7 @@ QByteArray TrelanMessageReciever::readPayload(qint32 size)
         if (isConnected(_socket))
             _socket->waitForReadyRead(READ_WAIT_MS);
     }
-    return payload;
+    return self ? payload : QByteArray(); // a whole one has nobody left to process it
 }
 
 bool TrelanMessageReciever::processRequest(const QVariant &envelope)
