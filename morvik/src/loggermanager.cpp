@@ -15,13 +15,15 @@ struct Entry
         : output(function)
     {}
 
-    QMutex mutex {QMutex::Recursive}; // one line at a time
-    LoggerManager::Output output;     // empty once it is removed
+    LoggerManager::Output output; // empty once it is removed
     bool running = false;
 };
 
 struct Outputs
 {
+    // Held while an output is called: one for all of them, since two outputs that hand lines on
+    // to handle() would otherwise wait for each other.
+    QMutex calling {QMutex::Recursive};
     QMutex mutex;
     QMap<QString, std::shared_ptr<Entry>> entries;
     QtMessageHandler previous = nullptr;
@@ -38,7 +40,7 @@ Outputs &outputsOfProcess()
 void callOutput(Entry &entry, QtMsgType type, const QMessageLogContext &context,
                 const QString &text)
 {
-    const QMutexLocker locker(&entry.mutex);
+    const QMutexLocker locker(&outputsOfProcess().calling);
     // What an output logs does not come back to it, else it would log for ever.
     if (entry.running || !entry.output)
         return;
@@ -48,14 +50,26 @@ void callOutput(Entry &entry, QtMsgType type, const QMessageLogContext &context,
     entry.running = false;
 }
 
+/// Waits for a line that is being written, and lets no other follow.
+void retire(const std::shared_ptr<Entry> &entry)
+{
+    if (!entry)
+        return;
+    const QMutexLocker locker(&outputsOfProcess().calling);
+    entry->output = nullptr;
+}
+
 } // namespace
 
 void LoggerManager::addOutput(const QString &name, const Output &output)
 {
-    removeOutput(name);
     Outputs &all = outputsOfProcess();
-    const QMutexLocker locker(&all.mutex);
-    all.entries.insert(name, std::make_shared<Entry>(output));
+    std::shared_ptr<Entry> entry = std::make_shared<Entry>(output);
+    {
+        const QMutexLocker locker(&all.mutex);
+        all.entries[name].swap(entry);
+    }
+    retire(entry);
 }
 
 void LoggerManager::removeOutput(const QString &name)
@@ -66,10 +80,7 @@ void LoggerManager::removeOutput(const QString &name)
         const QMutexLocker locker(&all.mutex);
         entry = all.entries.take(name);
     }
-    if (!entry)
-        return;
-    const QMutexLocker locker(&entry->mutex); // waits for a line that is being written
-    entry->output = nullptr;
+    retire(entry);
 }
 
 QStringList LoggerManager::outputs()

@@ -11,9 +11,9 @@
 /// \brief Where the log lines of a process go: named outputs behind one Qt message handler.
 ///
 /// All functions are static and thread-safe. An output is called in whichever thread logs, one line
-/// at a time for each output; it may log itself, which then goes to the other outputs only. An
-/// output that is removed is not called any more once removeOutput() has returned, unless it
-/// removed itself.
+/// at a time for all outputs. What it logs itself does not come back to it: Qt prints that, and
+/// what it hands to handle() goes to the other outputs. An output that is removed is not called any
+/// more once removeOutput() has returned, unless it removed itself.
 ///
 /// \code
 /// LoggerManager::addOutput("file", [&](QtMsgType, const QMessageLogContext &, const QString &text)

@@ -3,6 +3,7 @@
 #include "trelancommand.h"
 
 #include <QtCore/QMutexLocker>
+#include <QtCore/QWaitCondition>
 
 namespace bus
 {
@@ -17,6 +18,19 @@ constexpr int MSECS_PER_DAY = 24 * 60 * 60 * 1000;
 // Set while this thread connects an emitter: a wrong method makes Qt warn there, and that line
 // would come back here for ever.
 thread_local bool _connecting = false;
+
+// Threads that are connecting an emitter to a receiver, which must not be destroyed meanwhile. The
+// mutex of the configuration guards it; it is not held while they connect, since what Qt may log
+// there can wait for a thread that is just asking for it.
+int _connects = 0;
+QWaitCondition _connected;
+
+/// To be called with the mutex held, once no further thread can get at the old receiver.
+void awaitConnects(QMutex *mutex)
+{
+    while (_connects > (_connecting ? 1 : 0))
+        _connected.wait(mutex);
+}
 
 /// Milliseconds since a time of day; past midnight it goes on counting.
 int elapsedSince(const QTime &time)
@@ -75,6 +89,7 @@ void TrelanLogCreator::init(const QPointer<QObject> &receiver, const QByteArray 
     _baseClientName = clientName;
     _lastMessage.clear();
     _lastMessageTime = QTime();
+    awaitConnects(&_mutex);
 }
 
 void TrelanLogCreator::release()
@@ -84,26 +99,31 @@ void TrelanLogCreator::release()
     _method.clear();
     _baseClientName.clear();
     _baseRepeatInterval = _repeatInterval = 0;
+    awaitConnects(&_mutex);
 }
 
 QPointer<TrelanLogCreator> TrelanLogCreator::createCreator()
 {
-    QPointer<QObject> sender;
+    QObject *sender = nullptr;
     QByteArray method;
     QString clientName;
     {
         const QMutexLocker locker(&_mutex);
+        if (!_sender || _method.isEmpty() || _baseClientName.isEmpty() || _connecting)
+            return {};
         sender = _sender;
         method = _method;
         clientName = _baseClientName;
+        ++_connects;
     }
-    if (!sender || method.isEmpty() || clientName.isEmpty() || _connecting)
-        return {};
-
     auto *creator = new TrelanLogCreator(clientName, nullptr);
     _connecting = true;
     connect(creator, SIGNAL(sendMessage(TrelanMessage)), sender, method.constData());
     _connecting = false;
+
+    const QMutexLocker locker(&_mutex);
+    --_connects;
+    _connected.wakeAll();
     return creator;
 }
 
@@ -135,7 +155,8 @@ void TrelanLogCreator::humanKelLog(QtMsgType type, const QMessageLogContext &con
     if (!creator)
         return;
     creator->sendMessage(prefixOf(type), message);
-    creator->deleteLater();
+    if (creator)
+        creator->deleteLater();
 }
 
 void TrelanLogCreator::sendMessage(QString prefix, QString msg)

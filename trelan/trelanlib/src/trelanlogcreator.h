@@ -49,7 +49,8 @@ public:
     /// repeatInterval, in milliseconds, of 1000 or less sends every line.
     static void init(const QPointer<QObject> &receiver, const QByteArray &method,
                      const QString &clientName, int repeatInterval);
-    /// From here on nothing is sent.
+    /// From here on nothing is sent. Has to be called, or init() again, before the receiver is
+    /// destroyed while other threads log.
     static void release();
 
     /// The emitter of one line, connected to the receiver; null if lines go nowhere.

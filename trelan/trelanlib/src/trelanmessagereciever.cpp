@@ -58,6 +58,12 @@ TrelanCommand commandOf(const TrelanMessage &msg, const QVariantMap &call)
     return command;
 }
 
+/// A QTcpSocket stays open as a device after its connection is gone, so that the state decides.
+bool isConnected(const QPointer<QTcpSocket> &socket)
+{
+    return socket && socket->isOpen() && socket->state() != QAbstractSocket::UnconnectedState;
+}
+
 } // namespace
 
 quint16 TrelanMessageReciever::_msgPort = TrelanMessageReciever::DEFAULT_PORT;
@@ -80,11 +86,16 @@ TrelanMessageReciever::~TrelanMessageReciever()
 {
     close();
     _cache.clear();
+    // Deleted by what one of the socket's own signals led to: the socket has to outlive it.
+    if (_socket && sender() == _socket) {
+        _socket->setParent(nullptr);
+        _socket->deleteLater();
+    }
 }
 
 bool TrelanMessageReciever::isOpen() const
 {
-    return isConnected() && _opened;
+    return isConnected(_socket) && _opened;
 }
 
 QString TrelanMessageReciever::clientName() const
@@ -165,7 +176,13 @@ bool TrelanMessageReciever::open()
     _opened = false;
     _socket->blockSignals(false);
     _socket->connectToHost(QHostAddress(msgHost()), msgPort(), QIODevice::ReadWrite);
-    if (wait::connected(*_socket, WAIT_MS) && handshake()) {
+    const QPointer<TrelanMessageReciever> self(this);
+    const bool written = wait::connected(*_socket, WAIT_MS) && handshake();
+    if (!self)
+        return false;
+    // Lost or refused while it was written: the signal for that has been, and must not be followed
+    // by a success, on which a worker stops trying.
+    if (written && isConnected(_socket)) {
         emit kelbusConnected();
         return true;
     }
@@ -203,7 +220,9 @@ void TrelanMessageReciever::socketError(QAbstractSocket::SocketError error)
 
 void TrelanMessageReciever::onSocketReadyRead()
 {
-    while (_socket && _socket->bytesAvailable() > 0 && !wait::isInterrupted()) {
+    // What a frame leads to may delete this receiver.
+    const QPointer<TrelanMessageReciever> self(this);
+    while (self && _socket && _socket->bytesAvailable() > 0 && !wait::isInterrupted()) {
         const QString header =
             TrelanFrame::lineText(_socket->readLine(TrelanFrame::MAX_LINE_LENGTH + 1));
         if (header == TrelanFrame::headerWord(TrelanFrame::Request))
@@ -222,7 +241,7 @@ bool TrelanMessageReciever::handshake()
 
 bool TrelanMessageReciever::request(QString cmd, QVariantMap data)
 {
-    if (!isConnected())
+    if (!isConnected(_socket))
         return false;
     write(TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(cmd, data)));
     return true;
@@ -230,24 +249,20 @@ bool TrelanMessageReciever::request(QString cmd, QVariantMap data)
 
 bool TrelanMessageReciever::reply(QString cmd, TrelanError error, QVariantMap data)
 {
-    if (!isConnected())
+    if (!isConnected(_socket))
         return false;
     write(TrelanFrame::encode(TrelanFrame::Reply, TrelanFrame::reply(cmd, error, data)));
     return true;
 }
 
-/// A QTcpSocket stays open as a device after its connection is gone, so the state decides.
-bool TrelanMessageReciever::isConnected() const
-{
-    return _socket && _socket->isOpen() && _socket->state() == QAbstractSocket::ConnectedState;
-}
-
 void TrelanMessageReciever::write(const QByteArray &frame)
 {
-    _socket->write(frame);
-    _socket->flush();
-    if (isConnected()) // the flush notices a connection that is gone
-        wait::bytesWritten(*_socket, WAIT_MS);
+    // Of its own: a connection that is lost here is a signal, which may delete this receiver.
+    const QPointer<QTcpSocket> socket = _socket;
+    socket->write(frame);
+    socket->flush();
+    if (isConnected(socket))
+        wait::bytesWritten(*socket, WAIT_MS);
 }
 
 void TrelanMessageReciever::prepareRequest()
@@ -304,19 +319,22 @@ bool TrelanMessageReciever::readData(qint32 size, QVariant &out)
 /// connection is gone. The announced size by itself takes no memory.
 QByteArray TrelanMessageReciever::readPayload(qint32 size)
 {
+    const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
     const int attempts = size / BYTES_PER_ATTEMPT + 1;
     QByteArray payload;
-    for (int attempt = 0; payload.size() < size && attempt < attempts; ++attempt) {
+    for (int attempt = 0; payload.size() < size && attempt < attempts && self; ++attempt) {
+        if (!_socket)
+            break;
         const qint64 arrived = _socket->bytesAvailable();
         if (arrived > 0)
             payload.append(_socket->read(qMin<qint64>(size - payload.size(), arrived)));
         QThread::msleep(READ_PAUSE_MS);
-        if (!_socket || wait::isInterrupted() || (arrived == 0 && !isConnected()))
+        if (wait::isInterrupted() || (arrived == 0 && !isConnected(_socket)))
             break;
-        if (isConnected())
+        if (isConnected(_socket))
             _socket->waitForReadyRead(READ_WAIT_MS);
     }
-    return payload;
+    return self ? payload : QByteArray(); // a whole one has nobody left to process it
 }
 
 bool TrelanMessageReciever::processRequest(const QVariant &envelope)
@@ -331,16 +349,19 @@ bool TrelanMessageReciever::processRequest(const QVariant &envelope)
     const TrelanMessage msg =
         TrelanMessage::fromVariantMap(request.value(QStringLiteral("data")).toMap());
     // Repeated ones too, so that the bus stops sending them.
+    const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
     reply(OPERATION_SEND_MESSAGE, TrelanError(),
           {{QStringLiteral("sender"), msg.sender()},
            {QStringLiteral("reciever"), msg.reciever()},
            {QStringLiteral("uid"), msg.uid()}});
+    if (!self)
+        return true;
 
     const QString key = msg.msgKey();
     // contains() and never object(), which would count as a use: the oldest key goes first.
     if (_cache.contains(key)) {
         qWarning().noquote().nospace()
-            << "Message repeating: " << logtab << msg.sender() << "\t" << msg.reciever() << "\t"
+            << tr("Message repeating: ") << logtab << msg.sender() << "\t" << msg.reciever() << "\t"
             << msg.uid() << logtab << loglist(msg.message().split(QLatin1Char('\n')));
         return true;
     }
@@ -356,12 +377,13 @@ bool TrelanMessageReciever::processReply(const QVariant &envelope)
     const QVariantMap result = answer.value(QStringLiteral("result")).toMap();
     const quint16 code = TrelanFrame::replyCode(result);
     if (operation == OPERATION_HANDSHAKE) {
-        _opened = code == 0;
-        if (!_opened) {
+        const bool accepted = code == 0;
+        _opened = accepted;
+        if (!accepted) {
             close();
             emit handshakeRefused();
         }
-        return _opened;
+        return accepted;
     }
     if (code != 0) {
         qCritical().noquote().nospace()

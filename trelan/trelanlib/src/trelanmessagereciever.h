@@ -34,6 +34,8 @@ namespace bus
 ///
 /// A message that was delivered before is acknowledged and dropped: the last 100 keys (see
 /// TrelanMessage::msgKey()) are remembered, for as long as this object lives.
+///
+/// A slot on one of its signals may delete it.
 class TRELAN_EXPORT TrelanMessageReciever : public QObject
 {
     Q_OBJECT
@@ -96,7 +98,6 @@ private Q_SLOTS:
     bool reply(QString cmd, TrelanError error, QVariantMap data = QVariantMap());
 
 private:
-    bool isConnected() const;
     void write(const QByteArray &frame);
     void prepareRequest();
     void prepareReply();

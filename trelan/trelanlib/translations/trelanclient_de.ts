@@ -29,6 +29,37 @@
     </message>
 </context>
 <context>
+    <name>bus::TrelanMessageReciever</name>
+    <message>
+        <source>Unknown request header: %1</source>
+        <translation>Unbekannter Kopf der Anfrage: %1</translation>
+    </message>
+    <message>
+        <source>Invalid request size</source>
+        <translation>Ungültige Größe der Anfrage</translation>
+    </message>
+    <message>
+        <source>Invalid request data</source>
+        <translation>Ungültige Daten in der Anfrage</translation>
+    </message>
+    <message>
+        <source>Incorrect reply data</source>
+        <translation>Falsche Daten in der Antwort</translation>
+    </message>
+    <message>
+        <source>Socket is empty</source>
+        <translation>Keine Daten auf der Verbindung</translation>
+    </message>
+    <message>
+        <source>Invalid request size: </source>
+        <translation>Ungültige Größe der Anfrage: </translation>
+    </message>
+    <message>
+        <source>Message repeating: </source>
+        <translation>Wiederholte Nachricht: </translation>
+    </message>
+</context>
+<context>
     <name>bus::TrelanQueryHandler</name>
     <message>
         <source>Socket wait for ready read error</source>

@@ -1,0 +1,58 @@
+#include <sharedobjectsstorage.h>
+
+#include <QtTest/QtTest>
+
+using namespace bus;
+
+class tst_SharedObjectsStorage : public QObject
+{
+    Q_OBJECT
+
+    SharedObjectsStorage _storage;
+
+    static TrelanCommand command(int uid, int parent = 0)
+    {
+        TrelanCommand command;
+        command.setUid(uid ? QString::number(uid) : QString());
+        command.setParentUid(parent ? QString::number(parent) : QString());
+        return command;
+    }
+
+private Q_SLOTS:
+    void init() { _storage.clear(); }
+
+    void keepsTheTwentyUsedLast()
+    {
+        for (int uid = 1; uid <= 20; ++uid)
+            _storage.storeCmd(command(uid));
+        QVERIFY(_storage.containsCmd(QStringLiteral("1"))); // is no use
+        _storage.getCmd(QStringLiteral("2"));
+        _storage.containsAnswer(QStringLiteral("3"));
+        for (int uid = 21; uid <= 22; ++uid)
+            _storage.storeCmd(command(uid));
+        for (int uid = 1; uid <= 22; ++uid)
+            QCOMPARE(_storage.containsCmd(QString::number(uid)), uid != 1 && uid != 4);
+    }
+
+    void pairsAnswers()
+    {
+        const QString uid = QStringLiteral("1");
+        _storage.storeCmdAnswer(command(2, 1)); // of nothing that is kept
+        _storage.storeCmd(command(1));
+        QVERIFY(!_storage.containsAnswer(uid));
+        _storage.storeCmdAnswer(command(3));
+        QVERIFY(!_storage.containsAnswer(uid));
+        _storage.storeCmdAnswer(command(2, 1));
+        QVERIFY(_storage.containsAnswer(uid));
+        QCOMPARE(_storage.getCmd(uid).second, command(2, 1));
+        _storage.storeCmd(command(1)); // starts afresh
+        QVERIFY(!_storage.containsAnswer(uid));
+        QCOMPARE(_storage.takeCmd(uid).first, command(1));
+        QVERIFY(!_storage.containsCmd(uid));
+        _storage.storeCmd(command(0)); // nothing there to tell an answer from none
+        QVERIFY(_storage.containsAnswer(QString()));
+    }
+};
+
+QTEST_APPLESS_MAIN(tst_SharedObjectsStorage)
+#include "tst_sharedobjectsstorage.moc"
