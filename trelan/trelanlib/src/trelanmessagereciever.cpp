@@ -67,7 +67,7 @@ TrelanMessageReciever::TrelanMessageReciever(const QString &clientName, QObject 
     : QObject(parent)
     , _socket(new QTcpSocket(this))
     , _clientName(clientName)
-    , _cache(MAX_REMEMBERED)
+    , _cache(Filter::create(MAX_REMEMBERED))
 {
     connect(_socket, SIGNAL(connected()), this, SLOT(socketConnected()));
     connect(_socket, SIGNAL(disconnected()), this, SLOT(socketDisconnected()));
@@ -79,7 +79,6 @@ TrelanMessageReciever::TrelanMessageReciever(const QString &clientName, QObject 
 TrelanMessageReciever::~TrelanMessageReciever()
 {
     close();
-    _cache.clear();
 }
 
 bool TrelanMessageReciever::isOpen() const
@@ -90,6 +89,16 @@ bool TrelanMessageReciever::isOpen() const
 QString TrelanMessageReciever::clientName() const
 {
     return _clientName;
+}
+
+TrelanMessageReciever::Filter TrelanMessageReciever::filter() const
+{
+    return _cache;
+}
+
+void TrelanMessageReciever::setFilter(const Filter &filter)
+{
+    _cache = filter;
 }
 
 quint32 TrelanMessageReciever::msgHost()
@@ -338,13 +347,13 @@ bool TrelanMessageReciever::processRequest(const QVariant &envelope)
 
     const QString key = msg.msgKey();
     // contains() and never object(), which would count as a use: the oldest key goes first.
-    if (_cache.contains(key)) {
+    if (_cache->contains(key)) {
         qWarning().noquote().nospace()
             << "Message repeating: " << logtab << msg.sender() << "\t" << msg.reciever() << "\t"
             << msg.uid() << logtab << loglist(msg.message().split(QLatin1Char('\n')));
         return true;
     }
-    _cache.insert(key, new TrelanMessage(msg));
+    _cache->insert(key, new TrelanMessage(msg));
     processMessage(msg);
     return true;
 }

@@ -10,6 +10,7 @@
 #include <QtCore/QCache>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
+#include <QtCore/QSharedPointer>
 #include <QtCore/QVariantMap>
 #include <QtNetwork/QAbstractSocket>
 
@@ -51,6 +52,11 @@ public:
     /// the handshake is not waited for.
     bool isOpen() const;
     QString clientName() const;
+
+    /// What is remembered of past messages. Another receiver may go on with it, in the same thread.
+    using Filter = QSharedPointer<QCache<QString, TrelanMessage>>;
+    Filter filter() const;
+    void setFilter(const Filter &filter);
 
     /// IPv4 address used by the next open() of any receiver of the process; 127.0.0.1 unless set.
     /// Not thread-safe: set host and port before the first receiver opens.
@@ -109,7 +115,7 @@ private:
     QPointer<QTcpSocket> _socket;
     QString _clientName;
     bool _opened = false;
-    QCache<QString, TrelanMessage> _cache;
+    Filter _cache;
 
     static quint16 _msgPort;
     static quint32 _msgHost;
