@@ -1,10 +1,14 @@
 #include "workerthread.h"
 
+#include <QtCore/QAbstractEventDispatcher>
+#include <QtCore/QCoreApplication>
 #include <QtCore/QMutex>
 #include <QtCore/QMutexLocker>
 #include <QtCore/QSet>
+#include <QtCore/QTimer>
 #include <QtCore/QWaitCondition>
 
+#include <atomic>
 #include <cstdlib>
 #include <unistd.h>
 
@@ -13,6 +17,8 @@ namespace morvik
 
 namespace
 {
+
+constexpr int TICK_MS = 50;
 
 struct LiveThreads
 {
@@ -88,6 +94,10 @@ void WorkerThread::askToStop()
 
 void WorkerThread::stopAll()
 {
+    // Of two threads that call exit() one must not wait for the other.
+    static std::atomic_flag _stopping = ATOMIC_FLAG_INIT;
+    if (_stopping.test_and_set())
+        return;
     LiveThreads &live = liveThreads();
     QMutexLocker locker(&live.mutex);
     for (WorkerThread *thread : std::as_const(live.threads))
@@ -110,6 +120,7 @@ void WorkerThread::stopAll()
         live.awaited = nullptr;
         live.notAwaited.wakeAll();
     }
+    _stopping.clear();
 }
 
 void WorkerThread::run()
@@ -119,6 +130,7 @@ void WorkerThread::run()
         _worker->doStart();
         emit workerStarted();
     }
+    runWithoutApplication();
     if (!isInterruptionRequested())
         exec();
     if (_worker) {
@@ -126,6 +138,15 @@ void WorkerThread::run()
         delete _worker;
     }
     _exitGuard.armed = false;
+}
+
+/// exec() complains where there is no QCoreApplication; it may be made later, or never.
+void WorkerThread::runWithoutApplication()
+{
+    QTimer tick; // as nothing else says that there is one, or that a stop is asked for
+    tick.start(TICK_MS);
+    while (!isInterruptionRequested() && !QCoreApplication::instance())
+        eventDispatcher()->processEvents(QEventLoop::WaitForMoreEvents);
 }
 
 } // namespace morvik

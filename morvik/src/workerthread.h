@@ -33,6 +33,8 @@ protected:
     void run() override;
 
 private:
+    void runWithoutApplication();
+
     QPointer<AbstractWorker> _worker;
 };
 
