@@ -42,8 +42,8 @@ public:
     ~TrelanMsgWorker() override;
 
     QFlags<Option> options() const;
-    /// Takes effect for the next incoming object or channel. Not thread-safe: before the worker is started, or
-    /// in its thread.
+    /// Takes effect for the next incoming object or channel. Not thread-safe: before the worker is
+    /// started, or in its thread.
     void setOptions(const QFlags<Option> &options);
 
     /// Builds the channel and opens it. Always true: a bus that is not there is waited for.
