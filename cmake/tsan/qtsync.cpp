@@ -185,8 +185,8 @@ QT_FUNCTION(
 // it.
 QT_FUNCTION(void, _ZN7QObjectD2Ev, (QObject * object))
 {
-    __tsan_release(&_queue);
     QT_ORIGINAL(_ZN7QObjectD2Ev)(object);
+    __tsan_release(&_queue);
 }
 
 // Every class of this tree that does not handle events itself has this one in its table.

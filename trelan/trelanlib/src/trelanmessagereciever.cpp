@@ -60,8 +60,9 @@ TrelanCommand commandOf(const TrelanMessage &msg, const QVariantMap &call)
 
 } // namespace
 
-quint16 TrelanMessageReciever::_msgPort = TrelanMessageReciever::DEFAULT_PORT;
-quint32 TrelanMessageReciever::_msgHost = QHostAddress(QHostAddress::LocalHost).toIPv4Address();
+std::atomic<quint16> TrelanMessageReciever::_msgPort {TrelanMessageReciever::DEFAULT_PORT};
+std::atomic<quint32> TrelanMessageReciever::_msgHost {
+    QHostAddress(QHostAddress::LocalHost).toIPv4Address()};
 
 TrelanMessageReciever::TrelanMessageReciever(const QString &clientName, QObject *parent)
     : QObject(parent)

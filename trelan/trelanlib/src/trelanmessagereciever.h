@@ -14,6 +14,8 @@
 #include <QtCore/QVariantMap>
 #include <QtNetwork/QAbstractSocket>
 
+#include <atomic>
+
 class QTcpSocket;
 
 namespace bus
@@ -117,8 +119,8 @@ private:
     bool _opened = false;
     Filter _cache;
 
-    static quint16 _msgPort;
-    static quint32 _msgHost;
+    static std::atomic<quint16> _msgPort;
+    static std::atomic<quint32> _msgHost;
 };
 
 } // namespace bus
