@@ -181,6 +181,14 @@ QT_FUNCTION(
     return done;
 }
 
+// A thread announces its end inside Qt. Ours delete what lived there last of all, which stands for
+// it.
+QT_FUNCTION(void, _ZN7QObjectD2Ev, (QObject * object))
+{
+    QT_ORIGINAL(_ZN7QObjectD2Ev)(object);
+    __tsan_release(&_queue);
+}
+
 // Every class of this tree that does not handle events itself has this one in its table.
 QT_FUNCTION(bool, _ZN7QObject5eventEP6QEvent, (QObject * object, QEvent *event))
 {

@@ -3,6 +3,8 @@
 #include "abstractworker.h"
 #include "workerthread.h"
 
+#include <QtCore/QPointer>
+
 #include <utility>
 
 namespace morvik
@@ -56,6 +58,11 @@ void AbstractWorkerController::doKillThreads()
     const QList<WorkerThread *> threads = std::exchange(_threads, {});
     for (WorkerThread *thread : threads) {
         const bool ran = thread->isRunning() || thread->isFinished();
+        if (thread == QThread::currentThread()) {
+            // A worker has called exit(), and this controller is static: its thread outlives it.
+            thread->setParent(nullptr);
+            continue;
+        }
         thread->wait();
         delete thread;
         if (ran)
@@ -69,9 +76,11 @@ QThread *AbstractWorkerController::addWorkerToThread(AbstractWorker *worker)
         return nullptr;
     auto *thread = new WorkerThread(worker, this);
     _threads.append(thread);
-    connect(
-        thread, &WorkerThread::workerStarted, this, [this] { processStartedWorker(); },
-        Qt::QueuedConnection);
+    const auto started = [this, current = QPointer<WorkerThread>(thread)] {
+        if (current) // else it was stopped before this came through
+            processStartedWorker();
+    };
+    connect(thread, &WorkerThread::workerStarted, this, started, Qt::QueuedConnection);
     return thread;
 }
 

@@ -22,8 +22,8 @@ public:
     /// Asks the worker to stop. Returns at once.
     void askToStop();
 
-    /// Ends all worker threads of the process. A program that calls exit() destroys its static data
-    /// while they would still be using it.
+    /// Ends all worker threads of the process but the calling one. A program that calls exit()
+    /// destroys its static data while they would still be using it.
     static void stopAll();
 
 Q_SIGNALS:
@@ -33,6 +33,8 @@ protected:
     void run() override;
 
 private:
+    void runWithoutApplication();
+
     QPointer<AbstractWorker> _worker;
 };
 

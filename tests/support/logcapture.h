@@ -14,6 +14,7 @@ public:
     {
         QtMsgType level;
         QString category, file, function, text;
+        int number = 0; ///< of the source line
     };
 
     LogCapture()
@@ -43,7 +44,7 @@ private:
     {
         const QMutexLocker lock(&_current->_mutex);
         _current->_lines.append({level, QString::fromUtf8(at.category), QString::fromUtf8(at.file),
-                                 QString::fromUtf8(at.function), text});
+                                 QString::fromUtf8(at.function), text, at.line});
     }
 
     mutable QMutex _mutex;

@@ -48,11 +48,11 @@ bool ScriptedPeer::readFrame()
             const QByteArray packed = QByteArray::fromBase64(_buffer.mid(sizeEnd + 2, size));
             const QByteArray json = qUncompress(packed);
             const QJsonObject envelope = QJsonDocument::fromJson(json).object();
+            frame = {_buffer.left(end), json, envelope[QLatin1String("operation")].toString(),
+                     envelope[QLatin1String("data")].toObject().toVariantMap(),
+                     envelope[QLatin1String("result")].toObject().toVariantMap()};
             const QMutexLocker lock(&_server->_mutex);
-            _server->_frames.append({_buffer.left(end), json,
-                                     envelope[QLatin1String("operation")].toString(),
-                                     envelope[QLatin1String("data")].toObject().toVariantMap(),
-                                     envelope[QLatin1String("result")].toObject().toVariantMap()});
+            _server->_frames.append(frame);
             _buffer.remove(0, end);
             return true;
         }

@@ -24,7 +24,8 @@ class ScriptedServer;
 class ScriptedPeer
 {
 public:
-    const int number; ///< of the connection, from 0
+    const int number;    ///< of the connection, from 0
+    ScriptedFrame frame; ///< the one that was read last
 
     /// Reads one whole frame, which is then among the server's frames.
     bool readFrame();

@@ -49,7 +49,9 @@ void TrelanController::setBus(QString host, quint16 msgPort, quint16 queryPort)
     if (host.isEmpty() || msgPort == 0 || queryPort == 0)
         return;
     const QHostAddress address(host);
-    if (address.protocol() != QAbstractSocket::IPv4Protocol) {
+    bool numeric = false;
+    address.toIPv4Address(&numeric);
+    if (!numeric) {
         qWarning().noquote().nospace()
             << "The host of the bus has to be a numeric IPv4 address, and \"" << host
             << "\" is none";

@@ -25,7 +25,8 @@ class TrelanQueryWorker;
 ///
 /// Threads: the controller lives in the application's thread and every method is called there; each
 /// worker has a thread of its own. All connections are queued: what is emitted is done in order of
-/// emission, and nothing tells whether it was; while the bus is away it is dropped.
+/// emission, and nothing tells whether it was; while the bus is away it is dropped, and so is what
+/// still waits when the controller stops.
 ///
 /// \code
 /// class Thermometer : public bus::TrelanController

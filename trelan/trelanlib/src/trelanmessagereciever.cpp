@@ -66,14 +66,15 @@ bool isConnected(const QPointer<QTcpSocket> &socket)
 
 } // namespace
 
-quint16 TrelanMessageReciever::_msgPort = TrelanMessageReciever::DEFAULT_PORT;
-quint32 TrelanMessageReciever::_msgHost = QHostAddress(QHostAddress::LocalHost).toIPv4Address();
+std::atomic<quint16> TrelanMessageReciever::_msgPort {TrelanMessageReciever::DEFAULT_PORT};
+std::atomic<quint32> TrelanMessageReciever::_msgHost {
+    QHostAddress(QHostAddress::LocalHost).toIPv4Address()};
 
 TrelanMessageReciever::TrelanMessageReciever(const QString &clientName, QObject *parent)
     : QObject(parent)
     , _socket(new QTcpSocket(this))
     , _clientName(clientName)
-    , _cache(MAX_REMEMBERED)
+    , _cache(Filter::create(MAX_REMEMBERED))
 {
     connect(_socket, SIGNAL(connected()), this, SLOT(socketConnected()));
     connect(_socket, SIGNAL(disconnected()), this, SLOT(socketDisconnected()));
@@ -85,7 +86,6 @@ TrelanMessageReciever::TrelanMessageReciever(const QString &clientName, QObject 
 TrelanMessageReciever::~TrelanMessageReciever()
 {
     close();
-    _cache.clear();
     // Deleted by what one of the socket's own signals led to: the socket has to outlive it.
     if (_socket && sender() == _socket) {
         _socket->setParent(nullptr);
@@ -101,6 +101,16 @@ bool TrelanMessageReciever::isOpen() const
 QString TrelanMessageReciever::clientName() const
 {
     return _clientName;
+}
+
+TrelanMessageReciever::Filter TrelanMessageReciever::filter() const
+{
+    return _cache;
+}
+
+void TrelanMessageReciever::setFilter(const Filter &filter)
+{
+    _cache = filter;
 }
 
 quint32 TrelanMessageReciever::msgHost()
@@ -359,13 +369,13 @@ bool TrelanMessageReciever::processRequest(const QVariant &envelope)
 
     const QString key = msg.msgKey();
     // contains() and never object(), which would count as a use: the oldest key goes first.
-    if (_cache.contains(key)) {
+    if (_cache->contains(key)) {
         qWarning().noquote().nospace()
             << tr("Message repeating: ") << logtab << msg.sender() << "\t" << msg.reciever() << "\t"
             << msg.uid() << logtab << loglist(msg.message().split(QLatin1Char('\n')));
         return true;
     }
-    _cache.insert(key, new TrelanMessage(msg));
+    _cache->insert(key, new TrelanMessage(msg));
     processMessage(msg);
     return true;
 }

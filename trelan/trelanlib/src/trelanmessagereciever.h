@@ -10,8 +10,11 @@
 #include <QtCore/QCache>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
+#include <QtCore/QSharedPointer>
 #include <QtCore/QVariantMap>
 #include <QtNetwork/QAbstractSocket>
+
+#include <atomic>
 
 class QTcpSocket;
 
@@ -53,6 +56,11 @@ public:
     /// the handshake is not waited for.
     bool isOpen() const;
     QString clientName() const;
+
+    /// What is remembered of past messages. Another receiver may go on with it, in the same thread.
+    using Filter = QSharedPointer<QCache<QString, TrelanMessage>>;
+    Filter filter() const;
+    void setFilter(const Filter &filter);
 
     /// IPv4 address used by the next open() of any receiver of the process; 127.0.0.1 unless set.
     /// Not thread-safe: set host and port before the first receiver opens.
@@ -110,10 +118,10 @@ private:
     QPointer<QTcpSocket> _socket;
     QString _clientName;
     bool _opened = false;
-    QCache<QString, TrelanMessage> _cache;
+    Filter _cache;
 
-    static quint16 _msgPort;
-    static quint32 _msgHost;
+    static std::atomic<quint16> _msgPort;
+    static std::atomic<quint32> _msgHost;
 };
 
 } // namespace bus

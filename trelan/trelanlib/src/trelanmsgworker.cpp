@@ -30,6 +30,9 @@ bool TrelanMsgWorker::doStart()
     doStop();
     _reciever = new TrelanMessageReciever(_clientName, this);
     _restartTimer = channelworker::makeRestartTimer(this);
+    if (_filter && _options.testFlag(KeepFilter))
+        _reciever->setFilter(_filter);
+    _filter = _reciever->filter();
 
     connect(_restartTimer, SIGNAL(timeout()), this, SLOT(restart()));
     connect(_reciever, SIGNAL(incomingMessage(TrelanMessage)), this,
@@ -43,9 +46,8 @@ bool TrelanMsgWorker::doStart()
     // A refusal closes the connection, which then says nothing of its own.
     connect(_reciever, SIGNAL(handshakeRefused()), _restartTimer, SLOT(start()));
 
-    if (_reciever->open())
-        _restartTimer->stop();
-    else
+    // Otherwise the timer is left alone: it runs if the connection was lost again meanwhile.
+    if (!_reciever->open())
         _restartTimer->start();
     return true;
 }

@@ -31,7 +31,10 @@ class TRELAN_EXPORT TrelanMsgWorker : public morvik::AbstractWorker
 
 public:
     enum Option {
-        StoreObjects = 1 ///< every incoming object goes into the SharedObjectsStorage
+        StoreObjects = 1, ///< every incoming object goes into the SharedObjectsStorage
+        /// A new channel remembers which messages the one before has received, so that a message
+        /// whose acknowledgement was lost with the connection is not seen twice.
+        KeepFilter = 2
     };
     Q_DECLARE_FLAGS(Options, Option)
 
@@ -39,8 +42,8 @@ public:
     ~TrelanMsgWorker() override;
 
     QFlags<Option> options() const;
-    /// Takes effect for the next incoming object. Not thread-safe: before the worker is started, or
-    /// in its thread.
+    /// Takes effect for the next incoming object or channel. Not thread-safe: before the worker is
+    /// started, or in its thread.
     void setOptions(const QFlags<Option> &options);
 
     /// Builds the channel and opens it. Always true: a bus that is not there is waited for.
@@ -71,6 +74,7 @@ private:
     QPointer<TrelanMessageReciever> _reciever;
     QPointer<QTimer> _restartTimer;
     QFlags<Option> _options;
+    TrelanMessageReciever::Filter _filter; // of the current channel, or of the one before
     SharedObjectsStorage _storage;
 };
 

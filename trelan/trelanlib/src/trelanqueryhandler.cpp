@@ -46,8 +46,9 @@ QStringList linesOf(const QByteArray &payload)
 
 } // namespace
 
-quint16 TrelanQueryHandler::_queryPort = TrelanQueryHandler::DEFAULT_PORT;
-quint32 TrelanQueryHandler::_queryHost = QHostAddress(QHostAddress::LocalHost).toIPv4Address();
+std::atomic<quint16> TrelanQueryHandler::_queryPort {TrelanQueryHandler::DEFAULT_PORT};
+std::atomic<quint32> TrelanQueryHandler::_queryHost {
+    QHostAddress(QHostAddress::LocalHost).toIPv4Address()};
 
 TrelanQueryHandler::TrelanQueryHandler(const QString &clientName, QObject *parent)
     : QObject(parent)

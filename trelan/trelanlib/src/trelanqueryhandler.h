@@ -14,6 +14,8 @@
 #include <QtCore/QVariantMap>
 #include <QtNetwork/QAbstractSocket>
 
+#include <atomic>
+
 class QTcpSocket;
 
 namespace bus
@@ -174,8 +176,8 @@ private:
     Failure _lastFailure = None;
     TrelanError _lastError;
 
-    static quint16 _queryPort;
-    static quint32 _queryHost;
+    static std::atomic<quint16> _queryPort;
+    static std::atomic<quint32> _queryHost;
 };
 
 } // namespace bus

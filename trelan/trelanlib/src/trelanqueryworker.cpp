@@ -6,6 +6,7 @@
 
 #include <QtCore/QDebug>
 #include <QtCore/QMessageLogger>
+#include <QtCore/QThread>
 
 #include <utility>
 
@@ -48,9 +49,8 @@ bool TrelanQueryWorker::doStart()
     connect(_handler, SIGNAL(busDisconnected()), _restartTimer, SLOT(start()));
     connect(_handler, SIGNAL(kelbusConnected()), this, SIGNAL(workerConnected()));
 
-    if (_handler->open() && subscribeAll())
-        _restartTimer->stop();
-    else
+    // Otherwise the timer is left alone: it runs if the connection was lost again meanwhile.
+    if (!_handler->open() || !subscribeAll())
         _restartTimer->start();
     return true;
 }
@@ -123,7 +123,8 @@ void TrelanQueryWorker::loadObject(QString name)
 
 bool TrelanQueryWorker::isOpen() const
 {
-    return _handler && _handler->isOpen();
+    // What still waits when a stop is asked for is dropped: each request would take its time.
+    return _handler && _handler->isOpen() && !thread()->isInterruptionRequested();
 }
 
 bool TrelanQueryWorker::subscribeAll()

@@ -1,6 +1,7 @@
 #include "trelansocket.h"
 
 #include <QtCore/QDeadlineTimer>
+#include <QtCore/QSocketNotifier>
 #include <QtCore/QThread>
 #include <QtNetwork/QTcpSocket>
 
@@ -32,10 +33,12 @@ bool isOver(const QTcpSocket &socket, const QDeadlineTimer &deadline)
 bool connected(QTcpSocket &socket, int milliseconds)
 {
     // Qt gives the attempt up when its wait times out, so that the slices are waited for below Qt,
-    // which is asked when there is something to know.
+    // which is asked when there is something to know. It tells the descriptor only once there is a
+    // connection; until then the notifier that waits for it knows.
     const QDeadlineTimer deadline(milliseconds);
-    while (socket.state() == QAbstractSocket::ConnectingState && socket.socketDescriptor() >= 0) {
-        pollfd descriptor {int(socket.socketDescriptor()), POLLOUT, 0};
+    const auto *notifier = socket.findChild<QSocketNotifier *>();
+    while (notifier && socket.state() == QAbstractSocket::ConnectingState) {
+        pollfd descriptor {int(notifier->socket()), POLLOUT, 0};
         const int ready = ::poll(&descriptor, 1, slice(deadline));
         const bool again = ready == 0 || (ready < 0 && errno == EINTR);
         if (!again || deadline.hasExpired() || isInterrupted())

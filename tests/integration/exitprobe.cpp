@@ -1,0 +1,87 @@
+/// \file
+/// A program that calls exit() while its workers run: exitprobe CASE MSGPORT QUERYPORT.
+/// Prints nothing and ends with 7 if all is well.
+
+#include <trelancontroller.h>
+#include <trelanmsgworker.h>
+#include <trelanqueryworker.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QTimer>
+
+#include <cstdlib>
+#include <memory>
+
+namespace
+{
+
+constexpr int OK = 7;
+bool _exitsInWorker = false;
+
+class Worker : public bus::TrelanQueryWorker
+{
+public:
+    using TrelanQueryWorker::TrelanQueryWorker;
+    bool doStart() override
+    {
+        // Of what is static it is made last, and so the first to be destroyed.
+        static const auto _text = QStringLiteral("on the heap %1").arg(1);
+        TrelanQueryWorker::doStart();
+        if (_exitsInWorker)
+            std::exit(OK);
+        connect(this, &QObject::destroyed, this, [] {
+            if (!_text.startsWith(QLatin1Char('o')))
+                qFatal("static data went before the worker");
+        });
+        return true;
+    }
+};
+
+class Controller : public bus::TrelanController
+{
+public:
+    explicit Controller(const char *name)
+        : TrelanController(QLatin1String(name) +
+                           QString::number(QCoreApplication::applicationPid()))
+    {}
+
+protected:
+    bool doStart() override
+    {
+        return initWorkers(new bus::TrelanMsgWorker(clientName()),
+                           new Worker(clientName(), {QStringLiteral("probe.*")}));
+    }
+};
+
+Controller _static("static"); // NOLINT(cert-err58-cpp): that is what is tried
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const QByteArray what(argv[1]);
+    std::unique_ptr<QCoreApplication> app;
+    if (!what.contains("noapp"))
+        app = std::make_unique<QCoreApplication>(argc, argv);
+    _exitsInWorker = what.contains("worker");
+    bus::TrelanObject object;
+    object.setName(QStringLiteral("probe.object"));
+
+    Controller stack("stack");
+    auto *heap = new Controller("heap");
+    for (Controller *controller : {&stack, heap, &_static}) {
+        if (controller != &_static || what.contains("static"))
+            controller->setBus(QStringLiteral("127.0.0.1"), QByteArray(argv[2]).toUShort(),
+                               QByteArray(argv[3]).toUShort());
+        for (int i = 0; i < 100; ++i)
+            emit controller->publish(object);
+    }
+    if (what.contains("slot"))
+        QObject::connect(heap, &Controller::unprocessedObject, [] { std::exit(OK); });
+    if (what.contains("slot") || what.contains("worker"))
+        return QCoreApplication::exec();
+    if (!what.contains("return"))
+        std::exit(OK);
+    delete heap;
+    return OK;
+}
