@@ -22,7 +22,7 @@ QVariantMap noise(int bytes)
 
 TestBus::TestBus(bus::TrelanBusSettings settings)
 {
-    settings.queryPort = 0;
+    settings.queryPort = settings.msgPort = 0;
     if (!start(settings))
         qFatal("%s", qUtf8Printable(errorString()));
 }
