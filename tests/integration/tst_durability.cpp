@@ -38,7 +38,7 @@ public:
     bool start(const QString &folder)
     {
         _process.setProcessChannelMode(QProcess::MergedChannels);
-        _process.start(TRELANBUSD, {"--query-port", "0", "--data", folder});
+        _process.start(TRELANBUSD, {"--query-port", "0", "--msg-port", "0", "--data", folder});
         const QRegularExpression listens("listens on 127.0.0.1:(\\d+)\n");
         QString log;
         while (!listens.match(log).hasMatch()) {
@@ -194,7 +194,7 @@ void tst_Durability::refusals()
     arguments.replace("PORT", QString::number(TrelanQueryHandler::queryPort()));
     arguments.replace("DATA", folder.path());
     if (!arguments.contains("--query-port"))
-        arguments += " --query-port 0";
+        arguments += " --query-port 0 --msg-port 0";
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(TRELANBUSD, arguments.split(' '));

@@ -96,7 +96,7 @@ void tst_Storage::init()
     _bus.stop();
     _dir = std::make_unique<QTemporaryDir>();
     _settings = TrelanBusSettings();
-    _settings.queryPort = 0;
+    _settings.queryPort = _settings.msgPort = 0;
     _settings.dataFolder = _dir->path();
     _settings.requireStorage = true;
 }

@@ -38,7 +38,7 @@ static QString runTool(const QByteArray &line, quint16 port, const QByteArray &i
 void tst_tool::initTestCase()
 {
     bus::TrelanBusSettings settings;
-    settings.queryPort = 0;
+    settings.queryPort = settings.msgPort = 0;
     QVERIFY2(_bus.start(settings), qPrintable(_bus.errorString()));
     for (const char *line : {"pub k.ls n=1 s=x --logged --name me", "pub 'k.[a]' '{\"a\":[1]}'",
                              "pub k.per - --permanent", "pub gone.a x=1", "pub gone.b x=1",

@@ -206,7 +206,7 @@ void tst_TrelanBus::newerConnectionWins()
     refused.send("[-REQUEST-]\r\n99999999\r\n");
     QCOMPARE(refused.receive().left(2), "1 ");
     RawPeer first(server, "me"); // nor is this
-    QCOMPARE(log.texts().join("\n"), QString());
+    QCOMPARE(log.faults().join("\n"), QString());
 
     RawPeer second(server, "me");
     QVERIFY(first.awaitEnd());
@@ -215,7 +215,7 @@ void tst_TrelanBus::newerConnectionWins()
     QCOMPARE(third.ask("sub {'wc':'a'}"), "0 ");
     const QString expected = QString("warning: client \"me\" at %1 is taken over by %2")
                                  .arg(first.address(), second.address());
-    QCOMPARE(log.texts(), QStringList(expected)); // once a minute
+    QCOMPARE(log.faults(), QStringList(expected)); // once a minute
 }
 
 void tst_TrelanBus::lateHandshakeTakesNobodyOver()
@@ -254,7 +254,7 @@ void tst_TrelanBus::handlersInManyThreads()
     for (std::thread &thread : threads)
         thread.join();
     QCOMPARE(done.load(), 5);
-    QCOMPARE(log.texts().join("\n"), QString());
+    QCOMPARE(log.faults().join("\n"), QString());
 }
 
 QTEST_GUILESS_MAIN(tst_TrelanBus)

@@ -95,7 +95,7 @@ void tst_TrelanBusConnections::anyBytes()
     QCOMPARE(peer.receive(), status);
     QCOMPARE(isServed(peer), status != "none");
     const QString warning = CLOSED.arg(peer.address(), text);
-    QCOMPARE(log.texts(), status == "none" ? QStringList(warning) : QStringList());
+    QCOMPARE(log.faults(), status == "none" ? QStringList(warning) : QStringList());
 }
 
 void tst_TrelanBusConnections::refusalReachesWhoSendsOn()
@@ -142,7 +142,7 @@ void tst_TrelanBusConnections::silenceAndHalfFrames()
     TestBus server(settings);
     RawPeer idle(server, "me"), peer(server);
     QVERIFY(peer.send(bytes) && peer.awaitEnd());
-    QCOMPARE(log.texts(), QStringList(CLOSED.arg(peer.address(), reason)));
+    QCOMPARE(log.faults(), QStringList(CLOSED.arg(peer.address(), reason)));
     QVERIFY(isServed(idle)); // a registered client may be silent for as long as it likes
 }
 
@@ -156,7 +156,7 @@ void tst_TrelanBusConnections::unreadAnswers()
     QVERIFY(peer.send(publishNoise("large", 1000000)));
     QVERIFY(peer.send(RawPeer::frame("loadObject {'nm':'large'}").repeated(100)));
     const QStringList expected(CLOSED.arg(peer.address(), "does not read its answer"));
-    QTRY_COMPARE_WITH_TIMEOUT(log.texts(), expected, 30000);
+    QTRY_COMPARE_WITH_TIMEOUT(log.faults(), expected, 30000);
     QVERIFY(peer.awaitEnd());
 }
 
@@ -221,7 +221,7 @@ void tst_TrelanBusConnections::connectionLimit()
     for (int i = 0; i < 1000 && status != "0 "; ++i) // the bus may not have noticed yet
         status = RawPeer(server).ask("handshake {'name':'third'}");
     QCOMPARE(status, "0 ");
-    QCOMPARE(log.texts(), QStringList("warning: a connection is refused: there are 2 already"));
+    QCOMPARE(log.faults(), QStringList("warning: a connection is refused: there are 2 already"));
 }
 
 void tst_TrelanBusConnections::outOfDescriptors()
@@ -245,8 +245,8 @@ void tst_TrelanBusConnections::outOfDescriptors()
     ::setrlimit(RLIMIT_NOFILE, &before);
     QVERIFY(sent && !answered && served);
     QVERIFY2(processorTime < 0.5, qPrintable(QString::number(processorTime)));
-    QCOMPARE(log.texts().size(), 1);
-    QVERIFY(log.texts().first().startsWith("warning: cannot take a connection: "));
+    QCOMPARE(log.faults().size(), 1);
+    QVERIFY(log.faults().first().startsWith("warning: cannot take a connection: "));
     QVERIFY(late.receive() == "0 " && isServed(late));
 }
 

@@ -2,6 +2,7 @@
 
 #include <QtCore/QList>
 #include <QtCore/QMutex>
+#include <QtCore/QRegularExpression>
 #include <QtCore/QStringList>
 
 /// \brief Takes every line of the Qt log, of all threads, instead of printing it.
@@ -37,6 +38,11 @@ public:
         for (const Line &line : lines())
             texts << QLatin1String(LEVELS[line.level]) + QLatin1String(": ") + line.text;
         return texts;
+    }
+    /// The same without what is only said for information.
+    QStringList faults() const
+    {
+        return texts().filter(QRegularExpression(QStringLiteral("^(?!info: )")));
     }
 
 private:

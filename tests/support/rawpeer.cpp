@@ -1,5 +1,7 @@
 #include "rawpeer.h"
 
+#include <trelanerror.h>
+
 #include <QtCore/QJsonDocument>
 #include <QtCore/QRandomGenerator>
 #include <QtCore/QVector>
@@ -22,7 +24,7 @@ QVariantMap noise(int bytes)
 
 TestBus::TestBus(bus::TrelanBusSettings settings)
 {
-    settings.queryPort = 0;
+    settings.queryPort = settings.msgPort = 0;
     if (!start(settings))
         qFatal("%s", qUtf8Printable(errorString()));
 }
@@ -88,6 +90,28 @@ bool RawPeer::send(const QByteArray &bytes)
 
 QString RawPeer::receive()
 {
+    if (!receiveFrame() || _reader.kind() != TrelanFrame::Reply)
+        return "none";
+    const QVariantMap result = _envelope.value("result").toMap();
+    return result.value("code").toString() + ' ' + result.value("description").toString();
+}
+
+QVariantMap RawPeer::receiveDelivery()
+{
+    return receiveFrame() && _reader.kind() == TrelanFrame::Request ? data() : QVariantMap();
+}
+
+bool RawPeer::acknowledge(const QVariantMap &message)
+{
+    const QVariantMap answer {{"sender", message.value("s")},
+                              {"reciever", message.value("r")},
+                              {"uid", message.value("uid")}};
+    return send(TrelanFrame::encode(TrelanFrame::Reply,
+                                    TrelanFrame::reply("sendMessage", bus::TrelanError(), answer)));
+}
+
+bool RawPeer::receiveFrame()
+{
     char bytes[64 * 1024];
     TrelanFrameReader::Status status = _reader.next();
     ssize_t count = 1;
@@ -96,11 +120,8 @@ QString RawPeer::receive()
         _reader.feed(QByteArray(bytes, int(qMax<ssize_t>(count, 0))));
         status = _reader.next();
     }
-    if (status != TrelanFrameReader::FrameReady || _reader.kind() != TrelanFrame::Reply)
-        return "none";
     _envelope = TrelanFrame::decodePayload(_reader.payload()).envelope;
-    const QVariantMap result = _envelope.value("result").toMap();
-    return result.value("code").toString() + ' ' + result.value("description").toString();
+    return status == TrelanFrameReader::FrameReady;
 }
 
 QString RawPeer::ask(const QByteArray &request)

@@ -45,6 +45,9 @@ public:
     bool send(const QByteArray &bytes);
     /// Status of the next reply; "none" if the connection ends instead.
     QString receive();
+    /// The next message that the bus delivers; empty if something else comes.
+    QVariantMap receiveDelivery();
+    bool acknowledge(const QVariantMap &message);
     QString ask(const QByteArray &request);
     /// The envelope of the reply received last.
     QVariantMap envelope() const { return _envelope; }
@@ -55,6 +58,8 @@ public:
     bool awaitEnd();
 
 private:
+    bool receiveFrame();
+
     const int _socket;
     bus::TrelanFrameReader _reader {64 * 1024 * 1024};
     QVariantMap _envelope;

@@ -23,6 +23,8 @@ constexpr qint64 READ_CHUNK = 64 * 1024;
 constexpr qint64 TURN_MS = 2;
 // Room for all that may be pushed without an acknowledgement, with what the system adds to a frame.
 constexpr int PUSH_BUFFER = 256 * 1024;
+// Of a client that asks and does not read.
+constexpr int MAX_ANSWERS_LEAVING = 16;
 
 } // namespace
 
@@ -94,6 +96,7 @@ void BusConnection::answer(const QByteArray &frame)
         return;
     _state = Reading;
     send(frame);
+    _answersLeaving = _socket.bytesToWrite() > 0 ? _answersLeaving + 1 : 0;
     scheduleTurn();
 }
 
@@ -142,6 +145,8 @@ void BusConnection::onReadyRead()
 
 void BusConnection::onBytesWritten()
 {
+    if (_socket.bytesToWrite() == 0)
+        _answersLeaving = 0;
     if (_socket.bytesToWrite() > 0) {
         watchProgress();
     } else if (_state == Ending) {
@@ -198,7 +203,7 @@ bool BusConnection::takeRequests()
 {
     QElapsedTimer turn;
     turn.start();
-    while (_state == Reading && (_channel == Messages || _socket.bytesToWrite() == 0)) {
+    while (_state == Reading && mayTakeRequest()) {
         const TrelanFrameReader::Status status = _reader.next();
         if (status != TrelanFrameReader::NeedMoreData) {
             takeRequest(status);
@@ -211,6 +216,14 @@ bool BusConnection::takeRequests()
             return _state != Reading;
     }
     return true;
+}
+
+/// On the message channel acknowledgements are read while something leaves: both sides would wait
+/// for the other to read.
+bool BusConnection::mayTakeRequest() const
+{
+    return _socket.bytesToWrite() == 0 ||
+           (_channel == Messages && _answersLeaving < MAX_ANSWERS_LEAVING);
 }
 
 void BusConnection::takeRequest(TrelanFrameReader::Status status)

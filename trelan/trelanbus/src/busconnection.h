@@ -86,6 +86,7 @@ private:
     void scheduleTurn();
     void takeTurn();
     bool takeRequests();
+    bool mayTakeRequest() const;
     void takeRequest(TrelanFrameReader::Status status);
     void send(const QByteArray &frame);
     void endSending();
@@ -99,6 +100,7 @@ private:
     TrelanFrameReader _reader;
     State _state = Reading;
     bool _inTurn = false;
+    int _answersLeaving = 0;
     QTimer _nextTurn;
     QTimer _stall;
     QTimer _handshake;

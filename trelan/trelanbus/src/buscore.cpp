@@ -107,9 +107,9 @@ void BusCore::connectionClosed(ConnectionId id)
     endMessages(id);
 }
 
-void BusCore::checkTimes()
+bool BusCore::checkTimes()
 {
-    _delivery.checkTimes();
+    return _delivery.checkTimes();
 }
 
 bool BusCore::hasQueues() const
@@ -136,11 +136,13 @@ void BusCore::handshake(ClientRegistry &registry, ConnectionId id, const BusRequ
     }
     registry.add(id, request.name);
     _output.setRegistered(id);
-    _output.reply(id, request.word, TrelanError());
-    if (&registry == &_msgClients) {
+    const bool receives = &registry == &_msgClients;
+    // Before the reply, whose sending may find the connection at its end: then it is detached.
+    if (receives)
         _delivery.attach(request.name, id);
+    _output.reply(id, request.word, TrelanError());
+    if (receives)
         pump(request.name);
-    }
 }
 
 void BusCore::endQuery(ConnectionId id)

@@ -36,8 +36,9 @@ public:
     /// The connection has ended; what another connection registered under its name stays.
     void connectionClosed(ConnectionId id);
 
-    /// To be called about once a second while hasQueues().
-    void checkTimes();
+    /// To be called about once a second while hasQueues(), until it returns false: then time
+    /// alone changes nothing.
+    bool checkTimes();
     bool hasQueues() const;
 
 private:

@@ -40,7 +40,7 @@ TrelanError BusDelivery::accept(const TrelanMessage &message)
     const QString name = message.reciever();
     const auto known = _clients.constFind(name);
     const bool connected = known != _clients.constEnd() && known->connection != 0;
-    if (!connected && !message.isStored()) {
+    if (!connected && !message.isStored() && name != LOGGER_NAME) {
         return {TrelanError::UnregisteredClient,
                 QStringLiteral("client %1 is not connected").arg(names::quoted(name))};
     }
@@ -75,9 +75,10 @@ void BusDelivery::detach(const QString &client)
     const auto known = _clients.find(client);
     if (known == _clients.end())
         return;
+    const qint64 before = known->queue.bytes();
     known->connection = 0;
     known->queue.restart();
-    changed(client, known->queue.bytes());
+    changed(client, before);
 }
 
 void BusDelivery::acknowledge(const QString &client, const QString &sender, const QString &reciever,
@@ -87,7 +88,7 @@ void BusDelivery::acknowledge(const QString &client, const QString &sender, cons
     if (known == _clients.end())
         return;
     const qint64 before = known->queue.bytes();
-    known->queue.acknowledge(sender, reciever, uid);
+    known->queue.acknowledge(sender, reciever, uid, now());
     changed(client, before);
 }
 
@@ -107,16 +108,22 @@ int BusDelivery::pump(const QString &client)
     return pushed;
 }
 
-void BusDelivery::checkTimes()
+bool BusDelivery::checkTimes()
 {
+    bool hasDeadline = false;
     const QStringList names = _clients.keys();
     for (const QString &name : names) {
         Client &client = _clients[name];
         const qint64 before = client.queue.bytes();
+        if (client.connection != 0 && !_output.canPush(client.connection))
+            client.queue.heard(now()); // a large frame is still leaving
         client.queue.checkTimes(now());
         changed(name, before);
         pump(name);
+        const auto left = _clients.constFind(name);
+        hasDeadline = hasDeadline || (left != _clients.constEnd() && left->queue.hasDeadline());
     }
+    return hasDeadline;
 }
 
 bool BusDelivery::hasQueues() const
@@ -161,16 +168,19 @@ void BusDelivery::append(const QString &name, const TrelanMessage &message, Deli
     const qint64 before = queue.bytes();
     queue.append(message, kind, now());
     if (kind == Delivery::Notification || name == LOGGER_NAME)
-        dropExcess(name, queue, kind);
+        dropExcess(name, queue, kind, before);
     _bytes += queue.bytes() - before;
 }
 
 /// An event that nobody fetches makes room for the next; so does a log line, which must not be
 /// refused either: the refusal would be logged, and come back as the next line.
-void BusDelivery::dropExcess(const QString &name, DeliveryQueue &queue, Delivery::Kind kind)
+void BusDelivery::dropExcess(const QString &name, DeliveryQueue &queue, Delivery::Kind kind,
+                             qint64 bytesBefore)
 {
+    const qint64 others = _bytes - bytesBefore;
     qint64 dropped = 0;
-    while ((isFull(queue, 0, 0) || _bytes > _settings.maxQueuedBytes) && queue.dropOldest(kind))
+    while ((isFull(queue, 0, 0) || others + queue.bytes() > _settings.maxQueuedBytes) &&
+           queue.dropOldest(kind))
         ++dropped;
     if (dropped == 0)
         return;

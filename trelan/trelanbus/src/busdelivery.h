@@ -43,8 +43,9 @@ public:
     /// Sends what may be sent. Returns how many frames that were.
     int pump(const QString &client);
 
-    /// To be called about once a second while hasQueues().
-    void checkTimes();
+    /// To be called about once a second while hasQueues(). Returns false when time alone changes
+    /// nothing any more, so that it need not be called before something else has happened.
+    bool checkTimes();
     bool hasQueues() const;
 
 private:
@@ -57,7 +58,8 @@ private:
     TrelanError roomFault(const QString &name, const TrelanMessage &message) const;
     bool isFull(const DeliveryQueue &queue, int messages, qint64 bytes) const;
     void append(const QString &name, const TrelanMessage &message, Delivery::Kind kind);
-    void dropExcess(const QString &name, DeliveryQueue &queue, Delivery::Kind kind);
+    void dropExcess(const QString &name, DeliveryQueue &queue, Delivery::Kind kind,
+                    qint64 bytesBefore);
     void countLostLogLines(qint64 lines);
     void changed(const QString &name, qint64 bytesBefore);
     qint64 now() const;

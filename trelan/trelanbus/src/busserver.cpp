@@ -216,8 +216,10 @@ void BusServer::onDescriptor(BusConnection::Channel channel, qintptr descriptor)
     _connections.insert(_lastId, connection);
     connect(connection, &BusConnection::requestArrived, this, &BusServer::onRequest);
     connect(connection, &BusConnection::replyArrived, this, &BusServer::onReply);
-    connect(connection, &BusConnection::drained, this,
-            [this](ConnectionId id) { _core.pushMore(id); });
+    connect(connection, &BusConnection::drained, this, [this](ConnectionId id) {
+        _core.pushMore(id);
+        watchTimes();
+    });
     connect(connection, &BusConnection::frameTooLarge, this, &BusServer::onFrameTooLarge);
     connect(connection, &BusConnection::closed, this, &BusServer::onClosed);
 }
@@ -244,9 +246,13 @@ void BusServer::onRequest(ConnectionId id, const QByteArray &payload)
 
 void BusServer::onReply(ConnectionId id, const QByteArray &payload)
 {
+    // What an acknowledgement says is short; anything large is decoded for nothing.
+    if (payload.size() > SMALL_INFLATED)
+        return;
     const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(payload, SMALL_INFLATED);
     if (decoded.fault == TrelanFrame::NoFault)
         _core.handleReply(id, decoded.envelope);
+    watchTimes();
 }
 
 void BusServer::handle(ConnectionId id, const BusRequest &request)
@@ -285,7 +291,7 @@ void BusServer::handleStorageResults()
     watchTimes();
 }
 
-/// The clock runs only while something waits: an idle bus is not to wake up.
+/// The clock runs only while something may run out: an idle bus is not to wake up.
 void BusServer::watchTimes()
 {
     if (_core.hasQueues() && !_times.isActive())
@@ -294,8 +300,7 @@ void BusServer::watchTimes()
 
 void BusServer::checkTimes()
 {
-    _core.checkTimes();
-    if (!_core.hasQueues())
+    if (!_core.checkTimes())
         _times.stop();
 }
 

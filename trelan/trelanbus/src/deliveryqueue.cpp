@@ -24,9 +24,8 @@ QString keyOf(const QString &sender, const QString &reciever, const QString &uid
 
 int indexOf(const QList<Delivery> &deliveries, const QString &key)
 {
-    const auto found =
-        std::find_if(deliveries.cbegin(), deliveries.cend(),
-                     [&](const Delivery &delivery) { return delivery.message.msgKey() == key; });
+    const auto found = std::find_if(deliveries.cbegin(), deliveries.cend(),
+                                    [&](const Delivery &delivery) { return delivery.key == key; });
     return found == deliveries.cend() ? -1 : int(found - deliveries.cbegin());
 }
 
@@ -43,6 +42,7 @@ void DeliveryQueue::append(const TrelanMessage &message, Delivery::Kind kind, qi
 {
     Delivery delivery;
     delivery.message = message;
+    delivery.key = message.msgKey();
     delivery.kind = kind;
     delivery.queuedAt = now;
     _bytes += delivery.cost();
@@ -69,12 +69,14 @@ QByteArray DeliveryQueue::takeFrame(qint64 now)
     return std::exchange(_nextFrame, {});
 }
 
-bool DeliveryQueue::acknowledge(const QString &sender, const QString &reciever, const QString &uid)
+bool DeliveryQueue::acknowledge(const QString &sender, const QString &reciever, const QString &uid,
+                                qint64 now)
 {
     const QString key = keyOf(sender, reciever, uid);
     const int index = indexOf(_inFlight, key);
     if (index < 0)
         return settleWaiting(key);
+    heard(now);
     const Delivery settled = _inFlight.takeAt(index);
     _bytesInFlight -= settled.frameSize;
     forget(settled);
@@ -82,28 +84,37 @@ bool DeliveryQueue::acknowledge(const QString &sender, const QString &reciever, 
     return true;
 }
 
+void DeliveryQueue::heard(qint64 now)
+{
+    _heardAt = now;
+}
+
 void DeliveryQueue::restart()
 {
     _nextFrame.clear();
-    _waiting = _inFlight + _waiting;
-    _inFlight.clear();
     _bytesInFlight = 0;
+    while (!_inFlight.isEmpty()) {
+        const Delivery delivery = _inFlight.takeLast();
+        if (delivery.expired)
+            forget(delivery);
+        else
+            _waiting.prepend(delivery);
+    }
 }
 
 void DeliveryQueue::dropNotifications()
 {
-    const auto drop = [this](QList<Delivery> &deliveries) {
-        for (int i = deliveries.size() - 1; i >= 0; --i) {
-            if (deliveries.at(i).kind == Delivery::Notification)
-                forget(deliveries.takeAt(i));
-        }
-    };
-    drop(_waiting);
-    drop(_inFlight);
+    QList<Delivery> kept;
+    for (const Delivery &delivery : std::as_const(_waiting)) {
+        if (delivery.kind == Delivery::Notification)
+            forget(delivery);
+        else
+            kept.append(delivery);
+    }
+    _waiting = kept;
     _nextFrame.clear();
-    _bytesInFlight = 0;
-    for (const Delivery &delivery : std::as_const(_inFlight))
-        _bytesInFlight += delivery.frameSize;
+    for (Delivery &delivery : _inFlight)
+        delivery.expired = delivery.expired || delivery.kind == Delivery::Notification;
 }
 
 bool DeliveryQueue::dropOldest(Delivery::Kind kind)
@@ -121,7 +132,8 @@ bool DeliveryQueue::dropOldest(Delivery::Kind kind)
 
 void DeliveryQueue::checkTimes(qint64 now)
 {
-    if (!_inFlight.isEmpty() && now - _inFlight.first().sentAt >= SILENCE_MS)
+    // A slow reader acknowledges the others meanwhile: that is no silence.
+    if (!_inFlight.isEmpty() && now - qMax(_inFlight.first().sentAt, _heardAt) >= SILENCE_MS)
         sendAgain(1);
     for (int i = _waiting.size() - 1; i >= 0; --i) {
         const Delivery &delivery = _waiting.at(i);
@@ -132,6 +144,13 @@ void DeliveryQueue::checkTimes(qint64 now)
         if (i == 0)
             _nextFrame.clear();
     }
+}
+
+bool DeliveryQueue::hasDeadline() const
+{
+    return !_inFlight.isEmpty() ||
+           std::any_of(_waiting.cbegin(), _waiting.cend(),
+                       [](const Delivery &delivery) { return delivery.message.needAnswer(); });
 }
 
 QList<Delivery> DeliveryQueue::takeGivenUp()
@@ -175,7 +194,9 @@ void DeliveryQueue::sendAgain(int number)
     for (int i = number - 1; i >= 0; --i) {
         Delivery delivery = _inFlight.takeAt(i);
         _bytesInFlight -= delivery.frameSize;
-        if (++delivery.resends <= MAX_RESENDS) {
+        if (delivery.expired) {
+            forget(delivery);
+        } else if (++delivery.resends <= MAX_RESENDS) {
             _waiting.prepend(delivery);
         } else {
             forget(delivery);

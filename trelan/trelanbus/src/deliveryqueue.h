@@ -18,11 +18,13 @@ struct Delivery
     };
 
     TrelanMessage message;
+    QString key; // of the message: made once, compared with every acknowledgement
     Kind kind = Addressed;
     qint64 queuedAt = 0;
     qint64 sentAt = 0;
     qint64 frameSize = 0;
     int resends = 0;
+    bool expired = false; // not to be sent again
 
     /// What keeping it takes, in bytes.
     qint64 cost() const;
@@ -53,12 +55,17 @@ public:
 
     /// The client has acknowledged a delivery; others may have been dropped. Returns false if
     /// nothing of the kind is in flight.
-    bool acknowledge(const QString &sender, const QString &reciever, const QString &uid);
+    bool acknowledge(const QString &sender, const QString &reciever, const QString &uid,
+                     qint64 now);
+
+    /// Something is known to go on: the silence begins anew.
+    void heard(qint64 now);
 
     /// What was in flight goes out again, before anything newer.
     void restart();
 
-    /// Forgets the notifications, since the subscriptions are gone.
+    /// Forgets the notifications, since the subscriptions are gone. Those in flight count until
+    /// they are acknowledged, but are not sent again.
     void dropNotifications();
 
     /// Drops the oldest of a kind that waits. False if there is none.
@@ -67,6 +74,9 @@ public:
     /// Sends the oldest again when nothing was heard of it for long, and gives up calls that waited
     /// for so long that nobody waits for the answer any more.
     void checkTimes(qint64 now);
+
+    /// Whether time alone can change anything, so that checkTimes() has to be called.
+    bool hasDeadline() const;
 
     /// What was given up since the last call, for the log.
     QList<Delivery> takeGivenUp();
@@ -86,6 +96,7 @@ private:
     QByteArray _nextFrame; // of the first that waits, once it was needed
     qint64 _bytes = 0;
     qint64 _bytesInFlight = 0;
+    qint64 _heardAt = 0;
 };
 
 } // namespace bus
