@@ -1,0 +1,238 @@
+#undef QT_NO_CAST_FROM_ASCII // texts of this file are ASCII
+
+#include <trelancontroller.h>
+#include <trelanmsgworker.h>
+#include <trelanqueryworker.h>
+
+#include <QtCore/QProcess>
+#include <QtTest/QtTest>
+
+#include <memory>
+
+using namespace bus;
+
+namespace
+{
+
+constexpr int PACE_MS = 40;
+constexpr int WINDOW = 64;
+const QString RECEIVER = "receiver";
+
+void say(const QString &line)
+{
+    // In one write, so that a process that is killed leaves whole lines.
+    std::fprintf(stdout, "%s\n", qPrintable(line));
+    std::fflush(stdout);
+}
+
+/// A client in a process of its own. What arrives is told in the worker's thread, at once: a line
+/// is what the application has seen.
+class Client : public TrelanController
+{
+public:
+    using TrelanController::TrelanController;
+
+protected:
+    bool doStart() override
+    {
+        return initWorkers(new TrelanMsgWorker(clientName()),
+                           new TrelanQueryWorker(clientName(), {"load." + clientName() + ".*"}));
+    }
+    void prepareMsgWorker(TrelanMsgWorker *worker) override
+    {
+        connect(worker, &TrelanMsgWorker::workerConnected, worker, [] { say("connected"); });
+        connect(worker, &TrelanMsgWorker::unprocessedMessage, worker, [](const TrelanMessage &msg) {
+            say(QString("%1/message %2").arg(msg.sender(), msg.message()));
+        });
+        connect(worker, &TrelanMsgWorker::unprocessedObject, worker, [](const TrelanObject &obj) {
+            say(QString("%1/object %2").arg(obj.publisher(), obj.content()["n"].toString()));
+        });
+    }
+};
+
+/// The program that this is with arguments: a name, the ports, and the number to count from, for a
+/// client that sends.
+int runClient(const QStringList &arguments)
+{
+    Client client(arguments.at(1));
+    QTimer timer;
+    int number = arguments.value(4).toInt();
+    QObject::connect(&timer, &QTimer::timeout, &client, [&] {
+        TrelanMessage message;
+        message.setReciever(RECEIVER);
+        message.setStored(true);
+        message.setMessage(QString::number(++number));
+        emit client.sendMessage(message);
+        TrelanObject object;
+        object.setName(QString("load.%1.%2").arg(RECEIVER, client.clientName()));
+        object.setContent({{"n", QString::number(number)}});
+        emit client.publish(object);
+    });
+    if (arguments.size() > 4)
+        timer.start(PACE_MS);
+    client.setBus("127.0.0.1", arguments.at(2).toUShort(), arguments.at(3).toUShort());
+    return QCoreApplication::exec();
+}
+
+/// What the receiver has seen, stream by stream, and where its connections began.
+struct Account
+{
+    int connections = 0;
+    QHash<QString, QList<int>> seen; // of all connections
+    QHash<QString, int> last, count; // of this connection
+    int seenAgain = 0;               // on this connection, from an earlier one
+    QString fault;
+
+    void take(const QString &line)
+    {
+        if (line == "connected") {
+            if (seenAgain > WINDOW)
+                fault = QString("%1 are seen again").arg(seenAgain);
+            ++connections;
+            seenAgain = 0;
+            last.clear();
+            count.clear();
+            return;
+        }
+        const QString stream = line.section(' ', 0, 0);
+        const int number = line.section(' ', 1).toInt();
+        if (number <= last.value(stream))
+            fault = QString("%1: %2 comes after %3").arg(stream).arg(number).arg(last[stream]);
+        seenAgain += int(seen.value(stream).contains(number));
+        seen[stream].append(number);
+        last[stream] = number;
+        ++count[stream];
+    }
+    /// Numbers of a stream that were never seen, between the first and the last that were.
+    int missing(const QString &stream) const
+    {
+        const QList<int> numbers = seen.value(stream);
+        const auto range = std::minmax_element(numbers.cbegin(), numbers.cend());
+        return *range.second - *range.first + 1 -
+               QSet<int>(numbers.cbegin(), numbers.cend()).size();
+    }
+};
+
+} // namespace
+
+class tst_TrelanRecovery : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void killedUnderLoad_data();
+    void killedUnderLoad();
+
+private:
+    std::unique_ptr<QProcess> startServer();
+    std::unique_ptr<QProcess> startClient(const QStringList &arguments);
+    bool awaitStreams(QProcess &receiver, Account &account, int connections);
+
+    QString _msgPort, _queryPort;
+};
+
+std::unique_ptr<QProcess> tst_TrelanRecovery::startServer()
+{
+    auto process = std::make_unique<QProcess>();
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    process->start(TRELANBUSD, {"--query-port", _queryPort, "--msg-port", _msgPort});
+    const QRegularExpression listens("listens on 127.0.0.1:(\\d+) and 127.0.0.1:(\\d+)\n");
+    QString log;
+    while (!listens.match(log).hasMatch() && process->waitForReadyRead())
+        log += QString::fromUtf8(process->readAll());
+    // The next one comes back at the ports of the first.
+    _queryPort = listens.match(log).captured(1);
+    _msgPort = listens.match(log).captured(2);
+    return process;
+}
+
+std::unique_ptr<QProcess> tst_TrelanRecovery::startClient(const QStringList &arguments)
+{
+    auto process = std::make_unique<QProcess>();
+    const QStringList ports {_msgPort, _queryPort};
+    process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process->start(QCoreApplication::applicationFilePath(),
+                   arguments.mid(0, 1) + ports + arguments.mid(1));
+    return process;
+}
+
+/// Until every stream flows on connection number \a connections of the receiver.
+bool tst_TrelanRecovery::awaitStreams(QProcess &receiver, Account &account, int connections)
+{
+    const QDeadlineTimer deadline(30000);
+    const auto flows = [&](const QString &stream) { return account.count.value(stream) >= 20; };
+    const QStringList streams {"a/message", "a/object", "b/message", "b/object"};
+    while (account.connections < connections ||
+           !std::all_of(streams.cbegin(), streams.cend(), flows)) {
+        if (!receiver.canReadLine() && !receiver.waitForReadyRead(int(deadline.remainingTime())))
+            return false;
+        while (receiver.canReadLine())
+            account.take(QString::fromUtf8(receiver.readLine()).trimmed());
+    }
+    return true;
+}
+
+void tst_TrelanRecovery::killedUnderLoad_data()
+{
+    QTest::addColumn<QString>("who");
+    QTest::newRow("server") << "server";
+    QTest::newRow("receiver") << "receiver";
+    QTest::newRow("sender") << "sender";
+}
+
+/// Within a connection nothing comes twice and each sender's order holds; on the next one at most a
+/// window comes again.
+void tst_TrelanRecovery::killedUnderLoad()
+{
+    QFETCH(QString, who);
+    _queryPort = _msgPort = "0";
+    auto server = startServer();
+    QVERIFY(!_msgPort.isEmpty());
+    auto receiver = startClient({RECEIVER});
+    auto a = startClient({"a", "0"});
+    auto b = startClient({"b", "0"});
+    Account account;
+    QVERIFY(awaitStreams(*receiver, account, 1));
+
+    auto &killed = who == "server" ? server : who == "receiver" ? receiver : a;
+    killed->kill();
+    QVERIFY(killed->waitForFinished());
+    if (who == "receiver") {
+        while (receiver->canReadLine())
+            account.take(QString::fromUtf8(receiver->readLine()).trimmed());
+        receiver = startClient({RECEIVER});
+    } else if (who == "server") {
+        server = startServer();
+    } else {
+        account.count.clear();
+        a = startClient({"a", "100000"});
+    }
+    QVERIFY(awaitStreams(*receiver, account, who == "sender" ? 1 : 2));
+    qInfo("%d seen again, %d and %d messages missing", account.seenAgain,
+          account.missing("a/message"), account.missing("b/message"));
+    QCOMPARE(account.fault, QString());
+    QVERIFY(account.seenAgain <= WINDOW);
+    if (who == "receiver") {
+        // What waits for a receiver is kept, except the one that it was just taking.
+        QVERIFY(account.missing("a/message") + account.missing("b/message") <= 1);
+    } else {
+        QCOMPARE(account.seenAgain, 0);
+    }
+    for (QProcess *process : {a.get(), b.get(), receiver.get(), server.get()})
+        process->kill();
+    for (QProcess *process : {a.get(), b.get(), receiver.get(), server.get()})
+        process->waitForFinished();
+}
+
+int main(int argc, char **argv)
+{
+    QCoreApplication application(argc, argv);
+    // Arguments of its own are those of a client; QtTest's begin with a dash or name a function.
+    const QStringList arguments = QCoreApplication::arguments();
+    if (arguments.size() >= 4 && arguments.at(3).toUShort() != 0)
+        return runClient(arguments);
+    tst_TrelanRecovery test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_trelanrecovery.moc"
