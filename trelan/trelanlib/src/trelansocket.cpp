@@ -6,6 +6,8 @@
 
 #include <poll.h>
 
+#include <cerrno>
+
 namespace bus::wait
 {
 
@@ -19,17 +21,10 @@ int slice(const QDeadlineTimer &deadline)
     return int(qBound<qint64>(0, deadline.remainingTime(), SLICE_MS));
 }
 
-/// Repeats a wait of one slice until it succeeds, time is up, or the connection is gone.
-template <typename Wait>
-bool inSlices(QTcpSocket &socket, int milliseconds, const Wait &waitSlice)
+bool isOver(const QTcpSocket &socket, const QDeadlineTimer &deadline)
 {
-    const QDeadlineTimer deadline(milliseconds);
-    do {
-        if (waitSlice(slice(deadline)))
-            return true;
-    } while (!isInterrupted() && !deadline.hasExpired() &&
-             socket.state() != QAbstractSocket::UnconnectedState);
-    return false;
+    return isInterrupted() || deadline.hasExpired() ||
+           socket.state() == QAbstractSocket::UnconnectedState;
 }
 
 } // namespace
@@ -42,7 +37,8 @@ bool connected(QTcpSocket &socket, int milliseconds)
     while (socket.state() == QAbstractSocket::ConnectingState && socket.socketDescriptor() >= 0) {
         pollfd descriptor {int(socket.socketDescriptor()), POLLOUT, 0};
         const int ready = ::poll(&descriptor, 1, slice(deadline));
-        if (ready != 0 || deadline.hasExpired() || isInterrupted())
+        const bool again = ready == 0 || (ready < 0 && errno == EINTR);
+        if (!again || deadline.hasExpired() || isInterrupted())
             break;
     }
     const bool inVain = deadline.hasExpired() || isInterrupted();
@@ -51,12 +47,21 @@ bool connected(QTcpSocket &socket, int milliseconds)
 
 bool bytesWritten(QTcpSocket &socket, int milliseconds)
 {
-    return inSlices(socket, milliseconds, [&](int ms) { return socket.waitForBytesWritten(ms); });
+    // Qt's wait fails at once when there is nothing to write, as is usual after a flush.
+    const QDeadlineTimer deadline(milliseconds);
+    while (socket.bytesToWrite() > 0 && !isOver(socket, deadline))
+        socket.waitForBytesWritten(slice(deadline));
+    return socket.bytesToWrite() == 0 && socket.state() != QAbstractSocket::UnconnectedState;
 }
 
 bool readyRead(QTcpSocket &socket, int milliseconds)
 {
-    return inSlices(socket, milliseconds, [&](int ms) { return socket.waitForReadyRead(ms); });
+    const QDeadlineTimer deadline(milliseconds);
+    while (!isOver(socket, deadline)) {
+        if (socket.waitForReadyRead(slice(deadline)))
+            return true;
+    }
+    return false;
 }
 
 bool isInterrupted()
