@@ -12,6 +12,7 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
+#include <QtCore/QLoggingCategory>
 #include <QtCore/QMutex>
 #include <QtCore/QWaitCondition>
 
@@ -24,6 +25,7 @@ namespace
 
 const QString NAME = QStringLiteral("bench.");
 constexpr int WAIT_MS = 10000;
+constexpr int SUBSCRIBE_MS = 500;
 constexpr int RECEIVERS = 32;
 
 /// How many receivers have got which object.
@@ -36,9 +38,9 @@ public:
         ++_counts[name];
         _arrived.wakeAll();
     }
-    bool wait(const QString &name, int number)
+    bool wait(const QString &name, int number, int milliseconds = WAIT_MS)
     {
-        const QDeadlineTimer deadline(WAIT_MS);
+        const QDeadlineTimer deadline(milliseconds);
         const QMutexLocker locker(&_mutex);
         while (_counts.value(name) < number) {
             if (!_arrived.wait(&_mutex, deadline))
@@ -133,7 +135,7 @@ private:
         for (int attempt = 0; attempt < 100 && number > 0; ++attempt) {
             if (publish(content::SMALL) < 0)
                 return false;
-            if (_arrivals.wait(object.name(), number))
+            if (_arrivals.wait(object.name(), number, SUBSCRIBE_MS))
                 return true;
         }
         return number == 0;
@@ -146,10 +148,18 @@ private:
     int _number = 0;
 };
 
-template <typename Measure>
-void run(benchmark::State &state, int receivers, const Measure &measure)
+/// Kept for the next size: starting and stopping 32 receivers takes longer than measuring.
+std::unique_ptr<Bench> _bench;
+
+using Measure = double (*)(Bench &, int);
+
+void run(benchmark::State &state, int receivers, Measure measure)
 {
-    Bench bench(receivers);
+    if (!_bench || _bench->receivers() != receivers) {
+        _bench.reset();
+        _bench = std::make_unique<Bench>(receivers);
+    }
+    Bench &bench = *_bench;
     std::vector<double> times;
     for (auto _ : state) {
         const double time = bench.ready ? measure(bench, int(state.range(0))) : -1;
@@ -212,6 +222,8 @@ int main(int argc, char **argv)
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
+    QLoggingCategory::setFilterRules(QStringLiteral("trelan.bus.info=false"));
     benchmark::RunSpecifiedBenchmarks();
+    _bench.reset(); // while there is an application
     return 0;
 }
