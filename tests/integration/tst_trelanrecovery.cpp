@@ -1,0 +1,233 @@
+#undef QT_NO_CAST_FROM_ASCII // texts of this file are ASCII
+
+#include <trelancontroller.h>
+#include <trelanmsgworker.h>
+#include <trelanqueryworker.h>
+
+#include <QtCore/QProcess>
+#include <QtTest/QtTest>
+
+#include <memory>
+
+using namespace bus;
+
+namespace
+{
+
+struct Killer
+{
+    void operator()(QProcess *process) const
+    {
+        process->kill();
+        process->waitForFinished();
+        delete process;
+    }
+};
+using Process = std::unique_ptr<QProcess, Killer>;
+
+constexpr int PACE_MS = 15; // together more than a receiver reads
+constexpr int WINDOW = 64;
+const QString RECEIVER = "receiver";
+
+/// In one write, so that a process that is killed leaves whole lines.
+void say(const QString &line)
+{
+    std::fprintf(stdout, "%s\n", qPrintable(line));
+    std::fflush(stdout);
+}
+
+/// A client in a process of its own. What arrives is told in the worker's thread, at once: a line
+/// is what the application has seen.
+class Client : public TrelanController
+{
+public:
+    using TrelanController::TrelanController;
+
+protected:
+    bool doStart() override
+    {
+        return initWorkers(new TrelanMsgWorker(clientName()),
+                           new TrelanQueryWorker(clientName(), {}));
+    }
+    void prepareMsgWorker(TrelanMsgWorker *worker) override
+    {
+        connect(worker, &TrelanMsgWorker::workerConnected, worker, [] { say("connected"); });
+        connect(worker, &TrelanMsgWorker::unprocessedMessage, worker, [](const TrelanMessage &msg) {
+            say(QString("%1 %2").arg(msg.sender(), msg.message()));
+        });
+    }
+};
+
+/// The program that this is with arguments: a name, the ports, and the number to count from, for a
+/// client that sends.
+int runClient(const QStringList &arguments)
+{
+    Client client(arguments.at(1));
+    QTimer timer;
+    int number = arguments.value(4).toInt();
+    QObject::connect(&timer, &QTimer::timeout, &client, [&] {
+        TrelanMessage message;
+        message.setReciever(RECEIVER);
+        message.setStored(true);
+        message.setMessage(QString::number(++number));
+        emit client.sendMessage(message);
+    });
+    if (arguments.size() > 4)
+        timer.start(PACE_MS);
+    client.setBus("127.0.0.1", arguments.at(2).toUShort(), arguments.at(3).toUShort());
+    return QCoreApplication::exec();
+}
+
+/// What the receiver has seen of each sender, in all and on its last connection.
+struct Account
+{
+    int connections = 0;
+    QHash<QString, QMap<int, int>> seen;
+    QHash<QString, QList<int>> current;
+    int seenAgain = 0; // on the last connection, from an earlier one
+    QString fault;
+
+    void take(const QString &line)
+    {
+        if (line == "connected") {
+            ++connections;
+            current.clear();
+            return;
+        }
+        const QString sender = line.section(' ', 0, 0);
+        const int number = line.section(' ', 1).toInt();
+        if (!current[sender].isEmpty() && number <= current[sender].last())
+            fault = QString("%1 comes late: %2").arg(number).arg(sender);
+        seenAgain += seen[sender][number]++;
+        current[sender].append(number);
+    }
+    void takeAll(QProcess &receiver)
+    {
+        while (receiver.canReadLine())
+            take(QString::fromUtf8(receiver.readLine()).trimmed());
+    }
+    /// Numbers never seen, between the first and the last that were.
+    int missing(const QString &sender) const
+    {
+        const QMap<int, int> numbers = seen.value(sender);
+        return numbers.lastKey() - numbers.firstKey() + 1 - numbers.size();
+    }
+};
+
+} // namespace
+
+class tst_TrelanRecovery : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void killedUnderLoad_data();
+    void killedUnderLoad();
+
+private:
+    Process startServer();
+    Process startClient(const QStringList &arguments);
+    bool awaitBoth(QProcess &receiver, Account &account, int connections);
+
+    QString _msgPort, _queryPort;
+};
+
+Process tst_TrelanRecovery::startServer()
+{
+    auto process = Process(new QProcess);
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    process->start(TRELANBUSD, {"--query-port", _queryPort, "--msg-port", _msgPort});
+    const QRegularExpression listens("listens on 127.0.0.1:(\\d+) and 127.0.0.1:(\\d+)\n");
+    QString log;
+    while (!listens.match(log).hasMatch() && process->waitForReadyRead())
+        log += QString::fromUtf8(process->readAll());
+    // The next one comes back at the ports of the first.
+    _queryPort = listens.match(log).captured(1);
+    _msgPort = listens.match(log).captured(2);
+    return process;
+}
+
+Process tst_TrelanRecovery::startClient(const QStringList &arguments)
+{
+    auto process = Process(new QProcess);
+    const QStringList ports {_msgPort, _queryPort};
+    process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process->start(QCoreApplication::applicationFilePath(),
+                   arguments.mid(0, 1) + ports + arguments.mid(1));
+    return process;
+}
+
+/// Until messages of both senders flow on connection number \a connections of the receiver.
+bool tst_TrelanRecovery::awaitBoth(QProcess &receiver, Account &account, int connections)
+{
+    const QDeadlineTimer deadline(30000);
+    const auto flows = [&](const QString &sender) { return account.current[sender].size() >= 100; };
+    while (account.connections < connections || !flows("a") || !flows("b")) {
+        if (!receiver.canReadLine() && !receiver.waitForReadyRead(int(deadline.remainingTime())))
+            return false;
+        account.takeAll(receiver);
+    }
+    return true;
+}
+
+void tst_TrelanRecovery::killedUnderLoad_data()
+{
+    QTest::addColumn<QString>("who");
+    for (const char *who : {"server", "receiver", "sender"})
+        QTest::newRow(who) << who;
+}
+
+/// Within a connection nothing comes twice and each sender's order holds; on the next one at most a
+/// window comes again.
+void tst_TrelanRecovery::killedUnderLoad()
+{
+    QFETCH(QString, who);
+    _queryPort = _msgPort = "0";
+    auto server = startServer();
+    QVERIFY(!_msgPort.isEmpty());
+    auto receiver = startClient({RECEIVER});
+    auto a = startClient({"a", "0"});
+    auto b = startClient({"b", "0"});
+    Account account;
+    QVERIFY(awaitBoth(*receiver, account, 1));
+
+    Process &killed = who == "server" ? server : who == "receiver" ? receiver : a;
+    killed->kill();
+    QVERIFY(killed->waitForFinished());
+    if (who == "receiver") {
+        account.takeAll(*receiver);
+        receiver = startClient({RECEIVER});
+    } else if (who == "server") {
+        server = startServer();
+    } else {
+        a = startClient({"a", "100000"});
+    }
+    QVERIFY(awaitBoth(*receiver, account, who == "sender" ? 1 : 2));
+    while (who == "sender" && account.seen["a"].lastKey() < 100000) { // after what still waited
+        QVERIFY(receiver->waitForReadyRead());
+        account.takeAll(*receiver);
+    }
+    qInfo("%d seen again, %d and %d messages missing", account.seenAgain, account.missing("a"),
+          account.missing("b"));
+    QCOMPARE(account.fault, QString());
+    QVERIFY(account.seenAgain <= WINDOW);
+    if (who == "receiver") {
+        // What waits for a receiver is kept, except the one that it was just taking.
+        QVERIFY(account.missing("a") + account.missing("b") <= 1);
+    } else {
+        QCOMPARE(account.seenAgain, 0);
+    }
+}
+
+int main(int argc, char **argv)
+{
+    QCoreApplication application(argc, argv);
+    // Arguments of its own are those of a client; QtTest's begin with a dash or name a function.
+    const QStringList arguments = QCoreApplication::arguments();
+    if (arguments.size() >= 4 && arguments.at(3).toUShort() != 0)
+        return runClient(arguments);
+    tst_TrelanRecovery test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_trelanrecovery.moc"
