@@ -1,15 +1,9 @@
 #include <logcapture.h>
 #include <scriptedserver.h>
+#include <testtable.h>
 #include <trelanqueryhandler.h>
 
-#include <QtCore/QElapsedTimer>
-#include <QtCore/QFile>
-#include <QtCore/QJsonDocument>
-#include <QtCore/QRandomGenerator>
-#include <QtCore/QRegularExpression>
-#include <QtCore/QSemaphore>
 #include <QtNetwork/QTcpSocket>
-#include <QtTest/QtTest>
 
 #include <memory>
 
@@ -50,24 +44,6 @@ Server::Script answers(const QByteArrayList &replies)
         }
         peer.awaitEnd();
     };
-}
-
-/// Data that makes a request of more than this many bytes, although it is compressed.
-QVariantMap noise(int bytes)
-{
-    QVector<quint32> random(bytes / 4);
-    QRandomGenerator(1).fillRange(random.data(), random.size());
-    const QByteArray raw(reinterpret_cast<const char *>(random.constData()), bytes);
-    return {{"noise"_s, QString::fromLatin1(raw.toBase64())}};
-}
-
-/// Most address space this process has had, in KiB.
-int peakMemory()
-{
-    QFile status("/proc/self/status"_s);
-    status.open(QIODevice::ReadOnly);
-    const QByteArray text = status.readAll();
-    return text.mid(text.indexOf("VmPeak:") + 7, 16).trimmed().split(' ')[0].toInt();
 }
 
 } // namespace
@@ -141,14 +117,11 @@ private Q_SLOTS:
 
     void handshakeDecidesOpen_data()
     {
-        QTest::addColumn<QByteArray>("reply");
-        QTest::addColumn<Q::Failure>("failure");
-        QTest::addColumn<QString>("logged");
-        QTest::newRow("accepted") << HELLO << Q::None << ""_s;
-        QTest::newRow("refused") << Server::reply("handshake", 3, "no") << Q::Refused << ""_s;
-        QTest::newRow("other name") << Server::reply("Handshake") << Q::Framing << ""_s;
-        QTest::newRow("other name, refused")
-            << Server::reply("pub", 3, "no") << Q::Refused << "|critical: 3\tno"_s;
+        const TestTable<QByteArray, Q::Failure, QString> row("reply", "failure", "logged");
+        row("accepted", HELLO, Q::None, ""_s);
+        row("refused", Server::reply("handshake", 3, "no"), Q::Refused, ""_s);
+        row("other name", Server::reply("Handshake"), Q::Framing, ""_s);
+        row("other name, refused", Server::reply("pub", 3, "no"), Q::Refused, "|critical: 3\tno"_s);
     }
 
     void handshakeDecidesOpen()
@@ -282,15 +255,10 @@ private Q_SLOTS:
 
     void replies_data()
     {
-        QTest::addColumn<QByteArray>("reply");
-        QTest::addColumn<int>("code"); // -1 for a reply that is none
-        QTest::addColumn<QString>("logged");
+        // The code is -1 for a reply that is none.
+        const TestTable<QByteArray, int, QString> row("reply", "code", "logged");
         const auto json = [](const QByteArray &text) {
             return Server::frame("[-REPLY-]", Server::payload(j(text)));
-        };
-        const auto row = [](const char *name, const QByteArray &reply, int code,
-                            const QString &logged) {
-            QTest::newRow(name) << reply << code << logged;
         };
         const QByteArray payload = Server::payload("{}");
         const QString incorrect = "critical: Incorrect reply header: "_s;
@@ -337,13 +305,11 @@ private Q_SLOTS:
 
     void lostConnection_data()
     {
-        QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<QString>("logged");
+        const TestTable<QByteArray, QString> row("bytes", "logged");
         const QString cut = "|critical: Incorrect reply data size 4 != "_s;
-        QTest::newRow("none") << QByteArray() << "|critical: Socket wait for ready read error"_s;
-        QTest::newRow("some") << QByteArray("[-REPLY-]\r\n300\r\nabcd") << cut + "300"_s;
-        QTest::newRow("absurd") << QByteArray("[-REPLY-]\r\n2000000000\r\nabcd")
-                                << cut + "2000000000"_s;
+        row("none", QByteArray(), "|critical: Socket wait for ready read error"_s);
+        row("some", QByteArray("[-REPLY-]\r\n300\r\nabcd"), cut + "300"_s);
+        row("absurd", QByteArray("[-REPLY-]\r\n2000000000\r\nabcd"), cut + "2000000000"_s);
     }
 
     void lostConnection()
@@ -365,7 +331,7 @@ private Q_SLOTS:
             QVERIFY(!_handler->subscribe("a"_s) && _handler->lastFailure() == Q::NotOpen);
             QCOMPARE(disconnected.count(), 1);
             QCOMPARE(log().left(PEER_GONE.size() + logged.size()), PEER_GONE + logged);
-            QVERIFY(peakMemory() - memory < 1024 * 1024);
+            QVERIFY(peakMemory() - memory < 1024 * 1024); // KiB
         }
     }
 
@@ -384,15 +350,13 @@ private Q_SLOTS:
 
     void readAttemptsGrowWithTheSize_data()
     {
-        QTest::addColumn<int>("size");
-        QTest::addColumn<int>("drops");
-        QTest::addColumn<bool>("answered");
+        const TestTable<int, int, bool> row("size", "drops", "answered");
         // The first two attempts do not wait, so 100 attempts see 98 bytes that come one by one. On
         // a busy machine some attempts pass without a byte, which the rows leave room for.
-        QTest::newRow("100 attempts suffice") << 250 << 80 << true;
-        QTest::newRow("100 attempts do not") << 250 << 99 << false;
-        QTest::newRow("201 attempts suffice") << 20000 << 180 << true;
-        QTest::newRow("201 attempts do not") << 20000 << 200 << false;
+        row("100 attempts suffice", 250, 80, true);
+        row("100 attempts do not", 250, 99, false);
+        row("201 attempts suffice", 20000, 180, true);
+        row("201 attempts do not", 20000, 200, false);
     }
 
     void readAttemptsGrowWithTheSize()
@@ -456,9 +420,9 @@ private Q_SLOTS:
 
     void waitsInSpiteOfStaleBytes_data()
     {
-        QTest::addColumn<int>("requestBytes");
-        QTest::newRow("small request") << 100;
-        QTest::newRow("large request") << (8 << 20);
+        const TestTable<int> row("requestBytes");
+        row("small request", 100);
+        row("large request", 8 << 20);
     }
 
     void waitsInSpiteOfStaleBytes()

@@ -51,8 +51,7 @@ bool ScriptedPeer::readFrame()
             const QMutexLocker lock(&_server->_mutex);
             _server->_frames.append({_buffer.left(end), json,
                                      envelope[QLatin1String("operation")].toString(),
-                                     envelope[QLatin1String("data")].toObject().toVariantMap(),
-                                     envelope[QLatin1String("result")].toObject().toVariantMap()});
+                                     envelope[QLatin1String("data")].toObject().toVariantMap()});
             _buffer.remove(0, end);
             return true;
         }

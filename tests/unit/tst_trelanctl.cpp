@@ -2,9 +2,10 @@
 #include "objecttable.h"
 #include "terminaltext.h"
 
+#include <testtable.h>
+
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
-#include <QtTest/QtTest>
 
 using namespace trelanctl;
 
@@ -22,11 +23,8 @@ private Q_SLOTS:
 
 void tst_trelanctl::content_data()
 {
-    QTest::addColumn<QByteArray>("words"); // separated by blanks
-    QTest::addColumn<QByteArray>("made");  // compact JSON, or the beginning of the error
-    const auto row = [](const char *name, const char *words, const char *made) {
-        QTest::newRow(name) << QByteArray(words) << QByteArray(made);
-    };
+    // Words are separated by blanks; made is compact JSON, or the beginning of the error.
+    const TestTable<QByteArray, QByteArray> row("words", "made");
     row("object", R"({"a":{"b":[1,null]}})", R"({"a":{"b":[1,null]}})");
     row("values that are JSON", R"(i=-7 d=2.5 t=true n=null o={"k":1} l=[1,[2]])",
         R"({"d":2.5,"i":-7,"l":[1,[2]],"n":null,"o":{"k":1},"t":true})");
@@ -53,12 +51,7 @@ void tst_trelanctl::content()
 
 void tst_trelanctl::escaping_data()
 {
-    QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<QByteArray>("shown");
-    QTest::addColumn<int>("width");
-    const auto row = [](const char *name, const char *text, const char *shown, int width) {
-        QTest::newRow(name) << QByteArray(text) << QByteArray(shown) << width;
-    };
+    const TestTable<QByteArray, QByteArray, int> row("text", "shown", "width");
     row("escape sequence", "\x1b]0;x\x07\r\n\x7f", "\\u001b]0;x\\u0007\\u000d\\u000a\\u007f", 34);
     row("upper controls", "\302\2332J", "\\u009b2J", 8);
     row("direction, invisible", "\342\200\256x\342\201\246\342\200\213", "\\u202ex\\u2066\\u200b",
@@ -81,15 +74,15 @@ void tst_trelanctl::tableIsAlignedAndCut()
 {
     bus::TrelanObject wide;
     wide.setName(QString::fromUtf8("\xe6\xbc\xa2.a"));
-    wide.setContent({{QStringLiteral("text"), QString(200, QLatin1Char('x'))}});
+    wide.setContent({{"text", QString(200, QLatin1Char('x'))}});
     bus::TrelanObject narrow;
-    narrow.setName(QStringLiteral("long.name\n"));
+    narrow.setName("long.name\n");
     const QStringList lines = objectTable({wide, narrow}, 90);
-    const int column = lines[0].indexOf(QStringLiteral("CONTENT"));
+    const int column = lines[0].indexOf("CONTENT");
     QCOMPARE(terminal::width(lines[1].left(lines[1].indexOf(QLatin1Char('{')))), column);
     QCOMPARE(lines[2].indexOf(QLatin1Char('{')), column);
     QCOMPARE(terminal::width(lines[1]), 90);
-    QVERIFY(objectTable({wide}, 0).last().endsWith(QStringLiteral("xx\"}")));
+    QVERIFY(objectTable({wide}, 0).last().endsWith("xx\"}"));
 }
 
 QTEST_APPLESS_MAIN(tst_trelanctl)
