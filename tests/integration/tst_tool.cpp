@@ -47,6 +47,7 @@ private Q_SLOTS:
             R"(0\|\{.*\}\n\{.*\}\n\{"content":\{"from":"std\\u009bin"\},.*"time":"\S{19}\.\d{3}Z".*\}\|)",
             "");
         row("ls >/dev/full", R"(1\|\|trelanctl: cannot write the output: .*)", "");
+        row("ls >&-", R"(1\|\|trelanctl: cannot write the output: .*)", "");
         row("ls | :", R"(0\|\|)", ""); // the reader has gone: no fault, no word
         row("ls", R"(0\|(?!.*(gone|passed)).*\|)", "");
         row("--json get k.ls",
