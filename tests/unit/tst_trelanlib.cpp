@@ -1,21 +1,8 @@
 #include <testtable.h>
 #include <trelanlib.h>
 #include <trelanmessage.h>
-#include <trelanqueryhandler.h>
 
 #include <appversionmanager.h>
-
-namespace
-{
-
-QByteArray _logContext;
-
-void keepContext(QtMsgType, const QMessageLogContext &context, const QString &)
-{
-    _logContext = QByteArray(context.file) + ' ' + context.function;
-}
-
-} // namespace
 
 /// Spells the type as applications do that use the namespace: connect strings are compared as text.
 using bus::TrelanMessage;
@@ -115,17 +102,6 @@ private Q_SLOTS:
         QTEST(QString::fromUtf8(probe.readAllStandardOutput()), "expected");
         QCOMPARE(QString::fromUtf8(probe.readAllStandardError()), QString());
         QCOMPARE(probe.exitCode(), 0);
-    }
-
-    void logLinesNameTheSource()
-    {
-        bus::TrelanQueryHandler handler("client");
-        const QtMessageHandler before = qInstallMessageHandler(keepContext);
-        handler.processReply("pub", {}, {{"code", 4}});
-        qInstallMessageHandler(before);
-        QCOMPARE(_logContext, QByteArray("trelan/trelanlib/src/trelanqueryhandler.cpp bool "
-                                         "bus::TrelanQueryHandler::processReply("
-                                         "QString, QVariantMap, QVariantMap)"));
     }
 };
 
