@@ -134,7 +134,7 @@ QString interrupt(const QString &folder, std::vector<Writer> &writers, int signa
         return "does not start again";
     for (Writer &writer : writers) {
         for (int name = 0; name < NAMES; ++name) {
-            const QString fault = writer.check(name, objects);
+            QString fault = writer.check(name, objects);
             if (!fault.isEmpty())
                 return fault;
         }

@@ -185,6 +185,7 @@ private slots:
         QAtomicInt acknowledged;
         limitFiles(5000000);
         std::vector<std::thread> threads;
+        threads.reserve(THREADS);
         for (int i = 0; i < THREADS; ++i) {
             threads.emplace_back([i, &acknowledged] {
                 const QString name = QString("a.%1").arg(i);

@@ -20,7 +20,7 @@ static QString runTool(const QByteArray &line, quint16 port, const QByteArray &i
 }
 
 /// The built tool against a real bus, as a person or a script would run it.
-class tst_tool : public QObject
+class tst_Tool : public QObject
 {
     Q_OBJECT
 
@@ -96,5 +96,5 @@ private:
     bus::TrelanBus _bus;
 };
 
-QTEST_GUILESS_MAIN(tst_tool)
+QTEST_GUILESS_MAIN(tst_Tool)
 #include "tst_tool.moc"

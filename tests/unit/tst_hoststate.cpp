@@ -20,7 +20,7 @@ static QVariantMap mountsByPath(const QByteArray &text)
 
 Q_DECLARE_METATYPE(Parser)
 
-class tst_hoststate : public QObject
+class tst_HostState : public QObject
 {
     Q_OBJECT
 
@@ -77,7 +77,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_APPLESS_MAIN(tst_hoststate)
+QTEST_APPLESS_MAIN(tst_HostState)
 #include "tst_hoststate.moc"
-
-#include <testtable.h>
