@@ -14,6 +14,9 @@ function(add_trelan_test name)
         target_link_libraries(${name} PRIVATE TrelanQtSync)
     endif()
     target_link_libraries(${name} PRIVATE Qt5::Test ${ARG_LIBRARIES})
+    target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}/tests/support")
+    # Tables of texts read better without a macro around every one.
+    target_compile_options(${name} PRIVATE -UQT_NO_CAST_FROM_ASCII)
     add_test(NAME ${name} COMMAND ${name})
     set_tests_properties(${name} PROPERTIES
         TIMEOUT ${ARG_TIMEOUT}

@@ -1,25 +1,13 @@
-#undef QT_NO_CAST_FROM_ASCII // texts of this file are ASCII
-
+#include <testtable.h>
 #include <trelanqueryhandler.h>
 
 #include <QtCore/QProcess>
 #include <QtCore/QRandomGenerator>
-#include <QtTest/QtTest>
 
 #include <csignal>
 #include <thread>
 
 using namespace bus;
-
-class tst_Durability : public QObject
-{
-    Q_OBJECT
-
-private slots:
-    void acknowledgedSurvivesEnd();
-    void refusals_data();
-    void refusals();
-};
 
 namespace
 {
@@ -146,7 +134,7 @@ QString interrupt(const QString &folder, std::vector<Writer> &writers, int signa
         return "does not start again";
     for (Writer &writer : writers) {
         for (int name = 0; name < NAMES; ++name) {
-            const QString fault = writer.check(name, objects);
+            QString fault = writer.check(name, objects);
             if (!fault.isEmpty())
                 return fault;
         }
@@ -156,54 +144,58 @@ QString interrupt(const QString &folder, std::vector<Writer> &writers, int signa
 
 } // namespace
 
-void tst_Durability::acknowledgedSurvivesEnd()
+class tst_Durability : public QObject
 {
-    const int asked = qEnvironmentVariableIntValue("TRELAN_DURABILITY_ROUNDS");
-    QRandomGenerator random(quint32(qEnvironmentVariableIntValue("TRELAN_DURABILITY_SEED")));
-    const QTemporaryDir folder;
-    std::vector<Writer> writers(4);
-    for (int round = 0; round < (asked > 0 ? asked : 25); ++round) {
-        const int signal = round % 8 == 3 ? SIGTERM : round % 8 == 7 ? SIGINT : SIGKILL;
-        const QString fault = interrupt(folder.path(), writers, signal, random);
-        QVERIFY2(fault.isEmpty(), qPrintable(QString("round %1: %2").arg(round).arg(fault)));
+    Q_OBJECT
+
+private slots:
+    void acknowledgedSurvivesEnd()
+    {
+        const int asked = qEnvironmentVariableIntValue("TRELAN_DURABILITY_ROUNDS");
+        QRandomGenerator random(quint32(qEnvironmentVariableIntValue("TRELAN_DURABILITY_SEED")));
+        const QTemporaryDir folder;
+        std::vector<Writer> writers(4);
+        for (int round = 0; round < (asked > 0 ? asked : 25); ++round) {
+            const int signal = round % 8 == 3 ? SIGTERM : round % 8 == 7 ? SIGINT : SIGKILL;
+            const QString fault = interrupt(folder.path(), writers, signal, random);
+            QVERIFY2(fault.isEmpty(), qPrintable(QString("round %1: %2").arg(round).arg(fault)));
+        }
     }
-}
 
-void tst_Durability::refusals_data()
-{
-    QTest::addColumn<QString>("arguments");
-    QTest::addColumn<int>("code");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("version") << "--version" << 0 << "^trelanbusd 1\\.2\\.1\n$";
-    QTest::newRow("host name") << "--host localhost" << 2 << "--host.*localhost";
-    QTest::newRow("unknown option") << "--nonsense" << 2 << "--nonsense";
-    QTest::newRow("no folder") << "--data " << 2 << "--data";
-    QTest::newRow("limit too large") << "--max-frame 2GiB" << 2 << "not in range 1 to 1073741824\n";
-    QTest::newRow("folder") << "--data /dev/null" << 1 << "/dev/null/trelan.db: the folder cannot";
-    QTest::newRow("folder in use") << "--data DATA" << 1 << "/trelan.db: .* in use by another";
-    QTest::newRow("port in use") << "--query-port PORT" << 1 << "127.0.0.1:\\d+: .*in use";
-    QTest::newRow("port file") << "--port-file /dev/null/port" << 1 << "/dev/null/port: \\w+";
-}
+    void refusals_data()
+    {
+        const TestTable<QString, int, QString> row("arguments", "code", "text");
+        row("version", "--version", 0, "^trelanbusd 1\\.2\\.1\n$");
+        row("host name", "--host localhost", 2, "--host.*localhost");
+        row("unknown option", "--nonsense", 2, "--nonsense");
+        row("no folder", "--data ", 2, "--data");
+        row("limit too large", "--max-frame 2GiB", 2, "not in range 1 to 1073741824\n");
+        row("folder", "--data /dev/null", 1, "/dev/null/trelan.db: the folder cannot");
+        row("folder in use", "--data DATA", 1, "/trelan.db: .* in use by another");
+        row("port in use", "--query-port PORT", 1, "127.0.0.1:\\d+: .*in use");
+        row("port file", "--port-file /dev/null/port", 1, "/dev/null/port: \\w+");
+    }
 
-void tst_Durability::refusals()
-{
-    QFETCH(QString, arguments);
-    const QTemporaryDir folder;
-    Daemon first;
-    QVERIFY(first.start(folder.path()));
-    arguments.replace("PORT", QString::number(TrelanQueryHandler::queryPort()));
-    arguments.replace("DATA", folder.path());
-    if (!arguments.contains("--query-port"))
-        arguments += " --query-port 0 --msg-port 0";
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(TRELANBUSD, arguments.split(' '));
-    QVERIFY(process.waitForFinished());
-    QTEST(process.exitCode(), "code");
-    QFETCH(QString, text);
-    const QString printed = QString::fromUtf8(process.readAll());
-    QVERIFY2(printed.contains(QRegularExpression(text)), qPrintable(printed));
-}
+    void refusals()
+    {
+        QFETCH(QString, arguments);
+        const QTemporaryDir folder;
+        Daemon first;
+        QVERIFY(first.start(folder.path()));
+        arguments.replace("PORT", QString::number(TrelanQueryHandler::queryPort()));
+        arguments.replace("DATA", folder.path());
+        if (!arguments.contains("--query-port"))
+            arguments += " --query-port 0 --msg-port 0";
+        QProcess process;
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.start(TRELANBUSD, arguments.split(' '));
+        QVERIFY(process.waitForFinished());
+        QTEST(process.exitCode(), "code");
+        QFETCH(QString, text);
+        const QString printed = QString::fromUtf8(process.readAll());
+        QVERIFY2(printed.contains(QRegularExpression(text)), qPrintable(printed));
+    }
+};
 
 QTEST_GUILESS_MAIN(tst_Durability)
 #include "tst_durability.moc"

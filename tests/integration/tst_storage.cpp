@@ -1,42 +1,13 @@
-#undef QT_NO_CAST_FROM_ASCII // texts of this file are ASCII
-
 #include <logcapture.h>
+#include <testtable.h>
 #include <trelanbus.h>
 #include <trelanqueryhandler.h>
-
-#include <QtTest/QtTest>
 
 #include <csignal>
 #include <sys/resource.h>
 #include <thread>
 
 using namespace bus;
-
-class tst_Storage : public QObject
-{
-    Q_OBJECT
-
-private slots:
-    void initTestCase();
-    void init();
-    void restartBringsBack_data();
-    void restartBringsBack();
-    void unusableFolder_data();
-    void unusableFolder();
-    void bounds_data();
-    void bounds();
-    void failedWrites();
-
-private:
-    bool start();
-    QByteArray read(const QString &file) const;
-
-    std::unique_ptr<QTemporaryDir> _dir;
-    TrelanBusSettings _settings;
-    TrelanBus _bus;
-    QByteArray _clean;      ///< a database at rest
-    QByteArray _live, _log; ///< one whose last object is in the log only
-};
 
 static TrelanObject object(const QString &name, const QVariant &value, bool permanent = true)
 {
@@ -64,199 +35,209 @@ static void limitFiles(rlim_t size)
     std::signal(SIGXFSZ, SIG_IGN);
 }
 
-/// Again, if it runs.
-bool tst_Storage::start()
+class tst_Storage : public QObject
 {
-    _bus.stop();
-    const bool started = _bus.start(_settings);
-    TrelanQueryHandler::setQueryPort(_bus.queryPort());
-    return started;
-}
+    Q_OBJECT
 
-QByteArray tst_Storage::read(const QString &name) const
-{
-    QFile file(_dir->filePath(name));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-void tst_Storage::initTestCase()
-{
-    init();
-    TrelanQueryHandler client("maker");
-    QVERIFY(start() && client.open() && client.publish(object("a.b", "needle")));
-    _live = read("trelan.db");
-    _log = read("trelan.db-wal");
-    _bus.stop();
-    _clean = read("trelan.db");
-}
-
-void tst_Storage::init()
-{
-    limitFiles(RLIM_INFINITY);
-    _bus.stop();
-    _dir = std::make_unique<QTemporaryDir>();
-    _settings = TrelanBusSettings();
-    _settings.queryPort = _settings.msgPort = 0;
-    _settings.dataFolder = _dir->path();
-    _settings.requireStorage = true;
-}
-
-void tst_Storage::restartBringsBack_data()
-{
-    QTest::addColumn<TrelanObject>("published");
-    TrelanObject odd = object("\u0436.\U0001F600", QString("a") + QChar(0) + QChar(0xd800));
-    odd.setUid(QString("u") + QChar(0) + "id" + QChar(0xdfff));
-    odd.setDt(QDateTime::fromMSecsSinceEpoch(-1));
-    odd.setOptions(TrelanObject::Options(QFlag(0x40000006)));
-    QTest::newRow("odd text, old time, unknown flags") << odd;
-    QTest::newRow("kinds") << object("kinds", QVariantList {true, 1.5, 9007199254740992LL});
-    QTest::newRow("large") << object("large", QString(5000000, 'x'));
-}
-
-void tst_Storage::restartBringsBack()
-{
-    QFETCH(TrelanObject, published);
-    TrelanQueryHandler client("client");
-    QVERIFY(start() && client.open() && client.publish(published));
-    TrelanObject passing = object(published.name(), "only passed on", false);
-    passing.setStored(false);
-    QVERIFY(client.publish(passing) && start());
-    client.close();
-    TrelanObject found;
-    QVERIFY(client.open() && client.loadObject(published.name(), found));
-    published.setPublisher("client");
-    if (published.uid().isEmpty())
-        published.setUid(found.uid());
-    QCOMPARE(found.toVariantMap(), published.toVariantMap());
-}
-
-void tst_Storage::unusableFolder_data()
-{
-    QTest::addColumn<QByteArray>("database");
-    QTest::addColumn<QByteArray>("log");
-    QTest::addColumn<QString>("reason");
-    const auto row = [](const char *name, const QByteArray &from, int at, const char *bytes,
-                        const char *reason, const QByteArray &log = {}) {
-        QByteArray database = from;
-        QTest::newRow(name) << database.replace(at, int(qstrlen(bytes)), bytes) << log << reason;
-    };
-    row("rubbish", QByteArray(5000, 'x'), 0, "y", "damaged");
-    row("cut off", _clean.left(_clean.size() / 2), 0, "S", "damaged");
-    row("page", _clean, 4096, "y", "damaged");
-    row("index", _clean, _clean.lastIndexOf("a.b"), "a.c", "damaged.*index");
-    row("content", _clean, _clean.indexOf("needle"), "noodle", "\"a.b\" is not as it was");
-    row("log", _live, 0, "S", "log.*damaged", QByteArray(_log).replace(9, 9, "scribbles"));
-    row("lost", QByteArray(), 0, "", "its log trelan.db-wal", _log);
-    row("other application", _clean, 68, "x", "another application");
-    row("newer, killed", _live, 63, "\t", "version 9", _log.left(_log.size() - 32));
-    row("in use", QByteArray(), 0, "", "in use by another server");
-}
-
-void tst_Storage::unusableFolder()
-{
-    QFETCH(QByteArray, database);
-    QFETCH(QByteArray, log);
-    QFETCH(QString, reason);
-    TrelanBus first;
-    const bool inUse = database.isEmpty() && log.isEmpty();
-    QVERIFY(!inUse || first.start(_settings));
-    QFile file(_dir->filePath("trelan.db"));
-    QFile logFile(_dir->filePath("trelan.db-wal"));
-    if (!inUse) {
-        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(database) == database.size());
-        QVERIFY(logFile.open(QIODevice::WriteOnly) && logFile.write(log) == log.size());
-        file.close();
-        logFile.close();
+private slots:
+    void initTestCase()
+    {
+        init();
+        TrelanQueryHandler client("maker");
+        QVERIFY(start() && client.open() && client.publish(object("a.b", "needle")));
+        _live = read("trelan.db");
+        _log = read("trelan.db-wal");
+        _bus.stop();
+        _clean = read("trelan.db");
     }
-    QVERIFY(!start());
-    const QString fault = _bus.errorString();
-    QVERIFY2(fault.startsWith(file.fileName() + ": "), qPrintable(fault));
-    QVERIFY2(fault.contains(QRegularExpression(reason)), qPrintable(fault));
 
-    _settings.requireStorage = false;
-    TrelanQueryHandler client("client");
-    QVERIFY(start() && client.open() && !client.publish(object("a", 1)));
-    QCOMPARE(client.lastError().error(), TrelanError::InvalidDataStorage);
-    QCOMPARE(client.lastError().description(), fault);
-    QVERIFY(client.publish(object("a", 2, false)));
-    QCOMPARE(load(client, "a"), 2);
-    QVERIFY(client.rmPersistent({"a", "b"}));
-    _bus.stop();
-    QVERIFY(inUse || (read("trelan.db") == database && read("trelan.db-wal") == log));
-}
-
-void tst_Storage::bounds_data()
-{
-    QTest::addColumn<bool>("onDisk");
-    QTest::addColumn<int>("maxObjects");
-    QTest::addColumn<QString>("which");
-    QTest::newRow("objects, disk") << true << 2 << "2 objects";
-    QTest::newRow("bytes, disk") << true << 9 << "9000 bytes";
-    QTest::newRow("bytes, memory") << false << 9 << "9000 bytes";
-}
-
-void tst_Storage::bounds()
-{
-    QFETCH(bool, onDisk);
-    QFETCH(int, maxObjects);
-    QFETCH(QString, which);
-    const LogCapture log;
-    _settings.maxObjects = maxObjects;
-    _settings.maxObjectBytes = 9000;
-    if (!onDisk)
-        _settings.dataFolder.clear();
-    TrelanQueryHandler client("client");
-    const QString large(3500, 'x');
-    QVERIFY(start() && client.open() && client.publish(object("a", large)));
-    QVERIFY(client.publish(object("b", large)) && !client.publish(object("c", large)));
-    QCOMPARE(client.lastError().error(), TrelanError::StorageAccessError);
-    QVERIFY(client.lastError().description().contains(which));
-    QVERIFY(client.publish(object("b", "small")) && client.rmPersistent({"a"}));
-    QVERIFY(client.publish(object("c", large)));
-    _bus.stop();
-    QCOMPARE(log.texts().filter("kept in memory only").size(), onDisk ? 0 : 1);
-}
-
-void tst_Storage::failedWrites()
-{
-    // What does not fit on the disk takes nothing from those it is written together with, and
-    // a value on its way there takes no room beside the one that it replaces.
-    constexpr int THREADS = 8;
-    _settings.maxObjects = THREADS;
-    TrelanQueryHandler client("client");
-    QVERIFY(start() && client.open() && client.publish(object("a.0", 1)));
-    QAtomicInt acknowledged;
-    limitFiles(5000000);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([i, &acknowledged] {
-            const QString name = QString("a.%1").arg(i);
-            TrelanQueryHandler own(name);
-            own.open();
-            for (int n = 0; n < 15; ++n) {
-                const QVariant value = i == 0 ? QVariant(QString(6000000, 'x')) : QVariant(n);
-                acknowledged += own.publish(object(name, value));
-                if (i == 1)
-                    own.rmPersistent({name});
-            }
-        });
+    void init()
+    {
+        limitFiles(RLIM_INFINITY);
+        _bus.stop();
+        _dir = std::make_unique<QTemporaryDir>();
+        _settings = TrelanBusSettings();
+        _settings.queryPort = _settings.msgPort = 0;
+        _settings.dataFolder = _dir->path();
+        _settings.requireStorage = true;
     }
-    for (std::thread &thread : threads)
-        thread.join();
-    QCOMPARE(int(acknowledged), (THREADS - 1) * 15);
-    limitFiles(100);
-    QVERIFY(!client.publish(object("a.0", 2)) && !client.publish(object("a.0", 2, false)));
-    QVERIFY(!client.publish(object("a.1", 2)) && !client.rmPersistent({"a.0"}));
-    QCOMPARE(client.lastError().error(), TrelanError::StorageAccessError);
-    QCOMPARE(load(client, "a.0"), 1);
-    limitFiles(RLIM_INFINITY);
-    QVERIFY(client.publish(object("a.2", 15)) && start());
-    client.close();
-    QMap<QString, TrelanObject> objects;
-    QVERIFY(client.open() && client.loadObjects("*", objects));
-    QCOMPARE(objects.size(), THREADS - 1);
-    QCOMPARE(load(client, "a.0") + load(client, "a.2") + load(client, "a.7"), 1 + 15 + 14);
-}
+
+    void restartBringsBack_data()
+    {
+        const TestTable<TrelanObject> row("published");
+        TrelanObject odd = object("\u0436.\U0001F600", QString("a") + QChar(0) + QChar(0xd800));
+        odd.setUid(QString("u") + QChar(0) + "id" + QChar(0xdfff));
+        odd.setDt(QDateTime::fromMSecsSinceEpoch(-1));
+        odd.setOptions(TrelanObject::Options(QFlag(0x40000006)));
+        row("odd text, old time, unknown flags", odd);
+        row("kinds", object("kinds", QVariantList {true, 1.5, 9007199254740992LL}));
+        row("large", object("large", QString(5000000, 'x')));
+    }
+
+    void restartBringsBack()
+    {
+        QFETCH(TrelanObject, published);
+        TrelanQueryHandler client("client");
+        QVERIFY(start() && client.open() && client.publish(published));
+        TrelanObject passing = object(published.name(), "only passed on", false);
+        passing.setStored(false);
+        QVERIFY(client.publish(passing) && start());
+        client.close();
+        TrelanObject found;
+        QVERIFY(client.open() && client.loadObject(published.name(), found));
+        published.setPublisher("client");
+        if (published.uid().isEmpty())
+            published.setUid(found.uid());
+        QCOMPARE(found.toVariantMap(), published.toVariantMap());
+    }
+
+    void unusableFolder_data()
+    {
+        const TestTable<QByteArray, QByteArray, QString> add("database", "log", "reason");
+        const auto row = [&add](const char *name, const QByteArray &from, int at, const char *bytes,
+                                const char *reason, const QByteArray &log = {}) {
+            QByteArray database = from;
+            add(name, database.replace(at, int(qstrlen(bytes)), bytes), log, reason);
+        };
+        row("rubbish", QByteArray(5000, 'x'), 0, "y", "damaged");
+        row("cut off", _clean.left(_clean.size() / 2), 0, "S", "damaged");
+        row("page", _clean, 4096, "y", "damaged");
+        row("index", _clean, _clean.lastIndexOf("a.b"), "a.c", "damaged.*index");
+        row("content", _clean, _clean.indexOf("needle"), "noodle", "\"a.b\" is not as it was");
+        row("log", _live, 0, "S", "log.*damaged", QByteArray(_log).replace(9, 9, "scribbles"));
+        row("lost", QByteArray(), 0, "", "its log trelan.db-wal", _log);
+        row("other application", _clean, 68, "x", "another application");
+        row("newer, killed", _live, 63, "\t", "version 9", _log.left(_log.size() - 32));
+        row("in use", QByteArray(), 0, "", "in use by another server");
+    }
+
+    void unusableFolder()
+    {
+        QFETCH(QByteArray, database);
+        QFETCH(QByteArray, log);
+        QFETCH(QString, reason);
+        TrelanBus first;
+        const bool inUse = database.isEmpty() && log.isEmpty();
+        QVERIFY(!inUse || first.start(_settings));
+        QFile file(_dir->filePath("trelan.db"));
+        QFile logFile(_dir->filePath("trelan.db-wal"));
+        if (!inUse) {
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(database) == database.size());
+            QVERIFY(logFile.open(QIODevice::WriteOnly) && logFile.write(log) == log.size());
+            file.close();
+            logFile.close();
+        }
+        QVERIFY(!start());
+        const QString fault = _bus.errorString();
+        QVERIFY2(fault.startsWith(file.fileName() + ": "), qPrintable(fault));
+        QVERIFY2(fault.contains(QRegularExpression(reason)), qPrintable(fault));
+
+        _settings.requireStorage = false;
+        TrelanQueryHandler client("client");
+        QVERIFY(start() && client.open() && !client.publish(object("a", 1)));
+        QCOMPARE(client.lastError().error(), TrelanError::InvalidDataStorage);
+        QCOMPARE(client.lastError().description(), fault);
+        QVERIFY(client.publish(object("a", 2, false)));
+        QCOMPARE(load(client, "a"), 2);
+        QVERIFY(client.rmPersistent({"a", "b"}));
+        _bus.stop();
+        QVERIFY(inUse || (read("trelan.db") == database && read("trelan.db-wal") == log));
+    }
+
+    void bounds_data()
+    {
+        const TestTable<bool, int, QString> row("onDisk", "maxObjects", "which");
+        row("objects, disk", true, 2, "2 objects");
+        row("bytes, disk", true, 9, "9000 bytes");
+        row("bytes, memory", false, 9, "9000 bytes");
+    }
+
+    void bounds()
+    {
+        QFETCH(bool, onDisk);
+        QFETCH(int, maxObjects);
+        QFETCH(QString, which);
+        const LogCapture log;
+        _settings.maxObjects = maxObjects;
+        _settings.maxObjectBytes = 9000;
+        if (!onDisk)
+            _settings.dataFolder.clear();
+        TrelanQueryHandler client("client");
+        const QString large(3500, 'x');
+        QVERIFY(start() && client.open() && client.publish(object("a", large)));
+        QVERIFY(client.publish(object("b", large)) && !client.publish(object("c", large)));
+        QCOMPARE(client.lastError().error(), TrelanError::StorageAccessError);
+        QVERIFY(client.lastError().description().contains(which));
+        QVERIFY(client.publish(object("b", "small")) && client.rmPersistent({"a"}));
+        QVERIFY(client.publish(object("c", large)));
+        _bus.stop();
+        QCOMPARE(log.texts().filter("kept in memory only").size(), onDisk ? 0 : 1);
+    }
+
+    void failedWrites()
+    {
+        // What does not fit on the disk takes nothing from those it is written together with, and
+        // a value on its way there takes no room beside the one that it replaces.
+        constexpr int THREADS = 8;
+        _settings.maxObjects = THREADS;
+        TrelanQueryHandler client("client");
+        QVERIFY(start() && client.open() && client.publish(object("a.0", 1)));
+        QAtomicInt acknowledged;
+        limitFiles(5000000);
+        std::vector<std::thread> threads;
+        threads.reserve(THREADS);
+        for (int i = 0; i < THREADS; ++i) {
+            threads.emplace_back([i, &acknowledged] {
+                const QString name = QString("a.%1").arg(i);
+                TrelanQueryHandler own(name);
+                own.open();
+                for (int n = 0; n < 15; ++n) {
+                    const QVariant value = i == 0 ? QVariant(QString(6000000, 'x')) : QVariant(n);
+                    acknowledged += own.publish(object(name, value));
+                    if (i == 1)
+                        own.rmPersistent({name});
+                }
+            });
+        }
+        for (std::thread &thread : threads)
+            thread.join();
+        QCOMPARE(int(acknowledged), (THREADS - 1) * 15);
+        limitFiles(100);
+        QVERIFY(!client.publish(object("a.0", 2)) && !client.publish(object("a.0", 2, false)));
+        QVERIFY(!client.publish(object("a.1", 2)) && !client.rmPersistent({"a.0"}));
+        QCOMPARE(client.lastError().error(), TrelanError::StorageAccessError);
+        QCOMPARE(load(client, "a.0"), 1);
+        limitFiles(RLIM_INFINITY);
+        QVERIFY(client.publish(object("a.2", 15)) && start());
+        client.close();
+        QMap<QString, TrelanObject> objects;
+        QVERIFY(client.open() && client.loadObjects("*", objects));
+        QCOMPARE(objects.size(), THREADS - 1);
+        QCOMPARE(load(client, "a.0") + load(client, "a.2") + load(client, "a.7"), 1 + 15 + 14);
+    }
+
+private:
+    /// Again, if it runs.
+    bool start()
+    {
+        _bus.stop();
+        const bool started = _bus.start(_settings);
+        TrelanQueryHandler::setQueryPort(_bus.queryPort());
+        return started;
+    }
+
+    QByteArray read(const QString &name) const
+    {
+        QFile file(_dir->filePath(name));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+    std::unique_ptr<QTemporaryDir> _dir;
+    TrelanBusSettings _settings;
+    TrelanBus _bus;
+    QByteArray _clean;      ///< a database at rest
+    QByteArray _live, _log; ///< one whose last object is in the log only
+};
 
 QTEST_GUILESS_MAIN(tst_Storage)
 #include "tst_storage.moc"

@@ -1,9 +1,9 @@
 #include <logcapture.h>
 #include <rawpeer.h>
+#include <testtable.h>
 #include <trelanobject.h>
 
 #include <QtCore/QTemporaryDir>
-#include <QtTest/QtTest>
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -14,25 +14,6 @@
 #include <thread>
 
 using namespace bus;
-
-/// Connections that send anything, nothing or too much, and end at any time.
-class tst_TrelanBusConnections : public QObject
-{
-    Q_OBJECT
-
-private Q_SLOTS:
-    void anyBytes_data();
-    void anyBytes();
-    void refusalReachesWhoSendsOn();
-    void silenceAndHalfFrames_data();
-    void silenceAndHalfFrames();
-    void unreadAnswers();
-    void nobodyDelaysOthers();
-    void pipelinedInOrder();
-    void connectionLimit();
-    void outOfDescriptors();
-    void abruptEnds();
-};
 
 namespace
 {
@@ -52,226 +33,231 @@ QByteArray publishNoise(const QString &name, int bytes, int options = TrelanObje
 
 } // namespace
 
-void tst_TrelanBusConnections::anyBytes_data()
+/// Connections that send anything, nothing or too much, and end at any time.
+class tst_TrelanBusConnections : public QObject
 {
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QString>("status"); // "none": closed, and this is in the warning
-    QTest::addColumn<QString>("text");
-    const auto row = [](const char *title, const QByteArray &bytes, const char *status,
-                        const char *text = "") {
-        QTest::newRow(title) << bytes << QString(status) << QString(text);
-    };
-    row("foreign protocol", "GET / HTTP/1\r\n", "none", "\"GET / HTTP/1\" is no header line");
-    row("escape sequence", "\x1b[2J\x9b\r\n", "none", "\"\\u001b[2J\\u009b\" is no header line");
-    row("word and more", "[-REQUEST-]x\r\n", "none", "\"[-REQUEST-]x\" is no header line");
-    row("a reply", "[-REPLY-]\r\n4\r\nAAAA", "none", "sent a reply that nobody asked for");
-    row("size no number", "[-REQUEST-]\r\nabc\r\n", "none", "\"abc\" is no size line");
-    row("negative size", "[-REQUEST-]\r\n-1\r\n", "none", "\"-1\" is no size line");
-    row("empty size", "[-REQUEST-]\r\n\r\n", "none", "\"\" is no size line");
-    const char *const noData = "2 payload is no base64 text of compressed data";
-    row("blanks around", " [-REQUEST-] \r\n 4\r\nAAAA", noData);
-    row("no payload", "[-REQUEST-]\r\n0\r\n", noData);
-    row("no JSON", RawPeer::jsonFrame("{"), "2 payload is no JSON: unterminated object");
-    const char *const noWord = "2 payload has to be an object with a string under \"operation\"";
-    row("JSON list", RawPeer::jsonFrame("[1]"), noWord);
-    row("operation a number", RawPeer::jsonFrame("{\"operation\":1}"), noWord);
-    row("data a list", RawPeer::jsonFrame("{\"operation\":\"pub\",\"data\":[]}"),
-        "2 \"data\" has to be an object");
-    row("bomb", RawPeer::jsonFrame(QByteArray(5000000, ' ')),
-        "2 payload inflates to more than 4000000 bytes");
-}
+    Q_OBJECT
 
-void tst_TrelanBusConnections::anyBytes()
-{
-    QFETCH(QByteArray, bytes);
-    QFETCH(QString, status);
-    QFETCH(QString, text);
-    LogCapture log;
-    TrelanBusSettings settings;
-    settings.maxInflatedSize = 4000000;
-    TestBus server(settings);
-    RawPeer peer(server, "me");
-    QVERIFY(peer.send(bytes));
-    QCOMPARE(peer.receive(), status);
-    QCOMPARE(isServed(peer), status != "none");
-    const QString warning = CLOSED.arg(peer.address(), text);
-    QCOMPARE(log.faults(), status == "none" ? QStringList(warning) : QStringList());
-}
-
-void tst_TrelanBusConnections::refusalReachesWhoSendsOn()
-{
-    // Closed at once, what is still on its way would make the system throw the reply away.
-    TrelanBusSettings settings;
-    settings.discardTime = 20000; // the sender may be slow
-    TestBus server(settings);
-    RawPeer peer(server, "me"), other(server, "other");
-    QVERIFY(peer.send("[-REQUEST-]\r\n20971520\r\n"));
-    QVERIFY(peer.send(QByteArray(20971520, 'A')));
-    QCOMPARE(peer.receive(), "1 a payload of 20971520 bytes is above the limit of 16777216");
-    QVERIFY(peer.envelope().value("operation") == "" && peer.awaitEnd());
-    QVERIFY(isServed(other));
-
-    settings.discardTime = 100;
-    TestBus impatient(settings);
-    RawPeer endless(impatient);
-    QVERIFY(endless.send("[-REQUEST-]\r\n20971520\r\n"));
-    while (endless.send(QByteArray(1000000, 'A'))) // ends when the bus has had enough
-        continue;
-}
-
-void tst_TrelanBusConnections::silenceAndHalfFrames_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QString>("reason");
-    const QByteArray hello = RawPeer::frame("handshake {'name':'you'}");
-    const QString half = "stopped in the middle of a frame";
-    QTest::newRow("silence") << QByteArray() << "sent no handshake in time";
-    QTest::newRow("only others") << LOAD << "sent no handshake in time";
-    QTest::newRow("half a header") << hello + "[-REQ" << half;
-    QTest::newRow("half a payload") << hello + LOAD.chopped(1) << half;
-}
-
-void tst_TrelanBusConnections::silenceAndHalfFrames()
-{
-    QFETCH(QByteArray, bytes);
-    QFETCH(QString, reason);
-    LogCapture log;
-    TrelanBusSettings settings;
-    settings.handshakeTimeout = 1000;
-    settings.stallTimeout = 300;
-    TestBus server(settings);
-    RawPeer idle(server, "me"), peer(server);
-    QVERIFY(peer.send(bytes) && peer.awaitEnd());
-    QCOMPARE(log.faults(), QStringList(CLOSED.arg(peer.address(), reason)));
-    QVERIFY(isServed(idle)); // a registered client may be silent for as long as it likes
-}
-
-void tst_TrelanBusConnections::unreadAnswers()
-{
-    LogCapture log;
-    TrelanBusSettings settings;
-    settings.stallTimeout = 300;
-    TestBus server(settings);
-    RawPeer peer(server, "me");
-    QVERIFY(peer.send(publishNoise("large", 1000000)));
-    QVERIFY(peer.send(RawPeer::frame("loadObject {'nm':'large'}").repeated(100)));
-    const QStringList expected(CLOSED.arg(peer.address(), "does not read its answer"));
-    QTRY_COMPARE_WITH_TIMEOUT(log.faults(), expected, 30000);
-    QVERIFY(peer.awaitEnd());
-}
-
-void tst_TrelanBusConnections::nobodyDelaysOthers()
-{
-    TestBus server;
-    RawPeer silent(server), half(server, "half"), peer(server, "me");
-    QVERIFY(half.send("[-REQUEST-]\r\n1000\r\nAAAA"));
-    for (int i = 0; i < 2000; ++i)
-        QCOMPARE(peer.ask("pub {'opt':2,'nm':'a.b" + QByteArray::number(i) + "'}"), "0 ");
-
-    std::atomic_bool over {false};
-    const QByteArray flood = RawPeer::frame("loadObjects {'wc':'*.no.such'}").repeated(1000);
-    const auto work = [&](const char *name) {
-        RawPeer flooder(server, name);
-        while (!over && flooder.send(flood)) {
-            for (int i = 0; i < 1000 && !over; ++i)
-                flooder.receive();
-        }
-    };
-    std::thread first(work, "first"), second(work, "second");
-    bool served = true;
-    for (int i = 0; i < 20; ++i)
-        served = served && isServed(peer) && RawPeer(server, "new").ask("sub {'wc':'a'}") == "0 ";
-    over = true;
-    first.join();
-    second.join();
-    QVERIFY(served);
-}
-
-void tst_TrelanBusConnections::pipelinedInOrder()
-{
-    // Behind a large request, which is decoded elsewhere: nothing may overtake it or get stuck.
-    TestBus server;
-    RawPeer peer(server, "me");
-    QByteArray bytes = publishNoise("large", 300000);
-    for (int i = 0; i < 3000; ++i)
-        bytes += RawPeer::frame("loadObject {'nm':'n" + QByteArray::number(i) + "'}");
-    std::thread sender([&] { peer.send(bytes + publishNoise("large", 300000)); });
-    QStringList answers;
-    for (int i = 0; i < 3002; ++i)
-        answers << peer.receive();
-    sender.join();
-    QCOMPARE(answers.takeFirst() + answers.takeLast(), "0 0 ");
-    for (int i = 0; i < 3000; ++i)
-        QCOMPARE(answers.at(i), QString("2 there is no object \"n%1\"").arg(i));
-}
-
-void tst_TrelanBusConnections::connectionLimit()
-{
-    LogCapture log;
-    TrelanBusSettings settings;
-    settings.maxConnections = 2;
-    TestBus server(settings);
-    RawPeer first(server, "first");
-    auto second = std::make_unique<RawPeer>(server, "second");
-    for (int i = 0; i < 3; ++i)
-        QVERIFY(RawPeer(server).awaitEnd());
-    QVERIFY(isServed(first) && isServed(*second));
-    second.reset();
-    QString status;
-    for (int i = 0; i < 1000 && status != "0 "; ++i) // the bus may not have noticed yet
-        status = RawPeer(server).ask("handshake {'name':'third'}");
-    QCOMPARE(status, "0 ");
-    QCOMPARE(log.faults(), QStringList("warning: a connection is refused: there are 2 already"));
-}
-
-void tst_TrelanBusConnections::outOfDescriptors()
-{
-    LogCapture log;
-    TestBus server;
-    RawPeer early(server, "early"), late; // the late one has its own descriptor, the bus has none
-    rlimit before {};
-    ::getrlimit(RLIMIT_NOFILE, &before);
-    const int firstFree = ::dup(0);
-    ::close(firstFree);
-    const rlimit none {rlim_t(firstFree), before.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &none);
-
-    const bool sent = late.connectTo(server.queryPort()) &&
-                      late.send(RawPeer::frame("handshake {'name':'late'}"));
-    const std::clock_t start = std::clock();
-    const bool answered = late.hasInput(1000);
-    const double processorTime = double(std::clock() - start) / CLOCKS_PER_SEC;
-    const bool served = isServed(early);
-    ::setrlimit(RLIMIT_NOFILE, &before);
-    QVERIFY(sent && !answered && served);
-    QVERIFY2(processorTime < 0.5, qPrintable(QString::number(processorTime)));
-    QCOMPARE(log.faults().size(), 1);
-    QVERIFY(log.faults().first().startsWith("warning: cannot take a connection: "));
-    QVERIFY(late.receive() == "0 " && isServed(late));
-}
-
-void tst_TrelanBusConnections::abruptEnds()
-{
-    // Connections end and are taken over while the disk or the codec has their request.
-    QTemporaryDir folder;
-    TrelanBusSettings settings;
-    settings.dataFolder = folder.path();
-    LogCapture log;
-    TestBus server(settings);
-    const int options = TrelanObject::Stored | TrelanObject::Permanent;
-    const QByteArray bytes = RawPeer::frame("handshake {'name':'me'}") +
-                             publishNoise("large", 100000, options) +
-                             publishNoise("small", 4, options) + LOAD;
-    for (int i = 0; i < 100; ++i) {
-        RawPeer taken(server), ended(server);
-        taken.send(bytes);
-        ended.send(bytes.left(bytes.size() * i / 100));
+private Q_SLOTS:
+    void anyBytes_data()
+    {
+        // Status "none": the connection is closed, with the text in a warning.
+        const TestTable<QByteArray, QString, QString> row("bytes", "status", "text");
+        row("foreign protocol", "GET / HTTP/1\r\n", "none", "\"GET / HTTP/1\" is no header line");
+        row("escape sequence", "\x1b[2J\x9b\r\n", "none",
+            "\"\\u001b[2J\\u009b\" is no header line");
+        row("word and more", "[-REQUEST-]x\r\n", "none", "\"[-REQUEST-]x\" is no header line");
+        row("a reply", "[-REPLY-]\r\n4\r\nAAAA", "none", "sent a reply that nobody asked for");
+        row("size no number", "[-REQUEST-]\r\nabc\r\n", "none", "\"abc\" is no size line");
+        row("negative size", "[-REQUEST-]\r\n-1\r\n", "none", "\"-1\" is no size line");
+        row("empty size", "[-REQUEST-]\r\n\r\n", "none", "\"\" is no size line");
+        const char *const noData = "2 payload is no base64 text of compressed data";
+        row("blanks around", " [-REQUEST-] \r\n 4\r\nAAAA", noData, "");
+        row("no payload", "[-REQUEST-]\r\n0\r\n", noData, "");
+        row("no JSON", RawPeer::jsonFrame("{"), "2 payload is no JSON: unterminated object", "");
+        const char *const noWord =
+            "2 payload has to be an object with a string under \"operation\"";
+        row("JSON list", RawPeer::jsonFrame("[1]"), noWord, "");
+        row("operation a number", RawPeer::jsonFrame("{\"operation\":1}"), noWord, "");
+        row("data a list", RawPeer::jsonFrame("{\"operation\":\"pub\",\"data\":[]}"),
+            "2 \"data\" has to be an object", "");
+        row("bomb", RawPeer::jsonFrame(QByteArray(5000000, ' ')),
+            "2 payload inflates to more than 4000000 bytes", "");
     }
-    RawPeer peer(server, "me");
-    QVERIFY(peer.send(bytes));
-    for (const char *status : {"0 ", "0 ", "0 ", "2 there is no object \"no.such\""})
+
+    void anyBytes()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, status);
+        QFETCH(QString, text);
+        LogCapture log;
+        TrelanBusSettings settings;
+        settings.maxInflatedSize = 4000000;
+        TestBus server(settings);
+        RawPeer peer(server, "me");
+        QVERIFY(peer.send(bytes));
         QCOMPARE(peer.receive(), status);
-}
+        QCOMPARE(isServed(peer), status != "none");
+        const QString warning = CLOSED.arg(peer.address(), text);
+        QCOMPARE(log.faults(), status == "none" ? QStringList(warning) : QStringList());
+    }
+
+    void refusalReachesWhoSendsOn()
+    {
+        // Closed at once, what is still on its way would make the system throw the reply away.
+        TrelanBusSettings settings;
+        settings.discardTime = 20000; // the sender may be slow
+        TestBus server(settings);
+        RawPeer peer(server, "me"), other(server, "other");
+        QVERIFY(peer.send("[-REQUEST-]\r\n20971520\r\n"));
+        QVERIFY(peer.send(QByteArray(20971520, 'A')));
+        QCOMPARE(peer.receive(), "1 a payload of 20971520 bytes is above the limit of 16777216");
+        QVERIFY(peer.envelope().value("operation") == "" && peer.awaitEnd());
+        QVERIFY(isServed(other));
+
+        settings.discardTime = 100;
+        TestBus impatient(settings);
+        RawPeer endless(impatient);
+        QVERIFY(endless.send("[-REQUEST-]\r\n20971520\r\n"));
+        while (endless.send(QByteArray(1000000, 'A'))) // ends when the bus has had enough
+            continue;
+    }
+
+    void silenceAndHalfFrames_data()
+    {
+        const TestTable<QByteArray, QString> row("bytes", "reason");
+        const QByteArray hello = RawPeer::frame("handshake {'name':'you'}");
+        const QString half = "stopped in the middle of a frame";
+        row("silence", QByteArray(), "sent no handshake in time");
+        row("only others", LOAD, "sent no handshake in time");
+        row("half a header", hello + "[-REQ", half);
+        row("half a payload", hello + LOAD.chopped(1), half);
+    }
+
+    void silenceAndHalfFrames()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, reason);
+        LogCapture log;
+        TrelanBusSettings settings;
+        settings.handshakeTimeout = 1000;
+        settings.stallTimeout = 300;
+        TestBus server(settings);
+        RawPeer idle(server, "me"), peer(server);
+        QVERIFY(peer.send(bytes) && peer.awaitEnd());
+        QCOMPARE(log.faults(), QStringList(CLOSED.arg(peer.address(), reason)));
+        QVERIFY(isServed(idle)); // a registered client may be silent for as long as it likes
+    }
+
+    void unreadAnswers()
+    {
+        LogCapture log;
+        TrelanBusSettings settings;
+        settings.stallTimeout = 300;
+        TestBus server(settings);
+        RawPeer peer(server, "me");
+        QVERIFY(peer.send(publishNoise("large", 1000000)));
+        QVERIFY(peer.send(RawPeer::frame("loadObject {'nm':'large'}").repeated(100)));
+        const QStringList expected(CLOSED.arg(peer.address(), "does not read its answer"));
+        QTRY_COMPARE_WITH_TIMEOUT(log.faults(), expected, 30000);
+        QVERIFY(peer.awaitEnd());
+    }
+
+    void nobodyDelaysOthers()
+    {
+        TestBus server;
+        RawPeer silent(server), half(server, "half"), peer(server, "me");
+        QVERIFY(half.send("[-REQUEST-]\r\n1000\r\nAAAA"));
+        for (int i = 0; i < 2000; ++i)
+            QCOMPARE(peer.ask("pub {'opt':2,'nm':'a.b" + QByteArray::number(i) + "'}"), "0 ");
+
+        std::atomic_bool over {false};
+        const QByteArray flood = RawPeer::frame("loadObjects {'wc':'*.no.such'}").repeated(1000);
+        const auto work = [&](const char *name) {
+            RawPeer flooder(server, name);
+            while (!over && flooder.send(flood)) {
+                for (int i = 0; i < 1000 && !over; ++i)
+                    flooder.receive();
+            }
+        };
+        std::thread first(work, "first"), second(work, "second");
+        bool served = true;
+        for (int i = 0; i < 20; ++i)
+            served =
+                served && isServed(peer) && RawPeer(server, "new").ask("sub {'wc':'a'}") == "0 ";
+        over = true;
+        first.join();
+        second.join();
+        QVERIFY(served);
+    }
+
+    void pipelinedInOrder()
+    {
+        // Behind a large request, which is decoded elsewhere: nothing may overtake it or get stuck.
+        TestBus server;
+        RawPeer peer(server, "me");
+        QByteArray bytes = publishNoise("large", 300000);
+        for (int i = 0; i < 3000; ++i)
+            bytes += RawPeer::frame("loadObject {'nm':'n" + QByteArray::number(i) + "'}");
+        std::thread sender([&] { peer.send(bytes + publishNoise("large", 300000)); });
+        QStringList answers;
+        for (int i = 0; i < 3002; ++i)
+            answers << peer.receive();
+        sender.join();
+        QCOMPARE(answers.takeFirst() + answers.takeLast(), "0 0 ");
+        for (int i = 0; i < 3000; ++i)
+            QCOMPARE(answers.at(i), QString("2 there is no object \"n%1\"").arg(i));
+    }
+
+    void connectionLimit()
+    {
+        LogCapture log;
+        TrelanBusSettings settings;
+        settings.maxConnections = 2;
+        TestBus server(settings);
+        RawPeer first(server, "first");
+        auto second = std::make_unique<RawPeer>(server, "second");
+        for (int i = 0; i < 3; ++i)
+            QVERIFY(RawPeer(server).awaitEnd());
+        QVERIFY(isServed(first) && isServed(*second));
+        second.reset();
+        QString status;
+        for (int i = 0; i < 1000 && status != "0 "; ++i) // the bus may not have noticed yet
+            status = RawPeer(server).ask("handshake {'name':'third'}");
+        QCOMPARE(status, "0 ");
+        QCOMPARE(log.faults(), QStringList("warning: a connection is refused: there are 2 already"));
+    }
+
+    void outOfDescriptors()
+    {
+        LogCapture log;
+        TestBus server;
+        RawPeer early(server, "early"),
+            late; // the late one has its own descriptor, the bus has none
+        rlimit before {};
+        ::getrlimit(RLIMIT_NOFILE, &before);
+        const int firstFree = ::dup(0);
+        ::close(firstFree);
+        const rlimit none {rlim_t(firstFree), before.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &none);
+
+        const bool sent = late.connectTo(server.queryPort()) &&
+                          late.send(RawPeer::frame("handshake {'name':'late'}"));
+        const std::clock_t start = std::clock();
+        const bool answered = late.hasInput(1000);
+        const double processorTime = double(std::clock() - start) / CLOCKS_PER_SEC;
+        const bool served = isServed(early);
+        ::setrlimit(RLIMIT_NOFILE, &before);
+        QVERIFY(sent && !answered && served);
+        QVERIFY2(processorTime < 0.5, qPrintable(QString::number(processorTime)));
+        QCOMPARE(log.faults().size(), 1);
+        QVERIFY(log.faults().first().startsWith("warning: cannot take a connection: "));
+        QVERIFY(late.receive() == "0 " && isServed(late));
+    }
+
+    void abruptEnds()
+    {
+        // Connections end and are taken over while the disk or the codec has their request.
+        QTemporaryDir folder;
+        TrelanBusSettings settings;
+        settings.dataFolder = folder.path();
+        LogCapture log;
+        TestBus server(settings);
+        const int options = TrelanObject::Stored | TrelanObject::Permanent;
+        const QByteArray bytes = RawPeer::frame("handshake {'name':'me'}") +
+                                 publishNoise("large", 100000, options) +
+                                 publishNoise("small", 4, options) + LOAD;
+        for (int i = 0; i < 100; ++i) {
+            RawPeer taken(server), ended(server);
+            taken.send(bytes);
+            ended.send(bytes.left(bytes.size() * i / 100));
+        }
+        RawPeer peer(server, "me");
+        QVERIFY(peer.send(bytes));
+        for (const char *status : {"0 ", "0 ", "0 ", "2 there is no object \"no.such\""})
+            QCOMPARE(peer.receive(), status);
+    }
+};
 
 QTEST_GUILESS_MAIN(tst_TrelanBusConnections)
 #include "tst_trelanbusconnections.moc"

@@ -1,15 +1,9 @@
 #include <logcapture.h>
 #include <scriptedserver.h>
+#include <testtable.h>
 #include <trelanqueryhandler.h>
 
-#include <QtCore/QElapsedTimer>
-#include <QtCore/QFile>
-#include <QtCore/QJsonDocument>
-#include <QtCore/QRandomGenerator>
-#include <QtCore/QRegularExpression>
-#include <QtCore/QSemaphore>
 #include <QtNetwork/QTcpSocket>
-#include <QtTest/QtTest>
 
 #include <memory>
 
@@ -19,11 +13,6 @@ using Server = ScriptedServer;
 
 namespace
 {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, int(size));
-}
 
 /// JSON, written with single quotes.
 QByteArray j(QByteArray json)
@@ -38,7 +27,7 @@ QVariantMap map(const QByteArray &json)
 
 const QByteArray HELLO = Server::reply("handshake");
 const QString PEER_GONE = "warning: QAbstractSocket::RemoteHostClosedError The remote host closed "
-                          "the connection <now>"_s;
+                          "the connection <now>";
 
 /// Answers one request after the other with these bytes, then waits for the end.
 Server::Script answers(const QByteArrayList &replies)
@@ -50,24 +39,6 @@ Server::Script answers(const QByteArrayList &replies)
         }
         peer.awaitEnd();
     };
-}
-
-/// Data that makes a request of more than this many bytes, although it is compressed.
-QVariantMap noise(int bytes)
-{
-    QVector<quint32> random(bytes / 4);
-    QRandomGenerator(1).fillRange(random.data(), random.size());
-    const QByteArray raw(reinterpret_cast<const char *>(random.constData()), bytes);
-    return {{"noise"_s, QString::fromLatin1(raw.toBase64())}};
-}
-
-/// Most address space this process has had, in KiB.
-int peakMemory()
-{
-    QFile status("/proc/self/status"_s);
-    status.open(QIODevice::ReadOnly);
-    const QByteArray text = status.readAll();
-    return text.mid(text.indexOf("VmPeak:") + 7, 16).trimmed().split(' ')[0].toInt();
 }
 
 } // namespace
@@ -105,8 +76,8 @@ class tst_TrelanQueryHandler : public QObject
 
     QString log() const
     {
-        static const QRegularExpression NOW("QDateTime\\(\\d{4}-[^()]*\\)$"_s);
-        return _log->texts().replaceInStrings(NOW, "<now>"_s).join(QLatin1Char('|'));
+        static const QRegularExpression NOW("QDateTime\\(\\d{4}-[^()]*\\)$");
+        return _log->texts().replaceInStrings(NOW, "<now>").join(QLatin1Char('|'));
     }
 
     /// What the server got of an operation that has just succeeded.
@@ -122,7 +93,7 @@ private Q_SLOTS:
     void init()
     {
         _log = std::make_unique<LogCapture>();
-        _handler = std::make_unique<Q>("me"_s);
+        _handler = std::make_unique<Q>("me");
     }
 
     void cleanup()
@@ -133,22 +104,19 @@ private Q_SLOTS:
         _log.reset();
         // Whatever else there is in the log is Qt complaining of how its sockets are used.
         for (const LogCapture::Line &line : lines) {
-            QCOMPARE(line.file, "trelan/trelanlib/src/trelanqueryhandler.cpp"_s);
-            QVERIFY(line.function.contains("bus::TrelanQueryHandler::"_s));
-            QCOMPARE(line.category, "default"_s);
+            QCOMPARE(line.file, "trelan/trelanlib/src/trelanqueryhandler.cpp");
+            QVERIFY(line.function.contains("bus::TrelanQueryHandler::"));
+            QCOMPARE(line.category, "default");
         }
     }
 
     void handshakeDecidesOpen_data()
     {
-        QTest::addColumn<QByteArray>("reply");
-        QTest::addColumn<Q::Failure>("failure");
-        QTest::addColumn<QString>("logged");
-        QTest::newRow("accepted") << HELLO << Q::None << ""_s;
-        QTest::newRow("refused") << Server::reply("handshake", 3, "no") << Q::Refused << ""_s;
-        QTest::newRow("other name") << Server::reply("Handshake") << Q::Framing << ""_s;
-        QTest::newRow("other name, refused")
-            << Server::reply("pub", 3, "no") << Q::Refused << "|critical: 3\tno"_s;
+        const TestTable<QByteArray, Q::Failure, QString> row("reply", "failure", "logged");
+        row("accepted", HELLO, Q::None, "");
+        row("refused", Server::reply("handshake", 3, "no"), Q::Refused, "");
+        row("other name", Server::reply("Handshake"), Q::Framing, "");
+        row("other name, refused", Server::reply("pub", 3, "no"), Q::Refused, "|critical: 3\tno");
     }
 
     void handshakeDecidesOpen()
@@ -170,14 +138,14 @@ private Q_SLOTS:
         QVERIFY(_handler->open());
         QTRY_COMPARE(disconnected.count(), 1);
         QVERIFY(!_handler->isOpen() && _handler->handshaked());
-        QVERIFY(!_handler->subscribe("a"_s) && _handler->lastFailure() == Q::NotOpen);
+        QVERIFY(!_handler->subscribe("a") && _handler->lastFailure() == Q::NotOpen);
 
         QCOMPARE(_handler->open(), accepted);
         QCOMPARE(_handler->isOpen(), accepted);
         QCOMPARE(_handler->handshaked(), accepted);
         QCOMPARE(_handler->lastFailure(), failure);
         QCOMPARE(int(_handler->lastError().error()), failure == Q::Refused ? 3 : 0);
-        QCOMPARE(_handler->lastError().description(), failure == Q::Refused ? "no"_s : ""_s);
+        QCOMPARE(_handler->lastError().description(), failure == Q::Refused ? "no" : "");
         QCOMPARE(log(), PEER_GONE + logged);
         QElapsedTimer pause;
         pause.start();
@@ -193,23 +161,23 @@ private Q_SLOTS:
         QVERIFY(openOn(answers({Server::reply("x", 0, {}, j("{'k':[1,'ä']}"))})));
         QVERIFY(_handler->open());
         QVariantMap answer = map("{'old':1}");
-        QVERIFY(_handler->request(answer, "x"_s, {}));
+        QVERIFY(_handler->request(answer, "x", {}));
         QCOMPARE(answer, map("{'k':[1,'ä']}"));
         QCOMPARE(_server->frames().size(), 2); // one handshake, one request
         QVERIFY(_server->frames()[0].raw.startsWith("[-REQUEST-]\r\n"));
-        QCOMPARE(_server->frames()[0].operation, "handshake"_s);
+        QCOMPARE(_server->frames()[0].operation, "handshake");
         QCOMPARE(_server->frames()[0].data, map("{'name':'me'}"));
         QCOMPARE(_server->frames()[1].json.simplified(), j("{ 'data': { }, 'operation': 'x' }"));
 
-        Q other("other"_s);
+        Q other("other");
         Q::setQueryPort(0);
         QVERIFY(!other.open() && other.lastFailure() == Q::NotOpen);
-        QCOMPARE(log(), ""_s);
+        QCOMPARE(log(), "");
         serve([](ScriptedPeer &) {});
         _server.reset();
         QVERIFY(!other.open() && other.lastFailure() == Q::NotOpen);
         QCOMPARE(log(),
-                 "warning: QAbstractSocket::ConnectionRefusedError Connection refused <now>"_s);
+                 "warning: QAbstractSocket::ConnectionRefusedError Connection refused <now>");
     }
 
     void operations()
@@ -220,22 +188,22 @@ private Q_SLOTS:
         QByteArray json = j("{'cnt':{'t':2.5},'dt':'5','nm':'a','opt':7,'p':'you','uid':'u'}");
         const TrelanObject object = TrelanObject::fromVariantMap(map(json));
         QCOMPARE(sent(q.publish(object)), "pub " + json.replace("you", "me"));
-        QCOMPARE(sent(q.subscribe(" a "_s)), j("sub {'wc':' a '}"));
-        QCOMPARE(sent(q.subscribe({"a.*"_s, "b"_s})), j("sub {'wcs':'a.*::b'}"));
+        QCOMPARE(sent(q.subscribe(" a ")), j("sub {'wc':' a '}"));
+        QCOMPARE(sent(q.subscribe({"a.*", "b"})), j("sub {'wcs':'a.*::b'}"));
         QCOMPARE(sent(q.subscribe(QStringList())), j("sub {'wcs':''}"));
-        QCOMPARE(sent(q.unsubscribe("a"_s)), j("unsub {'wc':'a'}"));
-        QCOMPARE(sent(q.unsubscribe({"a.*"_s, "b"_s})), j("unsub {'wcs':'a.*::b'}"));
-        QCOMPARE(sent(q.rmPersistent({" x "_s, ""_s})), j("rm {'objects':['x','']}"));
+        QCOMPARE(sent(q.unsubscribe("a")), j("unsub {'wc':'a'}"));
+        QCOMPARE(sent(q.unsubscribe({"a.*", "b"})), j("unsub {'wcs':'a.*::b'}"));
+        QCOMPARE(sent(q.rmPersistent({" x ", ""})), j("rm {'objects':['x','']}"));
         json = j("{'dt':'5','msg':'hi','ops':4,'r':'r','s':'you','uid':'u'}");
         const TrelanMessage message = TrelanMessage::fromVariantMap(map(json));
         QCOMPARE(sent(q.sendMessage(message)), "sendMessage " + json.replace("you", "me"));
         TrelanCommand cmd;
-        cmd.setName("go"_s);
+        cmd.setName("go");
         cmd.setDt(QDateTime::fromMSecsSinceEpoch(5));
-        const QRegularExpression uid("\"uid\":\"[^\"]{28}\""_s); // each copy gets one of its own
+        const QRegularExpression uid("\"uid\":\"[^\"]{28}\""); // each copy gets one of its own
         QCOMPARE(QString::fromUtf8(sent(q.sendCommand(cmd))).remove(uid).toUtf8(),
                  j("pub {'cnt':{},'dt':'5','nm':'__bus__.__cmd__.go','opt':0,'p':'me',}"));
-        cmd.setReciever("you"_s);
+        cmd.setReciever("you");
         QCOMPARE(QString::fromUtf8(sent(q.sendCommand(cmd))).remove(uid).toUtf8(),
                  j("sendMessage {'dt':'5','msg':'{\\'__cmd__\\':{\\'__name__\\':\\'go\\',"
                    "\\'__params__\\':{}}}','ops':2,'r':'you','s':'me',}"));
@@ -253,11 +221,11 @@ private Q_SLOTS:
         QVERIFY(!_handler->publish(QList<TrelanObject> {bare, bare, bare}));
         QCOMPARE(_server->frames().size(), 4);
         const QVariantMap last = _server->frames().last().data;
-        const qint64 dt = last["dt"_s].toString().toLongLong();
+        const qint64 dt = last["dt"].toString().toLongLong();
         QVERIFY(dt >= before && dt <= QDateTime::currentMSecsSinceEpoch());
-        QCOMPARE(last["uid"_s].toString().size(), 28);
+        QCOMPARE(last["uid"].toString().size(), 28);
         QCOMPARE(_handler->lastFailure(), Q::Refused);
-        QCOMPARE(_handler->lastError().description(), "no"_s);
+        QCOMPARE(_handler->lastError().description(), "no");
     }
 
     void loadsOnlyOnSuccess()
@@ -269,32 +237,27 @@ private Q_SLOTS:
         const TrelanObject old = TrelanObject::fromVariantMap(map("{'nm':'old'}"));
         const TrelanObject fresh = TrelanObject::fromVariantMap(map("{'nm':'new'}"));
         TrelanObject object = old;
-        QMap<QString, TrelanObject> objects {{"a"_s, old}, {"b"_s, old}, {"c"_s, old}};
+        QMap<QString, TrelanObject> objects {{"a", old}, {"b", old}, {"c", old}};
         const QMap<QString, TrelanObject> before = objects;
-        QVERIFY(!_handler->loadObject("a"_s, object) && object == old);
-        QVERIFY(!_handler->loadObjects("*"_s, objects) && objects == before);
-        QVERIFY(_handler->loadObject("a"_s, object) && object == fresh);
-        QCOMPARE(sent(_handler->loadObjects("*"_s, objects)), j("loadObjects {'wc':'*'}"));
+        QVERIFY(!_handler->loadObject("a", object) && object == old);
+        QVERIFY(!_handler->loadObjects("*", objects) && objects == before);
+        QVERIFY(_handler->loadObject("a", object) && object == fresh);
+        QCOMPARE(sent(_handler->loadObjects("*", objects)), j("loadObjects {'wc':'*'}"));
         QCOMPARE(_server->frames()[3].data, map("{'nm':'a'}"));
-        QCOMPARE(objects.keys().join(QString()), "abcd"_s);
-        QVERIFY(objects["b"_s] == old && objects["c"_s] == fresh && objects["d"_s] == fresh);
+        QCOMPARE(objects.keys().join(QString()), "abcd");
+        QVERIFY(objects["b"] == old && objects["c"] == fresh && objects["d"] == fresh);
     }
 
     void replies_data()
     {
-        QTest::addColumn<QByteArray>("reply");
-        QTest::addColumn<int>("code"); // -1 for a reply that is none
-        QTest::addColumn<QString>("logged");
+        // The code is -1 for a reply that is none.
+        const TestTable<QByteArray, int, QString> row("reply", "code", "logged");
         const auto json = [](const QByteArray &text) {
             return Server::frame("[-REPLY-]", Server::payload(j(text)));
         };
-        const auto row = [](const char *name, const QByteArray &reply, int code,
-                            const QString &logged) {
-            QTest::newRow(name) << reply << code << logged;
-        };
         const QByteArray payload = Server::payload("{}");
-        const QString incorrect = "critical: Incorrect reply header: "_s;
-        const QString nothing = "warning: illegal value\t"_s;
+        const QString incorrect = "critical: Incorrect reply header: ";
+        const QString nothing = "warning: illegal value\t";
         row("another operation", Server::reply("something else"), 0, {});
         row("blanks around the word", Server::frame("  [-REPLY-] ", payload), 0, {});
         row("empty envelope", json("{}"), 0, {});
@@ -304,19 +267,20 @@ private Q_SLOTS:
         row("code is a truth value", json("{'result':{'code':true}}"), 0, {});
         row("code is a list", json("{'result':{'code':[5]}}"), 0, {});
         row("code 65541", json("{'result':{'description':'no','code':65541}}"), 5,
-            "critical: 5\tno"_s);
+            "critical: 5\tno");
         row("code -1", json("{'result':{'description':'no','code':-1}}"), 65535,
-            "critical: 65535\tno"_s);
-        row("request", Server::frame("[-REQUEST-]", payload), -1, incorrect + "[-REQUEST-]"_s);
-        row("blanks in it", Server::frame(" [-  REPLY-]", payload), -1, incorrect + "[- REPLY-]"_s);
-        row("NUL", Server::frame({"[-REPLY-]\0z", 11}, payload), -1, incorrect + "[-REPLY-]\0z"_s);
+            "critical: 65535\tno");
+        row("request", Server::frame("[-REQUEST-]", payload), -1, incorrect + "[-REQUEST-]");
+        row("blanks in it", Server::frame(" [-  REPLY-]", payload), -1, incorrect + "[- REPLY-]");
+        row("NUL", Server::frame({"[-REPLY-]\0z", 11}, payload), -1,
+            incorrect + QString::fromLatin1("[-REPLY-]\0z", 11));
         row("line above 15 bytes", Server::frame("[-REPLY-]          ", payload), -1, nothing);
         row("header alone", "[-REPLY-]\r\n", -1, nothing);
         row("no size", "[-REPLY-]\r\nabc\r\n" + payload, -1, nothing);
         row("negative size", "[-REPLY-]\r\n-1\r\n", -1,
-            "critical: Incorrect reply data size 0 != -1"_s);
+            "critical: Incorrect reply data size 0 != -1");
         row("not compressed", Server::frame("[-REPLY-]", "YWJjZGVmZ2hpamts"), -1, nothing);
-        row("not JSON", json("{'a' 'b'}"), -1, "warning: missing name separator\t{\"a\" \"b\"}"_s);
+        row("not JSON", json("{'a' 'b'}"), -1, "warning: missing name separator\t{\"a\" \"b\"}");
     }
 
     void replies()
@@ -326,24 +290,22 @@ private Q_SLOTS:
         QFETCH(QString, logged);
         QVERIFY(openOn(answers({reply})));
         QVariantMap answer = map("{'old':1}");
-        QCOMPARE(_handler->request(answer, "x"_s, {}), code == 0);
+        QCOMPARE(_handler->request(answer, "x", {}), code == 0);
         QCOMPARE(answer.isEmpty(), code == 0);
         QCOMPARE(_handler->lastFailure(), code == 0 ? Q::None : code < 0 ? Q::Framing : Q::Refused);
         QCOMPARE(int(_handler->lastError().error()), qMax(code, 0));
         QVERIFY(_handler->isOpen());
-        const bool listed = logged.contains("data size"_s); // and a list behind it
+        const bool listed = logged.contains("data size"); // and a list behind it
         QCOMPARE(listed ? log().left(logged.size()) : log(), logged);
     }
 
     void lostConnection_data()
     {
-        QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<QString>("logged");
-        const QString cut = "|critical: Incorrect reply data size 4 != "_s;
-        QTest::newRow("none") << QByteArray() << "|critical: Socket wait for ready read error"_s;
-        QTest::newRow("some") << QByteArray("[-REPLY-]\r\n300\r\nabcd") << cut + "300"_s;
-        QTest::newRow("absurd") << QByteArray("[-REPLY-]\r\n2000000000\r\nabcd")
-                                << cut + "2000000000"_s;
+        const TestTable<QByteArray, QString> row("bytes", "logged");
+        const QString cut = "|critical: Incorrect reply data size 4 != ";
+        row("none", QByteArray(), "|critical: Socket wait for ready read error");
+        row("some", QByteArray("[-REPLY-]\r\n300\r\nabcd"), cut + "300");
+        row("absurd", QByteArray("[-REPLY-]\r\n2000000000\r\nabcd"), cut + "2000000000");
     }
 
     void lostConnection()
@@ -362,10 +324,10 @@ private Q_SLOTS:
             releaseOnReadyRead();
             QSignalSpy disconnected(_handler.get(), SIGNAL(busDisconnected()));
             const int memory = peakMemory();
-            QVERIFY(!_handler->subscribe("a"_s) && _handler->lastFailure() == Q::NotOpen);
+            QVERIFY(!_handler->subscribe("a") && _handler->lastFailure() == Q::NotOpen);
             QCOMPARE(disconnected.count(), 1);
             QCOMPARE(log().left(PEER_GONE.size() + logged.size()), PEER_GONE + logged);
-            QVERIFY(peakMemory() - memory < 1024 * 1024);
+            QVERIFY(peakMemory() - memory < 1024 * 1024); // KiB
         }
     }
 
@@ -377,22 +339,20 @@ private Q_SLOTS:
             gone.release();
         }));
         gone.acquire();
-        QVERIFY(!_handler->subscribe("a"_s) && _handler->lastFailure() == Q::NotOpen);
+        QVERIFY(!_handler->subscribe("a") && _handler->lastFailure() == Q::NotOpen);
         QVERIFY(!_handler->isOpen());
-        QCOMPARE(log(), PEER_GONE + "|critical: Socket wait for ready read error"_s);
+        QCOMPARE(log(), PEER_GONE + "|critical: Socket wait for ready read error");
     }
 
     void readAttemptsGrowWithTheSize_data()
     {
-        QTest::addColumn<int>("size");
-        QTest::addColumn<int>("drops");
-        QTest::addColumn<bool>("answered");
+        const TestTable<int, int, bool> row("size", "drops", "answered");
         // The first two attempts do not wait, so 100 attempts see 98 bytes that come one by one. On
         // a busy machine some attempts pass without a byte, which the rows leave room for.
-        QTest::newRow("100 attempts suffice") << 250 << 80 << true;
-        QTest::newRow("100 attempts do not") << 250 << 99 << false;
-        QTest::newRow("201 attempts suffice") << 20000 << 180 << true;
-        QTest::newRow("201 attempts do not") << 20000 << 200 << false;
+        row("100 attempts suffice", 250, 80, true);
+        row("100 attempts do not", 250, 99, false);
+        row("201 attempts suffice", 20000, 180, true);
+        row("201 attempts do not", 20000, 200, false);
     }
 
     void readAttemptsGrowWithTheSize()
@@ -412,7 +372,7 @@ private Q_SLOTS:
             peer.awaitEnd();
         }));
         releaseOnReadyRead();
-        QCOMPARE(_handler->subscribe("a"_s), answered);
+        QCOMPARE(_handler->subscribe("a"), answered);
         QCOMPARE(_handler->lastFailure(), answered ? Q::None : Q::Framing);
         QVERIFY(_handler->isOpen());
     }
@@ -426,11 +386,11 @@ private Q_SLOTS:
             answers({{}, Server::reply("sub")})(peer);
         }));
         releaseOnReadyRead();
-        QVERIFY(_handler->request("x"_s, noise(8 << 20)));
-        QVERIFY(_handler->subscribe("a"_s)); // the rest of the large request goes first
+        QVERIFY(_handler->request("x", noise(8 << 20)));
+        QVERIFY(_handler->subscribe("a")); // the rest of the large request goes first
         QVERIFY(_server->frames()[1].raw.size() > 8 << 20);
-        QCOMPARE(_server->frames()[2].operation, "sub"_s);
-        QCOMPARE(log(), ""_s);
+        QCOMPARE(_server->frames()[2].operation, "sub");
+        QCOMPARE(log(), "");
     }
 
     void reopensWhileCloseIsStillSending()
@@ -445,20 +405,20 @@ private Q_SLOTS:
             peer.awaitRelease();
         }));
         releaseOnReadyRead();
-        QVERIFY(!_handler->request("x"_s, noise(8 << 20)));
+        QVERIFY(!_handler->request("x", noise(8 << 20)));
         _handler->close();
         QCOMPARE(_handler->findChild<QTcpSocket *>()->state(), QAbstractSocket::ClosingState);
-        QVERIFY(!_handler->subscribe("a"_s) && _handler->lastFailure() == Q::NotOpen);
+        QVERIFY(!_handler->subscribe("a") && _handler->lastFailure() == Q::NotOpen);
         QVERIFY(_handler->open());
-        QVERIFY(_handler->subscribe("a"_s));
-        QCOMPARE(log(), "critical: 1\ttoo large"_s);
+        QVERIFY(_handler->subscribe("a"));
+        QCOMPARE(log(), "critical: 1\ttoo large");
     }
 
     void waitsInSpiteOfStaleBytes_data()
     {
-        QTest::addColumn<int>("requestBytes");
-        QTest::newRow("small request") << 100;
-        QTest::newRow("large request") << (8 << 20);
+        const TestTable<int> row("requestBytes");
+        row("small request", 100);
+        row("large request", 8 << 20);
     }
 
     void waitsInSpiteOfStaleBytes()
@@ -467,9 +427,9 @@ private Q_SLOTS:
         // The second header comes with the first reply: taken for the reply, it has no size.
         const QByteArray second = Server::reply("x", 0, {}, j("{'k':1}"));
         QVERIFY(openOn(answers({Server::reply("sub") + second.left(11), second.mid(11)})));
-        QVERIFY(_handler->subscribe("a"_s));
+        QVERIFY(_handler->subscribe("a"));
         QVariantMap answer;
-        QVERIFY(_handler->request(answer, "x"_s, noise(requestBytes)));
+        QVERIFY(_handler->request(answer, "x", noise(requestBytes)));
         QCOMPARE(answer, map("{'k':1}"));
     }
 };

@@ -21,14 +21,13 @@ private Q_SLOTS:
             peer.awaitEnd();
         });
         bus::TrelanQueryHandler::setQueryPort(server.port());
-        bus::TrelanQueryHandler handler(QStringLiteral("me"));
+        bus::TrelanQueryHandler handler("me");
         QVERIFY(handler.open());
         const LogCapture log;
-        QVERIFY(!handler.subscribe(QStringLiteral("a")));
+        QVERIFY(!handler.subscribe("a"));
         QCOMPARE(handler.lastFailure(), bus::TrelanQueryHandler::Timeout);
-        QCOMPARE(log.texts().join(QLatin1Char('|')),
-                 QStringLiteral("critical: Socket wait for ready read error"));
-        QVERIFY(handler.unsubscribe(QStringLiteral("a")));
+        QCOMPARE(log.texts().join(QLatin1Char('|')), "critical: Socket wait for ready read error");
+        QVERIFY(handler.unsubscribe("a"));
     }
 };
 

@@ -3,8 +3,6 @@
 #include <trelanerror.h>
 
 #include <QtCore/QJsonDocument>
-#include <QtCore/QRandomGenerator>
-#include <QtCore/QVector>
 
 #include <arpa/inet.h>
 #include <poll.h>
@@ -13,14 +11,6 @@
 
 using bus::TrelanFrame;
 using bus::TrelanFrameReader;
-
-QVariantMap noise(int bytes)
-{
-    QVector<quint32> random(bytes / 4);
-    QRandomGenerator(1).fillRange(random.data(), random.size());
-    const QByteArray raw(reinterpret_cast<const char *>(random.constData()), bytes);
-    return {{"noise", QString::fromLatin1(raw.toBase64())}};
-}
 
 TestBus::TestBus(bus::TrelanBusSettings settings)
 {

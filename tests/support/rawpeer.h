@@ -7,9 +7,6 @@
 #include <QtCore/QString>
 #include <QtCore/QVariantMap>
 
-/// The content of an object that hardly compresses, the same each time.
-QVariantMap noise(int bytes);
-
 /// A bus on a free port.
 class TestBus : public bus::TrelanBus
 {

@@ -9,48 +9,46 @@ class tst_BackgroundWorker : public QObject
     Q_OBJECT
 
 private slots:
-    void inOrderTogetherAndToTheEnd();
-};
-
-void tst_BackgroundWorker::inOrderTogetherAndToTheEnd()
-{
-    using Ints = std::vector<int>;
-    constexpr int COUNT = 20000;
-    // Plain variables of both threads: the class has to order their uses, or tsan says so.
-    Ints firstBatch, secondBatch, taken, expected;
-    std::promise<void> started, released;
-    int wakes = 0;
-    bus::BackgroundWorker<int, int> worker(
-        [&](const Ints &jobs) {
-            if (firstBatch.empty()) {
-                firstBatch = jobs;
-                started.set_value();
-                released.get_future().wait();
-            } else if (secondBatch.empty()) {
-                secondBatch = jobs;
-            }
-            return jobs;
-        },
-        [&wakes] { ++wakes; });
-    for (int job = 0; job < COUNT; ++job) {
-        worker.add(job);
-        expected.push_back(job);
-        if (job == 0)
-            started.get_future().wait(); // what comes now comes while the worker is busy
-        if (job == 99)
-            released.set_value();
+    void inOrderTogetherAndToTheEnd()
+    {
+        using Ints = std::vector<int>;
+        constexpr int COUNT = 20000;
+        // Plain variables of both threads: the class has to order their uses, or tsan says so.
+        Ints firstBatch, secondBatch, taken, expected;
+        std::promise<void> started, released;
+        int wakes = 0;
+        bus::BackgroundWorker<int, int> worker(
+            [&](const Ints &jobs) {
+                if (firstBatch.empty()) {
+                    firstBatch = jobs;
+                    started.set_value();
+                    released.get_future().wait();
+                } else if (secondBatch.empty()) {
+                    secondBatch = jobs;
+                }
+                return jobs;
+            },
+            [&wakes] { ++wakes; });
+        for (int job = 0; job < COUNT; ++job) {
+            worker.add(job);
+            expected.push_back(job);
+            if (job == 0)
+                started.get_future().wait(); // what comes now comes while the worker is busy
+            if (job == 99)
+                released.set_value();
+            const Ints results = worker.takeResults();
+            taken.insert(taken.end(), results.begin(), results.end());
+            QVERIFY(job >= 99 || taken.empty());
+        }
+        worker.finish();
         const Ints results = worker.takeResults();
         taken.insert(taken.end(), results.begin(), results.end());
-        QVERIFY(job >= 99 || taken.empty());
+        QCOMPARE(taken, expected);
+        QCOMPARE(firstBatch, Ints {0});
+        QVERIFY(secondBatch.size() >= 99);
+        QVERIFY(wakes >= 2);
     }
-    worker.finish();
-    const Ints results = worker.takeResults();
-    taken.insert(taken.end(), results.begin(), results.end());
-    QCOMPARE(taken, expected);
-    QCOMPARE(firstBatch, Ints {0});
-    QVERIFY(secondBatch.size() >= 99);
-    QVERIFY(wakes >= 2);
-}
+};
 
 QTEST_APPLESS_MAIN(tst_BackgroundWorker)
 #include "tst_backgroundworker.moc"

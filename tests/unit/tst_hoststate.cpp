@@ -1,20 +1,11 @@
 #include "kernelfigures.h"
 
+#include <testtable.h>
+
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
-#include <QtTest/QtTest>
 
 using namespace hoststate;
-
-class tst_hoststate : public QObject
-{
-    Q_OBJECT
-
-private Q_SLOTS:
-    void figures_data();
-    void figures();
-    void segments();
-};
 
 using Parser = QVariantMap (*)(const QByteArray &);
 
@@ -29,59 +20,62 @@ static QVariantMap mountsByPath(const QByteArray &text)
 
 Q_DECLARE_METATYPE(Parser)
 
-void tst_hoststate::figures_data()
+class tst_HostState : public QObject
 {
-    QTest::addColumn<Parser>("parser");
-    QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<QByteArray>("json");
-    const auto row = [](const char *name, Parser parser, const char *text, const char *json) {
-        QTest::newRow(name) << parser << QByteArray(text) << QByteArray(json);
-    };
-    row("load", parseLoad, "0.61 1.58 12.00 2/187 6879\n",
-        R"({"fifteen":12,"five":1.58,"one":0.61,"running":2,"tasks":187})");
-    row("load without tasks", parseLoad, "0 0 0 x/1 1", R"({"fifteen":0,"five":0,"one":0})");
-    row("load, broken", parseLoad, "0.61 nan 0.1 2/87 1\n", "{}");
-    row("memory", parseMemory,
-        "MemTotal:       24684096 kB\nMemFree:  1 kB\nSwapCached: 2 kB\nHugePages_Total:     0\n"
-        "Buffers: x kB\nSwapTotal: -1 kB\nSwapFree: 3\n",
-        R"({"free":1,"total":24684096})");
-    row("network", parseNetwork,
-        "Inter-|   Receive     |  Transmit\n face |bytes    packets errs drop|bytes packets\n"
-        "    lo: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n"
-        "eth0.5:9007199254740991 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n"
-        "  cut0: 1 2 3\n: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n",
-        R"({"eth0.5":{"rxBytes":9007199254740991,"rxDropped":0,"rxErrors":0,"rxPackets":0,)"
-        R"("txBytes":0,"txDropped":0,"txErrors":0,"txPackets":0},)"
-        R"("lo":{"rxBytes":1,"rxDropped":4,"rxErrors":3,"rxPackets":2,)"
-        R"("txBytes":9,"txDropped":12,"txErrors":11,"txPackets":10}})");
-    row("pseudo and network file systems", mountsByPath,
-        "proc /proc proc rw 0 0\ntmpfs /run tmpfs rw 0 0\nsrv:/x /net nfs4 rw 0 0\n"
-        "portal /run/doc fuse.portal rw 0 0\noverlay / overlay rw 0 0\nodd line\n",
-        R"({"/":"overlay"})");
-    row("a device once, at its shortest path; hidden by a later mount", mountsByPath,
-        "/dev/a /etc/hosts ext4 rw 0 0\n/dev/a / ext4 rw 0 0\n/dev/a /b ext4 rw 0 0\n"
-        "/dev/b /d xfs rw 0 0\n/dev/c /d xfs rw 0 0\n/dev/e /e xfs rw 0 0\ntmpfs /e tmpfs rw 0 0\n",
-        R"({"/":"/dev/a","/d":"/dev/c"})");
-    row("escaped path", mountsByPath, "/dev/a /a\\040b\\134c\\9 ext4 rw 0 0\n",
-        R"({"/a b\\c\\9":"/dev/a"})");
-}
+    Q_OBJECT
 
-void tst_hoststate::figures()
-{
-    QFETCH(Parser, parser);
-    QFETCH(QByteArray, text);
-    const QJsonDocument figures(QJsonObject::fromVariantMap(parser(text)));
-    QTEST(figures.toJson(QJsonDocument::Compact), "json");
-}
+private Q_SLOTS:
+    void figures_data()
+    {
+        const TestTable<Parser, QByteArray, QByteArray> row("parser", "text", "json");
+        row("load", parseLoad, "0.61 1.58 12.00 2/187 6879\n",
+            R"({"fifteen":12,"five":1.58,"one":0.61,"running":2,"tasks":187})");
+        row("load without tasks", parseLoad, "0 0 0 x/1 1", R"({"fifteen":0,"five":0,"one":0})");
+        row("load, broken", parseLoad, "0.61 nan 0.1 2/87 1\n", "{}");
+        row("memory", parseMemory,
+            "MemTotal:       24684096 kB\nMemFree:  1 kB\nSwapCached: 2 kB\nHugePages_Total:     "
+            "0\n"
+            "Buffers: x kB\nSwapTotal: -1 kB\nSwapFree: 3\n",
+            R"({"free":1,"total":24684096})");
+        row("network", parseNetwork,
+            "Inter-|   Receive     |  Transmit\n face |bytes    packets errs drop|bytes packets\n"
+            "    lo: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n"
+            "eth0.5:9007199254740991 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n"
+            "  cut0: 1 2 3\n: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n",
+            R"({"eth0.5":{"rxBytes":9007199254740991,"rxDropped":0,"rxErrors":0,"rxPackets":0,)"
+            R"("txBytes":0,"txDropped":0,"txErrors":0,"txPackets":0},)"
+            R"("lo":{"rxBytes":1,"rxDropped":4,"rxErrors":3,"rxPackets":2,)"
+            R"("txBytes":9,"txDropped":12,"txErrors":11,"txPackets":10}})");
+        row("pseudo and network file systems", mountsByPath,
+            "proc /proc proc rw 0 0\ntmpfs /run tmpfs rw 0 0\nsrv:/x /net nfs4 rw 0 0\n"
+            "portal /run/doc fuse.portal rw 0 0\noverlay / overlay rw 0 0\nodd line\n",
+            R"({"/":"overlay"})");
+        row("a device once, at its shortest path; hidden by a later mount", mountsByPath,
+            "/dev/a /etc/hosts ext4 rw 0 0\n/dev/a / ext4 rw 0 0\n/dev/a /b ext4 rw 0 0\n"
+            "/dev/b /d xfs rw 0 0\n/dev/c /d xfs rw 0 0\n/dev/e /e xfs rw 0 0\ntmpfs /e tmpfs rw 0 "
+            "0\n",
+            R"({"/":"/dev/a","/d":"/dev/c"})");
+        row("escaped path", mountsByPath, "/dev/a /a\\040b\\134c\\9 ext4 rw 0 0\n",
+            R"({"/a b\\c\\9":"/dev/a"})");
+    }
 
-void tst_hoststate::segments()
-{
-    const QByteArray texts = "/|/mnt/a.b|eth0.5||+|*|a\nb\x7f| a b |a*";
-    QByteArrayList names;
-    for (const QByteArray &text : texts.split('|'))
-        names.append(segment(QString::fromUtf8(text)).toUtf8());
-    QCOMPARE(names.join('|'), QByteArray("/|/mnt/a_b|eth0_5|_|_|_|a_b_|_a b_|a*"));
-}
+    void figures()
+    {
+        QFETCH(Parser, parser);
+        QFETCH(QByteArray, text);
+        const QJsonDocument figures(QJsonObject::fromVariantMap(parser(text)));
+        QTEST(figures.toJson(QJsonDocument::Compact), "json");
+    }
 
-QTEST_APPLESS_MAIN(tst_hoststate)
+    void segments()
+    {
+        const QByteArray texts = "/|/mnt/a.b|eth0.5||+|*|a\nb\x7f| a b |a*";
+        QByteArrayList names;
+        for (const QByteArray &text : texts.split('|'))
+            names.append(segment(QString::fromUtf8(text)).toUtf8());
+        QCOMPARE(names.join('|'), QByteArray("/|/mnt/a_b|eth0_5|_|_|_|a_b_|_a b_|a*"));
+    }
+};
+
+QTEST_APPLESS_MAIN(tst_HostState)
 #include "tst_hoststate.moc"

@@ -15,10 +15,10 @@ private slots:
     void init()
     {
         _command = TrelanCommand();
-        _command.setName(QStringLiteral("reboot"));
-        _command.setParams({{QStringLiteral("delay"), 5}});
-        _command.setSender(QStringLiteral("A"));
-        _command.setReciever(QStringLiteral("box"));
+        _command.setName("reboot");
+        _command.setParams({{"delay", 5}});
+        _command.setSender("A");
+        _command.setReciever("box");
     }
 
     void comparisonAndFlags()
@@ -30,7 +30,7 @@ private slots:
         other.setNeedAnswer(true);
         QVERIFY(!other.needAnswer()); // nobody could answer, but the flag is there
         QVERIFY(other != _command);
-        other.setReciever(QStringLiteral("box"));
+        other.setReciever("box");
         QVERIFY(other.needAnswer());
     }
 
@@ -43,7 +43,7 @@ private slots:
         QVERIFY(message.uid().size() == 28 && message.dt() >= before);
         QVERIFY(!_command.dt().isValid());                  // the time is not remembered
         QTRY_VERIFY(QDateTime::currentDateTime() > before); // a second id would be another one
-        QCOMPARE(_command.toVariant().toMap()[QStringLiteral("uid")].toString(), _command.uid());
+        QCOMPARE(_command.toVariant().toMap()["uid"].toString(), _command.uid());
         QCOMPARE(_command.uid(), message.uid());
     }
 
@@ -52,7 +52,7 @@ private slots:
         const auto wire = [this] {
             return QJsonDocument::fromVariant(_command.toVariant()).toJson(QJsonDocument::Compact);
         };
-        _command.setUid(QStringLiteral("U"));
+        _command.setUid("U");
         _command.setDt(QDateTime::fromMSecsSinceEpoch(7));
         _command.setNeedAnswer(true);
         QCOMPARE(wire().replace("\\\"", "'"),
@@ -62,13 +62,13 @@ private slots:
         QCOMPARE(wire(), QByteArray(R"({"cnt":{"delay":5},"dt":"7","nm":"__bus__.__cmd__.reboot",)"
                                     R"("opt":0,"p":"","uid":"U"})"));
         TrelanMessage message;
-        message.setUid(QStringLiteral("old"));
+        message.setUid("old");
         QVERIFY(!_command.toTrelanMessage(message) && message.uid().isEmpty());
     }
 
     void answers()
     {
-        _command.setParentUid(QStringLiteral("P"));
+        _command.setParentUid("P");
         _command.setIsLogged(true);
         TrelanMessage message;
         QVERIFY(_command.toTrelanMessage(message));
@@ -77,7 +77,7 @@ private slots:
         TrelanObject object;
         QTest::ignoreMessage(QtWarningMsg, "SYNC ANSWER MUST BE A MESSAGE");
         QVERIFY(_command.toTrelanObject(object));
-        QVERIFY(object.publisher() == QStringLiteral("box") && int(object.options()) == 1);
+        QVERIFY(object.publisher() == "box" && int(object.options()) == 1);
     }
 };
 

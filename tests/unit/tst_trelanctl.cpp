@@ -2,13 +2,14 @@
 #include "objecttable.h"
 #include "terminaltext.h"
 
+#include <testtable.h>
+
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
-#include <QtTest/QtTest>
 
 using namespace trelanctl;
 
-class tst_trelanctl : public QObject
+class tst_TrelanCtl : public QObject
 {
     Q_OBJECT
 
@@ -20,13 +21,10 @@ private Q_SLOTS:
     void tableIsAlignedAndCut();
 };
 
-void tst_trelanctl::content_data()
+void tst_TrelanCtl::content_data()
 {
-    QTest::addColumn<QByteArray>("words"); // separated by blanks
-    QTest::addColumn<QByteArray>("made");  // compact JSON, or the beginning of the error
-    const auto row = [](const char *name, const char *words, const char *made) {
-        QTest::newRow(name) << QByteArray(words) << QByteArray(made);
-    };
+    // Words are separated by blanks; made is compact JSON, or the beginning of the error.
+    const TestTable<QByteArray, QByteArray> row("words", "made");
     row("object", R"({"a":{"b":[1,null]}})", R"({"a":{"b":[1,null]}})");
     row("values that are JSON", R"(i=-7 d=2.5 t=true n=null o={"k":1} l=[1,[2]])",
         R"({"d":2.5,"i":-7,"l":[1,[2]],"n":null,"o":{"k":1},"t":true})");
@@ -39,7 +37,7 @@ void tst_trelanctl::content_data()
     row("key twice", "a=1 a=2", "the key 'a' is given twice");
 }
 
-void tst_trelanctl::content()
+void tst_TrelanCtl::content()
 {
     QFETCH(QByteArray, words);
     QFETCH(QByteArray, made);
@@ -51,16 +49,12 @@ void tst_trelanctl::content()
         QCOMPARE(parsed.errorText.toUtf8().left(made.size()), made);
 }
 
-void tst_trelanctl::escaping_data()
+void tst_TrelanCtl::escaping_data()
 {
-    QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<QByteArray>("shown");
-    QTest::addColumn<int>("width");
-    const auto row = [](const char *name, const char *text, const char *shown, int width) {
-        QTest::newRow(name) << QByteArray(text) << QByteArray(shown) << width;
-    };
+    const TestTable<QByteArray, QByteArray, int> row("text", "shown", "width");
     row("escape sequence", "\x1b]0;x\x07\r\n\x7f", "\\u001b]0;x\\u0007\\u000d\\u000a\\u007f", 34);
     row("upper controls", "\302\2332J", "\\u009b2J", 8);
+    // NOLINTNEXTLINE(misc-misleading-bidirectional): that is what must not reach a terminal
     row("direction, invisible", "\342\200\256x\342\201\246\342\200\213", "\\u202ex\\u2066\\u200b",
         19);
     row("line separator, tag", "\342\200\250\363\240\201\201", "\\u2028\\udb40\\udc41", 18);
@@ -69,7 +63,7 @@ void tst_trelanctl::escaping_data()
         "\346\274\242\360\237\230\200e\314\201", 5);
 }
 
-void tst_trelanctl::escaping()
+void tst_TrelanCtl::escaping()
 {
     QFETCH(QByteArray, text);
     const QString result = terminal::escaped(QString::fromUtf8(text));
@@ -77,20 +71,20 @@ void tst_trelanctl::escaping()
     QTEST(terminal::width(result), "width");
 }
 
-void tst_trelanctl::tableIsAlignedAndCut()
+void tst_TrelanCtl::tableIsAlignedAndCut()
 {
     bus::TrelanObject wide;
     wide.setName(QString::fromUtf8("\xe6\xbc\xa2.a"));
-    wide.setContent({{QStringLiteral("text"), QString(200, QLatin1Char('x'))}});
+    wide.setContent({{"text", QString(200, QLatin1Char('x'))}});
     bus::TrelanObject narrow;
-    narrow.setName(QStringLiteral("long.name\n"));
+    narrow.setName("long.name\n");
     const QStringList lines = objectTable({wide, narrow}, 90);
-    const int column = lines[0].indexOf(QStringLiteral("CONTENT"));
+    const int column = lines[0].indexOf("CONTENT");
     QCOMPARE(terminal::width(lines[1].left(lines[1].indexOf(QLatin1Char('{')))), column);
     QCOMPARE(lines[2].indexOf(QLatin1Char('{')), column);
     QCOMPARE(terminal::width(lines[1]), 90);
-    QVERIFY(objectTable({wide}, 0).last().endsWith(QStringLiteral("xx\"}")));
+    QVERIFY(objectTable({wide}, 0).last().endsWith("xx\"}"));
 }
 
-QTEST_APPLESS_MAIN(tst_trelanctl)
+QTEST_APPLESS_MAIN(tst_TrelanCtl)
 #include "tst_trelanctl.moc"

@@ -11,13 +11,13 @@ class tst_TrelanError : public QObject
     Q_OBJECT
 
 private slots:
-    void texts_data() { addTestRows(QStringLiteral("errors.json")); }
+    void texts_data() { addTestRows("errors.json"); }
 
     void texts()
     {
         QFETCH(QJsonObject, row);
         TrelanError error {TrelanError::Error(row[u"code"].toInt())};
-        QCOMPARE(error, TrelanError(error.error(), QStringLiteral("only the code counts")));
+        QCOMPARE(error, TrelanError(error.error(), "only the code counts"));
         QCOMPARE(error != TrelanError(), row[u"code"].toInt() != 0);
         error.setError(TrelanError::StorageAccessError);
         QCOMPARE(error.description(), row[u"text"].toString());

@@ -1,4 +1,6 @@
+#include "logcapture.h"
 #include "testsupport.h"
+#include "testtable.h"
 
 #include <trelanerror.h>
 #include <trelanframereader.h>
@@ -45,27 +47,22 @@ class tst_TrelanFrame : public QObject
 private slots:
     void takesNoMoreMemoryThanTheLimit() // the first one, since peaks stay
     {
-        const QByteArray bomb = testData(QStringLiteral("bomb.b64")); // 32 MB of zeros
+        const QByteArray bomb = testData("bomb.b64"); // 32 MB of zeros
         QByteArray liar = qCompress("{}");
         liar.replace(0, 4, QByteArray::fromHex("7fffffe0"));
-        const auto peak = [] { // most memory that this process ever had, in KB
-            const QByteArray status = testData(QStringLiteral("/proc/self/status"));
-            return status.mid(status.indexOf("VmPeak:") + 7, 16).simplified().split(' ')[0].toInt();
-        };
-        const int before = peak();
+        const int before = peakMemory();
         QCOMPARE(TrelanFrame::decodePayload(bomb, 1 << 20).fault, TrelanFrame::TooLarge);
         QCOMPARE(TrelanFrame::decodePayload(liar.toBase64()).json, QByteArray("{}"));
-        const int taken = peak() - before;
+        const int taken = peakMemory() - before;
         QVERIFY2(taken < 16 * 1024, qPrintable(QString::number(taken)));
     }
 
-    void golden_data() { addTestRows(QStringLiteral("index.json")); }
+    void golden_data() { addTestRows("index.json"); }
 
     void golden()
     {
         QFETCH(QJsonObject, row);
-        const QByteArray frame =
-            testData(QStringLiteral("frames/%1.bin").arg(row[u"name"].toString()));
+        const QByteArray frame = testData(QString("frames/%1.bin").arg(row[u"name"].toString()));
         const QVariantMap envelope = row[u"envelope"].toObject().toVariantMap();
 
         TrelanFrameReader reader(frame.size());
@@ -78,11 +75,11 @@ private slots:
         if (!row[u"written"].toBool())
             return;
 
-        const QString operation = envelope[QStringLiteral("operation")].toString();
-        const QVariantMap data = envelope[QStringLiteral("data")].toMap();
-        const QVariantMap result = envelope[QStringLiteral("result")].toMap();
-        const auto code = TrelanError::Error(result[QStringLiteral("code")].toInt());
-        const TrelanError error(code, result[QStringLiteral("description")].toString());
+        const QString operation = envelope["operation"].toString();
+        const QVariantMap data = envelope["data"].toMap();
+        const QVariantMap result = envelope["result"].toMap();
+        const auto code = TrelanError::Error(result["code"].toInt());
+        const TrelanError error(code, result["description"].toString());
         const QVariantMap built = result.isEmpty() ? TrelanFrame::request(operation, data)
                                                    : TrelanFrame::reply(operation, error, data);
         const QByteArray payload = qCompress(row[u"json"].toString().toUtf8()).toBase64();
@@ -102,8 +99,7 @@ private slots:
 
     void acceptsWhatQtAccepts()
     {
-        const QtMessageHandler loud =
-            qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+        const LogCapture quiet; // Qt says what it refuses
         std::mt19937 random(4);
         int accepted = 0, different = 0;
         for (int round = 0; round < 10000; ++round) {
@@ -119,7 +115,6 @@ private slots:
             different += inflated != qUncompress(bytes);
             accepted += fault == TrelanFrame::NoFault;
         }
-        qInstallMessageHandler(loud);
         QCOMPARE(different, 0);
         QVERIFY2(accepted > 2500 && accepted < 7500, qPrintable(QString::number(accepted)));
     }

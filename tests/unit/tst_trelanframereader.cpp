@@ -9,7 +9,7 @@ class tst_TrelanFrameReader : public QObject
     Q_OBJECT
 
 private slots:
-    void anyChunking_data() { addTestRows(QStringLiteral("streams.json")); }
+    void anyChunking_data() { addTestRows("streams.json"); }
 
     void anyChunking()
     {

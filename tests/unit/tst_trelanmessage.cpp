@@ -14,10 +14,10 @@ private slots:
     {
         _message = TrelanMessage();
         QCOMPARE(int(_message.options()), 0);
-        _message.setSender(QStringLiteral("A"));
-        _message.setReciever(QStringLiteral("B"));
-        _message.setMessage(QStringLiteral("t\u00e4xt"));
-        _message.setUid(QStringLiteral("U"));
+        _message.setSender("A");
+        _message.setReciever("B");
+        _message.setMessage("t\u00e4xt");
+        _message.setUid("U");
         _message.setDt(QDateTime::fromMSecsSinceEpoch(1700000000123, Qt::UTC));
         _message.setOptions(TrelanMessage::Options(QFlag(0x107)));
     }
@@ -33,10 +33,10 @@ private slots:
 
     void key()
     {
-        QCOMPARE(_message.msgKey(), QStringLiteral("A.B.U"));
+        QCOMPARE(_message.msgKey(), "A.B.U");
         // Filled one after the other: a place mark inside a value is filled by the next one.
-        _message.setSender(QStringLiteral("%2"));
-        QCOMPARE(_message.msgKey(), QStringLiteral("B.B.U"));
+        _message.setSender("%2");
+        QCOMPARE(_message.msgKey(), "B.B.U");
     }
 
     void wireFormAndId()

@@ -13,11 +13,11 @@ class tst_TrelanObject : public QObject
 private slots:
     void init()
     {
-        _object.setPublisher(QStringLiteral("box"));
-        _object.setName(QStringLiteral("a.b"));
+        _object.setPublisher("box");
+        _object.setName("a.b");
         _object.setDt(QDateTime::fromMSecsSinceEpoch(1700000000123, Qt::UTC));
-        _object.setContent({{QStringLiteral("k"), 1}});
-        _object.setUid(QStringLiteral("u"));
+        _object.setContent({{"k", 1}});
+        _object.setUid("u");
         _object.setOptions(TrelanObject::Options(QFlag(0x106)));
     }
 
@@ -42,7 +42,7 @@ private slots:
     void moveAssignmentSwapsAllButTheFlags()
     {
         TrelanObject target, source = _object;
-        target.setName(QStringLiteral("old"));
+        target.setName("old");
         TrelanObject swapped = target;
         swapped.setOptions(source.options());
         target = std::move(source);
@@ -57,12 +57,12 @@ private slots:
                                R"("p":"box","uid":"u"})");
     }
 
-    void timeIsReadThroughItsText_data() { addTestRows(QStringLiteral("times.json")); }
+    void timeIsReadThroughItsText_data() { addTestRows("times.json"); }
 
     void timeIsReadThroughItsText()
     {
         QFETCH(QJsonObject, row);
-        const QVariantMap map {{QStringLiteral("dt"), row[u"wire"].toVariant()}};
+        const QVariantMap map {{"dt", row[u"wire"].toVariant()}};
         const QDateTime expected = QDateTime::fromMSecsSinceEpoch(qint64(row[u"ms"].toDouble()));
         QCOMPARE(TrelanObject::fromVariantMap(map).dt(), expected);
         QCOMPARE(TrelanMessage::fromVariantMap(map).dt(), expected);
@@ -71,12 +71,12 @@ private slots:
     void notification()
     {
         _object.setContent({});
-        const TrelanMessage message = _object.toMessage(QStringLiteral("ui"));
+        const TrelanMessage message = _object.toMessage("ui");
         const QByteArray expected = "{\n    \"__context__\": {\n    },\n"
                                     "    \"__name__\": \"a.b\",\n    \"__reason__\": \"sub\"\n}\n";
         QCOMPARE(message.message().toUtf8(), expected);
         QVERIFY(message.dt() == _object.dt() && int(message.options()) == 0);
-        QCOMPARE(message.msgKey(), QStringLiteral("box.ui.u"));
+        QCOMPARE(message.msgKey(), "box.ui.u");
     }
 };
 

@@ -9,14 +9,14 @@ using namespace bus;
 
 #define AGREE(name, wildcard)                                                                      \
     if (TrelanObject::testWildCard(name, wildcard) != reference::matches(name, wildcard))          \
-    QFAIL(qPrintable(QStringLiteral("name \"%1\", wildcard \"%2\"").arg(name, wildcard)))
+    QFAIL(qPrintable(QString("name \"%1\", wildcard \"%2\"").arg(name, wildcard)))
 
 class tst_Wildcard : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void contract_data() { addTestRows(QStringLiteral("wildcards.json")); }
+    void contract_data() { addTestRows("wildcards.json"); }
 
     void contract()
     {
