@@ -27,7 +27,7 @@ public:
     {
         _process.setProcessChannelMode(QProcess::MergedChannels);
         _process.start(TRELANBUSD, {"--query-port", "0", "--msg-port", "0", "--data", folder});
-        const QRegularExpression listens("listens on 127.0.0.1:(\\d+)\n");
+        const QRegularExpression listens("listens on 127.0.0.1:(\\d+) and \\S+\n");
         QString log;
         while (!listens.match(log).hasMatch()) {
             if (!_process.waitForReadyRead())

@@ -205,7 +205,8 @@ private Q_SLOTS:
         for (int i = 0; i < 1000 && status != "0 "; ++i) // the bus may not have noticed yet
             status = RawPeer(server).ask("handshake {'name':'third'}");
         QCOMPARE(status, "0 ");
-        QCOMPARE(log.faults(), QStringList("warning: a connection is refused: there are 2 already"));
+        QCOMPARE(log.faults(),
+                 QStringList("warning: a connection is refused: there are 2 already"));
     }
 
     void outOfDescriptors()

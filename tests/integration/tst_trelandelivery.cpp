@@ -1,6 +1,7 @@
 #include "logcapture.h"
 #include "pacedreader.h"
 #include "rawpeer.h"
+#include "testtable.h"
 
 #include <trelanmessagereciever.h>
 #include <trelanqueryhandler.h>

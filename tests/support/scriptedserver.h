@@ -14,7 +14,7 @@ struct ScriptedFrame
 {
     QByteArray raw, json; ///< the whole of it, and the inflated envelope
     QString operation;
-    QVariantMap data;
+    QVariantMap data, result;
 };
 
 class ScriptedServer;

@@ -50,10 +50,13 @@ bool connected(QTcpSocket &socket, int milliseconds)
 
 bool bytesWritten(QTcpSocket &socket, int milliseconds)
 {
-    // Qt's wait fails at once when there is nothing to write, as is usual after a flush.
+    // Qt's wait fails at once when there is nothing to write, as is usual after a flush; and it ends
+    // when something has left, not all: a peer that answers early may never read the rest.
     const QDeadlineTimer deadline(milliseconds);
-    while (socket.bytesToWrite() > 0 && !isOver(socket, deadline))
-        socket.waitForBytesWritten(slice(deadline));
+    while (socket.bytesToWrite() > 0 && !isOver(socket, deadline)) {
+        if (socket.waitForBytesWritten(slice(deadline)))
+            return true;
+    }
     return socket.bytesToWrite() == 0 && socket.state() != QAbstractSocket::UnconnectedState;
 }
 
