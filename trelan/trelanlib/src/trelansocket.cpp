@@ -50,8 +50,8 @@ bool connected(QTcpSocket &socket, int milliseconds)
 
 bool bytesWritten(QTcpSocket &socket, int milliseconds)
 {
-    // Qt's wait fails at once when there is nothing to write, as is usual after a flush; and it ends
-    // when something has left, not all: a peer that answers early may never read the rest.
+    // Qt's wait fails at once when there is nothing to write, as is usual after a flush; and it
+    // ends when something has left, not all: a peer that answers early may never read the rest.
     const QDeadlineTimer deadline(milliseconds);
     while (socket.bytesToWrite() > 0 && !isOver(socket, deadline)) {
         if (socket.waitForBytesWritten(slice(deadline)))
