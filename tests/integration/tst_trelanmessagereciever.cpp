@@ -25,8 +25,8 @@ QByteArray push(QString text, const QString &uid = "u", const QString &operation
 {
     const QVariantMap data {{"s", "al"}, {"r", "me"}, {"uid", uid},
                             {"ops", 4},  {"dt", "5"}, {"msg", text.replace('\'', '"')}};
-    const QString envelope = json({{"operation", operation}, {"data", data}});
-    return Server::frame("[-REQUEST-]", Server::payload(envelope.toUtf8()).leftJustified(size));
+    const QByteArray envelope = json({{"operation", operation}, {"data", data}}).toUtf8();
+    return Server::frame("[-REQUEST-]", Server::payload(envelope).leftJustified(size));
 }
 
 QString acknowledged(const QString &uid)
@@ -119,10 +119,9 @@ private Q_SLOTS:
     {
         delete _reciever;
         _server.reset();
-        const QList<LogCapture::Line> lines = _log->lines();
-        _log.reset();
-        // Whatever else there is in the log is Qt complaining of how its sockets are used.
-        for (const LogCapture::Line &line : lines)
+        const auto log = std::exchange(_log, nullptr);
+        // Whatever else there is in it is Qt complaining of how its sockets are used.
+        for (const LogCapture::Line &line : log->lines())
             QCOMPARE(line.file, "trelan/trelanlib/src/trelanmessagereciever.cpp");
     }
 
@@ -194,10 +193,8 @@ private Q_SLOTS:
     {
         const TestTable<QByteArray, int> row("bytes", "attempts");
         row("complete", END, 1);
-        for (const int size : {99, 100, 250}) {
-            const QByteArray number = QByteArray::number(size);
-            row(number, "[-REQUEST-]\r\n" + number + "\r\nabc", size / 100 + 1);
-        }
+        row("below 100 bytes", "[-REQUEST-]\r\n99\r\nabc", 1);
+        row("100 bytes", "[-REQUEST-]\r\n100\r\nabc", 2);
     }
     void attempts()
     {
@@ -248,9 +245,8 @@ private Q_SLOTS:
     void endOfConnection_data()
     {
         const TestTable<QByteArray, bool, QString> row("bytes", "reset", "after");
-        row("in order", HELLO, false, "");
         row("reset", HELLO, true, "");
-        row("in a frame", CUT, false, "|warning: Invalid request data");
+        row("in order, in a frame", CUT, false, "|warning: Invalid request data");
     }
     void endOfConnection()
     {
