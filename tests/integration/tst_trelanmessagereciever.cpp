@@ -300,28 +300,6 @@ private Q_SLOTS:
         QVERIFY(openOn([=](ScriptedPeer &peer) { peer.readFrame() && peer.send(bytes); }));
         QTRY_VERIFY(!_reciever && !socket);
     }
-
-    void leavesAnEndlessPayloadWhenInterrupted()
-    {
-        QSemaphore isReading;
-        const std::unique_ptr<QThread> thread(QThread::create([&] {
-            R reciever("me");
-            connect(reciever.findChild<QTcpSocket *>(), &QTcpSocket::errorOccurred,
-                    [&] { isReading.release(); }); // a wait has timed out
-            if (reciever.open())
-                QEventLoop().exec();
-        }));
-        Server server([](ScriptedPeer &peer) {
-            if (peer.readFrame() && peer.send(CUT))
-                peer.awaitEnd();
-        });
-        R::setMsgPort(server.port());
-        thread->start();
-        isReading.acquire();
-        thread->requestInterruption();
-        thread->quit();
-        QVERIFY(thread->wait(5000)); // of 275 s
-    }
 };
 
 QTEST_GUILESS_MAIN(tst_TrelanMessageReciever)
