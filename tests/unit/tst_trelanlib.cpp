@@ -32,11 +32,9 @@ private Q_SLOTS:
     {
         for (const QByteArray frame : {"%", "QSharedPointer<%>"}) {
             for (const QByteArray type : {"TrelanMessage", "TrelanObject", "TrelanCommand"}) {
-                const int shortName = QMetaType::type(QByteArray(frame).replace("%", type));
-                const int fullName =
-                    QMetaType::type(QByteArray(frame).replace("%", "bus::" + type));
-                QVERIFY2(shortName != QMetaType::UnknownType, type);
-                QCOMPARE(fullName, shortName);
+                const int id = QMetaType::type(QByteArray(frame).replace("%", type));
+                QVERIFY2(id != QMetaType::UnknownType, type);
+                QCOMPARE(QMetaType::type(QByteArray(frame).replace("%", "bus::" + type)), id);
             }
         }
     }
@@ -44,8 +42,7 @@ private Q_SLOTS:
     void queuedConnectionByName()
     {
         QThread thread;
-        Peer sender;
-        Peer receiver;
+        Peer sender, receiver;
         receiver.moveToThread(&thread);
         connect(&sender, SIGNAL(sendMessage(TrelanMessage)), &receiver,
                 SLOT(receive(TrelanMessage)));
@@ -71,33 +68,25 @@ private Q_SLOTS:
 
     void translation_data()
     {
-        const TestTable<QString, QString, QString, QString> row("mode", "locale", "languages",
-                                                                "expected");
-        const char *german = "Anfrage nicht unterst\u00fctzt|1\n";
-        const char *english = "Unsupported request|0\n";
-        row("C", "before", "C", "", english);
-        row("German", "before", "de_DE.UTF-8", "", german);
-        row("German in Austria", "before", "de_AT.UTF-8", "", german);
-        row("no such translation", "before", "fi_FI.UTF-8", "", english);
-        row("second choice", "before", "fi_FI.UTF-8", "fi:de", german);
-        row("second to English", "before", "en_GB.UTF-8", "en_GB:de", english);
-        row("loaded into an application", "after", "de_DE.UTF-8", "", german);
-        row("loaded by a thread", "thread", "de_DE.UTF-8", "", german);
-        row("second application object", "again", "de_DE.UTF-8", "", german);
+        const TestTable<QString> row("expected"); // each name says mode, locale and languages
+        for (const char *german :
+             {"before de_DE.UTF-8 ", "before de_AT.UTF-8 ", "before fi_FI.UTF-8 fi:de",
+              "after de_DE.UTF-8 ", "thread de_DE.UTF-8 ", "again de_DE.UTF-8 "})
+            row(german, "Anfrage nicht unterst\u00fctzt|1\n");
+        for (const char *english :
+             {"before C ", "before fi_FI.UTF-8 ", "before en_GB.UTF-8 en_GB:de"})
+            row(english, "Unsupported request|0\n");
     }
 
     void translation()
     {
-        QFETCH(QString, mode);
-        QFETCH(QString, locale);
-        QFETCH(QString, languages);
+        const QStringList how = QString(QTest::currentDataTag()).split(' ');
         QProcess probe;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("LC_ALL", locale);
-        environment.insert("LANGUAGE", languages);
+        environment.insert("LC_ALL", how[1]);
+        environment.insert("LANGUAGE", how[2]);
         probe.setProcessEnvironment(environment);
-        probe.start(QStringLiteral(TRANSLATION_PROBE),
-                    {mode, QStringLiteral(TRELANCLIENT_LIBRARY)});
+        probe.start(TRANSLATION_PROBE, {how[0], TRELANCLIENT_LIBRARY});
         QVERIFY(probe.waitForFinished());
         QTEST(QString::fromUtf8(probe.readAllStandardOutput()), "expected");
         QCOMPARE(QString::fromUtf8(probe.readAllStandardError()), QString());
