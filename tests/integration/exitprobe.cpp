@@ -7,7 +7,6 @@
 #include <trelanqueryworker.h>
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QTimer>
 
 #include <cstdlib>
 #include <memory>
@@ -60,9 +59,8 @@ Controller _static("static"); // NOLINT(cert-err58-cpp): that is what is tried
 int main(int argc, char **argv)
 {
     const QByteArray what(argv[1]);
-    std::unique_ptr<QCoreApplication> app;
-    if (!what.contains("noapp"))
-        app = std::make_unique<QCoreApplication>(argc, argv);
+    const std::unique_ptr<QCoreApplication> app(
+        what.contains("noapp") ? nullptr : new QCoreApplication(argc, argv));
     _exitsInWorker = what.contains("worker");
     bus::TrelanObject object;
     object.setName(QStringLiteral("probe.object"));
@@ -78,7 +76,7 @@ int main(int argc, char **argv)
     }
     if (what.contains("slot"))
         QObject::connect(heap, &Controller::unprocessedObject, [] { std::exit(OK); });
-    if (what.contains("slot") || what.contains("worker"))
+    if (what.contains("slot") || _exitsInWorker)
         return QCoreApplication::exec();
     if (!what.contains("return"))
         std::exit(OK);

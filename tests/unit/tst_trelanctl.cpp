@@ -15,12 +15,59 @@ class tst_TrelanCtl : public QObject
 
 private Q_SLOTS:
     void content_data();
-    void content();
-    void escaping_data();
-    void escaping();
-    void tableIsAlignedAndCut();
+
+    void content()
+    {
+        QFETCH(QByteArray, words);
+        QFETCH(QByteArray, made);
+        const ParsedContent parsed = parseContent(QString::fromUtf8(words).split(QLatin1Char(' ')));
+        const QJsonDocument content(QJsonObject::fromVariantMap(parsed.content));
+        if (parsed.isValid())
+            QCOMPARE(content.toJson(QJsonDocument::Compact), made);
+        else
+            QCOMPARE(parsed.errorText.toUtf8().left(made.size()), made);
+    }
+
+    void escaping_data()
+    {
+        const TestTable<QByteArray, QByteArray, int> row("text", "shown", "width");
+        row("escape sequence", "\x1b]0;x\x07\r\n\x7f", "\\u001b]0;x\\u0007\\u000d\\u000a\\u007f",
+            34);
+        row("upper controls", "\302\2332J", "\\u009b2J", 8);
+        // NOLINTNEXTLINE(misc-misleading-bidirectional): that is what must not reach a terminal
+        row("direction, invisible", "\342\200\256x\342\201\246\342\200\213",
+            "\\u202ex\\u2066\\u200b", 19);
+        row("line separator, tag", "\342\200\250\363\240\201\201", "\\u2028\\udb40\\udc41", 18);
+        row("pretended escape", "\\u001b", "\\\\u001b", 7);
+        row("wide, mark", "\346\274\242\360\237\230\200e\314\201",
+            "\346\274\242\360\237\230\200e\314\201", 5);
+    }
+
+    void escaping()
+    {
+        QFETCH(QByteArray, text);
+        const QString result = terminal::escaped(QString::fromUtf8(text));
+        QTEST(result.toUtf8(), "shown");
+        QTEST(terminal::width(result), "width");
+    }
+
+    void tableIsAlignedAndCut()
+    {
+        bus::TrelanObject wide;
+        wide.setName(QString::fromUtf8("\xe6\xbc\xa2.a"));
+        wide.setContent({{"text", QString(200, QLatin1Char('x'))}});
+        bus::TrelanObject narrow;
+        narrow.setName("long.name\n");
+        const QStringList lines = objectTable({wide, narrow}, 90);
+        const int column = lines[0].indexOf("CONTENT");
+        QCOMPARE(terminal::width(lines[1].left(lines[1].indexOf(QLatin1Char('{')))), column);
+        QCOMPARE(lines[2].indexOf(QLatin1Char('{')), column);
+        QCOMPARE(terminal::width(lines[1]), 90);
+        QVERIFY(objectTable({wide}, 0).last().endsWith("xx\"}"));
+    }
 };
 
+// Outside of the class, since moc does not get over what is quoted here.
 void tst_TrelanCtl::content_data()
 {
     // Words are separated by blanks; made is compact JSON, or the beginning of the error.
@@ -35,55 +82,6 @@ void tst_TrelanCtl::content_data()
     row("word", "a=1 \x1b[2J", "'\\u001b[2J' is neither a JSON object nor key=value");
     row("object and pair", "{} a=1", "'{}' is neither");
     row("key twice", "a=1 a=2", "the key 'a' is given twice");
-}
-
-void tst_TrelanCtl::content()
-{
-    QFETCH(QByteArray, words);
-    QFETCH(QByteArray, made);
-    const ParsedContent parsed = parseContent(QString::fromUtf8(words).split(QLatin1Char(' ')));
-    const QJsonDocument content(QJsonObject::fromVariantMap(parsed.content));
-    if (parsed.isValid())
-        QCOMPARE(content.toJson(QJsonDocument::Compact), made);
-    else
-        QCOMPARE(parsed.errorText.toUtf8().left(made.size()), made);
-}
-
-void tst_TrelanCtl::escaping_data()
-{
-    const TestTable<QByteArray, QByteArray, int> row("text", "shown", "width");
-    row("escape sequence", "\x1b]0;x\x07\r\n\x7f", "\\u001b]0;x\\u0007\\u000d\\u000a\\u007f", 34);
-    row("upper controls", "\302\2332J", "\\u009b2J", 8);
-    // NOLINTNEXTLINE(misc-misleading-bidirectional): that is what must not reach a terminal
-    row("direction, invisible", "\342\200\256x\342\201\246\342\200\213", "\\u202ex\\u2066\\u200b",
-        19);
-    row("line separator, tag", "\342\200\250\363\240\201\201", "\\u2028\\udb40\\udc41", 18);
-    row("pretended escape", "\\u001b", "\\\\u001b", 7);
-    row("wide, mark", "\346\274\242\360\237\230\200e\314\201",
-        "\346\274\242\360\237\230\200e\314\201", 5);
-}
-
-void tst_TrelanCtl::escaping()
-{
-    QFETCH(QByteArray, text);
-    const QString result = terminal::escaped(QString::fromUtf8(text));
-    QTEST(result.toUtf8(), "shown");
-    QTEST(terminal::width(result), "width");
-}
-
-void tst_TrelanCtl::tableIsAlignedAndCut()
-{
-    bus::TrelanObject wide;
-    wide.setName(QString::fromUtf8("\xe6\xbc\xa2.a"));
-    wide.setContent({{"text", QString(200, QLatin1Char('x'))}});
-    bus::TrelanObject narrow;
-    narrow.setName("long.name\n");
-    const QStringList lines = objectTable({wide, narrow}, 90);
-    const int column = lines[0].indexOf("CONTENT");
-    QCOMPARE(terminal::width(lines[1].left(lines[1].indexOf(QLatin1Char('{')))), column);
-    QCOMPARE(lines[2].indexOf(QLatin1Char('{')), column);
-    QCOMPARE(terminal::width(lines[1]), 90);
-    QVERIFY(objectTable({wide}, 0).last().endsWith("xx\"}"));
 }
 
 QTEST_APPLESS_MAIN(tst_TrelanCtl)
