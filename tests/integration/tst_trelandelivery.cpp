@@ -128,10 +128,10 @@ private Q_SLOTS:
         TrelanMessageReciever reader("reader");
         TrelanFrameReader stream(1000000);
         QVERIFY(reader.open());
-        PacedReader::descriptor = int(reader.findChild<QTcpSocket *>()->socketDescriptor());
-        PacedReader::stream = &stream;
+        PacedReader::_descriptor = int(reader.findChild<QTcpSocket *>()->socketDescriptor());
+        PacedReader::_stream = &stream;
         const int buffer = 4096;
-        ::setsockopt(PacedReader::descriptor, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
+        ::setsockopt(PacedReader::_descriptor, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
         QMap<QString, int> next;
         int wrong = 0, received = 0;
         const auto take = [&](const QString &sender, int i) {
@@ -159,7 +159,7 @@ private Q_SLOTS:
             QTest::qWaitFor([&] { return received >= 2 * EACH || refused > 0; }, 50000);
         a.join();
         b.join();
-        PacedReader::stream = nullptr;
+        PacedReader::_stream = nullptr;
         QCOMPARE(refused.load(), 0);
         QCOMPARE(log.faults().join('\n').left(1000), QString());
         QVERIFY2(done, qPrintable(QString::number(received)));

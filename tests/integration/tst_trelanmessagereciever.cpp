@@ -274,11 +274,11 @@ private Q_SLOTS:
     void lossBeforeTheHandshakeFailsOpen()
     {
         // Else a worker would take it for connected, and never try again.
-        static QSemaphore isReset; // the script may still be in it
-        connect(socket(), &QTcpSocket::connected, this, [] { isReset.acquire(); });
+        static QSemaphore _isReset; // the script may still be in it
+        connect(socket(), &QTcpSocket::connected, this, [] { _isReset.acquire(); });
         QVERIFY(!openOn([](ScriptedPeer &peer) {
             peer.close(true);
-            isReset.release();
+            _isReset.release();
         }));
         QVERIFY(!_events.contains("connected"));
     }

@@ -348,6 +348,12 @@ private Q_SLOTS:
         const TestTable<QString> row("where");
         for (const QString where : {"main", "return", "slot", "worker", "noapp"}) {
             row(qPrintable(where), where);
+#ifdef __SANITIZE_THREAD__
+            // While a worker's exit() destroys what is static, main() still runs its event loop:
+            // the sanitizer is right about that, and no library could make it otherwise.
+            if (where == QLatin1String("worker"))
+                continue;
+#endif
             row(qPrintable(where + " static"), where + " static");
         }
     }

@@ -16,10 +16,12 @@
 /// socket. A wait for the rest of a frame stays what it is.
 struct PacedReader
 {
-    static inline thread_local int descriptor = -1; ///< of the thread's reader
-    static inline thread_local bus::TrelanFrameReader *stream = nullptr;
+    static inline thread_local int _descriptor = -1; ///< of the thread's reader
+    static inline thread_local bus::TrelanFrameReader *_stream = nullptr;
 };
 
+// These stand for the system's and Qt's, so that they cannot be inline.
+// NOLINTBEGIN(misc-definitions-in-headers)
 void QThread::msleep(unsigned long)
 {
     QThread::yieldCurrentThread();
@@ -27,12 +29,12 @@ void QThread::msleep(unsigned long)
 
 extern "C" Q_DECL_EXPORT ssize_t read(int descriptor, void *bytes, size_t size)
 {
-    static const auto next =
+    static const auto _next =
         reinterpret_cast<ssize_t (*)(int, void *, size_t)>(::dlsym(RTLD_NEXT, "read"));
-    const ssize_t count = next(descriptor, bytes, size);
-    if (PacedReader::stream && descriptor == PacedReader::descriptor && count > 0) {
-        PacedReader::stream->feed(QByteArray(static_cast<const char *>(bytes), int(count)));
-        while (PacedReader::stream->next() == bus::TrelanFrameReader::FrameReady) {}
+    const ssize_t count = _next(descriptor, bytes, size);
+    if (PacedReader::_stream && descriptor == PacedReader::_descriptor && count > 0) {
+        PacedReader::_stream->feed(QByteArray(static_cast<const char *>(bytes), int(count)));
+        while (PacedReader::_stream->next() == bus::TrelanFrameReader::FrameReady) {}
     }
     return count;
 }
@@ -40,11 +42,12 @@ extern "C" Q_DECL_EXPORT ssize_t read(int descriptor, void *bytes, size_t size)
 extern "C" Q_DECL_EXPORT int ppoll(pollfd *fds, nfds_t number, const timespec *timeout,
                                    const sigset_t *mask)
 {
-    static const auto next =
+    static const auto _next =
         reinterpret_cast<int (*)(pollfd *, nfds_t, const timespec *, const sigset_t *)>(
             ::dlsym(RTLD_NEXT, "ppoll"));
     const timespec none {0, 0};
-    const bool skipped = PacedReader::stream && timeout && fds[0].fd == PacedReader::descriptor &&
-                         (fds[0].events & POLLOUT) == 0 && !PacedReader::stream->isInsideFrame();
-    return next(fds, number, skipped ? &none : timeout, mask);
+    const bool skipped = PacedReader::_stream && timeout && fds[0].fd == PacedReader::_descriptor &&
+                         (fds[0].events & POLLOUT) == 0 && !PacedReader::_stream->isInsideFrame();
+    return _next(fds, number, skipped ? &none : timeout, mask);
 }
+// NOLINTEND(misc-definitions-in-headers)
