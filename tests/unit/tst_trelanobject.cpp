@@ -41,13 +41,15 @@ private slots:
 
     void moveAssignmentSwapsAllButTheFlags()
     {
-        TrelanObject target, source = _object;
+        // Not a local object, since it is looked at after the move on purpose.
+        const auto source = std::make_unique<TrelanObject>(_object);
+        TrelanObject target;
         target.setName("old");
         TrelanObject swapped = target;
-        swapped.setOptions(source.options());
-        target = std::move(source);
+        swapped.setOptions(source->options());
+        target = std::move(*source);
         QCOMPARE(target, _object);
-        QCOMPARE(source, swapped); // NOLINT(bugprone-use-after-move)
+        QCOMPARE(*source, swapped);
     }
 
     void wireFormAndId()

@@ -65,7 +65,7 @@ ParsedContent parseContent(const QStringList &arguments)
 
 ParsedContent parseJsonContent(const QByteArray &json)
 {
-    QJsonParseError error;
+    QJsonParseError error {};
     const QJsonDocument document = QJsonDocument::fromJson(json, &error);
     if (error.error != QJsonParseError::NoError) {
         return fault(QStringLiteral("no JSON object: %1 at byte %2 of %3")

@@ -27,7 +27,7 @@ ConnectionId ClientRegistry::connection(const QString &name) const
 
 QString ClientRegistry::handshakeFault(ConnectionId id, const QString &name) const
 {
-    const QString fault = names::clientNameFault(name);
+    QString fault = names::clientNameFault(name);
     if (!fault.isEmpty())
         return fault;
     const auto known = _clients.constFind(id);
@@ -50,11 +50,9 @@ void ClientRegistry::add(ConnectionId id, const QString &name)
 
 QString ClientRegistry::remove(ConnectionId id)
 {
-    const auto known = _clients.constFind(id);
-    if (known == _clients.constEnd())
+    const Client client = _clients.take(id);
+    if (client.name.isEmpty())
         return {};
-    const Client client = *known;
-    _clients.erase(known);
     _ids.remove(client.name);
     qCInfo(BUS_LOG).noquote() << QStringLiteral(
                                      "client %1 at %2 is gone from the %3 channel, after %4 frames")

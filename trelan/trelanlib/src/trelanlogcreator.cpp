@@ -65,7 +65,7 @@ QString TrelanLogCreator::_lastMessage;
 QTime TrelanLogCreator::_lastMessageTime;
 QMutex TrelanLogCreator::_mutex;
 
-QLoggingCategory &LOGGER()
+QLoggingCategory &LOGGER() // NOLINT(readability-identifier-naming)
 {
     static QLoggingCategory _category("logger");
     return _category;

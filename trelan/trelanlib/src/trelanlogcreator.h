@@ -16,7 +16,7 @@ namespace bus
 
 /// The category "logger": its name is that of the log output which a controller removes when it is
 /// destroyed with the log bridge installed.
-TRELAN_EXPORT QLoggingCategory &LOGGER();
+TRELAN_EXPORT QLoggingCategory &LOGGER(); // NOLINT(readability-identifier-naming)
 
 /// \brief Carries the Qt log of a process onto the bus, as commands "saveLog" to the client
 /// "logger".
