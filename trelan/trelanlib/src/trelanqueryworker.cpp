@@ -8,6 +8,7 @@
 #include <QtCore/QMessageLogger>
 #include <QtCore/QThread>
 
+#include <algorithm>
 #include <utility>
 
 namespace bus
@@ -129,13 +130,12 @@ bool TrelanQueryWorker::isOpen() const
 
 bool TrelanQueryWorker::subscribeAll()
 {
-    for (const QString &wildcard : std::as_const(_wildcards)) {
-        if (!_handler->subscribe(wildcard)) {
-            _handler->unsubscribe(_wildcards); // no partial subscription is left
-            return false;
-        }
-    }
-    return true;
+    const bool all =
+        std::all_of(_wildcards.cbegin(), _wildcards.cend(),
+                    [this](const QString &wildcard) { return _handler->subscribe(wildcard); });
+    if (!all)
+        _handler->unsubscribe(_wildcards); // no partial subscription is left
+    return all;
 }
 
 void TrelanQueryWorker::stopChannel()
