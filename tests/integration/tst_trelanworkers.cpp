@@ -377,6 +377,7 @@ private Q_SLOTS:
             }
         }
         for (QProcess &probe : probes) {
+            QVERIFY(probe.state() == QProcess::NotRunning || probe.waitForFinished());
             QCOMPARE(QString(probe.readAll()), QString());
             QCOMPARE(probe.exitStatus(), QProcess::NormalExit);
             QCOMPARE(probe.exitCode(), 7);
