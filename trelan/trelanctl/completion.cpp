@@ -17,12 +17,12 @@ _%1()
 {
     local word=${COMP_WORDS[COMP_CWORD]} verb='' options index
     COMPREPLY=()
-    case ${COMP_WORDS[COMP_CWORD - 1]} in
-    --exec)
+    if [[ ${COMP_WORDS[COMP_CWORD - 1]} == --exec ]]; then
         mapfile -t COMPREPLY < <(compgen -c -- "$word"; compgen -f -- "$word")
         return
-        ;;
-    %4) return ;;
+    fi
+    case ${COMP_WORDS[COMP_CWORD - 1]} in
+    %4) return ;; # a value that nobody can guess
     esac
     for ((index = 1; index < COMP_CWORD; ++index)); do
         case ${COMP_WORDS[index]} in
@@ -51,8 +51,10 @@ QStringList optionNames(const CLI::App &app, bool withValue)
         if (option->get_positional() || option->get_group().empty() ||
             (withValue && option->get_items_expected_max() == 0))
             continue;
-        for (const std::string &name : option->get_lnames())
-            names.append(QStringLiteral("--") + QString::fromStdString(name));
+        for (const std::string &name : option->get_lnames()) {
+            if (name != "help" || app.get_parent() == nullptr) // every command has that one
+                names.append(QStringLiteral("--") + QString::fromStdString(name));
+        }
     }
     return names;
 }
