@@ -67,8 +67,8 @@ public:
     /// The client's subscriptions are gone.
     void dropNotifications(const QString &client);
 
-    /// The client's message connection is \a id from now on.
-    void attach(const QString &client, ConnectionId id);
+    /// The message connection of the client \a name is \a id from now on.
+    void attach(const QString &name, ConnectionId id);
     /// It has none.
     void detach(const QString &client);
 

@@ -76,14 +76,14 @@ private:
     bool loadMessages(QVector<StoredMessage> &messages);
     bool upgrade();
     bool put(sqlite3_stmt *statement, const ObjectRecord &record);
-    bool put(sqlite3_stmt *statement, const StoredMessage &message);
+    bool put(sqlite3_stmt *statement, const StoredMessage &stored);
     bool remove(sqlite3_stmt *statement, const QString &name);
     bool remove(sqlite3_stmt *statement, qint64 id);
     bool applyInTransaction(const QVector<Change> &changes);
     bool apply(const Change &change, const Statements &statements);
     bool step(sqlite3_stmt *statement);
     bool readRow(sqlite3_stmt *statement, ObjectRecord &record);
-    bool readRow(sqlite3_stmt *statement, StoredMessage &message);
+    bool readRow(sqlite3_stmt *statement, StoredMessage &stored);
     bool fail(const QString &reason);
     bool failAndRollBack();
     bool failDatabase();
