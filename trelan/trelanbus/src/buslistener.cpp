@@ -34,6 +34,9 @@ bool BusListener::listen(const QHostAddress &host, quint16 port)
 {
     if (!_server.listen(host, port))
         return false;
+    // The server lets 50 connections wait. One more, and the system drops what it sends first, so
+    // that it is there a second later: in a crowd, or when everybody comes back at once.
+    ::listen(int(_server.socketDescriptor()), SOMAXCONN);
     // The server keeps the first error it meets, usually that nothing is waiting any more, and
     // does not tell of a shortage of descriptors after it.
     _server.pauseAccepting();
