@@ -2,6 +2,7 @@
 
 #include "terminaltext.h"
 
+#include <QtCore/QThread>
 #include <QtCore/QUuid>
 
 #include <utility>
@@ -13,6 +14,7 @@ namespace
 {
 
 const int ACCEPTANCE_POLL_MS = 10;
+const int ROOM_POLL_MS = 50;
 const int ACCEPTANCE_MS = 30000; // what the query channel gives an answer, too
 
 /// The channel of this start; the one before may still wait for its deletion.
@@ -108,8 +110,9 @@ void QueryLink::send(bus::TrelanMessage message)
               handler ? failureOf(*handler, _arguments, true).text : QString());
 }
 
-MessageLink::MessageLink(const QString &clientName)
+MessageLink::MessageLink(const QString &clientName, std::shared_ptr<QSemaphore> room)
     : TrelanMsgWorker(clientName, KeepFilter)
+    , _room(std::move(room))
     , _acceptance(this) // and so moved to the worker's thread with it
 {
     _acceptance.setInterval(ACCEPTANCE_POLL_MS);
@@ -130,6 +133,30 @@ bool MessageLink::doStart()
     else
         emit unreachable();
     return true;
+}
+
+void MessageLink::doProcessMessage(const bus::TrelanMessage &msg)
+{
+    awaitRoom();
+    TrelanMsgWorker::doProcessMessage(msg);
+}
+
+void MessageLink::doProcessCommand(const bus::TrelanCommand &cmd)
+{
+    awaitRoom();
+    TrelanMsgWorker::doProcessCommand(cmd);
+}
+
+void MessageLink::doProcessObject(const bus::TrelanObject &obj)
+{
+    awaitRoom();
+    TrelanMsgWorker::doProcessObject(obj);
+}
+
+/// In steps, since whoever would make room may be the one that stops this thread.
+void MessageLink::awaitRoom()
+{
+    while (!_room->tryAcquire(1, ROOM_POLL_MS) && !thread()->isInterruptionRequested()) {}
 }
 
 /// The channel tells only by its state that the bus has accepted it.

@@ -6,6 +6,9 @@
 #include <trelanqueryworker.h>
 
 #include <QtCore/QDeadlineTimer>
+#include <QtCore/QSemaphore>
+
+#include <memory>
 
 /// The library's workers, with what a tool has to know of their channels and an application need
 /// not. They live in threads of their own; who hears their signals is in another one.
@@ -49,15 +52,25 @@ private:
     const QStringList _wildCards;
 };
 
-/// The message channel.
+/// \brief The message channel.
+///
+/// It reads no further while much of what it has handed over is not printed yet: a reader of the
+/// output that takes nothing must not fill the memory of the tool, and the bus has bounds for that.
 class MessageLink : public bus::TrelanMsgWorker
 {
     Q_OBJECT
 
 public:
-    explicit MessageLink(const QString &clientName);
+    /// How much may be on its way to who prints it: as many as the bus keeps for a client.
+    static constexpr int ROOM = 1000;
+
+    /// \a room: what is left of that; who has dealt with one thing that came releases one.
+    MessageLink(const QString &clientName, std::shared_ptr<QSemaphore> room);
 
     bool doStart() override;
+    void doProcessMessage(const bus::TrelanMessage &msg) override;
+    void doProcessCommand(const bus::TrelanCommand &cmd) override;
+    void doProcessObject(const bus::TrelanObject &obj) override;
 
 Q_SIGNALS:
     /// Connected, and the bus has accepted the handshake.
@@ -67,7 +80,9 @@ Q_SIGNALS:
 
 private:
     void awaitAcceptance();
+    void awaitRoom();
 
+    const std::shared_ptr<QSemaphore> _room;
     QTimer _acceptance;
     QDeadlineTimer _patience;
     bool _connected = false;

@@ -74,7 +74,12 @@ void Session::print(const QString &line)
 bool Session::doStart()
 {
     auto *query = new QueryLink(_arguments, clientName(), _wildCards);
-    auto *messages = new MessageLink(clientName());
+    const auto room = std::make_shared<QSemaphore>(MessageLink::ROOM);
+    auto *messages = new MessageLink(clientName(), room);
+    const auto release = [room] { room->release(); };
+    connect(this, &Session::unprocessedMessage, this, release);
+    connect(this, &Session::unprocessedCommand, this, release);
+    connect(this, &Session::unprocessedObject, this, release);
     connect(query, &QueryLink::opened, this, [this] { setOpen(_queryOpen, true); });
     connect(query, &QueryLink::lost, this, [this] { setOpen(_queryOpen, false); });
     connect(query, &QueryLink::failed, this, [this](int code, const QString &text) {
