@@ -25,7 +25,8 @@ BenchPeer::BenchPeer(quint32 host, quint16 port, const QString &name)
 {
     _socket.connectToHost(QHostAddress(host), port);
     if (!_socket.waitForConnected(WAIT_MS)) {
-        fail(QStringLiteral("no connection to port %1: %2").arg(port).arg(_socket.errorString()));
+        fail(NoBus,
+             QStringLiteral("no connection to port %1: %2").arg(port).arg(_socket.errorString()));
         return;
     }
     _socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
@@ -46,10 +47,10 @@ bool BenchPeer::request(const QByteArray &frame)
                                    .envelope.value(QStringLiteral("result"))
                                    .toMap();
     return TrelanFrame::replyCode(result) == 0 ||
-           fail(
-               QStringLiteral("refused by the bus: %1 %2")
-                   .arg(TrelanFrame::replyCode(result))
-                   .arg(terminal::escaped(result.value(QStringLiteral("description")).toString())));
+           fail(Failed, QStringLiteral("refused by the bus: %1 %2")
+                            .arg(TrelanFrame::replyCode(result))
+                            .arg(terminal::escaped(
+                                result.value(QStringLiteral("description")).toString())));
 }
 
 bool BenchPeer::awaitDelivery()
@@ -68,32 +69,32 @@ bool BenchPeer::acknowledge()
     _socket.write(
         TrelanFrame::encode(TrelanFrame::Reply, TrelanFrame::reply(QStringLiteral("sendMessage"),
                                                                    bus::TrelanError(), settled)));
-    while (_errorText.isEmpty() && _socket.bytesToWrite() > 0) {
+    while (_fault.code == Done && _socket.bytesToWrite() > 0) {
         if (!_socket.waitForBytesWritten(WAIT_MS))
-            fail(_socket.errorString());
+            fail(NoBus, _socket.errorString());
     }
-    return _errorText.isEmpty();
+    return _fault.code == Done;
 }
 
 bool BenchPeer::awaitFrame(TrelanFrame::Kind kind)
 {
-    while (_errorText.isEmpty()) {
+    while (_fault.code == Done) {
         const TrelanFrameReader::Status status = _reader.next();
         if (status == TrelanFrameReader::FrameReady)
-            return _reader.kind() == kind || fail(QStringLiteral("the bus is out of step"));
+            return _reader.kind() == kind || fail(NoBus, QStringLiteral("the bus is out of step"));
         if (status != TrelanFrameReader::NeedMoreData)
-            return fail(terminal::escaped(_reader.faultText()));
+            return fail(NoBus, terminal::escaped(_reader.faultText()));
         if (!_socket.waitForReadyRead(WAIT_MS))
-            return fail(_socket.errorString());
+            return fail(NoBus, _socket.errorString());
         _reader.feed(_socket.readAll());
     }
     return false;
 }
 
-bool BenchPeer::fail(const QString &text)
+bool BenchPeer::fail(ExitCode code, const QString &text)
 {
-    if (_errorText.isEmpty())
-        _errorText = text;
+    if (_fault.code == Done)
+        _fault = {code, code == NoBus ? QStringLiteral("no bus: ") + text : text};
     return false;
 }
 

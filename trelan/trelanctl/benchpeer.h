@@ -1,5 +1,7 @@
 #pragma once
 
+#include "busaccess.h"
+
 #include <trelanframereader.h>
 
 #include <QtCore/QByteArray>
@@ -12,7 +14,7 @@ namespace trelanctl
 /// \brief One connection to the bus that does not pace itself as the client library does, so that
 /// what is measured with it is the bus.
 ///
-/// Blocking. After a fault every call fails, and errorText() says what it was.
+/// Blocking. After a fault every call fails, and fault() says what it was.
 class BenchPeer
 {
 public:
@@ -27,15 +29,15 @@ public:
     bool awaitDelivery();
     bool acknowledge();
 
-    QString errorText() const { return _errorText; }
+    Outcome fault() const { return _fault; }
 
 private:
     bool awaitFrame(bus::TrelanFrame::Kind kind);
-    bool fail(const QString &text);
+    bool fail(ExitCode code, const QString &text);
 
     QTcpSocket _socket;
     bus::TrelanFrameReader _reader;
-    QString _errorText;
+    Outcome _fault;
 };
 
 } // namespace trelanctl

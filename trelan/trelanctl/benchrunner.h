@@ -32,6 +32,7 @@ private:
         std::unique_ptr<BenchPeer> messages;
     };
 
+    QList<BenchFigures> measureAll();
     bool addReceiver();
     bool measure(BenchFigures &figures);
     bool publishOnce(const QByteArray &frame, qint64 &nanoseconds);

@@ -60,7 +60,7 @@ Outcome locateBus(const Arguments &arguments)
 
 Outcome connectTo(bus::TrelanQueryHandler &handler, const Arguments &arguments)
 {
-    const Outcome located = locateBus(arguments);
+    Outcome located = locateBus(arguments);
     if (located.code != Done || handler.open())
         return located;
     return failureOf(handler, arguments, false);
