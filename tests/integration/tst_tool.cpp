@@ -4,6 +4,7 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QProcess>
 
+#include <array>
 #include <csignal>
 #include <memory>
 
@@ -203,9 +204,9 @@ private Q_SLOTS:
                           _at);
         AWAIT(serve.err.contains("serving"));
         QCOMPARE(runTool("pub __bus__.__cmd__.do all=1", _at), "0||");
-        std::vector<std::unique_ptr<RunningTool>> calls;
-        for (int number = 0; number < 4; ++number)
-            calls.push_back(std::make_unique<RunningTool>("call server do", _at));
+        std::array<std::unique_ptr<RunningTool>, 4> calls;
+        for (auto &call : calls)
+            call = std::make_unique<RunningTool>("call server do", _at);
         // All five are with the server, and one of them waits.
         const QByteArray clients = "--json clients | grep server";
         AWAIT(runTool(clients, _at).contains("\"out\":5,\"queued\":0"));

@@ -2,6 +2,7 @@
 
 #include <QtCore/QString>
 
+// NOLINTNEXTLINE(readability-identifier-naming): the parser's own
 namespace CLI
 {
 class App;

@@ -6,6 +6,8 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 
+#include <array>
+
 namespace trelanctl
 {
 
@@ -16,6 +18,30 @@ namespace
 const char *const RED = "\x1b[31m";
 const char *const YELLOW = "\x1b[33m";
 const char *const PLAIN = "\x1b[0m";
+
+struct ClientColumn
+{
+    const char *heading;
+    const char *key;
+};
+
+// The address is last, as what is missed least where a line is cut.
+constexpr std::array<ClientColumn, 8> CLIENT_COLUMNS = {{{"NAME", "name"},
+                                                         {"CONNECTIONS", "connections"},
+                                                         {"SUBSCRIPTIONS", "subscriptions"},
+                                                         {"QUEUED", "queued"},
+                                                         {"BYTES", "queuedBytes"},
+                                                         {"IN", "in"},
+                                                         {"OUT", "out"},
+                                                         {"ADDRESS", "address"}}};
+
+QString cellText(const QVariant &value)
+{
+    const QString text = value.type() == QVariant::List
+                             ? value.toStringList().join(QLatin1Char(','))
+                             : value.toString();
+    return text.isEmpty() ? QStringLiteral("-") : terminal::escaped(text);
+}
 
 QString localTime(const QDateTime &time)
 {
@@ -130,24 +156,14 @@ QString logJson(const bus::TrelanCommand &saveLog)
 
 QStringList clientTable(const QVariantList &clients, int width)
 {
-    // In the order of the columns; the address is last, as the one that is not missed when cut.
-    static const QStringList KEYS = {QStringLiteral("name"),          QStringLiteral("connections"),
-                                     QStringLiteral("subscriptions"), QStringLiteral("queued"),
-                                     QStringLiteral("queuedBytes"),   QStringLiteral("in"),
-                                     QStringLiteral("out"),           QStringLiteral("address")};
-    QList<QStringList> rows = {{QStringLiteral("NAME"), QStringLiteral("CONNECTIONS"),
-                                QStringLiteral("SUBSCRIPTIONS"), QStringLiteral("QUEUED"),
-                                QStringLiteral("BYTES"), QStringLiteral("IN"),
-                                QStringLiteral("OUT"), QStringLiteral("ADDRESS")}};
+    QStringList headings;
+    for (const ClientColumn &column : CLIENT_COLUMNS)
+        headings.append(QLatin1String(column.heading));
+    QList<QStringList> rows = {headings};
     for (const QVariant &client : clients) {
         QStringList cells;
-        for (const QString &key : KEYS) {
-            const QVariant value = client.toMap().value(key);
-            const QString text = value.type() == QVariant::List
-                                     ? value.toStringList().join(QLatin1Char(','))
-                                     : value.toString();
-            cells.append(text.isEmpty() ? QStringLiteral("-") : terminal::escaped(text));
-        }
+        for (const ClientColumn &column : CLIENT_COLUMNS)
+            cells.append(cellText(client.toMap().value(QLatin1String(column.key))));
         rows.append(cells);
     }
     return table(rows, width);
