@@ -1,7 +1,5 @@
 #include "options.h"
 
-#include <CLI/CLI.hpp>
-
 namespace trelanbusd
 {
 

@@ -2,12 +2,9 @@
 
 #include <trelanbussettings.h>
 
-#include <string>
+#include <CLI/CLI.hpp>
 
-namespace CLI
-{
-class App;
-}
+#include <string>
 
 namespace trelanbusd
 {
