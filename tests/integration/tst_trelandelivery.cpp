@@ -64,6 +64,41 @@ private Q_SLOTS:
         QVERIFY(third["s"] == "me" && third["msg"] == "hi" && !third["uid"].toString().isEmpty());
     }
 
+    void valuesOfNow()
+    {
+        TestBus server;
+        RawPeer writer(server, "writer"), query(server, "me"), messages;
+        QVERIFY(messages.connectTo(server.msgPort()));
+        QCOMPARE(messages.ask("handshake {'name':'me'}"), "0 ");
+        for (const QByteArray text : {"'nm':'a.c','opt':2", "'nm':'b.b','opt':2", "'nm':'a.d'",
+                                      "'nm':'a.b','opt':2,'uid':'u','cnt':{'x':1}"})
+            QCOMPARE(writer.ask("pub {" + text + "}"), "0 ");
+        const auto next = [&messages] {
+            const QVariantMap message = messages.receiveDelivery();
+            messages.acknowledge(message);
+            return QJsonDocument::fromJson(message.value("msg").toByteArray()).object();
+        };
+        QCOMPARE(query.ask("sub {'wc':'a.b','now':1}"), "2 \"now\" has to be true or false");
+        // Also for who has seen them: receivers drop a key that they know.
+        for (int i = 0; i < 2; ++i) {
+            QCOMPARE(query.ask("sub {'wcs':'a.b::a.*','now':true}"), "0 ");
+            QCOMPARE(next()["__context__"], QJsonObject({{"x", 1}}));
+            QCOMPARE(next()["__name__"].toString(), "a.c");
+        }
+        QCOMPARE(writer.ask("pub {'nm':'a.d'}"), "0 ");
+        QCOMPARE(next()["__name__"].toString(), "a.d");
+        QCOMPARE(query.ask("sendMessage {'r':'you','msg':'','ops':2}"), "0 ");
+        QCOMPARE(query.ask("clients {}"), "0 ");
+        const QVariantList clients = query.data().value("clients").toList();
+        QCOMPARE(clients.size(), 3);
+        const QVariantMap me = clients[0].toMap();
+        QCOMPARE(me["name"].toString() + me["address"].toString(), "me" + query.address());
+        QCOMPARE(me["connections"].toStringList().join(' '), "query message");
+        QCOMPARE(me["subscriptions"].toInt(), 2);
+        QVERIFY(me["in"].toInt() == 5 && me["out"].toInt() == 5);
+        QCOMPARE(clients[2].toMap()["queued"].toInt(), 1); // of who is not there
+    }
+
     void againAfterTakeover()
     {
         TestBus server;

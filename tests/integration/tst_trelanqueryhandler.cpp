@@ -183,7 +183,7 @@ private Q_SLOTS:
     void operations()
     {
         const QByteArray done = Server::reply("any");
-        QVERIFY(openOn(answers({done, done, done, done, done, done, done, done, done, done})));
+        QVERIFY(openOn(answers(QVector<QByteArray>(12, done).toList())));
         Q &q = *_handler;
         QByteArray json = j("{'cnt':{'t':2.5},'dt':'5','nm':'a','opt':7,'p':'you','uid':'u'}");
         const TrelanObject object = TrelanObject::fromVariantMap(map(json));
@@ -191,6 +191,8 @@ private Q_SLOTS:
         QCOMPARE(sent(q.subscribe(" a ")), j("sub {'wc':' a '}"));
         QCOMPARE(sent(q.subscribe({"a.*", "b"})), j("sub {'wcs':'a.*::b'}"));
         QCOMPARE(sent(q.subscribe(QStringList())), j("sub {'wcs':''}"));
+        QCOMPARE(sent(q.subscribeNow("a")), j("sub {'now':true,'wc':'a'}"));
+        QCOMPARE(sent(q.subscribeNow({"a", "b"})), j("sub {'now':true,'wcs':'a::b'}"));
         QCOMPARE(sent(q.unsubscribe("a")), j("unsub {'wc':'a'}"));
         QCOMPARE(sent(q.unsubscribe({"a.*", "b"})), j("unsub {'wcs':'a.*::b'}"));
         QCOMPARE(sent(q.rmPersistent({" x ", ""})), j("rm {'objects':['x','']}"));

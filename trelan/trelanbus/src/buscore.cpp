@@ -3,8 +3,6 @@
 #include "busnames.h"
 
 #include <QtCore/QCryptographicHash>
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
 
 #include <algorithm>
 
@@ -15,6 +13,7 @@ namespace
 {
 
 constexpr int MAX_LAST_PUBLISHED = 10000;
+constexpr qint64 CLIENT_DATA_COST = 256; // in an answer, roughly
 
 void logPublish(const TrelanObject &object)
 {
@@ -68,6 +67,8 @@ void BusCore::handle(ConnectionId id, const BusRequest &request)
         return unsubscribe(id, request);
     case BusRequest::SendMessage:
         return sendMessage(id, request);
+    case BusRequest::Clients:
+        return listClients(id, request);
     }
 }
 
@@ -225,6 +226,56 @@ void BusCore::subscribe(ConnectionId id, const BusRequest &request)
     }
     wildcards.unite(added);
     _output.reply(id, request.word, TrelanError());
+    if (request.now)
+        notifyOfStored(_queryClients.name(id), request.names);
+}
+
+/// In one step with the subscription, so that every later change is notified of after it.
+void BusCore::notifyOfStored(const QString &client, const QStringList &wildcards)
+{
+    if (client.isEmpty())
+        return; // ended while it was answered
+    QStringList names;
+    for (const QString &wildcard : wildcards)
+        names.append(_storage.namesMatching(wildcard));
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    for (const QString &name : std::as_const(names))
+        _delivery.notify(client, _storage.find(name)->toObject(), true);
+    pump(client);
+}
+
+void BusCore::listClients(ConnectionId id, const BusRequest &request)
+{
+    QStringList names = _queryClients.names() + _msgClients.names() + _delivery.names();
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    QVariantList clients;
+    for (const QString &name : std::as_const(names))
+        clients.append(clientData(name));
+    _output.replyData(id, request.word, {{QStringLiteral("clients"), clients}},
+                      clients.size() * CLIENT_DATA_COST);
+}
+
+QVariantMap BusCore::clientData(const QString &name) const
+{
+    const ClientRegistry::Client query = _queryClients.client(name);
+    const ClientRegistry::Client messages = _msgClients.client(name);
+    QStringList connections;
+    if (!query.name.isEmpty())
+        connections.append(QStringLiteral("query"));
+    if (!messages.name.isEmpty())
+        connections.append(QStringLiteral("message"));
+    return {
+        {QStringLiteral("name"), name},
+        {QStringLiteral("address"), query.name.isEmpty() ? messages.peer : query.peer},
+        {QStringLiteral("connections"), connections},
+        {QStringLiteral("subscriptions"), _subscriptions.value(name).size()},
+        {QStringLiteral("queued"), _delivery.queuedMessages(name)},
+        {QStringLiteral("queuedBytes"), _delivery.queuedBytes(name)},
+        {QStringLiteral("in"), query.count},
+        {QStringLiteral("out"), messages.count},
+    };
 }
 
 void BusCore::unsubscribe(ConnectionId id, const BusRequest &request)
@@ -280,11 +331,8 @@ void BusCore::freshenUid(TrelanObject &object, const QByteArray &contentJson)
     const QByteArray digest = QCryptographicHash::hash(contentJson, QCryptographicHash::Sha1);
     const QString uid = object.uid();
     const QPair<QString, QByteArray> *last = _lastPublished.object(object.name());
-    if (last && last->first == uid && last->second != digest) {
-        TrelanObject complete = object;
-        complete.setContent(QJsonDocument::fromJson(contentJson).object().toVariantMap());
-        object.setUid(complete.genUid());
-    }
+    if (last && last->first == uid && last->second != digest)
+        object.setUid(names::freshUid());
     _lastPublished.insert(object.name(), new QPair<QString, QByteArray>(uid, digest));
 }
 

@@ -51,6 +51,9 @@ private:
     void loadObjects(ConnectionId id, const BusRequest &request);
     void subscribe(ConnectionId id, const BusRequest &request);
     void unsubscribe(ConnectionId id, const BusRequest &request);
+    void notifyOfStored(const QString &client, const QStringList &wildcards);
+    void listClients(ConnectionId id, const BusRequest &request);
+    QVariantMap clientData(const QString &name) const;
     void sendMessage(ConnectionId id, const BusRequest &request);
     void deliver(const ObjectRecord &record);
     void freshenUid(TrelanObject &object, const QByteArray &contentJson);

@@ -50,9 +50,12 @@ TrelanError BusDelivery::accept(const TrelanMessage &message)
     return fault;
 }
 
-void BusDelivery::notify(const QString &client, const TrelanObject &object)
+void BusDelivery::notify(const QString &client, const TrelanObject &object, bool fresh)
 {
-    append(client, object.toMessage(client), Delivery::Notification);
+    TrelanMessage message = object.toMessage(client);
+    if (fresh)
+        message.setUid(names::freshUid());
+    append(client, message, Delivery::Notification);
 }
 
 void BusDelivery::dropNotifications(const QString &client)
@@ -129,6 +132,23 @@ bool BusDelivery::checkTimes()
 bool BusDelivery::hasQueues() const
 {
     return _bytes > 0;
+}
+
+QStringList BusDelivery::names() const
+{
+    return _clients.keys();
+}
+
+int BusDelivery::queuedMessages(const QString &client) const
+{
+    const auto known = _clients.constFind(client);
+    return known == _clients.constEnd() ? 0 : known->queue.count();
+}
+
+qint64 BusDelivery::queuedBytes(const QString &client) const
+{
+    const auto known = _clients.constFind(client);
+    return known == _clients.constEnd() ? 0 : known->queue.bytes();
 }
 
 TrelanError BusDelivery::roomFault(const QString &name, const TrelanMessage &message) const

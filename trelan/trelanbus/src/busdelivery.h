@@ -10,6 +10,7 @@
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
 #include <QtCore/QString>
+#include <QtCore/QStringList>
 
 namespace bus
 {
@@ -26,8 +27,9 @@ public:
     /// Accepts a message for its receiver, or says why not.
     TrelanError accept(const TrelanMessage &message);
 
-    /// Queues the notification of \a object for a subscriber.
-    void notify(const QString &client, const TrelanObject &object);
+    /// Queues the notification of \a object for a subscriber. One that is \a fresh is news to a
+    /// receiver that knows the value.
+    void notify(const QString &client, const TrelanObject &object, bool fresh = false);
     /// The client's subscriptions are gone.
     void dropNotifications(const QString &client);
 
@@ -47,6 +49,11 @@ public:
     /// nothing any more, so that it need not be called before something else has happened.
     bool checkTimes();
     bool hasQueues() const;
+
+    /// Clients that have a queue, empty or not.
+    QStringList names() const;
+    int queuedMessages(const QString &client) const;
+    qint64 queuedBytes(const QString &client) const;
 
 private:
     struct Client

@@ -2,6 +2,7 @@
 
 #include <trelancommand.h>
 
+#include <QtCore/QUuid>
 #include <QtCore/QVector>
 
 #include <algorithm>
@@ -85,6 +86,11 @@ bool isCommandName(const QString &name)
 {
     static const QString _prefix = TrelanCommand::createObjectName(QString());
     return name.startsWith(_prefix);
+}
+
+QString freshUid()
+{
+    return QUuid::createUuid().toString(QUuid::WithoutBraces);
 }
 
 QString printable(const QString &text)

@@ -22,6 +22,9 @@ QString wildcardFault(const QString &wildcard);
 /// Whether an object of this name is a command to everybody, which is passed on and never kept.
 bool isCommandName(const QString &name);
 
+/// An id for a message or an object, unlike any other.
+QString freshUid();
+
 /// A text from a client as it may stand in a log line: what is not printable is escaped.
 QString printable(const QString &text);
 

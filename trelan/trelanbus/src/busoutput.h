@@ -6,6 +6,7 @@
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
+#include <QtCore/QVariantMap>
 #include <QtCore/QVector>
 
 namespace bus
@@ -27,6 +28,10 @@ public:
     /// Answers with the objects by name.
     virtual void replyObjects(ConnectionId id, const QString &word,
                               const QVector<ObjectRecord> &records) = 0;
+
+    /// Answers with \a data, which takes about \a cost bytes.
+    virtual void replyData(ConnectionId id, const QString &word, const QVariantMap &data,
+                           qint64 cost) = 0;
 
     /// Whether everything sent so far has left, so that push() may be called.
     virtual bool canPush(ConnectionId id) const = 0;

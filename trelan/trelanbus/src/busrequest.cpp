@@ -87,6 +87,11 @@ bool isObject(const QVariant &value)
     return value.userType() == QMetaType::QVariantMap;
 }
 
+bool isTruth(const QVariant &value)
+{
+    return value.userType() == QMetaType::Bool;
+}
+
 bool isTime(const QVariant &value)
 {
     return isText(value) || isNumber(value);
@@ -195,8 +200,10 @@ bool takeWildcards(const QVariantMap &data, BusRequest &request)
 
 bool parseSubscribe(const QVariantMap &data, BusRequest &request)
 {
-    if (!takeWildcards(data, request))
+    if (!takeWildcards(data, request) ||
+        !checkTypes(data, {{"now", "true or false", isTruth}}, request))
         return false;
+    request.now = data.value(QStringLiteral("now")).toBool();
     for (const QString &wildcard : std::as_const(request.names)) {
         const QString fault = names::wildcardFault(wildcard);
         if (!fault.isEmpty()) {
@@ -204,6 +211,11 @@ bool parseSubscribe(const QVariantMap &data, BusRequest &request)
             return false;
         }
     }
+    return true;
+}
+
+bool parseClients(const QVariantMap &, BusRequest &)
+{
     return true;
 }
 
@@ -240,6 +252,7 @@ const QHash<QString, Parser> PARSERS {
     // whole lists, the refused entry included.
     {QStringLiteral("unsub"), {BusRequest::Unsubscribe, takeWildcards}},
     {QStringLiteral("sendMessage"), {BusRequest::SendMessage, parseSendMessage}},
+    {QStringLiteral("clients"), {BusRequest::Clients, parseClients}},
 };
 
 QString payloadFaultText(const TrelanFrame::Payload &payload, qint64 maxInflatedSize)

@@ -29,7 +29,8 @@ struct BusRequest
         LoadObjects,
         Subscribe,
         Unsubscribe,
-        SendMessage
+        SendMessage,
+        Clients
     };
 
     Operation operation = Invalid;
@@ -39,6 +40,7 @@ struct BusRequest
 
     QString name;          ///< client (Handshake), object (LoadObject), wildcard (LoadObjects),
                            ///< receiver (SendMessage)
+    bool now = false;      ///< Subscribe: with the values that are stored
     QStringList names;     ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
     TrelanMessage message; ///< SendMessage; with the time filled in, without a sender
     ObjectRecord record;   ///< Publish; without publisher, and without uid where none was sent

@@ -167,6 +167,14 @@ void BusServer::replyObjects(ConnectionId id, const QString &word,
     });
 }
 
+void BusServer::replyData(ConnectionId id, const QString &word, const QVariantMap &data,
+                          qint64 cost)
+{
+    answerEncoded(id, cost, [word, data, most = _settings.maxFrameSize] {
+        return answerFrame(word, data, most);
+    });
+}
+
 bool BusServer::canPush(ConnectionId id) const
 {
     const BusConnection *connection = _connections.value(id);

@@ -47,6 +47,8 @@ private:
     void replyObject(ConnectionId id, const QString &word, const ObjectRecord &record) override;
     void replyObjects(ConnectionId id, const QString &word,
                       const QVector<ObjectRecord> &records) override;
+    void replyData(ConnectionId id, const QString &word, const QVariantMap &data,
+                   qint64 cost) override;
     bool canPush(ConnectionId id) const override;
     void push(ConnectionId id, const QByteArray &frame) override;
     void closeConnection(ConnectionId id) override;

@@ -110,6 +110,11 @@ QVector<ObjectRecord> BusStorage::matching(const QString &wildcard) const
     return _objects.matching(wildcard);
 }
 
+QStringList BusStorage::namesMatching(const QString &wildcard) const
+{
+    return _objects.namesMatching(wildcard);
+}
+
 void BusStorage::handleResults()
 {
     if (!_disk)

@@ -48,6 +48,7 @@ public:
 
     const ObjectRecord *find(const QString &name) const;
     QVector<ObjectRecord> matching(const QString &wildcard) const;
+    QStringList namesMatching(const QString &wildcard) const;
 
     void handleResults();
 

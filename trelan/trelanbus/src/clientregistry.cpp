@@ -20,6 +20,16 @@ QString ClientRegistry::name(ConnectionId id) const
     return _clients.value(id).name;
 }
 
+QStringList ClientRegistry::names() const
+{
+    return _ids.keys();
+}
+
+ClientRegistry::Client ClientRegistry::client(const QString &name) const
+{
+    return _clients.value(connection(name));
+}
+
 ConnectionId ClientRegistry::connection(const QString &name) const
 {
     return _ids.value(name, 0);

@@ -5,6 +5,7 @@
 
 #include <QtCore/QHash>
 #include <QtCore/QString>
+#include <QtCore/QStringList>
 
 namespace bus
 {
@@ -18,9 +19,19 @@ public:
     /// \a channel is what the log calls it.
     ClientRegistry(const QString &channel, BusOutput &output);
 
+    struct Client
+    {
+        QString name;
+        QString peer; ///< address and port
+        qint64 count = 0;
+    };
+
     bool contains(ConnectionId id) const;
     /// Empty if \a id is not registered.
     QString name(ConnectionId id) const;
+    QStringList names() const;
+    /// What is known of the client registered under \a name; empty if there is none.
+    Client client(const QString &name) const;
     /// 0 if nobody is registered under \a name.
     ConnectionId connection(const QString &name) const;
 
@@ -40,13 +51,6 @@ public:
     void count(ConnectionId id);
 
 private:
-    struct Client
-    {
-        QString name;
-        QString peer;
-        qint64 count = 0;
-    };
-
     bool isGhost(ConnectionId id, const QString &name) const;
 
     const QString _channel;

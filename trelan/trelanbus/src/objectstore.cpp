@@ -73,6 +73,16 @@ QVector<ObjectRecord> ObjectStore::matching(const QString &wildcard) const
     return records;
 }
 
+QStringList ObjectStore::namesMatching(const QString &wildcard) const
+{
+    QStringList names;
+    for (auto object = _objects.cbegin(); object != _objects.cend(); ++object) {
+        if (TrelanObject::testWildCard(object.key(), wildcard))
+            names.append(object.key());
+    }
+    return names;
+}
+
 /// What a name takes: the value it has or any that it may get, as only one of them stays. 0 if
 /// there is none.
 qint64 ObjectStore::room(const QString &name) const

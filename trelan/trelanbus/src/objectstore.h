@@ -4,6 +4,7 @@
 
 #include <QtCore/QHash>
 #include <QtCore/QString>
+#include <QtCore/QStringList>
 #include <QtCore/QVector>
 
 namespace bus
@@ -35,6 +36,7 @@ public:
     const ObjectRecord *find(const QString &name) const;
 
     QVector<ObjectRecord> matching(const QString &wildcard) const;
+    QStringList namesMatching(const QString &wildcard) const;
 
 private:
     qint64 room(const QString &name) const;

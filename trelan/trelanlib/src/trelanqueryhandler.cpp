@@ -187,6 +187,18 @@ bool TrelanQueryHandler::subscribe(const QStringList &wildCards)
                    {{QStringLiteral("wcs"), wildCards.join(LIST_SEPARATOR)}});
 }
 
+bool TrelanQueryHandler::subscribeNow(const QString &wildCard)
+{
+    return request(QStringLiteral("sub"),
+                   {{QStringLiteral("wc"), wildCard}, {QStringLiteral("now"), true}});
+}
+
+bool TrelanQueryHandler::subscribeNow(const QStringList &wildCards)
+{
+    return request(QStringLiteral("sub"), {{QStringLiteral("wcs"), wildCards.join(LIST_SEPARATOR)},
+                                           {QStringLiteral("now"), true}});
+}
+
 bool TrelanQueryHandler::unsubscribe(const QString &wildCard)
 {
     return request(QStringLiteral("unsub"), {{QStringLiteral("wc"), wildCard}});

@@ -132,6 +132,13 @@ public Q_SLOTS:
     /// All or nothing. An entry must not contain "::", which separates them on the wire.
     bool subscribe(const QStringList &wildCards);
 
+    /// As subscribe(), and the bus also notifies of every stored object that is taken in, as of a
+    /// change: its value now, before any later one, and none in between is missed. So that what is
+    /// built out of notifications is whole, also for a wildcard that was subscribed before. A bus
+    /// that does not know of this only subscribes.
+    bool subscribeNow(const QString &wildCard);
+    bool subscribeNow(const QStringList &wildCards);
+
     /// A wildcard that is not subscribed is no failure.
     bool unsubscribe(const QString &wildCard);
     bool unsubscribe(const QStringList &wildCards);

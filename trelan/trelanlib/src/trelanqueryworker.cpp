@@ -40,6 +40,16 @@ TrelanQueryWorker::~TrelanQueryWorker()
     stopChannel();
 }
 
+QFlags<TrelanQueryWorker::Option> TrelanQueryWorker::options() const
+{
+    return _options;
+}
+
+void TrelanQueryWorker::setOptions(const QFlags<Option> &options)
+{
+    _options = options;
+}
+
 bool TrelanQueryWorker::doStart()
 {
     doStop();
@@ -130,9 +140,11 @@ bool TrelanQueryWorker::isOpen() const
 
 bool TrelanQueryWorker::subscribeAll()
 {
+    const bool now = _options.testFlag(SubscribeNow);
     const bool all =
-        std::all_of(_wildcards.cbegin(), _wildcards.cend(),
-                    [this](const QString &wildcard) { return _handler->subscribe(wildcard); });
+        std::all_of(_wildcards.cbegin(), _wildcards.cend(), [&](const QString &wildcard) {
+            return now ? _handler->subscribeNow(wildcard) : _handler->subscribe(wildcard);
+        });
     if (!all)
         _handler->unsubscribe(_wildcards); // no partial subscription is left
     return all;

@@ -10,6 +10,7 @@
 
 #include <abstractworker.h>
 
+#include <QtCore/QFlags>
 #include <QtCore/QPointer>
 #include <QtCore/QStringList>
 #include <QtCore/QTimer>
@@ -31,8 +32,21 @@ class TRELAN_EXPORT TrelanQueryWorker : public morvik::AbstractWorker
     Q_OBJECT
 
 public:
+    enum Option {
+        /// With each subscription of the wildcards given at construction come the values that are
+        /// stored now, so that what the application has collected is whole again after every
+        /// reconnection. See TrelanQueryHandler::subscribeNow().
+        SubscribeNow = 1
+    };
+    Q_DECLARE_FLAGS(Options, Option)
+
     TrelanQueryWorker(const QString &clientName, QStringList wildcards);
     ~TrelanQueryWorker() override;
+
+    QFlags<Option> options() const;
+    /// Takes effect with the next connection. Not thread-safe: before the worker is started, or in
+    /// its thread.
+    void setOptions(const QFlags<Option> &options);
 
     /// Builds the channel, opens it and subscribes. Always true: a bus that is not there, or that
     /// refuses a subscription, is tried again.
@@ -66,7 +80,10 @@ private:
     QPointer<TrelanQueryHandler> _handler;
     QPointer<QTimer> _restartTimer;
     QStringList _wildcards;
+    QFlags<Option> _options;
     SharedObjectsStorage _storage;
 };
+
+Q_DECLARE_OPERATORS_FOR_FLAGS(TrelanQueryWorker::Options)
 
 } // namespace bus
