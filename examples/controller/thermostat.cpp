@@ -22,9 +22,11 @@ Thermostat::Thermostat(QObject *parent)
 
 bool Thermostat::doStart()
 {
-    using Worker = bus::TrelanMsgWorker;
-    return initWorkers(new Worker(clientName(), Worker::StoreObjects | Worker::KeepFilter),
-                       new bus::TrelanQueryWorker(clientName(), {"room.*"}));
+    auto *messages = new bus::TrelanMsgWorker(clientName());
+    messages->setOptions(bus::TrelanMsgWorker::StoreObjects | bus::TrelanMsgWorker::KeepFilter);
+    auto *queries = new bus::TrelanQueryWorker(clientName(), {"room.*"});
+    queries->setOptions(bus::TrelanQueryWorker::SubscribeNow);
+    return initWorkers(messages, queries);
 }
 
 void Thermostat::prepareQueryWorker(bus::TrelanQueryWorker *worker)

@@ -15,6 +15,6 @@ int main(int argc, char **argv)
     bus::TrelanMessageReciever messages("watch");
     QObject::connect(&messages, &bus::TrelanMessageReciever::incomingObject,
                      [](const auto &room) { qInfo() << room.name() << room.content(); });
-    const bool watching = messages.open() && queries.open() && queries.subscribe("room.*");
+    const bool watching = messages.open() && queries.open() && queries.subscribeNow("room.*");
     return watching ? QCoreApplication::exec() : 1;
 }
