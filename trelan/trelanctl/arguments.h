@@ -1,5 +1,6 @@
 #pragma once
 
+#include <trelanmessagereciever.h>
 #include <trelanqueryhandler.h>
 
 #include <QtCore/QString>
@@ -19,19 +20,42 @@ enum ExitCode {
 /// What the command line asks for.
 struct Arguments
 {
-    enum Command { Publish, Get, List, Remove, Match, Frame };
+    enum Command {
+        Publish,
+        Get,
+        List,
+        Remove,
+        Watch,
+        Wait,
+        Send,
+        Call,
+        Serve,
+        Logs,
+        Clients,
+        Bench,
+        Match,
+        Frame
+    };
 
     Command command = List;
-    QString name;
+    QString name; ///< of an object, or of a command
     QString wildCard = QStringLiteral("*");
-    QStringList names;   ///< to remove
-    QStringList content; ///< a JSON object, "-" or key=value pairs
+    QStringList names;   ///< to remove; wildcards to watch
+    QStringList content; ///< a JSON object, "-" or key=value pairs; also a command's parameters
+    QString client;      ///< to send to
+    QString text;        ///< to send
+    bool stored = false; ///< a text waits for a client that is not there
+    QString program;
+    QStringList programArguments;
+    int timeoutMs = 0;
+    double seconds = 0; ///< of a measurement
     bool permanent = false;
     bool notStored = false;
     bool logged = false;
 
     QString host = QStringLiteral("127.0.0.1");
     quint16 queryPort = bus::TrelanQueryHandler::DEFAULT_PORT;
+    quint16 messagePort = bus::TrelanMessageReciever::DEFAULT_PORT;
     QString clientName;
     bool json = false;
     bool verbose = false;

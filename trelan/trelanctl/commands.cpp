@@ -1,12 +1,16 @@
 #include "commands.h"
 
+#include "benchrunner.h"
+#include "busaccess.h"
+#include "calling.h"
 #include "contentparser.h"
 #include "framedump.h"
+#include "logging.h"
 #include "objecttable.h"
-#include "terminaltext.h"
+#include "serving.h"
+#include "watching.h"
 
-#include <QtNetwork/QHostAddress>
-#include <QtNetwork/QHostInfo>
+#include <trelanerror.h>
 
 namespace trelanctl
 {
@@ -17,10 +21,11 @@ namespace
 // Far above what a bus takes in one frame; it only keeps a wrong pipe from filling the memory.
 const qint64 INPUT_LIMIT = 64 * 1024 * 1024;
 
-ExitCode usage(const QString &text)
+ExitCode told(const Outcome &outcome)
 {
-    Output::error(text);
-    return Usage;
+    if (!outcome.text.isEmpty())
+        Output::error(outcome.text);
+    return outcome.code;
 }
 
 } // namespace
@@ -31,28 +36,42 @@ Commands::Commands(const Arguments &arguments)
 
 ExitCode Commands::run()
 {
-    ExitCode code = Done;
+    const ExitCode code = runCommand();
+    return code == Done && _output.failed() ? Failed : code;
+}
+
+ExitCode Commands::runCommand()
+{
     switch (_arguments.command) {
     case Arguments::Publish:
-        code = publish();
-        break;
+        return publish();
     case Arguments::Get:
-        code = get();
-        break;
+        return get();
     case Arguments::List:
-        code = list();
-        break;
+        return list();
     case Arguments::Remove:
-        code = remove();
-        break;
+        return remove();
+    case Arguments::Watch:
+    case Arguments::Wait:
+        return Watching(_arguments).run();
+    case Arguments::Send:
+        return send();
+    case Arguments::Call:
+        return call();
+    case Arguments::Serve:
+        return Serving(_arguments).run();
+    case Arguments::Logs:
+        return showLogs(_arguments);
+    case Arguments::Clients:
+        return clients();
+    case Arguments::Bench:
+        return BenchRunner(_arguments).run();
     case Arguments::Match:
-        code = match();
-        break;
+        return match();
     case Arguments::Frame:
-        code = frame();
-        break;
+        return frame();
     }
-    return code == Done && _output.failed() ? Failed : code;
+    return Usage;
 }
 
 ExitCode Commands::publish()
@@ -69,21 +88,21 @@ ExitCode Commands::publish()
     object.setLogged(_arguments.logged);
 
     bus::TrelanQueryHandler handler(_arguments.clientName);
-    const ExitCode code = connectTo(handler);
+    const ExitCode code = told(connectTo(handler, _arguments));
     if (code != Done)
         return code;
-    return handler.publish(object) ? Done : failed(handler, true);
+    return handler.publish(object) ? Done : failed(handler);
 }
 
 ExitCode Commands::get()
 {
     bus::TrelanQueryHandler handler(_arguments.clientName);
-    const ExitCode code = connectTo(handler);
+    const ExitCode code = told(connectTo(handler, _arguments));
     if (code != Done)
         return code;
     bus::TrelanObject object;
     if (!handler.loadObject(_arguments.name, object))
-        return failed(handler, true);
+        return failed(handler);
     if (_arguments.json)
         _output.line(objectJson(object));
     else
@@ -94,12 +113,12 @@ ExitCode Commands::get()
 ExitCode Commands::list()
 {
     bus::TrelanQueryHandler handler(_arguments.clientName);
-    const ExitCode code = connectTo(handler);
+    const ExitCode code = told(connectTo(handler, _arguments));
     if (code != Done)
         return code;
     QMap<QString, bus::TrelanObject> objects;
     if (!handler.loadObjects(_arguments.wildCard, objects))
-        return failed(handler, true);
+        return failed(handler);
     if (!_arguments.json) {
         _output.lines(objectTable(objects.values(), Output::terminalWidth()));
         return Done;
@@ -112,10 +131,51 @@ ExitCode Commands::list()
 ExitCode Commands::remove()
 {
     bus::TrelanQueryHandler handler(_arguments.clientName);
-    const ExitCode code = connectTo(handler);
+    const ExitCode code = told(connectTo(handler, _arguments));
     if (code != Done)
         return code;
-    return handler.rmPersistent(_arguments.names) ? Done : failed(handler, true);
+    return handler.rmPersistent(_arguments.names) ? Done : failed(handler);
+}
+
+ExitCode Commands::send()
+{
+    bus::TrelanMessage message;
+    message.setReciever(_arguments.client);
+    message.setMessage(_arguments.text);
+    message.setStored(_arguments.stored);
+    bus::TrelanQueryHandler handler(_arguments.clientName);
+    const ExitCode code = told(connectTo(handler, _arguments));
+    if (code != Done)
+        return code;
+    if (handler.sendMessage(message))
+        return Done;
+    if (handler.lastError().error() == bus::TrelanError::UnregisteredClient)
+        return told(noClient(_arguments.client));
+    return failed(handler);
+}
+
+ExitCode Commands::call()
+{
+    QVariantMap parameters;
+    return readContent(parameters) ? Calling(_arguments, parameters).run() : Usage;
+}
+
+ExitCode Commands::clients()
+{
+    bus::TrelanQueryHandler handler(_arguments.clientName);
+    const ExitCode code = told(connectTo(handler, _arguments));
+    if (code != Done)
+        return code;
+    QVariantMap answer;
+    if (!handler.request(answer, QStringLiteral("clients"), {}))
+        return failed(handler);
+    const QVariantList clients = answer.value(QStringLiteral("clients")).toList();
+    if (!_arguments.json)
+        _output.lines(clientTable(clients, Output::terminalWidth()));
+    else
+        for (const QVariant &client : clients)
+            _output.line(clientJson(client));
+    return Done;
 }
 
 ExitCode Commands::match()
@@ -157,73 +217,13 @@ bool Commands::readContent(QVariantMap &content)
     }
     content = parsed.content;
     if (!parsed.isValid())
-        usage(QStringLiteral("the content: %1").arg(parsed.errorText));
+        Output::error(QStringLiteral("the content: %1").arg(parsed.errorText));
     return parsed.isValid();
 }
 
-/// The client library wants an IPv4 address.
-bool Commands::findHost()
+ExitCode Commands::failed(const bus::TrelanQueryHandler &handler) const
 {
-    QHostAddress address(_arguments.host);
-    if (address.isNull()) {
-        const QHostInfo info = QHostInfo::fromName(_arguments.host);
-        const QList<QHostAddress> addresses = info.addresses();
-        for (const QHostAddress &candidate : addresses) {
-            if (address.isNull() && candidate.protocol() == QAbstractSocket::IPv4Protocol)
-                address = candidate;
-        }
-        if (address.isNull()) {
-            Output::error(QStringLiteral("no bus: the host '%1' has no IPv4 address: %2")
-                              .arg(terminal::escaped(_arguments.host), info.errorString()));
-            return false;
-        }
-    }
-    bus::TrelanQueryHandler::setQueryHost(address.toIPv4Address());
-    return true;
-}
-
-ExitCode Commands::connectTo(bus::TrelanQueryHandler &handler)
-{
-    const QHostAddress address(_arguments.host);
-    if (_arguments.host.isEmpty() || address.protocol() == QAbstractSocket::IPv6Protocol) {
-        return usage(QStringLiteral("--host: an IPv4 address or a host name is expected, not '%1'")
-                         .arg(terminal::escaped(_arguments.host)));
-    }
-    if (!findHost())
-        return NoBus;
-    bus::TrelanQueryHandler::setQueryPort(_arguments.queryPort);
-    return handler.open() ? Done : failed(handler, false);
-}
-
-/// Tells why the last operation failed. \a connected: whether there had been a bus before.
-ExitCode Commands::failed(const bus::TrelanQueryHandler &handler, bool connected) const
-{
-    using bus::TrelanQueryHandler;
-    const QString place =
-        QStringLiteral("%1:%2").arg(terminal::escaped(_arguments.host)).arg(_arguments.queryPort);
-    const QString hint = QStringLiteral(
-        "\nStart one with \"trelanbusd\", or say where it is with --host and --query-port.");
-    switch (handler.lastFailure()) {
-    case TrelanQueryHandler::Refused:
-        Output::error(QStringLiteral("refused by the bus: %1 %2")
-                          .arg(handler.lastError().error())
-                          .arg(terminal::escaped(handler.lastError().description())));
-        return Failed;
-    case TrelanQueryHandler::Timeout:
-        Output::error(QStringLiteral("no bus: %1 does not answer").arg(place));
-        return NoBus;
-    case TrelanQueryHandler::Framing:
-        Output::error(QStringLiteral("no bus: what %1 answers is not what a bus says").arg(place));
-        return NoBus;
-    case TrelanQueryHandler::NotOpen:
-    case TrelanQueryHandler::None:
-        break;
-    }
-    if (connected)
-        Output::error(QStringLiteral("the bus at %1 went away before it answered").arg(place));
-    else
-        Output::error(QStringLiteral("no bus at %1").arg(place) + hint);
-    return NoBus;
+    return told(failureOf(handler, _arguments, true));
 }
 
 } // namespace trelanctl

@@ -8,7 +8,8 @@ namespace trelanctl
 
 /// \brief Does what the command line asks for, and tells each fault once on standard error.
 ///
-/// It opens at most one query connection, and blocks for as long as the query channel does.
+/// What ends by itself and only asks the bus opens one query connection, and blocks for as long as
+/// the query channel does. The rest has classes of its own.
 class Commands
 {
 public:
@@ -17,17 +18,19 @@ public:
     ExitCode run();
 
 private:
+    ExitCode runCommand();
     ExitCode publish();
     ExitCode get();
     ExitCode list();
     ExitCode remove();
+    ExitCode send();
+    ExitCode call();
+    ExitCode clients();
     ExitCode match();
     ExitCode frame();
 
     bool readContent(QVariantMap &content);
-    bool findHost();
-    ExitCode connectTo(bus::TrelanQueryHandler &handler);
-    ExitCode failed(const bus::TrelanQueryHandler &handler, bool connected) const;
+    ExitCode failed(const bus::TrelanQueryHandler &handler) const;
 
     const Arguments _arguments;
     Output _output;

@@ -1,10 +1,10 @@
 #include "objecttable.h"
 
+#include "table.h"
 #include "terminaltext.h"
 
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
-#include <QtCore/QVector>
 
 namespace trelanctl
 {
@@ -12,18 +12,52 @@ namespace trelanctl
 namespace
 {
 
-// One absurdly long name should not push the columns of all other rows off the screen.
-const int MAX_COLUMN = 60;
-const int MIN_CONTENT = 12;
-const QString GAP = QStringLiteral("  ");
+// What the log bridge of the library puts before its lines; anything else is not coloured.
+const char *const RED = "\x1b[31m";
+const char *const YELLOW = "\x1b[33m";
+const char *const PLAIN = "\x1b[0m";
 
-QStringList cells(const bus::TrelanObject &object)
+QString localTime(const QDateTime &time)
 {
-    const QString time = object.dt().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss.zzz"));
-    const QJsonObject content = QJsonObject::fromVariantMap(object.content());
-    return {terminal::escaped(object.name()), terminal::escaped(object.publisher()),
-            time.isEmpty() ? QStringLiteral("-") : time, flagNames(object),
-            terminal::escapedJson(QJsonDocument(content).toJson(QJsonDocument::Compact))};
+    const QString text = time.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss.zzz"));
+    return text.isEmpty() ? QStringLiteral("-") : text;
+}
+
+QJsonValue utcTime(const QDateTime &time)
+{
+    const QString text = time.toUTC().toString(Qt::ISODateWithMs);
+    return text.isEmpty() ? QJsonValue() : QJsonValue(text);
+}
+
+QString compact(const QJsonObject &json)
+{
+    return terminal::escapedJson(QJsonDocument(json).toJson(QJsonDocument::Compact));
+}
+
+QString compactMap(const QVariantMap &map)
+{
+    return compact(QJsonObject::fromVariantMap(map));
+}
+
+QJsonObject changeObject(const bus::TrelanObject &object)
+{
+    return {{QStringLiteral("name"), object.name()},
+            {QStringLiteral("publisher"), object.publisher()},
+            {QStringLiteral("time"), utcTime(object.dt())},
+            {QStringLiteral("uid"), object.uid()},
+            {QStringLiteral("content"), QJsonObject::fromVariantMap(object.content())}};
+}
+
+QString parameter(const bus::TrelanCommand &command, const char *key)
+{
+    return command.params().value(QLatin1String(key)).toString();
+}
+
+const char *colourOf(const QString &prefix)
+{
+    if (prefix == QLatin1String("ERROR"))
+        return RED;
+    return prefix == QLatin1String("WARNING") ? YELLOW : "";
 }
 
 } // namespace
@@ -33,40 +67,95 @@ QStringList objectTable(const QList<bus::TrelanObject> &objects, int width)
     QList<QStringList> rows = {{QStringLiteral("NAME"), QStringLiteral("PUBLISHER"),
                                 QStringLiteral("TIME"), QStringLiteral("FLAGS"),
                                 QStringLiteral("CONTENT")}};
-    for (const bus::TrelanObject &object : objects)
-        rows.append(cells(object));
-
-    const int last = rows.first().size() - 1;
-    QVector<int> widths(last, 0);
-    for (const QStringList &row : std::as_const(rows)) {
-        for (int column = 0; column < last; ++column)
-            widths[column] = qMax(widths[column], qMin(terminal::width(row[column]), MAX_COLUMN));
+    for (const bus::TrelanObject &object : objects) {
+        QStringList cells = changeCells(object);
+        cells.insert(3, flagNames(object));
+        rows.append(cells);
     }
-
-    QStringList lines;
-    for (const QStringList &row : std::as_const(rows)) {
-        QString line;
-        for (int column = 0; column < last; ++column)
-            line += terminal::padded(row[column], widths[column]) + GAP;
-        const int room = qMax(MIN_CONTENT, width - terminal::width(line));
-        lines.append(line + (width > 0 ? terminal::cut(row[last], room) : row[last]));
-    }
-    return lines;
+    return table(rows, width);
 }
 
 QString objectJson(const bus::TrelanObject &object)
 {
-    const QString time = object.dt().toUTC().toString(Qt::ISODateWithMs);
-    const QJsonObject json = {
-        {QStringLiteral("name"), object.name()},
-        {QStringLiteral("publisher"), object.publisher()},
-        {QStringLiteral("time"), time.isEmpty() ? QJsonValue() : QJsonValue(time)},
-        {QStringLiteral("uid"), object.uid()},
-        {QStringLiteral("stored"), object.isStored()},
-        {QStringLiteral("permanent"), object.isPermanent()},
-        {QStringLiteral("logged"), object.isLogged()},
-        {QStringLiteral("content"), QJsonObject::fromVariantMap(object.content())}};
-    return terminal::escapedJson(QJsonDocument(json).toJson(QJsonDocument::Compact));
+    QJsonObject json = changeObject(object);
+    json.insert(QStringLiteral("stored"), object.isStored());
+    json.insert(QStringLiteral("permanent"), object.isPermanent());
+    json.insert(QStringLiteral("logged"), object.isLogged());
+    return compact(json);
+}
+
+QStringList changeCells(const bus::TrelanObject &change)
+{
+    return {terminal::escaped(change.name()), terminal::escaped(change.publisher()),
+            localTime(change.dt()), compactMap(change.content())};
+}
+
+QString changeJson(const bus::TrelanObject &change)
+{
+    return compact(changeObject(change));
+}
+
+QString answerText(const bus::TrelanCommand &answer)
+{
+    return compactMap(answer.params());
+}
+
+QString answerJson(const bus::TrelanCommand &answer)
+{
+    return compact({{QStringLiteral("command"), answer.name()},
+                    {QStringLiteral("client"), answer.sender()},
+                    {QStringLiteral("time"), utcTime(answer.dt())},
+                    {QStringLiteral("parameters"), QJsonObject::fromVariantMap(answer.params())}});
+}
+
+QString logText(const bus::TrelanCommand &saveLog, bool coloured)
+{
+    const QString prefix = parameter(saveLog, "prefix");
+    QString text = parameter(saveLog, "text");
+    text.replace(QLatin1Char('\t'), QStringLiteral("  ")); // the bridge has put it for a line break
+    const QString line = QStringLiteral("%1  %2  %3  %4")
+                             .arg(localTime(saveLog.dt()), terminal::escaped(saveLog.sender()),
+                                  terminal::escaped(prefix), terminal::escaped(text));
+    const char *colour = coloured ? colourOf(prefix) : "";
+    return *colour == '\0' ? line : QLatin1String(colour) + line + QLatin1String(PLAIN);
+}
+
+QString logJson(const bus::TrelanCommand &saveLog)
+{
+    return compact({{QStringLiteral("time"), utcTime(saveLog.dt())},
+                    {QStringLiteral("client"), saveLog.sender()},
+                    {QStringLiteral("prefix"), parameter(saveLog, "prefix")},
+                    {QStringLiteral("text"), parameter(saveLog, "text")}});
+}
+
+QStringList clientTable(const QVariantList &clients, int width)
+{
+    // In the order of the columns; the address is last, as the one that is not missed when cut.
+    static const QStringList KEYS = {QStringLiteral("name"),          QStringLiteral("connections"),
+                                     QStringLiteral("subscriptions"), QStringLiteral("queued"),
+                                     QStringLiteral("queuedBytes"),   QStringLiteral("in"),
+                                     QStringLiteral("out"),           QStringLiteral("address")};
+    QList<QStringList> rows = {{QStringLiteral("NAME"), QStringLiteral("CONNECTIONS"),
+                                QStringLiteral("SUBSCRIPTIONS"), QStringLiteral("QUEUED"),
+                                QStringLiteral("BYTES"), QStringLiteral("IN"),
+                                QStringLiteral("OUT"), QStringLiteral("ADDRESS")}};
+    for (const QVariant &client : clients) {
+        QStringList cells;
+        for (const QString &key : KEYS) {
+            const QVariant value = client.toMap().value(key);
+            const QString text = value.type() == QVariant::List
+                                     ? value.toStringList().join(QLatin1Char(','))
+                                     : value.toString();
+            cells.append(text.isEmpty() ? QStringLiteral("-") : terminal::escaped(text));
+        }
+        rows.append(cells);
+    }
+    return table(rows, width);
+}
+
+QString clientJson(const QVariant &client)
+{
+    return compactMap(client.toMap());
 }
 
 QString flagNames(const bus::TrelanObject &object)

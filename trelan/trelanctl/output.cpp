@@ -1,9 +1,14 @@
 #include "output.h"
 
+#include "endsignals.h"
+
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstring>
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -16,13 +21,28 @@ namespace
 const int DEFAULT_WIDTH = 80;
 const int READ_CHUNK = 64 * 1024;
 
+/// Until \a descriptor takes bytes; false if an end is asked for meanwhile.
+bool awaitRoom(int descriptor)
+{
+    for (;;) {
+        std::array<pollfd, 2> polled {
+            {{descriptor, POLLOUT, 0}, {EndSignals::descriptor(), POLLIN, 0}}};
+        if (::poll(polled.data(), polled.size(), -1) > 0)
+            return polled[0].revents != 0; // faults too: writing tells which
+    }
+}
+
 /// 0, or the error number of what stopped it.
 int writeAll(int descriptor, const QByteArray &bytes)
 {
     qint64 done = 0;
     while (done < bytes.size()) {
-        const ssize_t count = ::write(descriptor, bytes.constData() + done, bytes.size() - done);
-        if (count < 0 && errno != EINTR)
+        if (!awaitRoom(descriptor))
+            return EINTR;
+        // Not more than there is room for, or the write would wait, and no signal end it.
+        const auto count = ::write(descriptor, bytes.constData() + done,
+                                   size_t(qMin<qint64>(bytes.size() - done, PIPE_BUF)));
+        if (count < 0 && errno != EINTR && errno != EAGAIN)
             return errno;
         done += qMax<ssize_t>(0, count);
     }
@@ -41,7 +61,7 @@ void Output::line(const QString &text)
     if (fault == 0)
         return;
     _closed = true;
-    if (fault != EPIPE) {
+    if (fault != EPIPE && fault != EINTR) {
         _failed = true;
         error(QStringLiteral("cannot write the output: %1")
                   .arg(QString::fromLocal8Bit(std::strerror(fault))));
@@ -59,9 +79,20 @@ void Output::error(const QString &text)
     writeAll(STDERR_FILENO, "trelanctl: " + text.toUtf8() + '\n');
 }
 
+void Output::progress(const QString &text)
+{
+    if (::isatty(STDERR_FILENO) != 0)
+        writeAll(STDERR_FILENO, "\r\x1b[K" + text.toUtf8());
+}
+
+bool Output::isTerminal()
+{
+    return ::isatty(STDOUT_FILENO) != 0;
+}
+
 int Output::terminalWidth()
 {
-    if (::isatty(STDOUT_FILENO) == 0)
+    if (!isTerminal())
         return 0;
     winsize size = {};
     const bool known = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;

@@ -10,7 +10,11 @@ namespace trelanctl
 /// \brief Standard output and standard error of the tool, in UTF-8 whatever the locale.
 ///
 /// A reader that has gone away (`trelanctl ls | head -1`) is no fault: what remains is dropped
-/// silently. Any other fault of writing is told once on standard error and by failed().
+/// silently, and isClosed() tells. Any other fault of writing is told once on standard error and by
+/// failed().
+///
+/// Once EndSignals are installed, a reader that takes nothing holds up the tool only until one of
+/// them comes.
 class Output
 {
 public:
@@ -21,11 +25,19 @@ public:
     /// quotes.
     static void error(const QString &text);
 
+    /// What is going on, in place of the last progress, if standard error is a terminal; an empty
+    /// one wipes it off.
+    static void progress(const QString &text);
+
     /// Width of the terminal, or 0 if standard output is none.
     static int terminalWidth();
+    static bool isTerminal();
 
     /// Whether output was lost for another reason than a reader that has gone.
     bool failed() const { return _failed; }
+
+    /// Whether nothing more can be written, for whatever reason.
+    bool isClosed() const { return _closed; }
 
 private:
     bool _failed = false;

@@ -1,0 +1,70 @@
+#pragma once
+
+#include "busaccess.h"
+
+#include <trelanmsgworker.h>
+#include <trelanqueryworker.h>
+
+/// The library's workers, with what a tool has to know of their channels and an application need
+/// not. They live in threads of their own; who hears their signals is in another one.
+namespace trelanctl
+{
+
+/// \brief The query channel, which subscribes what is stored now and what changes from then on.
+///
+/// It subscribes by itself, and not through the worker it is made of, which tries a wildcard again
+/// and again that the bus refuses.
+class QueryLink : public bus::TrelanQueryWorker
+{
+    Q_OBJECT
+
+public:
+    QueryLink(const Arguments &arguments, const QString &clientName, QStringList wildCards);
+
+    bool doStart() override;
+
+Q_SIGNALS:
+    /// Connected and subscribed.
+    void opened();
+    void lost();
+    /// Could not be opened, for which the outcome says why. A refusal is final, anything else is
+    /// tried again.
+    void failed(int code, QString text);
+    /// What became of a message: the code of the bus, -1 if it did not answer, and what is to be
+    /// told.
+    void sent(bus::TrelanMessage message, int code, QString text);
+
+public Q_SLOTS:
+    void send(bus::TrelanMessage message);
+
+private:
+    bool subscribe(bus::TrelanQueryHandler &handler);
+
+    const Arguments _arguments;
+    const QStringList _wildCards;
+};
+
+/// The message channel.
+class MessageLink : public bus::TrelanMsgWorker
+{
+    Q_OBJECT
+
+public:
+    explicit MessageLink(const QString &clientName);
+
+    bool doStart() override;
+
+Q_SIGNALS:
+    /// Connected, and the bus has accepted the handshake.
+    void opened();
+    void lost();
+    void unreachable();
+
+private:
+    void awaitAcceptance();
+
+    QTimer _acceptance;
+    bool _connected = false;
+};
+
+} // namespace trelanctl

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <QtCore/QByteArray>
+#include <QtCore/QProcess>
+#include <QtCore/QStringList>
+#include <QtCore/QTimer>
+#include <QtCore/QVariantMap>
+
+namespace trelanctl
+{
+
+/// \brief One run of a program: parameters as JSON on its standard input, the answer's parameters
+/// as a JSON object from its standard output.
+///
+/// Whatever goes wrong is an answer too, with the one parameter "error". There is no shell. The
+/// program gets a process group of its own, and that is killed as a whole when the time is over,
+/// when it writes too much, and when this object is destroyed. Its error output is the tool's own.
+class ProgramRun : public QProcess
+{
+    Q_OBJECT
+
+public:
+    ProgramRun(const QString &program, const QStringList &arguments, QObject *parent = nullptr);
+    ~ProgramRun() override;
+
+    void run(const QVariantMap &parameters, int timeoutMs);
+
+    /// The answer that says no more than that something went wrong.
+    static QVariantMap errorAnswer(const QString &text);
+
+Q_SIGNALS:
+    /// Once, from the event loop.
+    void answered(QVariantMap parameters);
+
+protected:
+    void setupChildProcess() override;
+
+private:
+    void readOutput();
+    void killAll();
+    void end(const QVariantMap &answer);
+    QVariantMap judge(int exitCode, QProcess::ExitStatus status) const;
+
+    QTimer _deadline;
+    QByteArray _written;
+    QString _fault; // why it was killed
+    bool _ended = false;
+};
+
+} // namespace trelanctl

@@ -1,0 +1,120 @@
+#include "session.h"
+
+#include "channellinks.h"
+#include "endsignals.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtNetwork/QHostAddress>
+
+#include <unistd.h>
+#include <utility>
+
+namespace trelanctl
+{
+
+Session::Session(const Arguments &arguments, const QString &clientName, QStringList wildCards,
+                 ExitCode endCode)
+    : TrelanController(clientName)
+    , _arguments(arguments)
+    , _wildCards(std::move(wildCards))
+    , _endCode(endCode)
+{}
+
+Session::~Session()
+{
+    stop();
+}
+
+ExitCode Session::run()
+{
+    const Outcome located = locateBus(_arguments);
+    if (located.code == Done) {
+        watchEnds();
+        setBus(QHostAddress(bus::TrelanQueryHandler::queryHost()).toString(),
+               _arguments.messagePort, _arguments.queryPort);
+        if (!_finished)
+            QCoreApplication::exec();
+        stop();
+        // What was acknowledged to the bus is not withheld from the reader.
+        QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+    } else {
+        finish(located);
+    }
+    if (!_outcome.text.isEmpty())
+        Output::error(_outcome.text);
+    return _outcome.code == Done && _output.failed() ? Failed : _outcome.code;
+}
+
+void Session::finish(const Outcome &outcome)
+{
+    if (_finished)
+        return;
+    _finished = true;
+    _outcome = outcome;
+    QCoreApplication::quit();
+}
+
+void Session::print(const QString &line)
+{
+    _output.line(line);
+    if (_output.isClosed() && !EndSignals::arrived()) // else that is the end
+        finish({Failed,
+                _output.failed() ? QString() : QStringLiteral("nobody reads the output any more")});
+}
+
+bool Session::doStart()
+{
+    auto *query = new QueryLink(_arguments, clientName(), _wildCards);
+    auto *messages = new MessageLink(clientName());
+    connect(query, &QueryLink::opened, this, [this] { setOpen(_queryOpen, true); });
+    connect(query, &QueryLink::lost, this, [this] { setOpen(_queryOpen, false); });
+    connect(query, &QueryLink::failed, this, [this](int code, const QString &text) {
+        if (code != NoBus || !_wasReady)
+            finish({ExitCode(code), text});
+    });
+    connect(query, &QueryLink::sent, this, &Session::sent);
+    connect(this, &Session::send, query, &QueryLink::send, Qt::QueuedConnection);
+    connect(messages, &MessageLink::opened, this, [this] { setOpen(_messageOpen, true); });
+    connect(messages, &MessageLink::lost, this, [this] { setOpen(_messageOpen, false); });
+    connect(messages, &MessageLink::unreachable, this, [this] {
+        if (!_wasReady)
+            finish(noBus(_arguments, _arguments.messagePort));
+    });
+    return initWorkers(messages, query);
+}
+
+void Session::setOpen(bool &channel, bool open)
+{
+    const bool before = isReady();
+    channel = open;
+    if (before && !isReady()) {
+        _away = true;
+        Output::error(QStringLiteral("the bus at %1 is away")
+                          .arg(busPlace(_arguments, _arguments.queryPort)));
+    }
+    if (before || !isReady())
+        return;
+    if (std::exchange(_away, false))
+        Output::error(QStringLiteral("the bus at %1 is back")
+                          .arg(busPlace(_arguments, _arguments.queryPort)));
+    _wasReady = true;
+    emit ready();
+}
+
+/// A reader that goes away is noticed at once, and not with the next line, which may never come.
+void Session::watchEnds()
+{
+    EndSignals::install();
+    _signal = std::make_unique<QSocketNotifier>(EndSignals::descriptor(), QSocketNotifier::Read);
+    connect(_signal.get(), &QSocketNotifier::activated, this, [this] {
+        _signal->setEnabled(false);
+        finish({_endCode, _endCode == Done ? QString() : QStringLiteral("interrupted")});
+    });
+    _reader = std::make_unique<QSocketNotifier>(STDOUT_FILENO, QSocketNotifier::Exception);
+    connect(_reader.get(), &QSocketNotifier::activated, this, [this] {
+        _reader->setEnabled(false);
+        finish({Failed, QStringLiteral("nobody reads the output any more")});
+    });
+}
+
+} // namespace trelanctl

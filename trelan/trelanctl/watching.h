@@ -1,0 +1,29 @@
+#pragma once
+
+#include "session.h"
+
+#include <QtCore/QVector>
+
+namespace trelanctl
+{
+
+/// \brief What is stored now and what changes from then on, one line an object: all of it until the
+/// end for the command watch, and the first for wait.
+class Watching
+{
+public:
+    explicit Watching(const Arguments &arguments);
+
+    ExitCode run();
+
+private:
+    void show(const bus::TrelanObject &object);
+
+    const Arguments _arguments;
+    const bool _firstOnly;
+    const int _width;
+    QVector<int> _columns;
+    Session _session;
+};
+
+} // namespace trelanctl
