@@ -1,15 +1,31 @@
 #include <testtable.h>
 #include <trelanbus.h>
 
+#include <QtCore/QJsonDocument>
 #include <QtCore/QProcess>
 
-/// Runs \a line, its words separated by blanks, and returns "exit code|output|errors".
-static QString runTool(const QByteArray &line, quint16 port, const QByteArray &input = QByteArray())
+#include <csignal>
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+/// The tool as a shell runs it with \a line.
+static QStringList shellWords(const QByteArray &line, const bus::TrelanBusSettings &bus)
+{
+    return {"-c", QStringLiteral("exec '" TRELANCTL "' --query-port %1 --msg-port %2 %3")
+                      .arg(bus.queryPort)
+                      .arg(bus.msgPort)
+                      .arg(QString::fromUtf8(line))};
+}
+
+/// Runs \a line to its end and returns "exit code|output|errors".
+static QString runTool(const QByteArray &line, const bus::TrelanBusSettings &bus,
+                       const QByteArray &input = QByteArray())
 {
     QProcess process;
-    process.start("/bin/sh", {"-c", QStringLiteral("'" TRELANCTL "' --query-port %1 %2")
-                                        .arg(port)
-                                        .arg(QString::fromLatin1(line))});
+    process.start("/bin/sh", shellWords(line, bus));
     process.write(input);
     process.closeWriteChannel();
     process.waitForFinished(); // what does not finish in 30 s has no exit code 0 to 3
@@ -19,6 +35,35 @@ static QString runTool(const QByteArray &line, quint16 port, const QByteArray &i
              QString::fromUtf8(process.readAllStandardError().trimmed()));
 }
 
+/// The tool while it runs, with all it has said so far.
+class RunningTool : public QProcess
+{
+public:
+    RunningTool(const QByteArray &line, const bus::TrelanBusSettings &bus)
+    {
+        connect(this, &QProcess::readyReadStandardOutput, this,
+                [this] { out += readAllStandardOutput(); });
+        connect(this, &QProcess::readyReadStandardError, this,
+                [this] { err += readAllStandardError(); });
+        start("/bin/sh", shellWords(line, bus));
+    }
+    ~RunningTool() override
+    {
+        kill();
+        waitForFinished();
+    }
+    /// Its exit code after \a signal; -1 if it does not end by itself.
+    int end(int signal)
+    {
+        ::kill(pid_t(processId()), signal);
+        return waitForFinished() && exitStatus() == NormalExit ? exitCode() : -1;
+    }
+    QByteArray out;
+    QByteArray err;
+};
+
+const int LONG_MS = 20000; // a channel comes back within 5 s, and the machine may be busy
+
 /// The built tool against a real bus, as a person or a script would run it.
 class tst_Tool : public QObject
 {
@@ -27,13 +72,14 @@ class tst_Tool : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        bus::TrelanBusSettings settings;
-        settings.queryPort = settings.msgPort = 0;
-        QVERIFY2(_bus.start(settings), qPrintable(_bus.errorString()));
+        _at.queryPort = _at.msgPort = 0;
+        QVERIFY2(_bus.start(_at), qPrintable(_bus.errorString()));
+        _at.queryPort = _bus.queryPort();
+        _at.msgPort = _bus.msgPort();
         for (const char *line : {"pub k.ls n=1 s=x --logged --name me", "pub 'k.[a]' '{\"a\":[1]}'",
                                  "pub k.per - --permanent", "pub gone.a x=1", "pub gone.b x=1",
                                  "pub passed.on x=1 --not-stored", "rm gone.a ' gone.b' never.was"})
-            QCOMPARE(runTool(line, _bus.queryPort(), R"({"from":"std\u009bin"})"), "0||");
+            QCOMPARE(runTool(line, _at, R"({"from":"std\u009bin"})"), "0||");
     }
 
     void run_data()
@@ -65,6 +111,18 @@ private Q_SLOTS:
             good + "\n");
         row("frame  ", R"(1\|.*\|trelanctl: frame 2: the input ends .*)", good + good.chopped(1));
         row("frame   ", R"(1\|\|.*frame 1: the input ends .*)", "[-REPLY-]\r\n2000000000\r\nx");
+        row("wait k.l+ --timeout 0.3",
+            R"(1\|\|trelanctl: nothing that 'k.l\+' takes in came within 0.3 s)", "");
+        row("wait k.ls", R"(0\|k\.ls  me  \S+ \S+  \{"n":1,"s":"x"\}\|)", "");
+        row("watch ''", R"(1\|\|trelanctl: refused by the bus: 2 [^\n]*)", "");
+        row("watch 'k.*' | head -1", R"(0\|k\.[^\n]*\|trelanctl: nobody reads[^\n]*)", "");
+        row("watch 'k.*' >/dev/full", R"(1\|\|trelanctl: cannot write the output: .*)", "");
+        row("send nobody hi", R"(1\|\|trelanctl: no client 'nobody' is there)", "");
+        row("call nobody do", R"(1\|\|trelanctl: no client 'nobody' is there)", "");
+        row("call nobody do x", R"(2\|\|trelanctl: the content: [^\n]+)", "");
+        row("send absent hi --stored", R"(0\|\|)", "");
+        row("clients", R"(0\|NAME .*\nabsent +- +0 +1 +[1-9]\d+ +0 +0 +-\ntrelanctl-.*\|)", "");
+        row("bench --json --seconds 0.001", R"(0\|(\{"bytes":\d+,"count":[^\n]+\n?){9}\|)", "");
         row("--version", R"(0\|trelanctl 1\..*\|)", "");
         for (const char *line :
              {"''", "nonsense", "ls a b", "get", "pub a", "pub a x", "pub a '{x}'",
@@ -78,22 +136,178 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, input);
         QFETCH(QByteArray, pattern);
-        const QString result = runTool(QTest::currentDataTag(), _bus.queryPort(), input);
+        const QString result = runTool(QTest::currentDataTag(), _at, input);
         const QRegularExpression expected(QString::fromLatin1("(?s)\\A" + pattern + "\\z"));
         QVERIFY2(expected.match(result).hasMatch(), qPrintable(result));
     }
 
+    void watchesInOrder()
+    {
+        QCOMPARE(runTool("pub w.a n=1", _at), "0||");
+        RunningTool watch("--json watch 'w.*' 'w.+'", _at);
+        QTRY_COMPARE_WITH_TIMEOUT(watch.out.count('\n'), 1, LONG_MS);
+        for (const char *line :
+             {"pub w.a n=2", "pub w.b n=3 --not-stored", "pub other n=4", "pub w.a n=5 --name me"})
+            QCOMPARE(runTool(line, _at).left(2), "0|");
+        QTRY_COMPARE_WITH_TIMEOUT(watch.out.count('\n'), 4, LONG_MS);
+        QCOMPARE(watch.end(SIGINT), 0);
+        QByteArray numbers;
+        for (const QByteArray &line : watch.out.trimmed().split('\n'))
+            numbers += QJsonDocument::fromJson(line)["content"]["n"].toVariant().toByteArray();
+        QCOMPARE(numbers, "1235");
+    }
+
+    void waitsForWhatComes()
+    {
+        RunningTool wait("wait coming.+", _at);
+        // Not stored: until it is there to hear of it.
+        QTRY_VERIFY_WITH_TIMEOUT(runTool("pub coming.now n=1 --not-stored", _at) == "0||" &&
+                                     wait.state() == QProcess::NotRunning,
+                                 LONG_MS);
+        QCOMPARE(wait.exitCode(), 0);
+        QCOMPARE(wait.out.count('\n'), 1);
+    }
+
+    void serves_data()
+    {
+        const TestTable<QByteArray, QByteArray> row("server", "answer");
+        row("program", "--exec /bin/cat", R"({"k":\[1,null]})");
+        row("exit code", "--exec /bin/sh -- -c 'exit 3'", R"({"error":".* exit code 3"})");
+        row("no JSON", "--exec /bin/echo hi", R"({"error":".*no JSON object.*"})");
+        row("no program", "--exec /nowhere/program", R"({"error":".*cannot be started.*"})");
+        row("too much", "--exec /usr/bin/yes", R"({"error":".*more than \d+ bytes"})");
+        row("too long", "--timeout 0.3 --exec /bin/sh -- -c 'sleep 100 & echo =$!= >&2; wait'",
+            R"({"error":".*within 0.3 s"})");
+    }
+
+    void serves()
+    {
+        QFETCH(QByteArray, server);
+        QFETCH(QByteArray, answer);
+        RunningTool serve("--name server serve do " + server, _at);
+        QTRY_VERIFY_WITH_TIMEOUT(serve.err.contains("serving 'do' as the client"), LONG_MS);
+        const QString result = runTool("call server do 'k=[1,null]'", _at);
+        const QString pattern = QString::fromLatin1("0\\|" + answer.replace('{', "\\{") + "\\|");
+        QVERIFY2(QRegularExpression(pattern).match(result).hasMatch(), qPrintable(result));
+        // What the program has started is killed with it.
+        const QByteArrayList pids = serve.err.split('=');
+        if (pids.size() == 3)
+            QTRY_VERIFY(runningCommand(pids[1]).isEmpty());
+        QCOMPARE(serve.end(SIGTERM), 0);
+    }
+
+    void servesEverybodyAndFewAtOnce()
+    {
+        const QTemporaryDir folder;
+        const QByteArray fifo = folder.filePath("fifo").toUtf8();
+        QCOMPARE(::mkfifo(fifo.constData(), 0600), 0);
+        RunningTool serve("--name server serve do --exec /bin/sh -- -c 'echo start >&2; cat " +
+                              fifo + "; cat >&2; echo {}'",
+                          _at);
+        QTRY_VERIFY_WITH_TIMEOUT(serve.err.contains("serving"), LONG_MS);
+        QCOMPARE(runTool("pub __bus__.__cmd__.do all=1", _at), "0||");
+        std::vector<std::unique_ptr<RunningTool>> calls;
+        for (int number = 0; number < 4; ++number)
+            calls.push_back(std::make_unique<RunningTool>("call server do", _at));
+        // All five are with the server, the subscription's included, and one of them waits.
+        QTRY_VERIFY_WITH_TIMEOUT(
+            runTool("--json clients | grep server", _at).contains(R"("out":5,"queued":0)"),
+            LONG_MS);
+        QTRY_COMPARE(serve.err.count("start"), 4);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            release(fifo) &&
+                std::all_of(calls.begin(), calls.end(),
+                            [](const auto &call) { return call->state() == QProcess::NotRunning; }),
+            LONG_MS);
+        for (const auto &call : calls)
+            QCOMPARE(call->out, "{}\n");
+        QCOMPARE(serve.err.count(R"({"all":1})"), 1);
+        // The subscription and four answers: to the command to everybody there is none.
+        QVERIFY(runTool("--json clients | grep server", _at).contains(R"("in":5,)"));
+        QCOMPARE(serve.end(SIGINT), 0);
+    }
+
+    void givesUpACall()
+    {
+        RunningTool mute("--name mute watch nothing", _at);
+        QTRY_VERIFY_WITH_TIMEOUT(runTool("send mute hi", _at) == "0||", LONG_MS);
+        QCOMPARE(runTool("call mute do --timeout 0.4", _at),
+                 "1||trelanctl: no answer from 'mute' to 'do' within 0.4 s");
+    }
+
+    void showsLogs()
+    {
+        QCOMPARE(
+            runTool("--name app send logger --stored '{\"__cmd__\": {\"__name__\": \"saveLog\","
+                    "\"__params__\": {\"prefix\": \"ERROR\", \"text\": \"x\\u001b[2J\"}}}'",
+                    _at),
+            "0||");
+        RunningTool logs("logs", _at);
+        QTRY_VERIFY_WITH_TIMEOUT(logs.out.endsWith("  app  ERROR  x\\u001b[2J\n"), LONG_MS);
+        QCOMPARE(logs.end(SIGINT), 0);
+    }
+
+    void survivesARestart()
+    {
+        RunningTool watch("watch 'r.*'", _at);
+        RunningTool serve("--name server serve do --exec /bin/cat", _at);
+        QCOMPARE(runTool("pub r.a n=1", _at), "0||");
+        QTRY_VERIFY_WITH_TIMEOUT(watch.out.contains(R"({"n":1})") && !serve.err.isEmpty(), LONG_MS);
+        _bus.stop();
+        QTRY_VERIFY(watch.err.contains("is away\n") && serve.err.contains("is away\n"));
+        QVERIFY2(_bus.start(_at), qPrintable(_bus.errorString()));
+        QTRY_VERIFY_WITH_TIMEOUT(watch.err.contains("is back\n") && serve.err.contains("is back\n"),
+                                 LONG_MS);
+        QCOMPARE(runTool("call server do n=2", _at), R"(0|{"n":2}|)");
+        QCOMPARE(runTool("pub r.a n=3", _at), "0||");
+        QTRY_VERIFY_WITH_TIMEOUT(watch.out.contains(R"({"n":3})"), LONG_MS);
+        QCOMPARE(watch.err.count('\n'), 2);
+        QCOMPARE(watch.end(SIGTERM), 0);
+    }
+
+    void completes()
+    {
+        QProcess shell;
+        shell.start("/bin/bash",
+                    {"-c", "eval \"$(" TRELANCTL " --print-completion)\"\n"
+                           "for last in w --ti ''; do COMP_WORDS=(trelanctl --host wait "
+                           "serve x \"$last\") COMP_CWORD=5; [ \"$last\" != w ] ||"
+                           "COMP_CWORD=3 COMP_WORDS=(trelanctl --host serve w);"
+                           "_trelanctl; echo \"${COMPREPLY[*]}\"; done"});
+        QVERIFY(shell.waitForFinished());
+        const QByteArrayList lines = shell.readAllStandardOutput().split('\n');
+        QCOMPARE(lines.mid(0, 2), QByteArrayList({"watch wait", "--timeout"}));
+        QVERIFY(lines[2].startsWith("--exec --timeout --help --host "));
+    }
+
     void noBus()
     {
-        const quint16 port = _bus.queryPort();
+        bus::TrelanBusSettings half = _at;
+        half.msgPort = 1;
+        QVERIFY(runTool("watch x", half).startsWith("3||trelanctl: no bus at 127.0.0.1:1\n"));
         _bus.stop();
-        const QString result = runTool("ls", port);
-        QVERIFY2(result.startsWith(QString("3||trelanctl: no bus at 127.0.0.1:%1").arg(port)),
-                 qPrintable(result));
+        const QString expected =
+            QString("3||trelanctl: no bus at 127.0.0.1:%1\n").arg(_at.queryPort);
+        for (const char *line : {"ls", "watch x", "call x y", "send x y"})
+            QVERIFY2(runTool(line, _at).startsWith(expected), line);
     }
 
 private:
+    static QByteArray runningCommand(const QByteArray &pid)
+    {
+        QFile file("/proc/" + pid + "/cmdline"); // empty for one that is dead and not yet buried
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+    /// Gives all that read from \a fifo its end.
+    static bool release(const QByteArray &fifo)
+    {
+        ::close(::open(fifo.constData(), O_WRONLY | O_NONBLOCK));
+        return true;
+    }
+
     bus::TrelanBus _bus;
+    bus::TrelanBusSettings _at; // as it was started, with the ports that it got
 };
 
 QTEST_GUILESS_MAIN(tst_Tool)

@@ -1,3 +1,5 @@
+#include "arguments.h"
+#include "benchfigures.h"
 #include "contentparser.h"
 #include "objecttable.h"
 #include "terminaltext.h"
@@ -6,6 +8,8 @@
 
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
+
+#include <numeric>
 
 using namespace trelanctl;
 
@@ -26,6 +30,65 @@ private Q_SLOTS:
             QCOMPARE(content.toJson(QJsonDocument::Compact), made);
         else
             QCOMPARE(parsed.errorText.toUtf8().left(made.size()), made);
+    }
+
+    void arguments_data()
+    {
+        const TestTable<int, QByteArray> row("exitCode", "seen");
+        row("call c cmd", Done, "cmd|c|||30000|127.0.0.1:43537");
+        row("call c cmd a=1 b=2 --timeout 0.5 --msg-port 7", Done,
+            "cmd|c|a=1,b=2||500|127.0.0.1:7");
+        row("call --host box --timeout 2 -- c -x -1=2", Done, "-x|c|-1=2||2000|box:43537");
+        row("serve x --exec p", Done, "x|||p|20000|127.0.0.1:43537");
+        row("serve x --timeout 1 --exec ./p -- --flag ++ [a] -", Done,
+            "x|||./p,--flag,++,[a],-|1000|127.0.0.1:43537");
+        row("serve x --exec p a --timeout 3", Done, "x|||p,a|3000|127.0.0.1:43537");
+        for (const char *line :
+             {"serve x", "serve --exec p", "watch", "wait a b", "send c", "logs x",
+              "wait a --timeout 0", "wait a --timeout 1e9", "bench --seconds -1"})
+            row(line, Usage, "");
+    }
+
+    void arguments()
+    {
+        const ParsedArguments parsed =
+            parseArguments(QByteArray(QTest::currentDataTag()).split(' '));
+        const Arguments &made = parsed.arguments;
+        QTEST(int(parsed.exitCode), "exitCode");
+        QCOMPARE(parsed.run, parsed.text.isEmpty());
+        const QStringList program = QStringList(made.program) + made.programArguments;
+        const QString seen = QStringList({made.name, made.client, made.content.join(','),
+                                          program.join(','), QString::number(made.timeoutMs),
+                                          QString("%1:%2").arg(made.host).arg(made.messagePort)})
+                                 .join('|');
+        if (parsed.run)
+            QTEST(seen.toUtf8(), "seen");
+    }
+
+    void logLines()
+    {
+        bus::TrelanCommand line;
+        line.setSender("a\x1b");
+        line.setParams({{"prefix", "ERROR"}, {"text", "x\ty\x07"}});
+        const QString plain = "-  a\\u001b  ERROR  x  y\\u0007";
+        QCOMPARE(logText(line, false), plain);
+        QCOMPARE(logText(line, true), "\x1b[31m" + plain + "\x1b[0m");
+        line.setParams({{"prefix", "OTHER"}, {"text", 1}});
+        QVERIFY(!logText(line, true).contains('\x1b'));
+    }
+
+    void percentiles()
+    {
+        std::vector<qint64> times(200);
+        std::iota(times.rbegin(), times.rend(), 1);
+        QCOMPARE(percentile(times, 50), 100);
+        QCOMPARE(percentile(times, 99), 198);
+        QCOMPARE(percentile({7}, 99), 7);
+        for (const int bytes : {100, 65536})
+            QCOMPARE(QJsonDocument::fromVariant(benchContent(bytes))
+                         .toJson(QJsonDocument::Compact)
+                         .size(),
+                     bytes);
     }
 
     void escaping_data()

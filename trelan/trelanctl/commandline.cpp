@@ -13,7 +13,7 @@ namespace
 const char *const FOOTER =
     "\nThe options above may also follow the command. A name or value that begins with a dash "
     "follows \"--\".\n"
-    "Exit codes: 0 done, 1 refused by the bus or no match, 2 usage, 3 no bus.\n";
+    "Exit codes: 0 done, 1 refused by the bus, no match or no answer, 2 usage, 3 no bus.\n";
 const char *const CONTENT =
     "a JSON object, or - to read it from standard input, or key=value pairs; a value is JSON if it "
     "parses as such, else a string";
