@@ -8,36 +8,45 @@ set -euo pipefail
 packages=${1:?usage: trydebs.sh FOLDER-OF-PACKAGES}
 consumer=$(dirname "$(readlink -f "$0")")/../tests/package/consumer
 root=$(mktemp -d)
-bus_pid=''
+pids=() # the bus is the last, and the last to be ended
 
 cleanup() {
     local status=$?
     trap - EXIT
-    if [[ -n $bus_pid ]]; then
-        kill "$bus_pid" 2>/dev/null || true
-        wait "$bus_pid" || true
-    fi
+    for pid in "${pids[@]}"; do
+        kill "$pid" 2>/dev/null || true
+        wait "$pid" || true
+    done
     rm -rf "$root"
     exit "$status"
 }
 trap cleanup EXIT
 
 for package in "$packages"/*.deb; do
-    [[ $package == *-dbgsym_* ]] || dpkg -x "$package" "$root"
+    dpkg -x "$package" "$root"
 done
 libraries=$(dirname "$(find "$root" -name libtrelanclient.so.1)")
 export LD_LIBRARY_PATH=$libraries PATH=$root/usr/bin:$PATH
 
-mkfifo "$root/started"
-trelanbusd --query-port 0 --msg-port 0 --data "$root/data" 2>"$root/started" &
-bus_pid=$!
+fail() {
+    echo "trydebs: $*" >&2
+    exit 1
+}
+
+mkfifo "$root/started" "$root/watched"
+trelanbusd --query-port 0 --msg-port 0 2>"$root/started" &
+pids=("$!" "${pids[@]}")
 exec 3<"$root/started"
 IFS= read -r -t 30 line <&3
-[[ $line =~ listens\ on\ [0-9.]+:([0-9]+) ]] || { echo "trydebs: the bus says: $line" >&2; exit 1; }
-trelanctl --query-port "${BASH_REMATCH[1]}" pub room.kitchen celsius=21.5
-message=$(trelanctl --query-port "${BASH_REMATCH[1]}" --json get room.kitchen)
-echo "$message"
-[[ $message == *'"celsius":21.5'* ]]
+[[ $line =~ listens\ on\ [0-9.]+:([0-9]+)\ and\ [0-9.]+:([0-9]+) ]] || fail "the bus says: $line"
+ports=(--query-port "${BASH_REMATCH[1]}" --msg-port "${BASH_REMATCH[2]}")
+trelanctl "${ports[@]}" --json watch 'room.*' >"$root/watched" &
+pids=("$!" "${pids[@]}")
+exec 4<"$root/watched"
+trelanctl "${ports[@]}" pub room.kitchen celsius=21.5
+IFS= read -r -t 30 line <&4 || fail "nothing is delivered"
+echo "$line"
+[[ $line == *'"celsius":21.5'* ]] || fail "something else is delivered"
 
 cmake -S "$consumer" -B "$root/consumer" -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null
 cmake --build "$root/consumer" >/dev/null

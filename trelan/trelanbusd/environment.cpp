@@ -48,8 +48,8 @@ QString takeSockets(bus::TrelanBusSettings &settings)
         return QStringLiteral("the service manager has to hand over two sockets, for the query and "
                               "the message channel, and it is %1")
             .arg(count);
-    const bool swapped = names.value(0) == QLatin1String("messages") ||
-                         names.value(1) == QLatin1String("query");
+    const bool swapped =
+        names.value(0) == QLatin1String("messages") || names.value(1) == QLatin1String("query");
     settings.queryDescriptor = SD_LISTEN_FDS_START + (swapped ? 1 : 0);
     settings.msgDescriptor = SD_LISTEN_FDS_START + (swapped ? 0 : 1);
     return {};

@@ -33,7 +33,8 @@ public:
     }
 
 private:
-    template<typename Value> CLI::Option *add(const char *name, Value &value, const char *text)
+    template <typename Value>
+    CLI::Option *add(const char *name, Value &value, const char *text)
     {
         return _app.add_option(name, value, text)->capture_default_str()->group("Limits");
     }
