@@ -1,3 +1,5 @@
+#include "rawpeer.h"
+
 #include <testtable.h>
 #include <trelanqueryhandler.h>
 
@@ -27,7 +29,7 @@ public:
     {
         _process.setProcessChannelMode(QProcess::MergedChannels);
         _process.start(TRELANBUSD, {"--query-port", "0", "--msg-port", "0", "--data", folder});
-        const QRegularExpression listens("listens on 127.0.0.1:(\\d+) and \\S+\n");
+        const QRegularExpression listens("listens on 127.0.0.1:(\\d+) and \\S+:(\\d+)\n");
         QString log;
         while (!listens.match(log).hasMatch()) {
             if (!_process.waitForReadyRead())
@@ -35,8 +37,11 @@ public:
             log += QString::fromUtf8(_process.readAll());
         }
         TrelanQueryHandler::setQueryPort(quint16(listens.match(log).captured(1).toInt()));
+        _msgPort = quint16(listens.match(log).captured(2).toInt());
         return true;
     }
+
+    quint16 msgPort() const { return _msgPort; }
 
     /// Returns its exit code; -1 if the signal ended it.
     int end(int signal)
@@ -48,10 +53,20 @@ public:
 
 private:
     QProcess _process;
+    quint16 _msgPort = 0;
 };
 
 constexpr int NAMES = 4;
 constexpr int NONE = -1; // what the bus has of a name that was removed, or was not permanent
+
+TrelanMessage letter(const QString &text)
+{
+    TrelanMessage message;
+    message.setReciever("inbox");
+    message.setStored(true);
+    message.setMessage(text);
+    return message;
+}
 
 QVariantMap contentOf(int number)
 {
@@ -59,7 +74,8 @@ QVariantMap contentOf(int number)
     return {{"number", number}, {"text", QString(number * 997 % 20000, QChar('a' + number % 26))}};
 }
 
-/// \brief Changes permanent objects of its own one after the other, until the bus is gone.
+/// \brief Changes permanent objects of its own one after the other, and sends a stored message now
+/// and then, until the bus is gone.
 ///
 /// Knows what a bus that loses nothing can have afterwards: what was acknowledged, and for the name
 /// of the last change, which got no answer, also what that asked for.
@@ -68,12 +84,20 @@ struct Writer
     QString prefix;
     int number = 0;
     QVector<QSet<int>> possible = QVector<QSet<int>>(NAMES, {NONE});
+    QSet<int> sent; // acknowledged, and not received yet
 
     void run(QSemaphore &acknowledged)
     {
         TrelanQueryHandler client(prefix);
         for (bool done = client.open(); done;) {
-            const int name = ++number % NAMES;
+            if (++number % 3 == 0) {
+                done = client.sendMessage(letter(QString::number(number)));
+                if (done)
+                    sent.insert(number);
+                acknowledged.release(int(done));
+                continue;
+            }
+            const int name = number % NAMES;
             TrelanObject object;
             object.setName(prefix + QString::number(name));
             object.setContent(contentOf(number));
@@ -100,6 +124,38 @@ struct Writer
         return {};
     }
 };
+
+/// Takes everything out of the inbox. Returns what is wrong with it.
+QString checkInbox(const Daemon &daemon, TrelanQueryHandler &client, std::vector<Writer> &writers)
+{
+    RawPeer inbox;
+    const QString end = QUuid::createUuid().toString(); // one of before may come again
+    if (!client.sendMessage(letter(end)) || !inbox.connectTo(daemon.msgPort()) ||
+        inbox.ask("handshake {'name':'inbox'}") != "0 ")
+        return "the inbox cannot be opened";
+    QMap<QString, int> last;
+    for (;;) {
+        const QVariantMap message = inbox.receiveDelivery();
+        const QString sender = message.value("s").toString();
+        const QString text = message.value("msg").toString();
+        if (message.isEmpty() || !inbox.acknowledge(message))
+            return "the inbox is closed";
+        if (text == end)
+            break;
+        for (Writer &writer : writers) {
+            if (writer.prefix != sender)
+                continue;
+            if (text.toInt() <= last[sender] || text.toInt() > writer.number)
+                return sender + text + " comes after " + QString::number(last[sender]);
+            writer.sent.remove(last[sender] = text.toInt());
+        }
+    }
+    for (const Writer &writer : writers) {
+        if (!writer.sent.isEmpty())
+            return QString("%1 of %2 are lost").arg(writer.sent.size()).arg(writer.prefix);
+    }
+    return {};
+}
 
 /// Publishes from several threads, ends the daemon at a random moment, and looks what is left.
 /// Returns what is wrong with it.
@@ -139,7 +195,7 @@ QString interrupt(const QString &folder, std::vector<Writer> &writers, int signa
                 return fault;
         }
     }
-    return {};
+    return checkInbox(after, client, writers);
 }
 
 } // namespace

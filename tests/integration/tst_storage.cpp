@@ -4,6 +4,7 @@
 #include <trelanqueryhandler.h>
 
 #include <csignal>
+#include <sqlite3.h>
 #include <sys/resource.h>
 #include <thread>
 
@@ -16,6 +17,15 @@ static TrelanObject object(const QString &name, const QVariant &value, bool perm
     object.setContent({{"value", value}});
     object.setPermanent(permanent);
     return object;
+}
+
+static TrelanMessage letter(const QString &text)
+{
+    TrelanMessage message;
+    message.setReciever("absent");
+    message.setStored(true);
+    message.setMessage(text);
+    return message;
 }
 
 static int load(TrelanQueryHandler &client, const QString &name)
@@ -45,6 +55,7 @@ private slots:
         init();
         TrelanQueryHandler client("maker");
         QVERIFY(start() && client.open() && client.publish(object("a.b", "needle")));
+        QVERIFY(client.sendMessage(letter("needless")));
         _live = read("trelan.db");
         _log = read("trelan.db-wal");
         _bus.stop();
@@ -104,6 +115,7 @@ private slots:
         row("page", _clean, 4096, "y", "damaged");
         row("index", _clean, _clean.lastIndexOf("a.b"), "a.c", "damaged.*index");
         row("content", _clean, _clean.indexOf("needle"), "noodle", "\"a.b\" is not as it was");
+        row("message", _clean, _clean.indexOf("needless"), "heedless", "message 1 is not as it");
         row("log", _live, 0, "S", "log.*damaged", QByteArray(_log).replace(9, 9, "scribbles"));
         row("lost", QByteArray(), 0, "", "its log trelan.db-wal", _log);
         row("other application", _clean, 68, "x", "another application");
@@ -139,9 +151,26 @@ private slots:
         QCOMPARE(client.lastError().description(), fault);
         QVERIFY(client.publish(object("a", 2, false)));
         QCOMPARE(load(client, "a"), 2);
-        QVERIFY(client.rmPersistent({"a", "b"}));
+        QVERIFY(client.rmPersistent({"a", "b"}) && !client.sendMessage(letter("you")));
+        QCOMPARE(client.lastError().error(), TrelanError::InvalidDataStorage);
         _bus.stop();
         QVERIFY(inUse || (read("trelan.db") == database && read("trelan.db-wal") == log));
+    }
+
+    void olderDatabase()
+    {
+        TrelanQueryHandler client("client");
+        QVERIFY(start() && client.open() && client.publish(object("a", 1)));
+        _bus.stop();
+        sqlite3 *database = nullptr;
+        sqlite3_open(_dir->filePath("trelan.db").toUtf8(), &database);
+        const char *sql = "DROP TABLE messages; PRAGMA user_version = 1;";
+        QCOMPARE(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(database);
+        QVERIFY(start());
+        client.close();
+        QVERIFY(client.open() && client.sendMessage(letter("hi")));
+        QCOMPARE(load(client, "a"), 1);
     }
 
     void bounds_data()

@@ -62,7 +62,8 @@ public:
     QByteArray err;
 };
 
-const int LONG_MS = 20000; // a channel comes back within 5 s, and the machine may be busy
+// A channel comes back within 5 s, and the machine may be busy.
+#define AWAIT(state) QTRY_VERIFY_WITH_TIMEOUT(state, 20000)
 
 /// The built tool against a real bus, as a person or a script would run it.
 class tst_Tool : public QObject
@@ -111,15 +112,13 @@ private Q_SLOTS:
             good + "\n");
         row("frame  ", R"(1\|.*\|trelanctl: frame 2: the input ends .*)", good + good.chopped(1));
         row("frame   ", R"(1\|\|.*frame 1: the input ends .*)", "[-REPLY-]\r\n2000000000\r\nx");
-        row("wait k.l+ --timeout 0.3",
-            R"(1\|\|trelanctl: nothing that 'k.l\+' takes in came within 0.3 s)", "");
+        row("wait k.l+ --timeout 0.3", R"(1\|\|trelanctl: nothing that 'k.l\+' takes .*)", "");
         row("wait k.ls", R"(0\|k\.ls  me  \S+ \S+  \{"n":1,"s":"x"\}\|)", "");
         row("watch ''", R"(1\|\|trelanctl: refused by the bus: 2 [^\n]*)", "");
         row("watch 'k.*' | head -1", R"(0\|k\.[^\n]*\|trelanctl: nobody reads[^\n]*)", "");
         row("watch 'k.*' >/dev/full", R"(1\|\|trelanctl: cannot write the output: .*)", "");
         row("send nobody hi", R"(1\|\|trelanctl: no client 'nobody' is there)", "");
         row("call nobody do", R"(1\|\|trelanctl: no client 'nobody' is there)", "");
-        row("call nobody do x", R"(2\|\|trelanctl: the content: [^\n]+)", "");
         row("send absent hi --stored", R"(0\|\|)", "");
         row("clients", R"(0\|NAME .*\nabsent +- +0 +1 +[1-9]\d+ +0 +0 +-\ntrelanctl-.*\|)", "");
         row("bench --json --seconds 0.001", R"(0\|(\{"bytes":\d+,"count":[^\n]+\n?){9}\|)", "");
@@ -145,11 +144,11 @@ private Q_SLOTS:
     {
         QCOMPARE(runTool("pub w.a n=1", _at), "0||");
         RunningTool watch("--json watch 'w.*' 'w.+'", _at);
-        QTRY_COMPARE_WITH_TIMEOUT(watch.out.count('\n'), 1, LONG_MS);
+        AWAIT(watch.out.count('\n') == 1);
         for (const char *line :
              {"pub w.a n=2", "pub w.b n=3 --not-stored", "pub other n=4", "pub w.a n=5 --name me"})
             QCOMPARE(runTool(line, _at).left(2), "0|");
-        QTRY_COMPARE_WITH_TIMEOUT(watch.out.count('\n'), 4, LONG_MS);
+        AWAIT(watch.out.count('\n') == 4);
         QCOMPARE(watch.end(SIGINT), 0);
         QByteArray numbers;
         for (const QByteArray &line : watch.out.trimmed().split('\n'))
@@ -161,10 +160,8 @@ private Q_SLOTS:
     {
         RunningTool wait("wait coming.+", _at);
         // Not stored: until it is there to hear of it.
-        QTRY_VERIFY_WITH_TIMEOUT(runTool("pub coming.now n=1 --not-stored", _at) == "0||" &&
-                                     wait.state() == QProcess::NotRunning,
-                                 LONG_MS);
-        QCOMPARE(wait.exitCode(), 0);
+        AWAIT(runTool("pub coming.now n=1 --not-stored", _at) == "0||" &&
+              wait.state() == QProcess::NotRunning);
         QCOMPARE(wait.out.count('\n'), 1);
     }
 
@@ -185,14 +182,14 @@ private Q_SLOTS:
         QFETCH(QByteArray, server);
         QFETCH(QByteArray, answer);
         RunningTool serve("--name server serve do " + server, _at);
-        QTRY_VERIFY_WITH_TIMEOUT(serve.err.contains("serving 'do' as the client"), LONG_MS);
+        AWAIT(serve.err.contains("serving 'do' as the client"));
         const QString result = runTool("call server do 'k=[1,null]'", _at);
         const QString pattern = QString::fromLatin1("0\\|" + answer.replace('{', "\\{") + "\\|");
         QVERIFY2(QRegularExpression(pattern).match(result).hasMatch(), qPrintable(result));
-        // What the program has started is killed with it.
-        const QByteArrayList pids = serve.err.split('=');
-        if (pids.size() == 3)
-            QTRY_VERIFY(runningCommand(pids[1]).isEmpty());
+        if (server.contains('=')) { // what the program has started is killed with it
+            AWAIT(serve.err.count('=') == 2);
+            AWAIT(runningCommand(serve.err.split('=')[1]).isEmpty());
+        }
         QCOMPARE(serve.end(SIGTERM), 0);
     }
 
@@ -204,47 +201,36 @@ private Q_SLOTS:
         RunningTool serve("--name server serve do --exec /bin/sh -- -c 'echo start >&2; cat " +
                               fifo + "; cat >&2; echo {}'",
                           _at);
-        QTRY_VERIFY_WITH_TIMEOUT(serve.err.contains("serving"), LONG_MS);
+        AWAIT(serve.err.contains("serving"));
         QCOMPARE(runTool("pub __bus__.__cmd__.do all=1", _at), "0||");
         std::vector<std::unique_ptr<RunningTool>> calls;
         for (int number = 0; number < 4; ++number)
             calls.push_back(std::make_unique<RunningTool>("call server do", _at));
-        // All five are with the server, the subscription's included, and one of them waits.
-        QTRY_VERIFY_WITH_TIMEOUT(
-            runTool("--json clients | grep server", _at).contains(R"("out":5,"queued":0)"),
-            LONG_MS);
-        QTRY_COMPARE(serve.err.count("start"), 4);
-        QTRY_VERIFY_WITH_TIMEOUT(
-            release(fifo) &&
-                std::all_of(calls.begin(), calls.end(),
-                            [](const auto &call) { return call->state() == QProcess::NotRunning; }),
-            LONG_MS);
-        for (const auto &call : calls)
-            QCOMPARE(call->out, "{}\n");
-        QCOMPARE(serve.err.count(R"({"all":1})"), 1);
+        // All five are with the server, and one of them waits.
+        const QByteArray clients = "--json clients | grep server";
+        AWAIT(runTool(clients, _at).contains("\"out\":5,\"queued\":0"));
+        AWAIT(serve.err.count("start") == 4);
+        const auto ended = [](const auto &call) { return call->out == "{}\n"; };
+        AWAIT(release(fifo) && std::all_of(calls.begin(), calls.end(), ended));
+        AWAIT(serve.err.count("{\"all\":1}") == 1);
         // The subscription and four answers: to the command to everybody there is none.
-        QVERIFY(runTool("--json clients | grep server", _at).contains(R"("in":5,)"));
+        QVERIFY(runTool(clients, _at).contains(R"("in":5,)"));
         QCOMPARE(serve.end(SIGINT), 0);
-    }
-
-    void givesUpACall()
-    {
-        RunningTool mute("--name mute watch nothing", _at);
-        QTRY_VERIFY_WITH_TIMEOUT(runTool("send mute hi", _at) == "0||", LONG_MS);
-        QCOMPARE(runTool("call mute do --timeout 0.4", _at),
-                 "1||trelanctl: no answer from 'mute' to 'do' within 0.4 s");
     }
 
     void showsLogs()
     {
-        QCOMPARE(
-            runTool("--name app send logger --stored '{\"__cmd__\": {\"__name__\": \"saveLog\","
-                    "\"__params__\": {\"prefix\": \"ERROR\", \"text\": \"x\\u001b[2J\"}}}'",
-                    _at),
-            "0||");
+        const QByteArray text = "{\"__cmd__\":{\"__name__\":\"saveLog\",\"__params__\":"
+                                "{\"prefix\":\"ERROR\",\"text\":\"x\\u001b[2J\"}}}";
+        QCOMPARE(runTool("--name app send logger --stored '" + text + "'", _at), "0||");
         RunningTool logs("logs", _at);
-        QTRY_VERIFY_WITH_TIMEOUT(logs.out.endsWith("  app  ERROR  x\\u001b[2J\n"), LONG_MS);
-        QCOMPARE(logs.end(SIGINT), 0);
+        AWAIT(logs.out.endsWith("  app  ERROR  x\\u001b[2J\n"));
+        QCOMPARE(runTool("call logger do --timeout 0.4", _at),
+                 "1||trelanctl: no answer from 'logger' to 'do' within 0.4 s");
+        RunningTool other("logs", _at); // there is one client of a name
+        AWAIT(logs.state() == QProcess::NotRunning);
+        QVERIFY2(logs.err.contains("has taken the name 'logger' over, from "), logs.err);
+        QCOMPARE(other.end(SIGINT), 0);
     }
 
     void survivesARestart()
@@ -252,15 +238,14 @@ private Q_SLOTS:
         RunningTool watch("watch 'r.*'", _at);
         RunningTool serve("--name server serve do --exec /bin/cat", _at);
         QCOMPARE(runTool("pub r.a n=1", _at), "0||");
-        QTRY_VERIFY_WITH_TIMEOUT(watch.out.contains(R"({"n":1})") && !serve.err.isEmpty(), LONG_MS);
+        AWAIT(watch.out.contains("{\"n\":1}") && !serve.err.isEmpty());
         _bus.stop();
         QTRY_VERIFY(watch.err.contains("is away\n") && serve.err.contains("is away\n"));
         QVERIFY2(_bus.start(_at), qPrintable(_bus.errorString()));
-        QTRY_VERIFY_WITH_TIMEOUT(watch.err.contains("is back\n") && serve.err.contains("is back\n"),
-                                 LONG_MS);
+        AWAIT(watch.err.contains("is back\n") && serve.err.contains("is back\n"));
         QCOMPARE(runTool("call server do n=2", _at), R"(0|{"n":2}|)");
         QCOMPARE(runTool("pub r.a n=3", _at), "0||");
-        QTRY_VERIFY_WITH_TIMEOUT(watch.out.contains(R"({"n":3})"), LONG_MS);
+        AWAIT(watch.out.contains("{\"n\":3}"));
         QCOMPARE(watch.err.count('\n'), 2);
         QCOMPARE(watch.end(SIGTERM), 0);
     }
@@ -270,21 +255,16 @@ private Q_SLOTS:
         QProcess shell;
         shell.start("/bin/bash",
                     {"-c", "eval \"$(" TRELANCTL " --print-completion)\"\n"
-                           "for last in w --ti ''; do COMP_WORDS=(trelanctl --host wait "
-                           "serve x \"$last\") COMP_CWORD=5; [ \"$last\" != w ] ||"
-                           "COMP_CWORD=3 COMP_WORDS=(trelanctl --host serve w);"
-                           "_trelanctl; echo \"${COMPREPLY[*]}\"; done"});
+                           "COMP_WORDS=(trelanctl --host wait serve x --ti) COMP_CWORD=5\n"
+                           "_trelanctl; echo \"${COMPREPLY[*]}\""});
         QVERIFY(shell.waitForFinished());
-        const QByteArrayList lines = shell.readAllStandardOutput().split('\n');
-        QCOMPARE(lines.mid(0, 2), QByteArrayList({"watch wait", "--timeout"}));
-        QVERIFY(lines[2].startsWith("--exec --timeout --help --host "));
+        QCOMPARE(shell.readAllStandardOutput(), "--timeout\n");
     }
 
     void noBus()
     {
-        bus::TrelanBusSettings half = _at;
-        half.msgPort = 1;
-        QVERIFY(runTool("watch x", half).startsWith("3||trelanctl: no bus at 127.0.0.1:1\n"));
+        _at.msgPort = 1;
+        QVERIFY(runTool("watch x", _at).startsWith("3||trelanctl: no bus at 127.0.0.1:1\n"));
         _bus.stop();
         const QString expected =
             QString("3||trelanctl: no bus at 127.0.0.1:%1\n").arg(_at.queryPort);

@@ -18,20 +18,27 @@ using namespace bus;
 namespace
 {
 
-/// What one of the senders sends as its number \a i: an object or a message, every
-/// thousandth with a content of 5 to 40 KB.
+/// What one of the senders sends as its number \a i: an object, a message, or a command, to the
+/// reader or to everybody; now and then with a content of 5 to 40 KB.
 bool sendOne(TrelanQueryHandler &handler, int i)
 {
     static const QString LARGE = noise(30000).first().toString();
-    QVariantMap content {{"i", i}};
-    if (i % 1000 == 999)
+    QVariantMap content {{"i", i}, {"from", handler.clientName()}};
+    if (i % 1001 == 1000)
         content.insert("large", LARGE.left(5000 + (i * 37) % 35000));
-    if (i % 3 > 0) {
+    if (i % 5 < 2) {
         TrelanObject object;
         object.setName(handler.clientName() + ".n");
         object.setContent(content);
         object.setStored(i % 2 == 0);
         return handler.publish(object);
+    }
+    if (i % 5 < 4) {
+        TrelanCommand command;
+        command.setName("n");
+        command.setReciever(i % 5 == 2 ? "reader" : "");
+        command.setParams(content);
+        return handler.sendCommand(command);
     }
     TrelanMessage message;
     message.setReciever("reader");
@@ -39,7 +46,28 @@ bool sendOne(TrelanQueryHandler &handler, int i)
     return handler.sendMessage(message);
 }
 
+// What the bus has handed to the system as a record of its own: one delivery each, or anything
+// else.
+std::atomic_int _deliveries {0}, _brokenRecords {0};
+
 } // namespace
+
+/// Records are what keeps header and size of a frame together, and its end apart from the next one:
+/// without them the paced reader survives on luck.
+extern "C" Q_DECL_EXPORT ssize_t send(int socket, const void *bytes, size_t size, int flags)
+{
+    static const auto _next =
+        reinterpret_cast<ssize_t (*)(int, const void *, size_t, int)>(::dlsym(RTLD_NEXT, "send"));
+    const auto frame = QByteArray::fromRawData(static_cast<const char *>(bytes), int(size));
+    if ((flags & MSG_EOR) != 0) {
+        const int line = frame.indexOf('\n') + 1, payload = frame.indexOf('\n', line) + 1;
+        const bool isWhole =
+            frame.mid(line, payload - line).trimmed().toInt() == frame.size() - payload;
+        _deliveries += isWhole && frame.startsWith("[-REQUEST-]") ? 1 : 0;
+        _brokenRecords += isWhole ? 0 : 1;
+    }
+    return _next(socket, bytes, size, flags);
+}
 
 class tst_TrelanDelivery : public QObject
 {
@@ -142,6 +170,133 @@ private Q_SLOTS:
                  "512 client \"you\" has 5 messages or 16777216 bytes waiting at most");
     }
 
+    void slowReaderGetsTheNewest()
+    {
+        TrelanBusSettings settings;
+        settings.conflateAbove = 10;
+        TestBus server(settings);
+        RawPeer writer(server, "writer"), query(server, "me"), messages;
+        QCOMPARE(query.ask("sub {'wc':'*'}"), "0 ");
+        for (int i = 1; i <= 300; ++i) {
+            // One uid for all values of a name: receivers drop what they know.
+            const QByteArray kept = "'nm':'a.%1','opt':2,'uid':'u%1','cnt':{'i':%2}";
+            const QByteArray event = "'nm':'%1e','cnt':{'i':%2}";
+            const QString text = i % 30 == 0 ? event : kept;
+            QCOMPARE(writer.ask("pub {" + text.arg(i % 5).arg(i).toUtf8() + "}"), "0 ");
+        }
+        QCOMPARE(writer.ask("sendMessage {'r':'me','ops':2,'msg':'last'}"), "0 ");
+        QCOMPARE(writer.ask("rm {'objects':['a.1']}"), "0 ");
+        QVERIFY(messages.connectTo(server.msgPort()));
+        QCOMPARE(messages.ask("handshake {'name':'me'}"), "0 ");
+        QMap<QString, int> newest;
+        QSet<QString> uids;
+        int received = 0;
+        for (;;) {
+            const QVariantMap message = messages.receiveDelivery();
+            QVERIFY(messages.acknowledge(message) && message["r"] == "me");
+            if (message["msg"] == "last")
+                break;
+            const QString uid = message["uid"].toString();
+            QVERIFY2(!uids.contains(uid), qPrintable(uid));
+            uids.insert(uid);
+            const QJsonObject text = QJsonDocument::fromJson(message["msg"].toByteArray()).object();
+            int &last = newest[text["__name__"].toString()];
+            QVERIFY(text["__context__"]["i"].toInt() > last);
+            last = text["__context__"]["i"].toInt();
+            ++received;
+        }
+        QCOMPARE(received, 10 + 4 + 10); // in full, names that are left, events
+        const QMap<QString, int> expected {{"a.0", 295}, {"a.1", 6},   {"a.2", 297},
+                                           {"a.3", 298}, {"a.4", 299}, {"0e", 300}};
+        QCOMPARE(newest, expected);
+    }
+
+    void bounds_data()
+    {
+        const TestTable<int, int, int, int, int, QString> row("messages", "bytes", "bytesInAll",
+                                                              "queues", "accepted", "fault");
+        const int many = 100000;
+        row("messages", 3, many, many, many, 3,
+            "512 client \"r\" has 3 messages or 100000 bytes waiting at most");
+        row("bytes", many, 5000, many, many, 2,
+            "512 client \"r\" has 100000 messages or 5000 bytes waiting at most");
+        row("bytes in all", many, many, 5000, many, 2, "512 the bus queues 5000 bytes at most");
+        row("absent clients", many, many, many, 4, 4,
+            "512 the bus has 4 queues for absent clients at most");
+    }
+
+    void bounds()
+    {
+        QFETCH(int, messages);
+        QFETCH(int, bytes);
+        QFETCH(int, bytesInAll);
+        QFETCH(int, queues);
+        QFETCH(int, accepted);
+        TrelanBusSettings settings;
+        settings.maxClientMessages = messages;
+        settings.maxClientBytes = bytes;
+        settings.maxQueuedBytes = bytesInAll;
+        settings.maxQueues = queues;
+        TestBus server(settings);
+        RawPeer sender(server, "s"), reader;
+        QVERIFY(reader.connectTo(server.msgPort()));
+        QCOMPARE(reader.ask("handshake {'name':'connected'}"), "0 "); // is no absent client
+        for (int i = 0; i <= accepted; ++i) {
+            const QString name = queues < messages ? QString("r%1").arg(i) : QString("r");
+            const QVariantMap data {{"r", name}, {"ops", 2}, {"msg", QString(900, 'x')}};
+            QVERIFY(sender.send(RawPeer::frame("sendMessage", data)));
+            const QString answer = sender.receive();
+            if (i < accepted)
+                QCOMPARE(answer, "0 ");
+            else
+                QTEST(answer, "fault");
+        }
+    }
+
+    void pastTheBoundOfNames()
+    {
+        LogCapture log;
+        TrelanBusSettings settings;
+        settings.conflateAbove = 1;
+        settings.maxClientNames = 3;
+        settings.maxClientMessages = 64; // as many as the window
+        TestBus server(settings);
+        RawPeer writer(server, "writer"), query(server, "me"), messages;
+        QVERIFY(messages.connectTo(server.msgPort()));
+        QCOMPARE(messages.ask("handshake {'name':'me'}"), "0 ");
+        QCOMPARE(query.ask("sub {'wc':'*'}"), "0 ");
+        for (int i = 0; i < 67; ++i)
+            QCOMPARE(writer.ask("pub {'nm':'event'}"), "0 ");
+        for (int i = 0; i < 5; ++i)
+            QCOMPARE(writer.ask("pub {'nm':'a." + QByteArray::number(i) + "','opt':2}"), "0 ");
+        QVERIFY(messages.awaitEnd());
+        const QStringList faults = log.faults();
+        QCOMPARE(faults.size(), 3);
+        QCOMPARE(faults[0], "warning: 1 notifications for \"me\" are dropped: its queue is full");
+        QCOMPARE(faults[1], "warning: client \"me\" loses its subscriptions and its message "
+                            "connection: 3 objects wait for it at most");
+        QVERIFY2(faults[2].startsWith("warning: 2 notifications"), qPrintable(faults[2]));
+        QCOMPARE(query.ask("clients {}"), "0 ");
+        const QVariantMap me = query.data().value("clients").toList()[0].toMap();
+        QCOMPARE(me["connections"].toStringList().join(' '), "query");
+        QCOMPARE(me["subscriptions"].toInt() + me["queued"].toInt(), 0);
+    }
+
+    void expires()
+    {
+        LogCapture log;
+        TrelanBusSettings settings;
+        settings.messageLifetime = 1;
+        TestBus server(settings);
+        RawPeer query(server, "me");
+        QCOMPARE(query.ask("sendMessage {'r':'you','ops':2,'msg':'a'}"), "0 ");
+        QCOMPARE(query.ask("sendMessage {'r':'you','ops':2,'msg':'b'}"), "0 ");
+        QTRY_COMPARE(log.faults().join('\n'),
+                     "warning: 2 messages for \"you\" have waited too long and are given up");
+        QCOMPARE(query.ask("clients {}"), "0 ");
+        QCOMPARE(query.data().value("clients").toList().size(), 1);
+    }
+
     void twentyThousandFrames()
     {
         // The reader cannot find the next frame once it has lost one, so that not one may be lost.
@@ -153,12 +308,13 @@ private Q_SLOTS:
         LogCapture log;
         TrelanBusSettings settings;
         settings.maxClientMessages = 4 * EACH;
+        settings.conflateAbove = 4 * EACH; // every value is counted
         settings.maxClientBytes = settings.maxQueuedBytes;
         TestBus server(settings);
         TrelanQueryHandler::setQueryPort(server.queryPort());
         TrelanMessageReciever::setMsgPort(server.msgPort());
         RawPeer subscriber(server, "reader");
-        QCOMPARE(subscriber.ask("sub {'wcs':'*.n::a.+::+.n'}"), "0 ");
+        QCOMPARE(subscriber.ask("sub {'wcs':'*.n::a.+::+.n::__bus__.*'}"), "0 ");
         RawPeer stopped(server, "stopped"), stoppedReader;
         QCOMPARE(stopped.ask("sub {'wc':'*'}"), "0 ");
         QVERIFY(stoppedReader.connectTo(server.msgPort()));
@@ -186,6 +342,12 @@ private Q_SLOTS:
                     take(msg.sender(), msg.message().section(' ', 0, 0).toInt());
                 });
 
+        connect(&reader, &TrelanMessageReciever::incomingCommand, this,
+                [&](const TrelanCommand &command) {
+                    take(command.params()["from"].toString(), command.params()["i"].toInt());
+                });
+        const int before = _deliveries;
+
         std::atomic_int refused {0};
         const auto sendAll = [&refused](const QString &name) {
             TrelanQueryHandler handler(name);
@@ -204,6 +366,7 @@ private Q_SLOTS:
         QVERIFY2(done, qPrintable(QString::number(received)));
         QCOMPARE(wrong, 0);
         QCOMPARE(received, 2 * EACH);
+        QVERIFY(_deliveries - before >= received && _brokenRecords == 0);
     }
 };
 

@@ -1,10 +1,13 @@
 #undef QT_NO_CAST_FROM_ASCII // texts of this file are ASCII
 
+#include <rawpeer.h>
 #include <trelancontroller.h>
 #include <trelanmsgworker.h>
 #include <trelanqueryworker.h>
 
 #include <QtCore/QProcess>
+#include <QtNetwork/QTcpServer>
+#include <QtNetwork/QTcpSocket>
 #include <QtTest/QtTest>
 
 #include <memory>
@@ -42,15 +45,19 @@ class Client : public TrelanController
 {
 public:
     using TrelanController::TrelanController;
+    QFlags<TrelanMsgWorker::Option> options;
+    bool tells = true;
 
 protected:
     bool doStart() override
     {
-        return initWorkers(new TrelanMsgWorker(clientName()),
+        return initWorkers(new TrelanMsgWorker(clientName(), options),
                            new TrelanQueryWorker(clientName(), {}));
     }
     void prepareMsgWorker(TrelanMsgWorker *worker) override
     {
+        if (!tells)
+            return;
         connect(worker, &TrelanMsgWorker::workerConnected, worker, [] { say("connected"); });
         connect(worker, &TrelanMsgWorker::unprocessedMessage, worker, [](const TrelanMessage &msg) {
             say(QString("%1 %2").arg(msg.sender(), msg.message()));
@@ -114,6 +121,40 @@ struct Account
     }
 };
 
+/// Between receivers and the message port of a bus. Until it is cut, the bus gets nothing of a
+/// connection but the handshake, while everything that the bus sends passes.
+class LossyProxy : public QTcpServer
+{
+public:
+    explicit LossyProxy(quint16 port)
+    {
+        listen(QHostAddress::LocalHost);
+        connect(this, &QTcpServer::newConnection, this, [this, port] {
+            auto *receiver = nextPendingConnection();
+            auto *bus = new QTcpSocket(receiver);
+            bus->connectToHost(QHostAddress::LocalHost, port);
+            connect(bus, &QTcpSocket::readyRead, receiver,
+                    [=] { receiver->write(bus->readAll()); });
+            // The handshake is answered before anything is acknowledged: it comes alone.
+            connect(receiver, &QTcpSocket::readyRead, bus,
+                    [this, receiver, bus, first = true]() mutable {
+                        const QByteArray bytes = receiver->readAll();
+                        if (first || !_loses)
+                            bus->write(bytes);
+                        first = false;
+                    });
+        });
+    }
+    void cut()
+    {
+        _loses = false;
+        qDeleteAll(findChildren<QTcpSocket *>(QString(), Qt::FindDirectChildrenOnly));
+    }
+
+private:
+    bool _loses = true;
+};
+
 } // namespace
 
 class tst_TrelanRecovery : public QObject
@@ -123,6 +164,7 @@ class tst_TrelanRecovery : public QObject
 private slots:
     void killedUnderLoad_data();
     void killedUnderLoad();
+    void acknowledgementsLost();
 
 private:
     Process startServer();
@@ -217,6 +259,37 @@ void tst_TrelanRecovery::killedUnderLoad()
     } else {
         QCOMPARE(account.seenAgain, 0);
     }
+}
+
+/// What the receiver had acknowledged and the bus does not know of comes again, in order and before
+/// the rest; a filter that is kept knows it.
+void tst_TrelanRecovery::acknowledgementsLost()
+{
+    constexpr int COUNT = 70; // more than the window
+    TestBus server;
+    LossyProxy proxy(server.msgPort());
+    RawPeer sender(server, "sender");
+    QMap<const Client *, QList<int>> seen;
+    Client plain("plain"), keeps("keeps");
+    keeps.options = TrelanMsgWorker::KeepFilter;
+    for (Client *client : {&plain, &keeps}) {
+        for (int i = 0; i < COUNT; ++i)
+            QCOMPARE(sender.ask("sendMessage {'r':'" + client->clientName().toUtf8() +
+                                "','ops':2,'msg':'" + QByteArray::number(i) + "'}"),
+                     "0 ");
+        connect(client, &Client::unprocessedMessage, this,
+                [&seen, client](const auto &msg) { seen[client].append(msg.message().toInt()); });
+        client->tells = false;
+        client->setBus("127.0.0.1", proxy.serverPort(), server.queryPort());
+    }
+    QList<int> once;
+    for (int i = 0; i < COUNT; ++i)
+        once.append(i);
+    const QList<int> window = once.mid(0, WINDOW);
+    QTRY_VERIFY_WITH_TIMEOUT(seen[&plain] == window && seen[&keeps] == window, 30000);
+    proxy.cut();
+    QTRY_COMPARE_WITH_TIMEOUT(seen[&plain], window + once, 30000);
+    QTRY_COMPARE_WITH_TIMEOUT(seen[&keeps], once, 30000);
 }
 
 int main(int argc, char **argv)

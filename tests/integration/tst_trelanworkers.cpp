@@ -340,7 +340,7 @@ private Q_SLOTS:
         }
         // The library may say that a request was left; Qt has nothing to say.
         for (const LogCapture::Line &line : log.lines())
-            QVERIFY2(line.file.startsWith("trelan/"), qPrintable(line.text));
+            QVERIFY2(line.file.contains("trelan/"), qPrintable(line.text));
     }
 
     void exits_data()
@@ -364,8 +364,9 @@ private Q_SLOTS:
         TestBus bus;
         const Server server(pushForever);
         std::list<QProcess> probes;
-        // The library says that it leaves a request; Qt warns.
-        qputenv("QT_LOGGING_RULES", "default.critical=false");
+        // The library says that it leaves a request, and nothing else is to be said. Rules do not
+        // hold it back, since they are destroyed with what is static.
+        const QRegularExpression left("Socket wait for ready read error\n");
         for (int i = 0; i < (SOAK ? 20 : 2); ++i) {
             QProcess &probe = probes.emplace_back();
             probe.setProcessChannelMode(QProcess::MergedChannels);
@@ -378,7 +379,7 @@ private Q_SLOTS:
         }
         for (QProcess &probe : probes) {
             QVERIFY(probe.state() == QProcess::NotRunning || probe.waitForFinished());
-            QCOMPARE(QString(probe.readAll()), QString());
+            QCOMPARE(QString(probe.readAll()).remove(left), QString());
             QCOMPARE(probe.exitStatus(), QProcess::NormalExit);
             QCOMPARE(probe.exitCode(), 7);
         }

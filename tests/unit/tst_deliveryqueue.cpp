@@ -7,7 +7,8 @@ using namespace bus;
 /// Runs a script of steps. "+a" queues the message with the uid a, "+a?" one that needs an answer,
 /// "n" instead of "+" a notification, "3" one of 3 * 9 KB on the wire; "~a" is acknowledged;
 /// "t60000" is the time; "restart", "drop" and "check" are the queue's; "send" sends what may be
-/// sent. What is sent and what is given up ("!a") is the outcome.
+/// sent. "@x" queues the name of the object x, whose newest value "$x" changes and "-x" removes.
+/// What is sent and what is given up ("!a") is the outcome.
 class tst_DeliveryQueue : public QObject
 {
     Q_OBJECT
@@ -55,6 +56,13 @@ private Q_SLOTS:
             "a a a a !a", 0);
         row("answer in vain", "+a? +b +c? t59999 check t60000 check send ~b", "!a !c b", 0);
         row("answer in vain, sent before", "+a? send restart t60000 check send", "a !a", 0);
+        row("outlived", "+a t1 +b +c send restart t300000 check send t300001 check", "a b c !a b c",
+            2);
+        row("names wait in their place", "+a @x +b @y @x send", "a x b y", 4);
+        row("a name takes the value of then", "@x @x $x @y $y send @x send", "x1 y1 x1", 3);
+        row("an object is gone", "@x -x @y send", "y", 1);
+        row("a name that is out is a message", "@x send +b send ~b send ~x", "x b x", 0);
+        row("names end with the subscription", "@x +a drop @y send", "a y", 2);
         row("notifications", "+a na1 send nb drop send ~a ~a1", "a a1", 0);
         row("notification is dropped by the reader", "na +b send drop ~b send", "a b", 0);
         row("notification and a restart", "na +b send drop restart send ~b", "a b b", 0);
@@ -69,6 +77,11 @@ private Q_SLOTS:
         QFETCH(QString, script);
         DeliveryQueue queue;
         QStringList outcome;
+        QMap<QString, QString> values {{"x", "x"}, {"y", "y"}}; // ids of the newest
+        const auto newest = [&values](const QString &name, TrelanMessage &value) {
+            value = message(values[name], 0);
+            return !values[name].isEmpty();
+        };
         qint64 now = 0;
         for (const QString &text : script.split(' ')) {
             const QString rest = text.mid(1);
@@ -77,15 +90,22 @@ private Q_SLOTS:
             else if (text == "drop")
                 queue.dropNotifications();
             else if (text == "check")
-                queue.checkTimes(now);
+                queue.checkTimes(now, 300000);
             else if (text.startsWith('t'))
                 now = rest.toLongLong();
+            else if (text.startsWith('@'))
+                queue.appendName(rest, false);
+            else if (text.startsWith('$'))
+                values[rest] = rest + '1';
+            else if (text.startsWith('-'))
+                values[rest].clear();
             else if (text.startsWith('~'))
                 queue.acknowledge("s", "r", rest, now);
             else if (text != "send")
                 queue.append(message(rest, qMax(0, text[0].digitValue()) * 6500),
-                             text[0] == 'n' ? Delivery::Notification : Delivery::Addressed, now);
-            for (QByteArray frame; text == "send" && !(frame = queue.takeFrame(now)).isEmpty();)
+                             text[0] == 'n' ? Delivery::Value : Delivery::Addressed, now);
+            for (QByteArray frame;
+                 text == "send" && !(frame = queue.takeFrame(now, newest)).isEmpty();)
                 outcome << uidOf(frame);
             for (const Delivery &delivery : queue.takeGivenUp())
                 outcome << '!' + delivery.message.uid();
@@ -93,6 +113,7 @@ private Q_SLOTS:
         QTEST(outcome.join(' '), "expected");
         QTEST(queue.count(), "left");
         QCOMPARE(queue.bytes() == 0, queue.count() == 0);
+        QCOMPARE(queue.nameBytes() + queue.nameCount(), 0);
     }
 };
 

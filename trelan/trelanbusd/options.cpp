@@ -10,6 +10,8 @@ namespace
 constexpr qint64 MAX_FRAME = 1LL << 30;
 constexpr qint64 MAX_BYTES = 1LL << 40;
 constexpr int MAX_COUNT = 100 * 1000 * 1000;
+constexpr int MS_OF_SECOND = 1000;
+constexpr int MAX_SECONDS = 2 * 1000 * 1000; // as milliseconds they are an int
 
 /// Adds options that are numbers in a range, all of one group of the help.
 class Limits
@@ -22,6 +24,10 @@ public:
     void addCount(const char *name, int &value, const char *text)
     {
         add(name, value, text)->check(CLI::Range(1, MAX_COUNT));
+    }
+    void addSeconds(const char *name, int &value, const char *text)
+    {
+        add(name, value, text)->check(CLI::Range(1, MAX_SECONDS));
     }
     void addBytes(const char *name, qint64 &value, const char *text)
     {
@@ -46,8 +52,9 @@ private:
     CLI::App &_app;
 };
 
-void addLimits(CLI::App &app, bus::TrelanBusSettings &settings)
+void addLimits(CLI::App &app, Options &options)
 {
+    bus::TrelanBusSettings &settings = options.settings;
     Limits limits(app);
     limits.addFrame("--max-frame", settings.maxFrameSize, "Largest payload of a frame");
     limits.addFrame("--max-inflated", settings.maxInflatedSize, "Largest inflated request");
@@ -59,7 +66,13 @@ void addLimits(CLI::App &app, bus::TrelanBusSettings &settings)
                     "What waits for one client");
     limits.addBytes("--max-client-bytes", settings.maxClientBytes,
                     "What waits for one client, in bytes");
-    limits.addCount("--max-queues", settings.maxQueues, "Clients that something waits for");
+    limits.addCount("--max-client-names", settings.maxClientNames,
+                    "Objects whose newest value waits for one client");
+    limits.addCount("--conflate-above", settings.conflateAbove,
+                    "What waits for one client before only the newest value of an object does");
+    limits.addSeconds("--message-lifetime", options.messageLifetime,
+                      "Seconds for which a message waits for its receiver");
+    limits.addCount("--max-queues", settings.maxQueues, "Absent clients that something waits for");
     limits.addBytes("--max-queued-bytes", settings.maxQueuedBytes,
                     "What waits for all clients together, in bytes");
 }
@@ -89,7 +102,7 @@ void addOptions(CLI::App &app, Options &options)
     app.add_option("--log-level", options.logLevel, "Least severe line to log")
         ->check(CLI::IsMember({"debug", "info", "warning", "critical"}))
         ->capture_default_str();
-    addLimits(app, options.settings);
+    addLimits(app, options);
 }
 
 void finish(Options &options)
@@ -97,6 +110,7 @@ void finish(Options &options)
     options.settings.host = QHostAddress(QString::fromStdString(options.host));
     options.settings.dataFolder = QString::fromStdString(options.dataFolder);
     options.settings.requireStorage = true;
+    options.settings.messageLifetime = options.messageLifetime * MS_OF_SECOND;
 }
 
 } // namespace trelanbusd

@@ -16,10 +16,11 @@ struct Options
     std::string dataFolder;
     std::string portFile;
     std::string logLevel = "info";
+    int messageLifetime = 60 * 60; ///< in seconds
 };
 
-/// What is given on the command line goes into \a options, except host and folder, which the
-/// settings get from finish().
+/// What is given on the command line goes into \a options, except what the settings
+/// get from finish(), since they have it in another form.
 void addOptions(CLI::App &app, Options &options);
 void finish(Options &options);
 

@@ -5,6 +5,8 @@
 #include <trelanmsgworker.h>
 #include <trelanqueryworker.h>
 
+#include <QtCore/QDeadlineTimer>
+
 /// The library's workers, with what a tool has to know of their channels and an application need
 /// not. They live in threads of their own; who hears their signals is in another one.
 namespace trelanctl
@@ -27,8 +29,8 @@ Q_SIGNALS:
     /// Connected and subscribed.
     void opened();
     void lost();
-    /// Could not be opened, for which the outcome says why. A refusal is final, anything else is
-    /// tried again.
+    /// Could not be opened, or is another client's now; the text says why. With NoBus it is tried
+    /// again, anything else is final.
     void failed(int code, QString text);
     /// What became of a message: the code of the bus, -1 if it did not answer, and what is to be
     /// told.
@@ -40,7 +42,10 @@ public Q_SLOTS:
 private:
     bool subscribe(bus::TrelanQueryHandler &handler);
 
+    void judgeLoss();
+
     const Arguments _arguments;
+    const QString _clientName;
     const QStringList _wildCards;
 };
 
@@ -64,6 +69,7 @@ private:
     void awaitAcceptance();
 
     QTimer _acceptance;
+    QDeadlineTimer _patience;
     bool _connected = false;
 };
 

@@ -4,6 +4,7 @@
 #include "endsignals.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QTimer>
 #include <QtNetwork/QHostAddress>
 
 #include <unistd.h>
@@ -11,6 +12,14 @@
 
 namespace trelanctl
 {
+
+namespace
+{
+
+// One channel may be lost before the other, and with that it is known whether it is the bus.
+const int LOSS_JUDGEMENT_MS = 600;
+
+} // namespace
 
 Session::Session(const Arguments &arguments, const QString &clientName, QStringList wildCards,
                  ExitCode endCode)
@@ -77,8 +86,8 @@ bool Session::doStart()
     connect(messages, &MessageLink::opened, this, [this] { setOpen(_messageOpen, true); });
     connect(messages, &MessageLink::lost, this, [this] { setOpen(_messageOpen, false); });
     connect(messages, &MessageLink::unreachable, this, [this] {
-        if (!_wasReady)
-            finish(noBus(_arguments, _arguments.messagePort));
+        _unreachable = true;
+        judgeStart();
     });
     return initWorkers(messages, query);
 }
@@ -87,11 +96,9 @@ void Session::setOpen(bool &channel, bool open)
 {
     const bool before = isReady();
     channel = open;
-    if (before && !isReady()) {
-        _away = true;
-        Output::error(QStringLiteral("the bus at %1 is away")
-                          .arg(busPlace(_arguments, _arguments.queryPort)));
-    }
+    judgeStart();
+    if (before && !isReady())
+        QTimer::singleShot(LOSS_JUDGEMENT_MS, this, [this] { sayAway(); });
     if (before || !isReady())
         return;
     if (std::exchange(_away, false))
@@ -99,6 +106,22 @@ void Session::setOpen(bool &channel, bool open)
                           .arg(busPlace(_arguments, _arguments.queryPort)));
     _wasReady = true;
     emit ready();
+}
+
+void Session::sayAway()
+{
+    if (isReady() || _finished || _away)
+        return;
+    _away = true;
+    Output::error(
+        QStringLiteral("the bus at %1 is away").arg(busPlace(_arguments, _arguments.queryPort)));
+}
+
+/// Where neither port has a bus, the query channel says so.
+void Session::judgeStart()
+{
+    if (_unreachable && _queryOpen && !_wasReady)
+        finish(noBus(_arguments, _arguments.messagePort));
 }
 
 /// A reader that goes away is noticed at once, and not with the next line, which may never come.

@@ -53,6 +53,8 @@ protected:
 
 private:
     void setOpen(bool &channel, bool open);
+    void sayAway();
+    void judgeStart();
     void watchEnds();
 
     const Arguments _arguments;
@@ -63,6 +65,7 @@ private:
     std::unique_ptr<QSocketNotifier> _reader;
     bool _queryOpen = false;
     bool _messageOpen = false;
+    bool _unreachable = false; // of the message channel, since the start
     bool _wasReady = false;
     bool _away = false;
     bool _finished = false;

@@ -30,7 +30,7 @@ BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutp
     : _maxSubscriptions(settings.maxSubscriptions)
     , _storage(storage)
     , _output(output)
-    , _delivery(settings, output)
+    , _delivery(settings, storage, output)
     , _queryClients(QStringLiteral("query"), output)
     , _msgClients(QStringLiteral("message"), output)
     , _lastPublished(MAX_LAST_PUBLISHED)
@@ -110,12 +110,21 @@ void BusCore::connectionClosed(ConnectionId id)
 
 bool BusCore::checkTimes()
 {
-    return _delivery.checkTimes();
+    _delivery.checkTimes();
+    const QStringList clients = _msgClients.names();
+    for (const QString &client : clients)
+        pump(client);
+    return _delivery.hasDeadline();
 }
 
 bool BusCore::hasQueues() const
 {
     return _delivery.hasQueues();
+}
+
+void BusCore::restoreMessages()
+{
+    _delivery.restore();
 }
 
 /// A client must never be locked out by its own ghost, so that the newer connection wins.
@@ -175,7 +184,9 @@ void BusCore::publish(ConnectionId id, const BusRequest &request)
         if (error.error() != TrelanError::NoError)
             return;
         logPublish(record.head);
-        deliver(record);
+        ObjectRecord delivered = record;
+        freshenUid(delivered);
+        deliver(delivered);
     };
     if (record.head.isStored() && !names::isCommandName(record.head.name()))
         _storage.publish(record, done);
@@ -240,8 +251,15 @@ void BusCore::notifyOfStored(const QString &client, const QStringList &wildcards
         names.append(_storage.namesMatching(wildcard));
     std::sort(names.begin(), names.end());
     names.erase(std::unique(names.begin(), names.end()), names.end());
-    for (const QString &name : std::as_const(names))
-        _delivery.notify(client, _storage.find(name)->toObject(), true);
+    QString overrun;
+    for (const QString &name : std::as_const(names)) {
+        Notification notification(*_storage.find(name));
+        overrun = _delivery.notify(client, notification, true);
+        if (!overrun.isEmpty())
+            break;
+    }
+    if (!overrun.isEmpty())
+        closeReceiver(client, overrun);
     pump(client);
 }
 
@@ -297,43 +315,67 @@ void BusCore::sendMessage(ConnectionId id, const BusRequest &request)
                                          .arg(names::quoted(message.sender()),
                                               names::quoted(message.reciever()));
     }
-    const TrelanError fault = _delivery.accept(message);
-    _output.reply(id, request.word, fault);
-    if (fault.error() == TrelanError::NoError)
-        pump(message.reciever());
+    _delivery.accept(message, [this, id, word = request.word,
+                               receiver = message.reciever()](const TrelanError &error) {
+        _output.reply(id, word, error);
+        if (error.error() == TrelanError::NoError)
+            pump(receiver);
+    });
 }
 
 /// Once to each client with a wildcard that takes it in, however many of them do.
 void BusCore::deliver(const ObjectRecord &record)
 {
-    TrelanObject object = record.head;
-    freshenUid(object, record.contentJson);
-    bool complete = false;
+    Notification notification(record);
+    const QString name = record.head.name();
+    QMap<QString, QString> overruns; // by client
     for (auto client = _subscriptions.cbegin(); client != _subscriptions.cend(); ++client) {
         const bool subscribed =
             std::any_of(client->cbegin(), client->cend(), [&](const QString &wildcard) {
-                return TrelanObject::testWildCard(object.name(), wildcard);
+                return TrelanObject::testWildCard(name, wildcard);
             });
         if (!subscribed)
             continue;
-        if (!complete)
-            object.setContent(record.toObject().content());
-        complete = true;
-        _delivery.notify(client.key(), object);
+        const QString overrun = _delivery.notify(client.key(), notification);
+        if (!overrun.isEmpty())
+            overruns.insert(client.key(), overrun);
         pump(client.key());
+    }
+    for (auto overrun = overruns.cbegin(); overrun != overruns.cend(); ++overrun)
+        closeReceiver(overrun.key(), *overrun);
+}
+
+/// A client that cannot be told of a change must not believe that it is.
+void BusCore::closeReceiver(const QString &client, const QString &reason)
+{
+    if (_warnings.allows(client)) {
+        qCWarning(BUS_LOG).noquote()
+            << QStringLiteral("client %1 loses its subscriptions and its message connection: %2")
+                   .arg(names::quoted(client), reason);
+    }
+    _subscriptions.remove(client);
+    _delivery.dropNotifications(client);
+    if (const ConnectionId id = _msgClients.connection(client)) {
+        endMessages(id);
+        _output.closeConnection(id);
     }
 }
 
 /// Receivers drop a message whose key they know: a publisher that uses the same uid for another
 /// value would not be heard.
-void BusCore::freshenUid(TrelanObject &object, const QByteArray &contentJson)
+void BusCore::freshenUid(ObjectRecord &record)
 {
-    const QByteArray digest = QCryptographicHash::hash(contentJson, QCryptographicHash::Sha1);
-    const QString uid = object.uid();
-    const QPair<QString, QByteArray> *last = _lastPublished.object(object.name());
-    if (last && last->first == uid && last->second != digest)
-        object.setUid(names::freshUid());
-    _lastPublished.insert(object.name(), new QPair<QString, QByteArray>(uid, digest));
+    const QString name = record.head.name();
+    const QByteArray digest =
+        QCryptographicHash::hash(record.contentJson, QCryptographicHash::Sha1);
+    const QString uid = record.head.uid();
+    const QPair<QString, QByteArray> *last = _lastPublished.object(name);
+    if (last && last->first == uid && last->second != digest) {
+        record.deliveryUid = names::freshUid();
+        if (record.head.isStored())
+            _storage.setDeliveryUid(name, record.deliveryUid);
+    }
+    _lastPublished.insert(name, new QPair<QString, QByteArray>(uid, digest));
 }
 
 void BusCore::pump(const QString &client)

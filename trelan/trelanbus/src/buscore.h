@@ -41,6 +41,9 @@ public:
     bool checkTimes();
     bool hasQueues() const;
 
+    /// To be called once, when the storage is open.
+    void restoreMessages();
+
 private:
     void handshake(ClientRegistry &registry, ConnectionId id, const BusRequest &request);
     void endQuery(ConnectionId id);
@@ -56,7 +59,8 @@ private:
     QVariantMap clientData(const QString &name) const;
     void sendMessage(ConnectionId id, const BusRequest &request);
     void deliver(const ObjectRecord &record);
-    void freshenUid(TrelanObject &object, const QByteArray &contentJson);
+    void closeReceiver(const QString &client, const QString &reason);
+    void freshenUid(ObjectRecord &record);
     void pump(const QString &client);
 
     const int _maxSubscriptions;
@@ -67,6 +71,7 @@ private:
     ClientRegistry _msgClients;
     QHash<QString, QSet<QString>> _subscriptions; // of the clients with a query connection, by name
     QCache<QString, QPair<QString, QByteArray>> _lastPublished; // uid and digest, by name
+    WarningLimiter _warnings;
 };
 
 } // namespace bus

@@ -2,6 +2,8 @@
 
 #include "busnames.h"
 
+#include <algorithm>
+
 namespace bus
 {
 
@@ -10,52 +12,150 @@ namespace
 
 const QString LOGGER_NAME = QStringLiteral("logger");
 constexpr qint64 LOG_WARNING_INTERVAL_MS = 60LL * 60 * 1000;
+constexpr int CONFLATED_BYTES_SHARE = 16; // of a client's bytes
+constexpr qint64 NOTIFICATION_COST = 512; // beside the content
 
 TrelanError boundFault(const QString &description)
 {
     return {TrelanError::StorageAccessError, description};
 }
 
+QString totalFault(qint64 maxBytes)
+{
+    return QStringLiteral("the bus queues %1 bytes at most").arg(maxBytes);
+}
+
+qint64 costOf(const TrelanMessage &message)
+{
+    Delivery delivery;
+    delivery.message = message;
+    return delivery.cost();
+}
+
 void warnGivenUp(const QString &name, const QList<Delivery> &deliveries)
 {
+    int outlived = 0;
     for (const Delivery &delivery : deliveries) {
+        if (delivery.outlived) {
+            ++outlived;
+            continue;
+        }
         qCWarning(BUS_LOG).noquote()
             << QStringLiteral("message %1 of %2 for %3 is given up")
                    .arg(names::quoted(delivery.message.uid()),
                         names::quoted(delivery.message.sender()), names::quoted(name));
     }
+    if (outlived > 0) {
+        qCWarning(BUS_LOG).noquote()
+            << QStringLiteral("%1 messages for %2 have waited too long and are given up")
+                   .arg(outlived)
+                   .arg(names::quoted(name));
+    }
 }
 
 } // namespace
 
-BusDelivery::BusDelivery(const TrelanBusSettings &settings, BusOutput &output)
+Notification::Notification(const ObjectRecord &record)
+    : _record(record)
+{}
+
+bool Notification::isKept() const
+{
+    return _record.head.isStored() && !names::isCommandName(_record.head.name());
+}
+
+QString Notification::name() const
+{
+    return _record.head.name();
+}
+
+qint64 Notification::cost() const
+{
+    return NOTIFICATION_COST + qint64(_record.contentJson.size()) * qint64(sizeof(QChar));
+}
+
+TrelanMessage Notification::message(const QString &receiver)
+{
+    if (!_complete)
+        _message = _record.toNotification();
+    _complete = true;
+    _message.setReciever(receiver);
+    return _message;
+}
+
+BusDelivery::BusDelivery(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output)
     : _settings(settings)
+    , _storage(storage)
     , _output(output)
 {
     _clock.start();
 }
 
-TrelanError BusDelivery::accept(const TrelanMessage &message)
+void BusDelivery::restore()
+{
+    const qint64 wallClock = QDateTime::currentMSecsSinceEpoch();
+    const QVector<StoredMessage> messages = _storage.takeLoadedMessages();
+    for (const StoredMessage &stored : messages) {
+        // The clock of the machine may have been set back or far ahead meanwhile.
+        const qint64 age =
+            qBound<qint64>(0, wallClock - stored.queuedAt, _settings.messageLifetime);
+        const QString name = stored.message.reciever();
+        client(name).queue.append(stored.message, Delivery::Addressed, now() - age, stored.id);
+        changed(name);
+    }
+}
+
+void BusDelivery::accept(const TrelanMessage &message, const Done &done)
 {
     const QString name = message.reciever();
     const auto known = _clients.constFind(name);
     const bool connected = known != _clients.constEnd() && known->connection != 0;
     if (!connected && !message.isStored() && name != LOGGER_NAME) {
-        return {TrelanError::UnregisteredClient,
-                QStringLiteral("client %1 is not connected").arg(names::quoted(name))};
+        done({TrelanError::UnregisteredClient,
+              QStringLiteral("client %1 is not connected").arg(names::quoted(name))});
+        return;
     }
-    const TrelanError fault = roomFault(name, message);
+    const qint64 cost = costOf(message);
+    const TrelanError fault = roomFault(name, cost);
+    if (fault.error() == TrelanError::NoError && message.isStored()) {
+        keep(message, cost, done);
+        return;
+    }
     if (fault.error() == TrelanError::NoError)
         append(name, message, Delivery::Addressed);
-    return fault;
+    done(fault);
 }
 
-void BusDelivery::notify(const QString &client, const TrelanObject &object, bool fresh)
+/// The room is taken before the disk has the message, so that what was accepted always fits.
+void BusDelivery::keep(const TrelanMessage &message, qint64 cost, const Done &done)
 {
-    TrelanMessage message = object.toMessage(client);
+    reserve(message.reciever(), 1, cost);
+    _storage.keepMessage(message, [this, message, cost, done](const TrelanError &error, qint64 id) {
+        reserve(message.reciever(), -1, -cost);
+        if (error.error() == TrelanError::NoError)
+            append(message.reciever(), message, Delivery::Addressed, id);
+        changed(message.reciever());
+        done(error);
+    });
+}
+
+void BusDelivery::reserve(const QString &name, int messages, qint64 bytes)
+{
+    Client &reserving = client(name);
+    reserving.reservedMessages += messages;
+    reserving.reservedBytes += bytes;
+    _bytes += bytes;
+}
+
+QString BusDelivery::notify(const QString &client, Notification &notification, bool fresh)
+{
+    if (notification.isKept() && isBehind(client, notification))
+        return appendName(client, notification.name(), fresh);
+    TrelanMessage message = notification.message(client);
     if (fresh)
         message.setUid(names::freshUid());
-    append(client, message, Delivery::Notification);
+    append(client, message, notification.isKept() ? Delivery::Value : Delivery::Event);
+    return {};
 }
 
 void BusDelivery::dropNotifications(const QString &client)
@@ -63,25 +163,28 @@ void BusDelivery::dropNotifications(const QString &client)
     const auto known = _clients.find(client);
     if (known == _clients.end())
         return;
-    const qint64 before = known->queue.bytes();
     known->queue.dropNotifications();
-    changed(client, before);
+    if (known->lostEvents > 0)
+        warnOfLostEvents(client, *known);
+    changed(client);
 }
 
-void BusDelivery::attach(const QString &client, ConnectionId id)
+void BusDelivery::attach(const QString &name, ConnectionId id)
 {
-    _clients[client].connection = id;
+    Client &attached = client(name);
+    _absent -= int(attached.connection == 0);
+    attached.connection = id;
 }
 
 void BusDelivery::detach(const QString &client)
 {
     const auto known = _clients.find(client);
-    if (known == _clients.end())
+    if (known == _clients.end() || known->connection == 0)
         return;
-    const qint64 before = known->queue.bytes();
     known->connection = 0;
+    ++_absent;
     known->queue.restart();
-    changed(client, before);
+    changed(client);
 }
 
 void BusDelivery::acknowledge(const QString &client, const QString &sender, const QString &reciever,
@@ -90,48 +193,56 @@ void BusDelivery::acknowledge(const QString &client, const QString &sender, cons
     const auto known = _clients.find(client);
     if (known == _clients.end())
         return;
-    const qint64 before = known->queue.bytes();
     known->queue.acknowledge(sender, reciever, uid, now());
-    changed(client, before);
+    changed(client);
 }
 
 int BusDelivery::pump(const QString &client)
 {
-    const auto known = _clients.find(client);
-    if (known == _clients.end() || known->connection == 0)
-        return 0;
+    const auto newest = [this, &client](const QString &object, TrelanMessage &message) {
+        return newestOf(client, object, message);
+    };
     int pushed = 0;
-    while (_output.canPush(known->connection)) {
-        const QByteArray frame = known->queue.takeFrame(now());
+    for (;;) {
+        // Anew each time: what is pushed may find the connection at its end.
+        const auto known = _clients.find(client);
+        if (known == _clients.end() || known->connection == 0 ||
+            !_output.canPush(known->connection))
+            return pushed;
+        const QByteArray frame = known->queue.takeFrame(now(), newest);
+        const ConnectionId connection = known->connection;
+        changed(client); // names have become messages
         if (frame.isEmpty())
-            break;
-        _output.push(known->connection, frame);
+            return pushed;
+        _output.push(connection, frame);
         ++pushed;
     }
-    return pushed;
 }
 
-bool BusDelivery::checkTimes()
+void BusDelivery::checkTimes()
 {
-    bool hasDeadline = false;
     const QStringList names = _clients.keys();
     for (const QString &name : names) {
         Client &client = _clients[name];
-        const qint64 before = client.queue.bytes();
         if (client.connection != 0 && !_output.canPush(client.connection))
             client.queue.heard(now()); // a large frame is still leaving
-        client.queue.checkTimes(now());
-        changed(name, before);
-        pump(name);
-        const auto left = _clients.constFind(name);
-        hasDeadline = hasDeadline || (left != _clients.constEnd() && left->queue.hasDeadline());
+        client.queue.checkTimes(now(), _settings.messageLifetime);
+        if (client.lostEvents > 0 && _warnings.allows(name))
+            warnOfLostEvents(name, client);
+        changed(name);
     }
-    return hasDeadline;
 }
 
 bool BusDelivery::hasQueues() const
 {
     return _bytes > 0;
+}
+
+bool BusDelivery::hasDeadline() const
+{
+    return std::any_of(_clients.cbegin(), _clients.cend(), [](const Client &client) {
+        return client.queue.hasDeadline() || client.lostEvents > 0;
+    });
 }
 
 QStringList BusDelivery::names() const
@@ -142,31 +253,38 @@ QStringList BusDelivery::names() const
 int BusDelivery::queuedMessages(const QString &client) const
 {
     const auto known = _clients.constFind(client);
-    return known == _clients.constEnd() ? 0 : known->queue.count();
+    return known == _clients.constEnd() ? 0 : known->queue.count() + known->queue.nameCount();
 }
 
 qint64 BusDelivery::queuedBytes(const QString &client) const
 {
     const auto known = _clients.constFind(client);
-    return known == _clients.constEnd() ? 0 : known->queue.bytes();
+    return known == _clients.constEnd() ? 0 : known->queue.bytes() + known->queue.nameBytes();
 }
 
-TrelanError BusDelivery::roomFault(const QString &name, const TrelanMessage &message) const
+/// The queue of a client, made if it has none.
+BusDelivery::Client &BusDelivery::client(const QString &name)
+{
+    const auto known = _clients.find(name);
+    if (known != _clients.end())
+        return *known;
+    ++_absent;
+    return *_clients.insert(name, Client());
+}
+
+TrelanError BusDelivery::roomFault(const QString &name, qint64 cost) const
 {
     if (name == LOGGER_NAME)
         return TrelanError(); // see dropExcess()
     const auto known = _clients.constFind(name);
     const bool isNew = known == _clients.constEnd();
-    Delivery delivery;
-    delivery.message = message;
-    const qint64 cost = delivery.cost();
-    if (isNew && _clients.size() >= _settings.maxQueues)
-        return boundFault(QStringLiteral("the bus has %1 queues at most").arg(_settings.maxQueues));
-    if (_bytes + cost > _settings.maxQueuedBytes) {
-        return boundFault(
-            QStringLiteral("the bus queues %1 bytes at most").arg(_settings.maxQueuedBytes));
+    if (isNew && _absent >= _settings.maxQueues) {
+        return boundFault(QStringLiteral("the bus has %1 queues for absent clients at most")
+                              .arg(_settings.maxQueues));
     }
-    if (!isNew && isFull(known->queue, 1, cost)) {
+    if (_bytes + cost > _settings.maxQueuedBytes)
+        return boundFault(totalFault(_settings.maxQueuedBytes));
+    if (!isNew && isFull(*known, 1, cost)) {
         return boundFault(QStringLiteral("client %1 has %2 messages or %3 bytes waiting at most")
                               .arg(names::quoted(name))
                               .arg(_settings.maxClientMessages)
@@ -176,41 +294,91 @@ TrelanError BusDelivery::roomFault(const QString &name, const TrelanMessage &mes
 }
 
 /// Whether a queue is past a bound, with so much on top.
-bool BusDelivery::isFull(const DeliveryQueue &queue, int messages, qint64 bytes) const
+bool BusDelivery::isFull(const Client &client, int messages, qint64 bytes) const
 {
-    return queue.count() + messages > _settings.maxClientMessages ||
-           queue.bytes() + bytes > _settings.maxClientBytes;
+    return client.queue.count() + client.reservedMessages + messages >
+               _settings.maxClientMessages ||
+           client.queue.bytes() + client.reservedBytes + bytes > _settings.maxClientBytes;
 }
 
-void BusDelivery::append(const QString &name, const TrelanMessage &message, Delivery::Kind kind)
+/// Whether a stored object is to wait as its name only.
+bool BusDelivery::isBehind(const QString &name, const Notification &notification) const
 {
-    DeliveryQueue &queue = _clients[name].queue;
-    const qint64 before = queue.bytes();
-    queue.append(message, kind, now());
-    if (kind == Delivery::Notification || name == LOGGER_NAME)
-        dropExcess(name, queue, kind, before);
-    _bytes += queue.bytes() - before;
+    const qint64 cost = notification.cost();
+    if (_bytes + cost > _settings.maxQueuedBytes)
+        return true;
+    const auto known = _clients.constFind(name);
+    if (known == _clients.constEnd())
+        return cost > _settings.maxClientBytes / CONFLATED_BYTES_SHARE;
+    const DeliveryQueue &queue = known->queue;
+    const int most = qMin(_settings.conflateAbove, _settings.maxClientMessages);
+    return queue.hasName(notification.name()) || queue.count() + queue.nameCount() >= most ||
+           queue.bytes() + cost > _settings.maxClientBytes / CONFLATED_BYTES_SHARE;
+}
+
+QString BusDelivery::appendName(const QString &name, const QString &object, bool fresh)
+{
+    DeliveryQueue &queue = client(name).queue;
+    if (!queue.hasName(object)) {
+        if (queue.nameCount() >= _settings.maxClientNames)
+            return QStringLiteral("%1 objects wait for it at most").arg(_settings.maxClientNames);
+        if (queue.nameBytes() + DeliveryQueue::nameCost(object) > _settings.maxClientBytes) {
+            return QStringLiteral("names of %1 bytes wait for it at most")
+                .arg(_settings.maxClientBytes);
+        }
+    }
+    queue.appendName(object, fresh);
+    return {};
+}
+
+void BusDelivery::append(const QString &name, const TrelanMessage &message, Delivery::Kind kind,
+                         qint64 storedId)
+{
+    Client &receiving = client(name);
+    receiving.queue.append(message, kind, now(), storedId);
+    if (kind == Delivery::Event || name == LOGGER_NAME)
+        dropExcess(name, receiving, kind);
+    changed(name);
+}
+
+bool BusDelivery::newestOf(const QString &receiver, const QString &object,
+                           TrelanMessage &message) const
+{
+    const ObjectRecord *record = _storage.find(object);
+    if (!record)
+        return false;
+    message = record->toNotification();
+    message.setReciever(receiver);
+    return true;
 }
 
 /// An event that nobody fetches makes room for the next; so does a log line, which must not be
 /// refused either: the refusal would be logged, and come back as the next line.
-void BusDelivery::dropExcess(const QString &name, DeliveryQueue &queue, Delivery::Kind kind,
-                             qint64 bytesBefore)
+void BusDelivery::dropExcess(const QString &name, Client &client, Delivery::Kind kind)
 {
-    const qint64 others = _bytes - bytesBefore;
+    const qint64 others = _bytes - client.accounted;
     qint64 dropped = 0;
-    while ((isFull(queue, 0, 0) || others + queue.bytes() > _settings.maxQueuedBytes) &&
-           queue.dropOldest(kind))
+    while ((isFull(client, 0, 0) || others + client.queue.bytes() > _settings.maxQueuedBytes) &&
+           client.queue.dropOldest(kind))
         ++dropped;
     if (dropped == 0)
         return;
-    if (kind == Delivery::Addressed)
+    if (kind == Delivery::Addressed) {
         countLostLogLines(dropped);
-    else if (_warnings.allows(name)) {
-        qCWarning(BUS_LOG).noquote()
-            << QStringLiteral("notifications for %1 are dropped: its queue is full")
-                   .arg(names::quoted(name));
+        return;
     }
+    client.lostEvents += dropped;
+    if (_warnings.allows(name))
+        warnOfLostEvents(name, client);
+}
+
+void BusDelivery::warnOfLostEvents(const QString &name, Client &client)
+{
+    qCWarning(BUS_LOG).noquote() << QStringLiteral(
+                                        "%1 notifications for %2 are dropped: its queue is full")
+                                        .arg(client.lostEvents)
+                                        .arg(names::quoted(name));
+    client.lostEvents = 0;
 }
 
 void BusDelivery::countLostLogLines(qint64 lines)
@@ -225,13 +393,19 @@ void BusDelivery::countLostLogLines(qint64 lines)
 }
 
 /// Settles the account of a queue that was changed, and drops it when nothing is left to keep.
-void BusDelivery::changed(const QString &name, qint64 bytesBefore)
+void BusDelivery::changed(const QString &name)
 {
     const auto known = _clients.find(name);
-    _bytes += known->queue.bytes() - bytesBefore;
+    if (known == _clients.end())
+        return;
+    _bytes += known->queue.bytes() - known->accounted;
+    known->accounted = known->queue.bytes();
     warnGivenUp(name, known->queue.takeGivenUp());
-    if (known->queue.isEmpty() && known->connection == 0)
+    _storage.removeMessages(known->queue.takeSettled());
+    if (known->queue.isEmpty() && known->connection == 0 && known->reservedMessages == 0) {
         _clients.erase(known);
+        --_absent;
+    }
 }
 
 qint64 BusDelivery::now() const

@@ -2,39 +2,73 @@
 
 #include "buslog.h"
 #include "busoutput.h"
+#include "busstorage.h"
 #include "deliveryqueue.h"
 #include "trelanbussettings.h"
-
-#include <trelanobject.h>
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
+#include <functional>
+
 namespace bus
 {
 
+/// \brief A published value on its way to its subscribers. Its message, which is the same for all
+/// but for the receiver, is made when the first of them needs it.
+class Notification
+{
+public:
+    explicit Notification(const ObjectRecord &record);
+
+    /// Whether the value can be taken from the storage later, since it is kept there.
+    bool isKept() const;
+    QString name() const;
+    /// What keeping its message takes, in bytes, roughly.
+    qint64 cost() const;
+
+    TrelanMessage message(const QString &receiver);
+
+private:
+    const ObjectRecord &_record;
+    TrelanMessage _message;
+    bool _complete = false;
+};
+
 /// \brief What waits for whom: a queue for every client that has something to get, bounded one by
 /// one and in all, and its message connection while there is one.
+///
+/// Messages are refused at a bound. Notifications are not: of a stored object only the newest value
+/// waits once a client is behind, so that it costs the length of a name; of objects that are not
+/// stored the oldest go. Stored messages are on disk before they are accepted, where there is a
+/// disk, and until they are acknowledged.
 ///
 /// Nothing is sent before pump() is called. One thread.
 class BusDelivery
 {
 public:
-    BusDelivery(const TrelanBusSettings &settings, BusOutput &output);
+    using Done = std::function<void(const TrelanError &)>;
 
-    /// Accepts a message for its receiver, or says why not.
-    TrelanError accept(const TrelanMessage &message);
+    BusDelivery(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output);
 
-    /// Queues the notification of \a object for a subscriber. One that is \a fresh is news to a
-    /// receiver that knows the value.
-    void notify(const QString &client, const TrelanObject &object, bool fresh = false);
+    /// Takes over the messages that were on disk at the start.
+    void restore();
+
+    /// Accepts a message for its receiver, or says why not. \a done is called at once or when the
+    /// message is on disk.
+    void accept(const TrelanMessage &message, const Done &done);
+
+    /// Queues a notification for a subscriber. One that is \a fresh is news to a receiver that
+    /// knows the value. Returns which bound the client is past, for people, usually nothing: then
+    /// it cannot be told what it has subscribed any more.
+    QString notify(const QString &client, Notification &notification, bool fresh = false);
     /// The client's subscriptions are gone.
     void dropNotifications(const QString &client);
 
-    /// The client's message connection is \a id from now on.
-    void attach(const QString &client, ConnectionId id);
+    /// The message connection of the client \a name is \a id from now on.
+    void attach(const QString &name, ConnectionId id);
     /// It has none.
     void detach(const QString &client);
 
@@ -45,9 +79,11 @@ public:
     /// Sends what may be sent. Returns how many frames that were.
     int pump(const QString &client);
 
-    /// To be called about once a second while hasQueues(). Returns false when time alone changes
-    /// nothing any more, so that it need not be called before something else has happened.
-    bool checkTimes();
+    /// To be called about once a second while hasDeadline(), and each client to be pumped then.
+    void checkTimes();
+    /// Whether time alone changes anything. Looks at every queue; without any, which hasQueues()
+    /// tells at once, there is no deadline.
+    bool hasDeadline() const;
     bool hasQueues() const;
 
     /// Clients that have a queue, empty or not.
@@ -60,22 +96,35 @@ private:
     {
         DeliveryQueue queue;
         ConnectionId connection = 0;
+        int reservedMessages = 0; // on their way to the disk
+        qint64 reservedBytes = 0;
+        qint64 accounted = 0;
+        qint64 lostEvents = 0; // not in the log yet
     };
 
-    TrelanError roomFault(const QString &name, const TrelanMessage &message) const;
-    bool isFull(const DeliveryQueue &queue, int messages, qint64 bytes) const;
-    void append(const QString &name, const TrelanMessage &message, Delivery::Kind kind);
-    void dropExcess(const QString &name, DeliveryQueue &queue, Delivery::Kind kind,
-                    qint64 bytesBefore);
+    Client &client(const QString &name);
+    TrelanError roomFault(const QString &name, qint64 cost) const;
+    bool isFull(const Client &client, int messages, qint64 bytes) const;
+    bool isBehind(const QString &name, const Notification &notification) const;
+    QString appendName(const QString &name, const QString &object, bool fresh);
+    void append(const QString &name, const TrelanMessage &message, Delivery::Kind kind,
+                qint64 storedId = 0);
+    void keep(const TrelanMessage &message, qint64 cost, const Done &done);
+    void reserve(const QString &name, int messages, qint64 bytes);
+    bool newestOf(const QString &receiver, const QString &object, TrelanMessage &message) const;
+    void dropExcess(const QString &name, Client &client, Delivery::Kind kind);
+    void warnOfLostEvents(const QString &name, Client &client);
     void countLostLogLines(qint64 lines);
-    void changed(const QString &name, qint64 bytesBefore);
+    void changed(const QString &name);
     qint64 now() const;
 
     const TrelanBusSettings _settings;
+    BusStorage &_storage;
     BusOutput &_output;
     QElapsedTimer _clock;
     QHash<QString, Client> _clients;
-    qint64 _bytes = 0;
+    int _absent = 0;   // of them, without a connection
+    qint64 _bytes = 0; // of all messages, those on their way to the disk included
     qint64 _lostLogLines = 0;
     QElapsedTimer _logWarning;
     WarningLimiter _warnings;

@@ -47,6 +47,9 @@ bool BusListener::listen(const QHostAddress &host, quint16 port)
         _errorString = _server.errorString();
         return false;
     }
+    // The server lets 50 connections wait. One more, and the system drops what it sends first, so
+    // that it is there a second later: in a crowd, or when everybody comes back at once.
+    ::listen(int(_server.socketDescriptor()), SOMAXCONN);
     awaitConnections();
     return true;
 }

@@ -103,6 +103,8 @@ bool BusServer::start()
             return false;
         qCWarning(BUS_LOG).noquote() << "permanent objects are refused:" << _errorString;
     }
+    _core.restoreMessages();
+    watchTimes();
     return listen(_queryListener, _settings.queryDescriptor, _settings.queryPort) &&
            listen(_msgListener, _settings.msgDescriptor, _settings.msgPort);
 }
@@ -303,7 +305,7 @@ void BusServer::handleStorageResults()
 /// The clock runs only while something may run out: an idle bus is not to wake up.
 void BusServer::watchTimes()
 {
-    if (_core.hasQueues() && !_times.isActive())
+    if (!_times.isActive() && _core.hasQueues())
         _times.start();
 }
 

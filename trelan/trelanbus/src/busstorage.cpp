@@ -16,7 +16,8 @@ bool BusStorage::open()
     if (_folder.isEmpty())
         return true;
     QVector<ObjectRecord> records;
-    if (!_permanent.open(_folder) || !_permanent.load(records)) {
+    if (!_permanent.open(_folder) || !_permanent.load(records, _loadedMessages)) {
+        _loadedMessages.clear();
         _errorString = _permanent.errorString();
         _permanent.close();
         _state = TrelanBus::Unusable;
@@ -25,6 +26,8 @@ bool BusStorage::open()
     // What is on disk was acknowledged, so that it is taken even above a bound lowered since.
     for (const ObjectRecord &record : std::as_const(records))
         _objects.put(record);
+    if (!_loadedMessages.isEmpty())
+        _lastMessageId = _loadedMessages.constLast().id;
     _state = TrelanBus::OnDisk;
     _disk = std::make_unique<Disk>(
         [this](std::vector<Job> jobs) { return write(_permanent, std::move(jobs)); }, _wake);
@@ -98,6 +101,42 @@ void BusStorage::remove(const QStringList &names, const Done &done)
             removeFromMemory();
         done(error);
     });
+}
+
+void BusStorage::keepMessage(const TrelanMessage &message, const Kept &kept)
+{
+    if (_state == TrelanBus::Unusable) {
+        kept({TrelanError::InvalidDataStorage, _errorString}, 0);
+        return;
+    }
+    if (_state == TrelanBus::MemoryOnly) {
+        kept(TrelanError(), 0);
+        return;
+    }
+    PermanentStore::Change toDisk;
+    const qint64 id = ++_lastMessageId;
+    toDisk.messages.append({id, message, QDateTime::currentMSecsSinceEpoch()});
+    change(toDisk, {}, [id, kept](const TrelanError &error) { kept(error, id); });
+}
+
+/// Nobody waits for it: what is still there when the bus ends too soon is delivered once more.
+void BusStorage::removeMessages(const QVector<qint64> &ids)
+{
+    if (ids.isEmpty() || _state != TrelanBus::OnDisk)
+        return;
+    PermanentStore::Change toDisk;
+    toDisk.settledMessages = ids;
+    change(toDisk, {}, [](const TrelanError &) {});
+}
+
+QVector<StoredMessage> BusStorage::takeLoadedMessages()
+{
+    return std::exchange(_loadedMessages, {});
+}
+
+void BusStorage::setDeliveryUid(const QString &name, const QString &uid)
+{
+    _objects.setDeliveryUid(name, uid);
 }
 
 const ObjectRecord *BusStorage::find(const QString &name) const

@@ -19,9 +19,10 @@ namespace bus
 
 /// \brief What the bus keeps: the values in memory, and the permanent ones on disk behind them.
 ///
-/// The one door to both. A change that concerns the disk is made there first, in a thread of its
-/// own, and shows in memory when it is safe; changes of one name take effect in the order in which
-/// they were asked for, whether they concern the disk or not. Reads see what has taken effect.
+/// The one door to both, and to the messages that wait on disk. A change that concerns the disk is
+/// made there first, in a thread of its own, and shows in memory when it is safe; changes of one
+/// name take effect in the order in which they were asked for, whether they concern the disk or
+/// not. Reads see what has taken effect.
 ///
 /// One thread. The owner calls handleResults() in it after \a wake, which comes from another.
 class BusStorage
@@ -33,8 +34,8 @@ public:
     ~BusStorage();
     Q_DISABLE_COPY(BusStorage)
 
-    /// Loads the permanent objects. False, with the reason in errorString(), leaves a storage that
-    /// refuses permanent objects and is otherwise whole.
+    /// Loads what is on disk. False, with the reason in errorString(), leaves a storage that
+    /// refuses permanent objects and stored messages and is otherwise whole.
     bool open();
 
     TrelanBus::Storage state() const;
@@ -46,6 +47,17 @@ public:
     /// Drops objects; names that are not there are no error. \a done as above.
     void remove(const QStringList &names, const Done &done);
 
+    /// \a id is that of the message on disk, or 0 if it is not there.
+    using Kept = std::function<void(const TrelanError &, qint64 id)>;
+
+    /// Puts a message on disk, if there is one, until removeMessages(). \a kept is called with the
+    /// outcome, at once or from handleResults().
+    void keepMessage(const TrelanMessage &message, const Kept &kept);
+    void removeMessages(const QVector<qint64> &ids);
+    /// The messages that were on disk at the start, in the order in which they came.
+    QVector<StoredMessage> takeLoadedMessages();
+
+    void setDeliveryUid(const QString &name, const QString &uid);
     const ObjectRecord *find(const QString &name) const;
     QVector<ObjectRecord> matching(const QString &wildcard) const;
     QStringList namesMatching(const QString &wildcard) const;
@@ -84,6 +96,8 @@ private:
     PermanentStore _permanent;
     TrelanBus::Storage _state = TrelanBus::MemoryOnly;
     QString _errorString;
+    QVector<StoredMessage> _loadedMessages;
+    qint64 _lastMessageId = 0;
     bool _warnedMemoryOnly = false;
     WarningLimiter _warnings;
 

@@ -1,5 +1,7 @@
 #include "deliveryqueue.h"
 
+#include "busnames.h"
+
 #include <trelanframe.h>
 
 #include <algorithm>
@@ -12,6 +14,7 @@ namespace
 
 // Headers and allocator, measured roughly: small messages must not come for free.
 constexpr qint64 FIXED_COST = 256;
+constexpr qint64 NAME_COST = 96;
 
 QString keyOf(const QString &sender, const QString &reciever, const QString &uid)
 {
@@ -38,20 +41,43 @@ qint64 Delivery::cost() const
     return FIXED_COST + characters * qint64(sizeof(QChar));
 }
 
-void DeliveryQueue::append(const TrelanMessage &message, Delivery::Kind kind, qint64 now)
+void DeliveryQueue::append(const TrelanMessage &message, Delivery::Kind kind, qint64 queuedAt,
+                           qint64 storedId)
 {
     Delivery delivery;
+    delivery.storedId = storedId;
+    delivery.number = ++_lastNumber;
     delivery.message = message;
     delivery.key = message.msgKey();
     delivery.kind = kind;
-    delivery.queuedAt = now;
+    delivery.queuedAt = queuedAt;
     _bytes += delivery.cost();
     _waiting.append(delivery);
 }
 
-QByteArray DeliveryQueue::takeFrame(qint64 now)
+void DeliveryQueue::appendName(const QString &name, bool fresh)
 {
-    if (_waiting.isEmpty() || _inFlight.size() >= MAX_IN_FLIGHT)
+    const auto known = _isFresh.find(name);
+    if (known != _isFresh.end()) {
+        *known = *known || fresh;
+        return;
+    }
+    _isFresh.insert(name, fresh);
+    _names.push_back({name, ++_lastNumber});
+    _nameBytes += nameCost(name);
+}
+
+bool DeliveryQueue::hasName(const QString &name) const
+{
+    return _isFresh.contains(name);
+}
+
+QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest)
+{
+    if (_inFlight.size() >= MAX_IN_FLIGHT)
+        return {};
+    takeNames(newest);
+    if (_waiting.isEmpty())
         return {};
     if (_nextFrame.isEmpty()) {
         _nextFrame = TrelanFrame::encode(
@@ -106,15 +132,18 @@ void DeliveryQueue::dropNotifications()
 {
     QList<Delivery> kept;
     for (const Delivery &delivery : std::as_const(_waiting)) {
-        if (delivery.kind == Delivery::Notification)
+        if (delivery.kind != Delivery::Addressed)
             forget(delivery);
         else
             kept.append(delivery);
     }
     _waiting = kept;
     _nextFrame.clear();
+    _names.clear();
+    _nameBytes = 0;
+    _isFresh.clear();
     for (Delivery &delivery : _inFlight)
-        delivery.expired = delivery.expired || delivery.kind == Delivery::Notification;
+        delivery.expired = delivery.expired || delivery.kind != Delivery::Addressed;
 }
 
 bool DeliveryQueue::dropOldest(Delivery::Kind kind)
@@ -130,14 +159,17 @@ bool DeliveryQueue::dropOldest(Delivery::Kind kind)
     return false;
 }
 
-void DeliveryQueue::checkTimes(qint64 now)
+void DeliveryQueue::checkTimes(qint64 now, qint64 lifetime)
 {
     // A slow reader acknowledges the others meanwhile: that is no silence.
     if (!_inFlight.isEmpty() && now - qMax(_inFlight.first().sentAt, _heardAt) >= SILENCE_MS)
         sendAgain(1);
     for (int i = _waiting.size() - 1; i >= 0; --i) {
-        const Delivery &delivery = _waiting.at(i);
-        if (!delivery.message.needAnswer() || now - delivery.queuedAt < ANSWER_WAIT_MS)
+        Delivery &delivery = _waiting[i];
+        if (delivery.kind != Delivery::Addressed)
+            continue;
+        delivery.outlived = now - delivery.queuedAt >= lifetime;
+        if (!delivery.outlived && !isAnswerLate(delivery, now))
             continue;
         forget(delivery);
         _givenUp.prepend(_waiting.takeAt(i));
@@ -149,8 +181,9 @@ void DeliveryQueue::checkTimes(qint64 now)
 bool DeliveryQueue::hasDeadline() const
 {
     return !_inFlight.isEmpty() ||
-           std::any_of(_waiting.cbegin(), _waiting.cend(),
-                       [](const Delivery &delivery) { return delivery.message.needAnswer(); });
+           std::any_of(_waiting.cbegin(), _waiting.cend(), [](const Delivery &delivery) {
+               return delivery.kind == Delivery::Addressed;
+           });
 }
 
 QList<Delivery> DeliveryQueue::takeGivenUp()
@@ -158,9 +191,14 @@ QList<Delivery> DeliveryQueue::takeGivenUp()
     return std::exchange(_givenUp, {});
 }
 
+QVector<qint64> DeliveryQueue::takeSettled()
+{
+    return std::exchange(_settled, {});
+}
+
 bool DeliveryQueue::isEmpty() const
 {
-    return _waiting.isEmpty() && _inFlight.isEmpty();
+    return _waiting.isEmpty() && _inFlight.isEmpty() && _names.empty();
 }
 
 int DeliveryQueue::count() const
@@ -168,9 +206,52 @@ int DeliveryQueue::count() const
     return _waiting.size() + _inFlight.size();
 }
 
+int DeliveryQueue::nameCount() const
+{
+    return int(_names.size());
+}
+
 qint64 DeliveryQueue::bytes() const
 {
     return _bytes;
+}
+
+qint64 DeliveryQueue::nameBytes() const
+{
+    return _nameBytes;
+}
+
+qint64 DeliveryQueue::nameCost(const QString &name)
+{
+    return NAME_COST + name.size() * qint64(sizeof(QChar));
+}
+
+/// Makes a message of the name whose turn has come, and passes those over whose objects are gone.
+void DeliveryQueue::takeNames(const Newest &newest)
+{
+    while (!_names.empty() &&
+           (_waiting.isEmpty() || _names.front().number < _waiting.first().number)) {
+        const Name next = _names.front();
+        _names.pop_front();
+        _nameBytes -= nameCost(next.name);
+        Delivery delivery;
+        const bool fresh = _isFresh.take(next.name);
+        if (!newest || !newest(next.name, delivery.message))
+            continue;
+        if (fresh)
+            delivery.message.setUid(names::freshUid());
+        delivery.key = delivery.message.msgKey();
+        delivery.kind = Delivery::Value;
+        delivery.number = next.number;
+        _bytes += delivery.cost();
+        _nextFrame.clear();
+        _waiting.prepend(delivery);
+    }
+}
+
+bool DeliveryQueue::isAnswerLate(const Delivery &delivery, qint64 now) const
+{
+    return delivery.message.needAnswer() && now - delivery.queuedAt >= ANSWER_WAIT_MS;
 }
 
 /// A late acknowledgement of what is about to be sent again.
@@ -208,6 +289,8 @@ void DeliveryQueue::sendAgain(int number)
 void DeliveryQueue::forget(const Delivery &delivery)
 {
     _bytes -= delivery.cost();
+    if (delivery.storedId != 0)
+        _settled.append(delivery.storedId);
 }
 
 } // namespace bus

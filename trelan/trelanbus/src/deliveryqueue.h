@@ -3,8 +3,13 @@
 #include <trelanmessage.h>
 
 #include <QtCore/QByteArray>
+#include <QtCore/QHash>
 #include <QtCore/QList>
 #include <QtCore/QString>
+#include <QtCore/QVector>
+
+#include <deque>
+#include <functional>
 
 namespace bus
 {
@@ -13,18 +18,22 @@ namespace bus
 struct Delivery
 {
     enum Kind {
-        Addressed,   ///< from another client
-        Notification ///< of an object, for a subscriber
+        Addressed, ///< from another client
+        Value,     ///< notification of a stored object
+        Event      ///< notification of an object that is not stored
     };
 
     TrelanMessage message;
     QString key; // of the message: made once, compared with every acknowledgement
     Kind kind = Addressed;
+    qint64 storedId = 0; // on disk; 0 if it is not there
+    quint64 number = 0;  // its place
     qint64 queuedAt = 0;
     qint64 sentAt = 0;
     qint64 frameSize = 0;
     int resends = 0;
-    bool expired = false; // not to be sent again
+    bool expired = false;  // not to be sent again
+    bool outlived = false; // given up since it waited longer than messages do
 
     /// What keeping it takes, in bytes.
     qint64 cost() const;
@@ -38,6 +47,9 @@ struct Delivery
 /// The reader of a client reads frame by frame, drops one that does not come together, and forgets
 /// messages older than the last hundred: hence a window, and hence a delivery that is not
 /// acknowledged although a later one is counts as dropped and is sent again.
+///
+/// Beside messages the names of objects can wait, in their place among them. Such a name takes
+/// little, and becomes a message with the value of then when its turn comes.
 class DeliveryQueue
 {
 public:
@@ -47,11 +59,21 @@ public:
     static constexpr qint64 SILENCE_MS = 60000;
     static constexpr qint64 ANSWER_WAIT_MS = 60000;
 
-    void append(const TrelanMessage &message, Delivery::Kind kind, qint64 now);
+    /// Makes the notification of the newest value of an object. False if there is none any more.
+    using Newest = std::function<bool(const QString &name, TrelanMessage &message)>;
+
+    /// \a queuedAt may be before the times that other methods were given: then it has waited since.
+    void append(const TrelanMessage &message, Delivery::Kind kind, qint64 queuedAt,
+                qint64 storedId = 0);
+
+    /// The newest value of this object is to be sent, once, however often this is called before. If
+    /// \a fresh, under an id that the receiver cannot know.
+    void appendName(const QString &name, bool fresh);
+    bool hasName(const QString &name) const;
 
     /// The frame to send next, which is then in flight; empty if there is none, or the window is
     /// full.
-    QByteArray takeFrame(qint64 now);
+    QByteArray takeFrame(qint64 now, const Newest &newest = {});
 
     /// The client has acknowledged a delivery; others may have been dropped. Returns false if
     /// nothing of the kind is in flight.
@@ -71,9 +93,9 @@ public:
     /// Drops the oldest of a kind that waits. False if there is none.
     bool dropOldest(Delivery::Kind kind);
 
-    /// Sends the oldest again when nothing was heard of it for long, and gives up calls that waited
-    /// for so long that nobody waits for the answer any more.
-    void checkTimes(qint64 now);
+    /// Sends the oldest again when nothing was heard of it for long, and gives up messages that
+    /// waited for \a lifetime, and calls for whose answer nobody waits any more.
+    void checkTimes(qint64 now, qint64 lifetime);
 
     /// Whether time alone can change anything, so that checkTimes() has to be called.
     bool hasDeadline() const;
@@ -81,20 +103,41 @@ public:
     /// What was given up since the last call, for the log.
     QList<Delivery> takeGivenUp();
 
+    /// What need not be on disk any more, by id, since the last call.
+    QVector<qint64> takeSettled();
+
     bool isEmpty() const;
+    /// Messages, the names of objects left out.
     int count() const;
-    qint64 bytes() const;
+    int nameCount() const;
+    qint64 bytes() const; ///< of the messages
+    qint64 nameBytes() const;
+
+    static qint64 nameCost(const QString &name);
 
 private:
+    struct Name
+    {
+        QString name;
+        quint64 number;
+    };
+
+    void takeNames(const Newest &newest);
+    bool isAnswerLate(const Delivery &delivery, qint64 now) const;
     bool settleWaiting(const QString &key);
     void sendAgain(int number);
     void forget(const Delivery &delivery);
 
     QList<Delivery> _waiting;
     QList<Delivery> _inFlight;
+    std::deque<Name> _names;
+    QHash<QString, bool> _isFresh; // of each of the names
+    quint64 _lastNumber = 0;
     QList<Delivery> _givenUp;
+    QVector<qint64> _settled;
     QByteArray _nextFrame; // of the first that waits, once it was needed
     qint64 _bytes = 0;
+    qint64 _nameBytes = 0;
     qint64 _bytesInFlight = 0;
     qint64 _heardAt = 0;
 };

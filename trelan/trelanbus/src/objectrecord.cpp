@@ -29,6 +29,14 @@ TrelanObject ObjectRecord::toObject() const
     return object;
 }
 
+TrelanMessage ObjectRecord::toNotification() const
+{
+    TrelanMessage message = toObject().toMessage(QString());
+    if (!deliveryUid.isEmpty())
+        message.setUid(deliveryUid);
+    return message;
+}
+
 qint64 ObjectRecord::cost() const
 {
     const qint64 characters = head.name().size() + head.publisher().size() + head.uid().size();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <trelanmessage.h>
 #include <trelanobject.h>
 
 #include <QtCore/QByteArray>
@@ -15,9 +16,12 @@ struct ObjectRecord
 {
     TrelanObject head;      ///< everything but the content
     QByteArray contentJson; ///< a JSON object
+    QString deliveryUid;    ///< in place of its uid for those who may know that of another value
 
     static ObjectRecord fromObject(const TrelanObject &object);
     TrelanObject toObject() const;
+    /// The notification of it, for any receiver.
+    TrelanMessage toNotification() const;
 
     /// What keeping it takes, in bytes.
     qint64 cost() const;

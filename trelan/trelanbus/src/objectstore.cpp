@@ -57,6 +57,13 @@ void ObjectStore::remove(const QString &name)
     account(before, room(name));
 }
 
+void ObjectStore::setDeliveryUid(const QString &name, const QString &uid)
+{
+    const auto found = _objects.find(name);
+    if (found != _objects.end())
+        found->deliveryUid = uid;
+}
+
 const ObjectRecord *ObjectStore::find(const QString &name) const
 {
     const auto found = _objects.constFind(name);

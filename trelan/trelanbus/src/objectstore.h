@@ -31,6 +31,8 @@ public:
     /// Keeps \a record in place of one of the same name; asks no bound.
     void put(const ObjectRecord &record);
     void remove(const QString &name);
+    /// Of the value that is kept, if there is one.
+    void setDeliveryUid(const QString &name, const QString &uid);
 
     /// Null if there is none; valid until the next change.
     const ObjectRecord *find(const QString &name) const;

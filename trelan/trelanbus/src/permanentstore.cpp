@@ -13,6 +13,9 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <initializer_list>
+
 namespace bus
 {
 
@@ -25,7 +28,8 @@ constexpr int LOG_HEADER_SIZE = 32;
 constexpr quint32 LOG_MAGIC = 0x377f0682;
 constexpr int BUSY_TIMEOUT_MS = 500; // a server that is just ending may still hold the database
 constexpr qint64 APPLICATION_ID = 0x5472656c;
-constexpr qint64 SCHEMA_VERSION = 1;
+constexpr qint64 SCHEMA_VERSION = 2;
+constexpr qint64 SCHEMA_WITHOUT_MESSAGES = 1;
 
 constexpr char SCHEMA_SQL[] = "CREATE TABLE objects("
                               " name TEXT NOT NULL PRIMARY KEY,"
@@ -37,18 +41,65 @@ constexpr char SCHEMA_SQL[] = "CREATE TABLE objects("
                               " digest BLOB NOT NULL);"
                               "PRAGMA application_id = 1416783212;"
                               "PRAGMA user_version = 1;";
+constexpr char UPGRADE_SQL[] = "CREATE TABLE messages("
+                               " id INTEGER NOT NULL PRIMARY KEY,"
+                               " sender TEXT NOT NULL,"
+                               " reciever TEXT NOT NULL,"
+                               " uid TEXT NOT NULL,"
+                               " time INTEGER NOT NULL,"
+                               " options INTEGER NOT NULL,"
+                               " text TEXT NOT NULL,"
+                               " queued INTEGER NOT NULL,"
+                               " digest BLOB NOT NULL);"
+                               "PRAGMA user_version = 2;";
 static_assert(APPLICATION_ID == 1416783212, "as in the schema");
 constexpr char LOAD_SQL[] =
     "SELECT name, publisher, time, uid, options, content, digest FROM objects";
 constexpr char PUT_SQL[] = "INSERT OR REPLACE INTO objects VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)";
 constexpr char REMOVE_SQL[] = "DELETE FROM objects WHERE name = ?1";
+constexpr char LOAD_MESSAGES_SQL[] = "SELECT id, sender, reciever, uid, time, options, text, "
+                                     "queued, digest FROM messages ORDER BY id";
+constexpr char PUT_MESSAGE_SQL[] =
+    "INSERT INTO messages VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)";
+constexpr char REMOVE_MESSAGE_SQL[] = "DELETE FROM messages WHERE id = ?1";
 
 enum Column { Name, Publisher, Time, Uid, Options, Content, Digest };
+
+/// Columns of the messages.
+namespace msg
+{
+enum Column { Id, Sender, Reciever, Uid, Time, Options, Text, Queued, Digest };
+}
+
+void bindNumber(sqlite3_stmt *statement, int column, qint64 value)
+{
+    sqlite3_bind_int64(statement, column + 1, value);
+}
 
 void bindText(sqlite3_stmt *statement, int column, const QByteArray &text)
 {
     sqlite3_bind_text64(statement, column + 1, text.constData(), sqlite3_uint64(text.size()),
                         SQLITE_TRANSIENT, SQLITE_UTF8);
+}
+
+void bindBytes(sqlite3_stmt *statement, int column, const QByteArray &bytes)
+{
+    sqlite3_bind_blob(statement, column + 1, bytes.constData(), bytes.size(), SQLITE_TRANSIENT);
+}
+
+/// Over what a row holds: the database has no checksums of its own.
+QByteArray digestOf(std::initializer_list<QByteArray> texts, std::initializer_list<qint64> numbers)
+{
+    QCryptographicHash hash(QCryptographicHash::Sha1);
+    for (const QByteArray &text : texts) {
+        hash.addData(QByteArray::number(text.size()) + ':');
+        hash.addData(text);
+    }
+    QByteArrayList words;
+    for (const qint64 number : numbers)
+        words.append(QByteArray::number(number));
+    hash.addData(words.join(':'));
+    return hash.result();
 }
 
 /// As it is stored: what is no valid text comes as it is.
@@ -121,26 +172,13 @@ void PermanentStore::Finalize::operator()(sqlite3_stmt *statement) const
     sqlite3_finalize(statement);
 }
 
-/// What a row holds, with the digest over it: the database has no checksums of its own.
-struct PermanentStore::Row
+/// Those of a transaction.
+struct PermanentStore::Statements
 {
-    QByteArray name;
-    QByteArray publisher;
-    qint64 time = 0;
-    QByteArray uid;
-    int options = 0;
-    QByteArray content;
-
-    QByteArray digest() const
-    {
-        QCryptographicHash hash(QCryptographicHash::Sha1);
-        for (const QByteArray &text : {name, publisher, uid, content}) {
-            hash.addData(QByteArray::number(text.size()) + ':');
-            hash.addData(text);
-        }
-        hash.addData(QByteArray::number(time) + ':' + QByteArray::number(options));
-        return hash.result();
-    }
+    Statement putObject;
+    Statement removeObject;
+    Statement putMessage;
+    Statement removeMessage;
 };
 
 bool PermanentStore::open(const QString &folder)
@@ -165,7 +203,15 @@ void PermanentStore::close()
     _errorString.clear();
 }
 
-bool PermanentStore::load(QVector<ObjectRecord> &records)
+bool PermanentStore::load(QVector<ObjectRecord> &records, QVector<StoredMessage> &messages)
+{
+    if (!loadObjects(records) || !upgrade() || !loadMessages(messages))
+        return false;
+    keepLogOnClose(false);
+    return true;
+}
+
+bool PermanentStore::loadObjects(QVector<ObjectRecord> &records)
 {
     const Statement statement = prepare(LOAD_SQL);
     if (!statement)
@@ -177,10 +223,35 @@ bool PermanentStore::load(QVector<ObjectRecord> &records)
             return false;
         records.append(record);
     }
-    if (status != SQLITE_DONE)
-        return failDatabase();
-    keepLogOnClose(false);
-    return true;
+    return status == SQLITE_DONE || failDatabase();
+}
+
+bool PermanentStore::loadMessages(QVector<StoredMessage> &messages)
+{
+    const Statement statement = prepare(LOAD_MESSAGES_SQL);
+    if (!statement)
+        return false;
+    int status = SQLITE_ROW;
+    while ((status = sqlite3_step(statement.get())) == SQLITE_ROW) {
+        StoredMessage message;
+        if (!readRow(statement.get(), message))
+            return false;
+        messages.append(message);
+    }
+    return status == SQLITE_DONE || failDatabase();
+}
+
+/// Gives a database of an older version what it misses.
+bool PermanentStore::upgrade()
+{
+    qint64 version = 0;
+    if (!number("PRAGMA user_version", version))
+        return false;
+    if (version == SCHEMA_VERSION)
+        return true;
+    if (!execute("BEGIN IMMEDIATE"))
+        return false;
+    return (execute(UPGRADE_SQL) && execute("COMMIT")) || failAndRollBack();
 }
 
 bool PermanentStore::apply(const QVector<Change> &changes)
@@ -192,6 +263,11 @@ bool PermanentStore::apply(const QVector<Change> &changes)
         return false;
     if (applyInTransaction(changes) && execute("COMMIT"))
         return true;
+    return failAndRollBack();
+}
+
+bool PermanentStore::failAndRollBack()
+{
     const QString reason = _errorString;
     if (sqlite3_get_autocommit(_database.get()) == 0)
         execute("ROLLBACK");
@@ -284,10 +360,10 @@ bool PermanentStore::checkKind()
         !number("PRAGMA application_id", kind) || !number("PRAGMA user_version", version))
         return false;
     if (tables == 0 && kind == 0 && version == 0)
-        return execute(SCHEMA_SQL);
+        return execute(SCHEMA_SQL) && execute(UPGRADE_SQL);
     if (kind != APPLICATION_ID)
         return fail(QStringLiteral("the database belongs to another application"));
-    if (version != SCHEMA_VERSION)
+    if (version != SCHEMA_VERSION && version != SCHEMA_WITHOUT_MESSAGES)
         return fail(QStringLiteral("the database has version %1, and %2 is understood")
                         .arg(version)
                         .arg(SCHEMA_VERSION));
@@ -334,22 +410,42 @@ PermanentStore::Statement PermanentStore::prepare(const char *sql)
 
 bool PermanentStore::put(sqlite3_stmt *statement, const ObjectRecord &record)
 {
-    Row row;
-    row.name = record.head.name().toUtf8();
-    row.publisher = record.head.publisher().toUtf8();
-    row.time = record.head.dt().toMSecsSinceEpoch();
-    row.uid = exactBytes(record.head.uid());
-    row.options = int(record.head.options());
-    row.content = record.contentJson;
-    const QByteArray digest = row.digest();
+    const QByteArray name = record.head.name().toUtf8();
+    const QByteArray publisher = record.head.publisher().toUtf8();
+    const qint64 time = record.head.dt().toMSecsSinceEpoch();
+    const QByteArray uid = exactBytes(record.head.uid());
+    const int options = int(record.head.options());
 
-    bindText(statement, Name, row.name);
-    bindText(statement, Publisher, row.publisher);
-    sqlite3_bind_int64(statement, Time + 1, row.time);
-    bindText(statement, Uid, row.uid);
-    sqlite3_bind_int(statement, Options + 1, row.options);
-    bindText(statement, Content, row.content);
-    sqlite3_bind_blob(statement, Digest + 1, digest.constData(), digest.size(), SQLITE_TRANSIENT);
+    bindText(statement, Name, name);
+    bindText(statement, Publisher, publisher);
+    bindNumber(statement, Time, time);
+    bindText(statement, Uid, uid);
+    bindNumber(statement, Options, options);
+    bindText(statement, Content, record.contentJson);
+    bindBytes(statement, Digest,
+              digestOf({name, publisher, uid, record.contentJson}, {time, options}));
+    return step(statement);
+}
+
+bool PermanentStore::put(sqlite3_stmt *statement, const StoredMessage &stored)
+{
+    const QByteArray sender = exactBytes(stored.message.sender());
+    const QByteArray reciever = exactBytes(stored.message.reciever());
+    const QByteArray uid = exactBytes(stored.message.uid());
+    const qint64 time = stored.message.dt().toMSecsSinceEpoch();
+    const int options = int(stored.message.options());
+    const QByteArray text = exactBytes(stored.message.message());
+
+    bindNumber(statement, msg::Id, stored.id);
+    bindText(statement, msg::Sender, sender);
+    bindText(statement, msg::Reciever, reciever);
+    bindText(statement, msg::Uid, uid);
+    bindNumber(statement, msg::Time, time);
+    bindNumber(statement, msg::Options, options);
+    bindText(statement, msg::Text, text);
+    bindNumber(statement, msg::Queued, stored.queuedAt);
+    bindBytes(statement, msg::Digest,
+              digestOf({sender, reciever, uid, text}, {stored.id, time, options, stored.queuedAt}));
     return step(statement);
 }
 
@@ -359,23 +455,40 @@ bool PermanentStore::remove(sqlite3_stmt *statement, const QString &name)
     return step(statement);
 }
 
+bool PermanentStore::remove(sqlite3_stmt *statement, qint64 id)
+{
+    bindNumber(statement, msg::Id, id);
+    return step(statement);
+}
+
 bool PermanentStore::applyInTransaction(const QVector<Change> &changes)
 {
-    const Statement putStatement = prepare(PUT_SQL);
-    const Statement removeStatement = prepare(REMOVE_SQL);
-    if (!putStatement || !removeStatement)
+    const Statements statements {prepare(PUT_SQL), prepare(REMOVE_SQL), prepare(PUT_MESSAGE_SQL),
+                                 prepare(REMOVE_MESSAGE_SQL)};
+    if (!statements.putObject || !statements.removeObject || !statements.putMessage ||
+        !statements.removeMessage)
         return false;
-    for (const Change &change : changes) {
-        for (const QString &name : change.removes) {
-            if (!remove(removeStatement.get(), name))
-                return false;
-        }
-        for (const ObjectRecord &record : change.puts) {
-            if (!put(putStatement.get(), record))
-                return false;
-        }
-    }
-    return true;
+    return std::all_of(changes.cbegin(), changes.cend(),
+                       [&](const Change &change) { return apply(change, statements); });
+}
+
+bool PermanentStore::apply(const Change &change, const Statements &statements)
+{
+    const auto each = [](const auto &values, const auto &apply) {
+        return std::all_of(values.cbegin(), values.cend(), apply);
+    };
+    return each(change.removes,
+                [&](const QString &name) { return remove(statements.removeObject.get(), name); }) &&
+           each(change.puts,
+                [&](const ObjectRecord &record) {
+                    return put(statements.putObject.get(), record);
+                }) &&
+           each(change.messages,
+                [&](const StoredMessage &message) {
+                    return put(statements.putMessage.get(), message);
+                }) &&
+           each(change.settledMessages,
+                [&](qint64 id) { return remove(statements.removeMessage.get(), id); });
 }
 
 bool PermanentStore::step(sqlite3_stmt *statement)
@@ -389,24 +502,49 @@ bool PermanentStore::step(sqlite3_stmt *statement)
 /// The database's own check does not look into texts.
 bool PermanentStore::readRow(sqlite3_stmt *statement, ObjectRecord &record)
 {
-    Row row;
-    row.name = columnBytes(statement, Name);
-    row.publisher = columnBytes(statement, Publisher);
-    row.time = sqlite3_column_int64(statement, Time);
-    row.uid = columnBytes(statement, Uid);
-    row.options = sqlite3_column_int(statement, Options);
-    row.content = columnBytes(statement, Content);
-    if (row.digest() != columnBytes(statement, Digest)) {
+    const QByteArray name = columnBytes(statement, Name);
+    const QByteArray publisher = columnBytes(statement, Publisher);
+    const qint64 time = sqlite3_column_int64(statement, Time);
+    const QByteArray uid = columnBytes(statement, Uid);
+    const int options = sqlite3_column_int(statement, Options);
+    const QByteArray content = columnBytes(statement, Content);
+    if (digestOf({name, publisher, uid, content}, {time, options}) !=
+        columnBytes(statement, Digest)) {
         return fail(
             QStringLiteral("the database is damaged: the object %1 is not as it was written")
-                .arg(names::quoted(QString::fromUtf8(row.name))));
+                .arg(names::quoted(QString::fromUtf8(name))));
     }
-    record.head.setName(QString::fromUtf8(row.name));
-    record.head.setPublisher(QString::fromUtf8(row.publisher));
-    record.head.setDt(QDateTime::fromMSecsSinceEpoch(row.time));
-    record.head.setUid(exactText(row.uid));
-    record.head.setOptions(TrelanObject::Options(QFlag(row.options)));
-    record.contentJson = row.content;
+    record.head.setName(QString::fromUtf8(name));
+    record.head.setPublisher(QString::fromUtf8(publisher));
+    record.head.setDt(QDateTime::fromMSecsSinceEpoch(time));
+    record.head.setUid(exactText(uid));
+    record.head.setOptions(TrelanObject::Options(QFlag(options)));
+    record.contentJson = content;
+    return true;
+}
+
+bool PermanentStore::readRow(sqlite3_stmt *statement, StoredMessage &stored)
+{
+    stored.id = sqlite3_column_int64(statement, msg::Id);
+    const QByteArray sender = columnBytes(statement, msg::Sender);
+    const QByteArray reciever = columnBytes(statement, msg::Reciever);
+    const QByteArray uid = columnBytes(statement, msg::Uid);
+    const qint64 time = sqlite3_column_int64(statement, msg::Time);
+    const int options = sqlite3_column_int(statement, msg::Options);
+    const QByteArray text = columnBytes(statement, msg::Text);
+    stored.queuedAt = sqlite3_column_int64(statement, msg::Queued);
+    if (digestOf({sender, reciever, uid, text}, {stored.id, time, options, stored.queuedAt}) !=
+        columnBytes(statement, msg::Digest)) {
+        return fail(
+            QStringLiteral("the database is damaged: the message %1 is not as it was written")
+                .arg(stored.id));
+    }
+    stored.message.setSender(exactText(sender));
+    stored.message.setReciever(exactText(reciever));
+    stored.message.setUid(exactText(uid));
+    stored.message.setDt(QDateTime::fromMSecsSinceEpoch(time));
+    stored.message.setOptions(TrelanMessage::Options(QFlag(options)));
+    stored.message.setMessage(exactText(text));
     return true;
 }
 

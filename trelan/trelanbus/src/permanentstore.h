@@ -1,6 +1,7 @@
 #pragma once
 
 #include "objectrecord.h"
+#include "storedmessage.h"
 
 #include <QtCore/QString>
 #include <QtCore/QStringList>
@@ -14,7 +15,7 @@ struct sqlite3_stmt;
 namespace bus
 {
 
-/// \brief The permanent objects in a folder on disk, one SQLite database.
+/// \brief The permanent objects and the stored messages in a folder on disk, one SQLite database.
 ///
 /// What a function reports as done is on disk: it outlives the process and the machine. The
 /// database belongs to one server at a time, is checked when it is opened, and is never replaced:
@@ -23,11 +24,13 @@ namespace bus
 class PermanentStore
 {
 public:
-    /// One change: objects to keep and names to drop, all or nothing.
+    /// One change: objects and messages to keep and to drop, all or nothing.
     struct Change
     {
         QVector<ObjectRecord> puts;
         QStringList removes;
+        QVector<StoredMessage> messages;
+        QVector<qint64> settledMessages; ///< to drop, by id
     };
 
     PermanentStore();
@@ -40,7 +43,7 @@ public:
     void close();
 
     /// Reads everything. False if the database turns out to be damaged.
-    bool load(QVector<ObjectRecord> &records);
+    bool load(QVector<ObjectRecord> &records, QVector<StoredMessage> &messages);
 
     /// Makes all \a changes, in order, with one wait for the disk. All or nothing.
     bool apply(const QVector<Change> &changes);
@@ -57,7 +60,7 @@ private:
         void operator()(sqlite3_stmt *statement) const;
     };
     using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
-    struct Row;
+    struct Statements;
 
     bool prepareFolder(const QString &folder);
     bool prepareDatabase();
@@ -69,12 +72,20 @@ private:
     bool execute(const char *sql);
     bool number(const char *sql, qint64 &value);
     Statement prepare(const char *sql);
+    bool loadObjects(QVector<ObjectRecord> &records);
+    bool loadMessages(QVector<StoredMessage> &messages);
+    bool upgrade();
     bool put(sqlite3_stmt *statement, const ObjectRecord &record);
+    bool put(sqlite3_stmt *statement, const StoredMessage &stored);
     bool remove(sqlite3_stmt *statement, const QString &name);
+    bool remove(sqlite3_stmt *statement, qint64 id);
     bool applyInTransaction(const QVector<Change> &changes);
+    bool apply(const Change &change, const Statements &statements);
     bool step(sqlite3_stmt *statement);
     bool readRow(sqlite3_stmt *statement, ObjectRecord &record);
+    bool readRow(sqlite3_stmt *statement, StoredMessage &stored);
     bool fail(const QString &reason);
+    bool failAndRollBack();
     bool failDatabase();
 
     std::unique_ptr<sqlite3, CloseDatabase> _database;

@@ -20,10 +20,11 @@ struct TrelanBusSettings
     int queryDescriptor = -1;
     int msgDescriptor = -1; ///< likewise
 
-    /// Folder of the permanent objects, made if it does not exist. Empty: they live in memory only.
+    /// Folder of the permanent objects and the stored messages, made if it does not exist. Empty:
+    /// they live in memory only.
     QString dataFolder;
     /// Whether a bus whose data folder cannot be used fails to start, rather than to start and to
-    /// refuse permanent objects.
+    /// refuse permanent objects and stored messages.
     bool requireStorage = false;
 
     qint64 maxFrameSize = 16 * 1024 * 1024;    ///< payload of one frame, either way
@@ -35,8 +36,15 @@ struct TrelanBusSettings
 
     int maxClientMessages = 1000;                ///< waiting for one client
     qint64 maxClientBytes = 16 * 1024 * 1024;    ///< likewise, in bytes
-    int maxQueues = 10000;                       ///< clients that something waits for
+    int maxQueues = 10000;                       ///< absent clients that something waits for
     qint64 maxQueuedBytes = 256LL * 1024 * 1024; ///< waiting in all
+    /// From so many deliveries for one client, or a sixteenth of its bytes, of a stored object only
+    /// the newest value waits.
+    int conflateAbove = 200;
+    /// Objects whose newest value waits for one client. Their names have as much room as messages
+    /// have, besides them.
+    int maxClientNames = 100000;
+    int messageLifetime = 60 * 60 * 1000; ///< how long a message waits for its receiver
 
     int handshakeTimeout = 30000; ///< from the connection to the handshake
     int stallTimeout = 30000;     ///< a begun frame, or an unread reply, without progress
