@@ -84,6 +84,9 @@ private Q_SLOTS:
             QCOMPARE(runTool(line, _at, R"({"from":"std\u009bin"})"), "0||");
     }
 
+    /// Its thread must not log while the program ends, and the log with it.
+    void cleanupTestCase() { _bus.stop(); }
+
     void run_data()
     {
         const TestTable<QByteArray, QByteArray> row("pattern", "input");
