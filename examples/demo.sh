@@ -1,37 +1,42 @@
 #!/usr/bin/env bash
-# A first run: a bus, a program that publishes the state of this machine, and the tool that loads
-# it back. Called with the build folder; everything that is started here is ended here.
+# A first run, in under a minute: a bus, programs that publish, watch, answer and log on it, one of
+# them stopped, and the bus killed and started again under all of them. Called with the build folder;
+# everything that is started here is ended here, and every step has to go as it should.
 set -euo pipefail
 
 build=${1:?usage: demo.sh BUILD-FOLDER}
 busd=$build/trelan/trelanbusd/trelanbusd
 ctl=$build/trelan/trelanctl/trelanctl
 hoststate=$build/examples/hoststate/hoststate
-for program in "$busd" "$ctl" "$hoststate"; do
+thermostat=$build/examples/controller/controller
+for program in "$busd" "$ctl" "$hoststate" "$thermostat"; do
     [[ -x $program ]] || { echo "demo: $program is not there; build the tree first" >&2; exit 1; }
 done
 
-deadline=20 # seconds that anything here may take to come up
+deadline=30 # seconds that anything here may take to come up
 work=$(mktemp -d)
-bus_pid='' host_pid=''
+declare -A pids=()
 
 cleanup() {
-    local status=$?
+    local status=$? name
     trap - EXIT
-    for pid in $host_pid $bus_pid; do
-        kill "$pid" 2>/dev/null || true
-        wait "$pid" 2>/dev/null || true
+    for name in "${!pids[@]}"; do
+        kill "${pids[$name]}" 2>/dev/null || true
+        kill -CONT "${pids[$name]}" 2>/dev/null || true
+        wait "${pids[$name]}" 2>/dev/null || true
     done
-    if ((status != 0)) && [[ -s $work/bus.log ]]; then
-        echo "demo: the log of the bus:" >&2
-        cat "$work/bus.log" >&2
-    fi
+    ((status == 0)) || tail -n 50 "$work"/*.log >&2
     rm -rf "$work"
     exit "$status"
 }
 trap cleanup EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
+
+fail() {
+    echo "demo: $*" >&2
+    exit 1
+}
 
 caption() { printf '\n# %s\n' "$1"; }
 
@@ -52,70 +57,128 @@ run() {
     show "$@"
     printf '\n'
     "$@" 2>&1 || status=$?
-    if ((status != expected)); then
-        echo "demo: that ended with $status, not with $expected" >&2
-        exit 1
-    fi
+    ((status == expected)) || fail "that ended with $status, not with $expected"
 }
 
-# wait_for PID WHAT COMMAND...: until the command succeeds, as long as the process is there.
+# start NAME COMMAND...: runs it in the background; what it says is in NAME.log.
+start() {
+    local name=$1
+    shift
+    show "$@"
+    printf ' &\n'
+    "$@" >>"$work/$name.log" 2>&1 &
+    pids[$name]=$!
+}
+
+# wait_for WHAT COMMAND...: until the command succeeds, as long as everything runs.
 wait_for() {
-    local pid=$1 what=$2 end=$((SECONDS + deadline))
-    shift 2
+    local what=$1 end=$((SECONDS + deadline)) name
+    shift
     until "$@" >/dev/null 2>&1; do
-        if ((SECONDS >= end)) || ! kill -0 "$pid" 2>/dev/null; then
-            echo "demo: $what did not come" >&2
-            exit 1
-        fi
+        ((SECONDS < end)) || fail "$what did not come"
+        for name in "${!pids[@]}"; do
+            kill -0 "${pids[$name]}" 2>/dev/null || fail "$name has ended"
+        done
         sleep 0.05
     done
 }
 
+says() { grep -qE -- "$2" "$work/$1.log"; }
+lines() { grep -cE -- "$2" "$work/$1.log" || true; }
+has_lines() { (($(lines "$1" "$2") >= $3)); }
+
+# more NAME PATTERN COUNT: waits for so many lines more than there are, and shows them.
+more() {
+    local had
+    had=$(lines "$1" "$2")
+    wait_for "what $1 should say" has_lines "$1" "$2" $((had + $3))
+    grep -E -- "$2" "$work/$1.log" | sed -n "$((had + 1)),$((had + $3))p"
+}
+
+# end NAME: asks it to stop, and holds it to exit code 0.
+end() {
+    local status=0 pid=${pids[$1]}
+    unset "pids[$1]"
+    kill -TERM "$pid"
+    wait "$pid" || status=$?
+    ((status == 0)) || fail "$1 ended with $status"
+}
+
+has_queued() { "$ctl" "${at[@]}" --json clients | grep -qE "\"name\":\"$1\".*\"queued\":[1-9]"; }
+is_answered() { "$ctl" "${at[@]}" call "$@"; }
+loads='^host\..*\.load '
+
 caption 'A bus, on free ports of this machine and with a data folder of its own'
-start_bus=(--query-port 0 --msg-port 0 --port-file "$work/ports" --data "$work/data")
-mkdir "$work/data"
-show "$busd" "${start_bus[@]}"
-printf ' &\n'
-"$busd" "${start_bus[@]}" >"$work/bus.log" 2>&1 &
-bus_pid=$!
-wait_for "$bus_pid" 'the port of the bus' grep -qE '^query=[0-9]+' "$work/ports"
-port=$(sed -n 's/^query=\([0-9]*\).*/\1/p' "$work/ports")
-echo "query port: $port"
+start bus "$busd" --query-port 0 --msg-port 0 --port-file "$work/ports" --data "$work/data"
+wait_for 'the ports of the bus' grep -qE '^msg=[0-9]+' "$work/ports"
+at=(--query-port "$(sed -n 's/^query=//p' "$work/ports")" --msg-port "$(sed -n 's/^msg=//p' "$work/ports")")
+tail -n 1 "$work/bus.log"
 
-caption 'A program that publishes the load, memory, network and disks of this machine each second'
-publish_args=(--query-port "$port" --interval 1 --seconds 60)
-show "$hoststate" "${publish_args[@]}"
-printf ' &\n'
-"$hoststate" "${publish_args[@]}" &
-host_pid=$!
-host=$(uname -n)
-host=${host//./_}
-wait_for "$host_pid" "host.$host.load" "$ctl" --query-port "$port" get "host.$host.load"
-# The first value of another second shows that it is not the same one for ever.
-first=$("$ctl" --query-port "$port" --json get "host.$host.load")
-changed() { [[ $("$ctl" --query-port "$port" --json get "host.$host.load") != "$first" ]]; }
-wait_for "$host_pid" 'a second value' changed
+caption 'A program that publishes the load, memory, network and disks of this machine'
+start hoststate "$hoststate" "${at[@]:0:2}" --interval 0.5 --seconds 0
 
-caption 'Another program loads all of it back'
-run 0 "$ctl" --query-port "$port" ls 'host.*'
+caption 'Another process watches; changes are printed as they come'
+start watcher "$ctl" "${at[@]}" watch 'host.*'
+more watcher "$loads" 3
 
-caption 'One object, for a script'
-run 0 "$ctl" --query-port "$port" --json get "host.$host.load"
+caption 'What is stored can be loaded at any time; what is permanent is on disk'
+run 0 "$ctl" "${at[@]:0:2}" pub room.cellar celsius=12 --permanent
+run 0 "$ctl" "${at[@]:0:2}" --json get room.cellar
+run 1 "$ctl" "${at[@]:0:2}" get room.nothing
 
-caption 'An object that does not exist'
-run 1 "$ctl" --query-port "$port" get "host.$host.nothing"
+caption 'An application that watches the rooms, and a logging client that prints its log'
+start logger "$ctl" "${at[@]}" logs
+start thermostat "$thermostat" "${at[@]}"
+wait_for 'the log line' says logger 'it is cold'
+grep 'it is cold' "$work/logger.log"
 
-caption 'A publish that the bus refuses: the name has an empty segment'
-run 1 "$ctl" --query-port "$port" pub "host..$host" answer=42
+caption 'It answers a command; so does any program, with the tool'
+run 0 "$ctl" "${at[@]}" call thermostat rooms
+start clock "$ctl" "${at[@]}" --name clock serve time --exec /bin/date -- '+{"time":"%T"}'
+wait_for 'the clock' is_answered clock time
+run 0 "$ctl" "${at[@]}" call clock time
 
-caption 'The end: the publisher and the bus are asked to stop'
-kill -TERM "$host_pid"
+caption 'A reader is stopped: its changes wait in the bus, and nobody else does'
+start reader "$ctl" "${at[@]}" --name reader watch 'host.*' 'room.*'
+wait_for 'a change for the reader' says reader '^host'
+kill -STOP "${pids[reader]}"
+echo '(stopped)'
+wait_for 'a queue of the reader' has_queued reader
+run 0 "$ctl" "${at[@]:0:2}" pub room.garden celsius=20
+more watcher "$loads" 2
+run 0 "$ctl" "${at[@]}" call thermostat rooms --timeout 5
+run 0 "$ctl" "${at[@]}" clients
+kill -CONT "${pids[reader]}"
+echo '(continued)'
+wait_for 'what the reader has missed' says reader '^room.garden '
+grep '^room.garden ' "$work/reader.log"
+end reader
+
+caption 'The bus is killed, and started again'
+kill -KILL "${pids[bus]}"
 status=0
-wait "$host_pid" || status=$?
-host_pid=
-((status == 0)) || { echo "demo: hoststate ended with $status" >&2; exit 1; }
-kill -TERM "$bus_pid"
-wait "$bus_pid" || status=$?
-bus_pid=
-((status == 0)) || { echo "demo: trelanbusd ended with $status" >&2; exit 1; }
-echo "both ended with 0"
+wait "${pids[bus]}" 2>/dev/null || status=$?
+unset 'pids[bus]'
+((status == 128 + 9)) || fail "the bus ended with $status before it was killed"
+wait_for 'the loss' says watcher 'is away'
+grep 'is away' "$work/watcher.log"
+start bus "$busd" "${at[@]}" --data "$work/data"
+
+caption 'Everybody is back, by itself, and what is permanent is there'
+wait_for 'the watcher' says watcher 'is back'
+grep 'is back' "$work/watcher.log"
+more watcher "$loads" 2
+wait_for 'the thermostat' is_answered thermostat rooms
+run 0 "$ctl" "${at[@]}" call thermostat rooms
+wait_for 'the clock' is_answered clock time
+run 0 "$ctl" "${at[@]}" call clock time
+run 0 "$ctl" "${at[@]:0:2}" pub room.attic celsius=3
+wait_for 'a new log line' says logger 'cold in .*attic'
+grep 'attic' "$work/logger.log"
+run 0 "$ctl" "${at[@]:0:2}" --json get room.cellar
+
+caption 'The end: everything is asked to stop, and ends with 0'
+for name in clock logger watcher hoststate bus; do end "$name"; done
+tail -n 1 "$work/hoststate.log"
+tail -n 1 "$work/bus.log"
+echo "$SECONDS s"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The examples as their readers run them: a bus, a program that watches and one that answers, each a
-# process of its own. Called with the build folder; everything that is started here is ended here.
+# The examples as their readers run them, each a process of its own, around one bus. Called with the
+# build folder; everything that is started here is ended here.
 set -euo pipefail
 
 build=${1:?usage: examples.sh BUILD-FOLDER}
@@ -26,7 +26,7 @@ fail() {
     exit 1
 }
 
-mkfifo "$work/bus" "$work/watched"
+mkfifo "$work/bus"
 "$build/trelan/trelanbusd/trelanbusd" --query-port 0 --msg-port 0 2>"$work/bus" &
 pids+=($!)
 exec 3<"$work/bus"
@@ -37,21 +37,45 @@ ports=(--query-port "${BASH_REMATCH[1]}" --msg-port "${BASH_REMATCH[2]}")
 cat <&3 >"$work/bus.log" &
 pids+=($!)
 
-"$build/examples/watch/watch" "${ports[@]}" 'room.*' >"$work/watched" 2>"$work/watch.log" &
-pids+=($!)
-exec 4<"$work/watched"
-"$build/examples/command/command" "${ports[@]}" --name answerer 2>"$work/answer.log" &
-pids+=($!)
+ctl=("$build/trelan/trelanctl/trelanctl" "${ports[@]}")
 
-# Published until it is seen: when the watcher has subscribed is its own affair.
-line=''
-for ((number = 1; SECONDS < deadline; ++number)); do
-    "$build/trelan/trelanctl/trelanctl" "${ports[@]:0:2}" pub room.kitchen "celsius=$number" >/dev/null
-    if IFS= read -r -t 1 line <&4; then break; fi
-done
-[[ $line =~ ^room\.kitchen\ \{\"celsius\":[0-9]+\}\ from\ .+$ ]] || fail "watched: \"$line\""
+# run NAME ARGUMENTS...: an example, in the background.
+run() {
+    local name=$1
+    shift
+    "$build/examples/$name/$name" "${ports[@]}" "$@" >"$work/$name.log" 2>&1 &
+    pids+=($!)
+}
 
-answer=$("$build/examples/command/command" "${ports[@]}" answerer 2>&1) || fail "ping: \"$answer\""
-[[ $answer == *'"ping" answered by "answerer"'* ]] || fail "ping: \"$answer\""
-echo "$line"
-echo "$answer"
+# await FILE TEXT COMMAND...: runs the command again and again until the text is there.
+await() {
+    local file=$1 text=$2
+    shift 2
+    until grep -qsF -- "$text" "$work/$file.log"; do
+        ((SECONDS < deadline)) || fail "no $text in $file.log"
+        "$@" >>"$work/$file.log" 2>&1 || true
+        sleep 0.1
+    done
+    echo "$file: $(grep -F -- "$text" "$work/$file.log" | head -n 1)"
+}
+
+"$build/examples/publish/publish" "${ports[@]}" || fail "publish ended with $?"
+"${ctl[@]}" pub room.cellar celsius=12
+run watch
+await watch '"room.kitchen" QMap(("celsius", QVariant(double, 21.5)))' true
+await watch '"room.cellar" QMap(("celsius", QVariant(qlonglong, 12)))' true
+
+run controller
+await call '{"room.cellar":12,"room.kitchen":21.5}' "${ctl[@]}" --json call thermostat rooms
+"${ctl[@]}" logs >"$work/logs.log" 2>&1 &
+pids+=($!)
+await logs 'it is cold in "room.cellar"' true
+
+run command --name answerer
+answer=$("$build/examples/command/command" "${ports[@]}" answerer 2>&1) || fail "ping: $answer"
+[[ $answer == *'"ping" answered by "answerer"'* ]] || fail "ping: $answer"
+echo "command: $answer"
+
+loaded=$("$build/examples/embed/embed" 2>&1) || fail "embed: $loaded"
+[[ $loaded == *'"room.kitchen" QMap(("celsius", QVariant(double, 21.5))) from "thermometer"'* ]] ||
+    fail "embed: $loaded"

@@ -65,13 +65,15 @@ private slots:
     void init()
     {
         limitFiles(RLIM_INFINITY);
-        _bus.stop();
         _dir = std::make_unique<QTemporaryDir>();
         _settings = TrelanBusSettings();
         _settings.queryPort = _settings.msgPort = 0;
         _settings.dataFolder = _dir->path();
         _settings.requireStorage = true;
     }
+
+    /// Its thread must not log while the program ends, and the log with it.
+    void cleanup() { _bus.stop(); }
 
     void restartBringsBack_data()
     {

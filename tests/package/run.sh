@@ -59,7 +59,7 @@ echo "ok: the support library is found beside the client"
 "$cmake" -S "$source" -B "$work/cmake" -DCMAKE_CXX_COMPILER="$compiler" \
     -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 "$cmake" --build "$work/cmake" >/dev/null
-check_program "CMake" "$work/cmake/consumer"
+check_program "CMake" "$work/cmake/thermometer"
 
 # The texts above may come out of the library itself: a translation that only the installed folder
 # has shows that this folder is looked at, and first.
@@ -70,7 +70,7 @@ printf '%s' '<TS version="2.1" language="de"><context><name>QObject</name><messa
 <source>Unsupported request</source><translation>installiert</translation>
 </message></context></TS>' >"$work/own.ts"
 "$LRELEASE" -silent "$work/own.ts" -qm "$qm"
-expect "installed translation" "a.b 1.2.1 installiert" "$(run "$work/cmake/consumer" de_DE.UTF-8)"
+expect "installed translation" "a.b 1.2.1 installiert" "$(run "$work/cmake/thermometer" de_DE.UTF-8)"
 cp "$work/trelanclient_de.qm" "$qm"
 
 export PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig"

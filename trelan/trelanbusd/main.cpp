@@ -1,3 +1,7 @@
+#include "environment.h"
+#include "options.h"
+
+#include <standarddescriptors.h>
 #include <trelanbus.h>
 
 #include <CLI/CLI.hpp>
@@ -15,86 +19,12 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+using namespace trelanbusd;
+
 namespace
 {
 
-// A frame is one block in memory, and no block is larger than 2 GiB.
-constexpr qint64 MAX_FRAME = 1LL << 30;
-constexpr qint64 MAX_BYTES = 1LL << 40;
-constexpr int MAX_COUNT = 100 * 1000 * 1000;
-
 enum ExitCode { EXIT_DONE = 0, EXIT_FAILED = 1, EXIT_USAGE = 2 };
-
-struct Options
-{
-    bus::TrelanBusSettings settings;
-    std::string host = "127.0.0.1";
-    std::string dataFolder;
-    std::string portFile;
-    std::string logLevel = "info";
-};
-
-void addLimits(CLI::App &app, bus::TrelanBusSettings &settings)
-{
-    const auto size = CLI::AsSizeValue(false);
-    const CLI::Range frame(qint64(1), MAX_FRAME, "1 to 1 GiB");
-    const CLI::Range bytes(qint64(1), MAX_BYTES, "1 to 1 TiB");
-    const CLI::Range count(1, MAX_COUNT);
-    const char *group = "Limits";
-    app.add_option("--max-frame", settings.maxFrameSize, "Largest payload of a frame")
-        ->transform(size)
-        ->check(frame)
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--max-inflated", settings.maxInflatedSize, "Largest inflated request")
-        ->transform(size)
-        ->check(frame)
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--max-connections", settings.maxConnections, "Connections at a time")
-        ->check(count)
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--max-objects", settings.maxObjects, "Stored objects")
-        ->check(count)
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--max-bytes", settings.maxObjectBytes, "Stored objects together, in bytes")
-        ->transform(size)
-        ->check(bytes)
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--max-subscriptions", settings.maxSubscriptions, "Wildcards of one client")
-        ->check(count)
-        ->capture_default_str()
-        ->group(group);
-}
-
-void addOptions(CLI::App &app, Options &options)
-{
-    app.set_version_flag("--version", "trelanbusd " TRELAN_VERSION);
-    app.add_option("--host", options.host, "IPv4 address to listen on")
-        ->check(CLI::ValidIPV4)
-        ->capture_default_str();
-    app.add_option("--query-port", options.settings.queryPort,
-                   "Port of the query channel; 0 takes any free one")
-        ->capture_default_str();
-    app.add_option("--msg-port", options.settings.msgPort,
-                   "Port of the message channel; 0 takes any free one")
-        ->capture_default_str();
-    app.add_option("--port-file", options.portFile,
-                   "File that gets the lines query=PORT and msg=PORT once the bus listens");
-    app.add_option("--data", options.dataFolder,
-                   "Folder of the permanent objects; without it they end with the process")
-        // A variable that a script forgot to set must not cost the objects.
-        ->check([](const std::string &folder) {
-            return folder.empty() ? std::string("the folder has no name") : std::string();
-        });
-    app.add_option("--log-level", options.logLevel, "Least severe line to log")
-        ->check(CLI::IsMember({"debug", "info", "warning", "critical"}))
-        ->capture_default_str();
-    addLimits(app, options.settings);
-}
 
 void configureLog(const QString &level)
 {
@@ -106,9 +36,8 @@ void configureLog(const QString &level)
     }
     QLoggingCategory::setFilterRules(rules);
     // The journal stamps the time itself, and reads the level off the number in front.
-    const bool toJournal = qEnvironmentVariableIsSet("JOURNAL_STREAM");
     qSetMessagePattern(
-        toJournal
+        logsToJournal()
             ? QStringLiteral("%{if-debug}<7>%{endif}%{if-info}<6>%{endif}%{if-warning}<4>%{endif}"
                              "%{if-critical}<3>%{endif}%{if-fatal}<2>%{endif}%{message}")
             : QStringLiteral("%{time yyyy-MM-dd hh:mm:ss.zzz} %{type} %{message}"));
@@ -144,8 +73,21 @@ QString writePortFile(const QString &path, const bus::TrelanBus &server)
     return QStringLiteral("cannot write the port file %1: %2").arg(path, file.errorString());
 }
 
+/// "127.0.0.1:43535 and 127.0.0.1:43537"; of sockets that were handed over, the ports.
+QString whereItListens(const bus::TrelanBus &server, const bus::TrelanBusSettings &settings)
+{
+    const bool given = settings.queryDescriptor >= 0;
+    return (given ? QStringLiteral("the ports %2 and %3 of the service manager")
+                  : QStringLiteral("%1:%2 and %1:%3").arg(settings.host.toString()))
+        .arg(server.queryPort())
+        .arg(server.msgPort());
+}
+
 int run(QCoreApplication &app, const Options &options, int signalFd)
 {
+    const QString shortage = raiseDescriptorLimit(options.settings.maxConnections);
+    if (!shortage.isEmpty())
+        qWarning().noquote() << shortage;
     bus::TrelanBus server;
     if (!server.start(options.settings))
         return fail(server.errorString());
@@ -158,10 +100,8 @@ int run(QCoreApplication &app, const Options &options, int signalFd)
 
     const QSocketNotifier notifier(signalFd, QSocketNotifier::Read);
     QObject::connect(&notifier, &QSocketNotifier::activated, &app, &QCoreApplication::quit);
-    qInfo().noquote() << QStringLiteral("trelanbusd %1 listens on %2:%3 and %2:%4")
-                             .arg(QStringLiteral(TRELAN_VERSION), options.settings.host.toString())
-                             .arg(server.queryPort())
-                             .arg(server.msgPort());
+    qInfo().noquote() << "trelanbusd" << TRELAN_VERSION << "listens on"
+                      << whereItListens(server, options.settings);
     sd_notify(0, "READY=1");
     QCoreApplication::exec();
     sd_notify(0, "STOPPING=1");
@@ -174,6 +114,7 @@ int run(QCoreApplication &app, const Options &options, int signalFd)
 
 int main(int argc, char **argv)
 {
+    programs::occupyStandardDescriptors();
     CLI::App cli("Trelan's bus server: keeps shared objects and answers the applications of this "
                  "machine.");
     Options options;
@@ -183,9 +124,10 @@ int main(int argc, char **argv)
     } catch (const CLI::ParseError &error) {
         return cli.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
     }
-    options.settings.host = QHostAddress(QString::fromStdString(options.host));
-    options.settings.dataFolder = QString::fromStdString(options.dataFolder);
-    options.settings.requireStorage = true;
+    finish(options);
+    const QString fault = takeSockets(options.settings);
+    if (!fault.isEmpty())
+        return fail(fault);
 
     const int signalFd = openSignals();
     QCoreApplication app(argc, argv);

@@ -3,10 +3,9 @@
 #include "output.h"
 #include "terminaltext.h"
 
-#include <QtCore/QCoreApplication>
+#include <standarddescriptors.h>
 
-#include <fcntl.h>
-#include <unistd.h>
+#include <QtCore/QCoreApplication>
 
 namespace
 {
@@ -20,21 +19,11 @@ void showLog(QtMsgType, const QMessageLogContext &, const QString &text)
         trelanctl::Output::error(trelanctl::terminal::escaped(text.simplified()));
 }
 
-/// A standard descriptor that is closed would become the socket, and what is printed go to the bus.
-/// What takes its place can be neither read nor written, so that the fault is noticed.
-void occupyStandardDescriptors()
-{
-    int descriptor = ::open("/dev/null", O_PATH);
-    while (descriptor >= STDIN_FILENO && descriptor <= STDERR_FILENO)
-        descriptor = ::open("/dev/null", O_PATH);
-    ::close(descriptor);
-}
-
 } // namespace
 
 int main(int argc, char **argv)
 {
-    occupyStandardDescriptors();
+    programs::occupyStandardDescriptors();
     QList<QByteArray> words; // before Qt, which would take options of its own away
     for (int index = 1; index < argc; ++index)
         words.append(argv[index]);

@@ -1,6 +1,9 @@
 #include "buslistener.h"
 
+#include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -20,6 +23,14 @@ bool isPassing(int error)
     return error == EAGAIN || error == EINTR || error == ECONNABORTED || error == EPROTO;
 }
 
+/// A number that the system knows about the socket; -1, with errno, if it knows none.
+int socketOption(int descriptor, int option)
+{
+    int value = -1;
+    socklen_t size = sizeof(value);
+    return ::getsockopt(descriptor, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
+}
+
 } // namespace
 
 BusListener::BusListener(QObject *parent)
@@ -32,17 +43,58 @@ BusListener::BusListener(QObject *parent)
 
 bool BusListener::listen(const QHostAddress &host, quint16 port)
 {
-    if (!_server.listen(host, port))
+    if (!_server.listen(host, port)) {
+        _errorString = _server.errorString();
         return false;
+    }
     // The server lets 50 connections wait. One more, and the system drops what it sends first, so
     // that it is there a second later: in a crowd, or when everybody comes back at once.
     ::listen(int(_server.socketDescriptor()), SOMAXCONN);
+    awaitConnections();
+    return true;
+}
+
+bool BusListener::listen(int descriptor)
+{
+    if (!takeOver(descriptor))
+        return false;
+    awaitConnections();
+    return true;
+}
+
+bool BusListener::takeOver(int descriptor)
+{
+    const int protocol = socketOption(descriptor, SO_PROTOCOL);
+    if (protocol < 0) {
+        _errorString = qt_error_string(errno);
+        return false;
+    }
+    if (protocol != IPPROTO_TCP || socketOption(descriptor, SO_ACCEPTCONN) != 1) {
+        _errorString = QStringLiteral("it is no TCP socket that listens");
+        return false;
+    }
+    // The server closes what it has. Where the caller's stays open, connections that come while
+    // the bus is started again wait there.
+    const int own = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+    if (own < 0) {
+        _errorString = qt_error_string(errno);
+        return false;
+    }
+    if (!_server.setSocketDescriptor(own)) {
+        _errorString = _server.errorString();
+        ::close(own);
+        return false;
+    }
+    return true;
+}
+
+void BusListener::awaitConnections()
+{
     // The server keeps the first error it meets, usually that nothing is waiting any more, and
     // does not tell of a shortage of descriptors after it.
     _server.pauseAccepting();
     _arrival = std::make_unique<QSocketNotifier>(_server.socketDescriptor(), QSocketNotifier::Read);
     connect(_arrival.get(), &QSocketNotifier::activated, this, &BusListener::accept);
-    return true;
 }
 
 void BusListener::close()
@@ -59,7 +111,7 @@ quint16 BusListener::serverPort() const
 
 QString BusListener::errorString() const
 {
-    return _server.errorString();
+    return _errorString;
 }
 
 /// Takes one connection: those that have been taken come first.

@@ -23,6 +23,8 @@ public:
 
     /// False, with the reason in errorString(), if it cannot.
     bool listen(const QHostAddress &host, quint16 port);
+    /// The same with a socket that listens already. It stays the caller's.
+    bool listen(int descriptor);
     void close();
 
     quint16 serverPort() const;
@@ -33,6 +35,8 @@ Q_SIGNALS:
     void descriptorArrived(qintptr descriptor);
 
 private:
+    bool takeOver(int descriptor);
+    void awaitConnections();
     void accept();
     void pause(const QString &reason);
 
@@ -40,6 +44,7 @@ private:
     std::unique_ptr<QSocketNotifier> _arrival;
     QTimer _retry;
     WarningLimiter _warnings;
+    QString _errorString;
 };
 
 } // namespace bus

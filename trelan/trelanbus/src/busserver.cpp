@@ -105,17 +105,18 @@ bool BusServer::start()
     }
     _core.restoreMessages();
     watchTimes();
-    return listen(_queryListener, _settings.queryPort) && listen(_msgListener, _settings.msgPort);
+    return listen(_queryListener, _settings.queryDescriptor, _settings.queryPort) &&
+           listen(_msgListener, _settings.msgDescriptor, _settings.msgPort);
 }
 
-bool BusServer::listen(BusListener &listener, quint16 port)
+bool BusServer::listen(BusListener &listener, int descriptor, quint16 port)
 {
-    if (listener.listen(_settings.host, port))
+    const bool given = descriptor >= 0;
+    if (given ? listener.listen(descriptor) : listener.listen(_settings.host, port))
         return true;
-    _errorString = QStringLiteral("cannot listen on %1:%2: %3")
-                       .arg(_settings.host.toString())
-                       .arg(port)
-                       .arg(listener.errorString());
+    const QString where = given ? QStringLiteral("descriptor %1").arg(descriptor)
+                                : QStringLiteral("%1:%2").arg(_settings.host.toString()).arg(port);
+    _errorString = QStringLiteral("cannot listen on %1: %2").arg(where, listener.errorString());
     return false;
 }
 

@@ -56,7 +56,7 @@ private:
     QString peer(ConnectionId id) const override;
     void setRegistered(ConnectionId id) override;
 
-    bool listen(BusListener &listener, quint16 port);
+    bool listen(BusListener &listener, int descriptor, quint16 port);
     void onDescriptor(BusConnection::Channel channel, qintptr descriptor);
     void onRequest(ConnectionId id, const QByteArray &payload);
     void onReply(ConnectionId id, const QByteArray &payload);

@@ -15,6 +15,10 @@ struct TrelanBusSettings
     QHostAddress host = QHostAddress(QHostAddress::LocalHost);
     quint16 queryPort = 43535; ///< 0: any free port, see TrelanBus::queryPort()
     quint16 msgPort = 43537;   ///< 0: any free port, see TrelanBus::msgPort()
+    /// A TCP socket of the caller that listens already, to take connections from in place of host
+    /// and port; -1: none. It stays the caller's, and listens on after the bus has stopped.
+    int queryDescriptor = -1;
+    int msgDescriptor = -1; ///< likewise
 
     /// Folder of the permanent objects and the stored messages, made if it does not exist. Empty:
     /// they live in memory only.
