@@ -24,8 +24,8 @@ namespace
 constexpr int CLIENTS = 1000;
 constexpr int IDLE_MS = 10000;
 constexpr int NAMES = 64;
-constexpr int ROUNDS = 4;  // with and without a stopped subscriber, in turns
-constexpr int PASSES = 13; // over all names, for 50 MB in each round
+constexpr int ROUNDS = 16; // with and without a stopped subscriber, in turns
+constexpr int PASSES = 3;  // over all names in each round: 200 MB in all
 constexpr double MIB = 1024.0 * 1024.0;
 
 bool _failed = false;
@@ -174,12 +174,17 @@ int runSubscriber(const QStringList &arguments)
     return subscriber.receiveUntil(arguments[4].toInt()) ? 0 : 1;
 }
 
-struct Rates
+/// What each round took.
+struct Rounds
 {
-    double publishSeconds = 0;
-    double receiveSeconds = 0;
-    int received = 0;
+    std::vector<double> publishSeconds, secondsPerReceived, daemonSeconds;
 };
+
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
 
 class StoppedBench
 {
@@ -194,7 +199,7 @@ public:
     }
 
     /// Publishes some passes while another subscriber reads. False if that does not get the newest.
-    bool run(Rates &rates)
+    bool run(Rounds &rounds)
     {
         const int first = _number + 1;
         _number += PASSES;
@@ -204,24 +209,27 @@ public:
                 frames.push_back(publishFrame(index, first + pass));
         }
         const int receivedBefore = _other->received;
+        const double used = processorTime(_daemon.pid());
+        double receiveSeconds = 0;
         bool got = false, done = true;
         QElapsedTimer timer;
         timer.start();
         std::thread other([&] {
             got = _other->receiveUntil(_number);
-            rates.receiveSeconds += seconds(timer);
+            receiveSeconds = seconds(timer);
         });
         for (const QByteArray &frame : frames)
             done = done && _publisher->send(frame) && _publisher->receive() == "0 ";
-        rates.publishSeconds += seconds(timer);
+        rounds.publishSeconds.push_back(seconds(timer));
         other.join();
-        rates.received += _other->received - receivedBefore;
+        rounds.secondsPerReceived.push_back(receiveSeconds / (_other->received - receivedBefore));
+        rounds.daemonSeconds.push_back((processorTime(_daemon.pid()) - used) / 1e3);
         return _ready && done && got;
     }
 
     /// The same with a subscriber that is stopped meanwhile; false also if that one ends without
     /// the newest.
-    bool runStopped(Rates &rates)
+    bool runStopped(Rounds &rounds)
     {
         QProcess stopped;
         stopped.setProcessChannelMode(QProcess::ForwardedErrorChannel);
@@ -231,7 +239,7 @@ public:
         bool good = stopped.waitForReadyRead() && stopped.readLine() == "subscribed\n";
         ::kill(pid_t(stopped.processId()), SIGSTOP);
         const int before = _daemon.status("VmRSS");
-        good = run(rates) && good;
+        good = run(rounds) && good;
         const int grown = _daemon.status("VmRSS");
         ::kill(pid_t(stopped.processId()), SIGCONT);
         good = stopped.waitForFinished(60000) && stopped.exitStatus() == QProcess::NormalExit &&
@@ -256,19 +264,27 @@ void stoppedSubscriber(benchmark::State &state)
 {
     for (auto _ : state) {
         StoppedBench bench;
-        Rates first, alone, disturbed;
+        Rounds first, alone, disturbed;
         bool good = bench.run(first); // what the daemon needs anyway is not counted
-        for (int round = 0; round < ROUNDS; ++round)
-            good = bench.run(alone) && bench.runStopped(disturbed) && good;
+        for (int round = 0; round < ROUNDS; ++round) {
+            // In both orders: what else the machine does comes and goes.
+            if (round % 2 == 0)
+                good = bench.run(alone) && good;
+            good = bench.runStopped(disturbed) && good;
+            if (round % 2 == 1)
+                good = bench.run(alone) && good;
+        }
         if (!good)
             fail(state, "a subscriber did not get the newest values");
-        const double megabytes = double(ROUNDS) * PASSES * NAMES * content::LARGE / 1e6;
-        state.counters["MB"] = megabytes;
-        state.counters["MB/s_alone"] = megabytes / alone.publishSeconds;
-        state.counters["publisher_percent"] = 100 * alone.publishSeconds / disturbed.publishSeconds;
-        state.counters["other_percent"] = 100 * (disturbed.received / disturbed.receiveSeconds) /
-                                          (alone.received / alone.receiveSeconds);
-        state.counters["other_received"] = disturbed.received;
+        const double megabytes = double(PASSES) * NAMES * content::LARGE / 1e6;
+        state.counters["MB"] = megabytes * ROUNDS;
+        state.counters["MB/s_alone"] = megabytes / median(alone.publishSeconds);
+        state.counters["publisher_percent"] =
+            100 * median(alone.publishSeconds) / median(disturbed.publishSeconds);
+        state.counters["other_percent"] =
+            100 * median(alone.secondsPerReceived) / median(disturbed.secondsPerReceived);
+        state.counters["cpu_ms_alone"] = median(alone.daemonSeconds) * 1e3 / (PASSES * NAMES);
+        state.counters["cpu_ms_stopped"] = median(disturbed.daemonSeconds) * 1e3 / (PASSES * NAMES);
         state.counters["growth_MiB"] = bench.growth;
         state.counters["left_MiB"] = bench.left;
     }
