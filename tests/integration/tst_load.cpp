@@ -254,7 +254,9 @@ private slots:
     {
         const TestTable<int, int, bool> row("number", "descriptors", "stay");
         row("silent, or with half a frame", amount(500, 10000), 0, true);
+#ifndef __SANITIZE_ADDRESS__ // the check of types opens a descriptor, and takes none for a fault
         row("more than there are descriptors", 300, 60, true);
+#endif
         row("come and go", amount(2000, 100000), 0, false);
     }
 
