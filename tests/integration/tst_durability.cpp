@@ -1,12 +1,11 @@
-#include "rawpeer.h"
-
+#include <daemon.h>
+#include <rawpeer.h>
 #include <testtable.h>
 #include <trelanqueryhandler.h>
 
 #include <QtCore/QProcess>
 #include <QtCore/QRandomGenerator>
 
-#include <csignal>
 #include <thread>
 
 using namespace bus;
@@ -15,45 +14,17 @@ namespace
 {
 
 /// The daemon on a data folder and a free port.
-class Daemon
+struct Keeper : Daemon
 {
-public:
-    ~Daemon()
-    {
-        _process.kill();
-        _process.waitForFinished();
-    }
-
-    /// Returns when it listens, or false when it ended instead.
+    Keeper()
+        : Daemon(TRELANBUSD)
+    {}
     bool start(const QString &folder)
     {
-        _process.setProcessChannelMode(QProcess::MergedChannels);
-        _process.start(TRELANBUSD, {"--query-port", "0", "--msg-port", "0", "--data", folder});
-        const QRegularExpression listens("listens on 127.0.0.1:(\\d+) and \\S+:(\\d+)\n");
-        QString log;
-        while (!listens.match(log).hasMatch()) {
-            if (!_process.waitForReadyRead())
-                return false;
-            log += QString::fromUtf8(_process.readAll());
-        }
-        TrelanQueryHandler::setQueryPort(quint16(listens.match(log).captured(1).toInt()));
-        _msgPort = quint16(listens.match(log).captured(2).toInt());
-        return true;
+        const bool started = Daemon::start({"--data", folder});
+        TrelanQueryHandler::setQueryPort(queryPort);
+        return started;
     }
-
-    quint16 msgPort() const { return _msgPort; }
-
-    /// Returns its exit code; -1 if the signal ended it.
-    int end(int signal)
-    {
-        ::kill(pid_t(_process.processId()), signal);
-        _process.waitForFinished();
-        return _process.exitStatus() == QProcess::NormalExit ? _process.exitCode() : -1;
-    }
-
-private:
-    QProcess _process;
-    quint16 _msgPort = 0;
 };
 
 constexpr int NAMES = 4;
@@ -130,7 +101,7 @@ QString checkInbox(const Daemon &daemon, TrelanQueryHandler &client, std::vector
 {
     RawPeer inbox;
     const QString end = QUuid::createUuid().toString(); // one of before may come again
-    if (!client.sendMessage(letter(end)) || !inbox.connectTo(daemon.msgPort()) ||
+    if (!client.sendMessage(letter(end)) || !inbox.connectTo(daemon.msgPort) ||
         inbox.ask("handshake {'name':'inbox'}") != "0 ")
         return "the inbox cannot be opened";
     QMap<QString, int> last;
@@ -162,7 +133,7 @@ QString checkInbox(const Daemon &daemon, TrelanQueryHandler &client, std::vector
 QString interrupt(const QString &folder, std::vector<Writer> &writers, int signal,
                   QRandomGenerator &random)
 {
-    Daemon daemon;
+    Keeper daemon;
     if (!daemon.start(folder))
         return "does not start";
     QSemaphore acknowledged;
@@ -183,7 +154,7 @@ QString interrupt(const QString &folder, std::vector<Writer> &writers, int signa
     if (!busy || code != (signal == SIGKILL ? -1 : 0))
         return QString("signal %1 ended it with %2").arg(signal).arg(code);
 
-    Daemon after;
+    Keeper after;
     TrelanQueryHandler client("reader");
     QMap<QString, TrelanObject> objects;
     if (!after.start(folder) || !client.open() || !client.loadObjects("*", objects))
@@ -236,7 +207,7 @@ private slots:
     {
         QFETCH(QString, arguments);
         const QTemporaryDir folder;
-        Daemon first;
+        Keeper first;
         QVERIFY(first.start(folder.path()));
         arguments.replace("PORT", QString::number(TrelanQueryHandler::queryPort()));
         arguments.replace("DATA", folder.path());

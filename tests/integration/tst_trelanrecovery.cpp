@@ -1,5 +1,6 @@
 #undef QT_NO_CAST_FROM_ASCII // texts of this file are ASCII
 
+#include <daemon.h>
 #include <rawpeer.h>
 #include <trelancontroller.h>
 #include <trelanmsgworker.h>
@@ -167,32 +168,16 @@ private slots:
     void acknowledgementsLost();
 
 private:
-    Process startServer();
     Process startClient(const QStringList &arguments);
     bool awaitBoth(QProcess &receiver, Account &account, int connections);
 
-    QString _msgPort, _queryPort;
+    Daemon _server {TRELANBUSD};
 };
-
-Process tst_TrelanRecovery::startServer()
-{
-    auto process = Process(new QProcess);
-    process->setProcessChannelMode(QProcess::MergedChannels);
-    process->start(TRELANBUSD, {"--query-port", _queryPort, "--msg-port", _msgPort});
-    const QRegularExpression listens("listens on 127.0.0.1:(\\d+) and 127.0.0.1:(\\d+)\n");
-    QString log;
-    while (!listens.match(log).hasMatch() && process->waitForReadyRead())
-        log += QString::fromUtf8(process->readAll());
-    // The next one comes back at the ports of the first.
-    _queryPort = listens.match(log).captured(1);
-    _msgPort = listens.match(log).captured(2);
-    return process;
-}
 
 Process tst_TrelanRecovery::startClient(const QStringList &arguments)
 {
     auto process = Process(new QProcess);
-    const QStringList ports {_msgPort, _queryPort};
+    const QStringList ports {QString::number(_server.msgPort), QString::number(_server.queryPort)};
     process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
     process->start(QCoreApplication::applicationFilePath(),
                    arguments.mid(0, 1) + ports + arguments.mid(1));
@@ -224,24 +209,26 @@ void tst_TrelanRecovery::killedUnderLoad_data()
 void tst_TrelanRecovery::killedUnderLoad()
 {
     QFETCH(QString, who);
-    _queryPort = _msgPort = "0";
-    auto server = startServer();
-    QVERIFY(!_msgPort.isEmpty());
+    _server.end(SIGKILL);
+    QVERIFY(_server.start());
     auto receiver = startClient({RECEIVER});
     auto a = startClient({"a", "0"});
     auto b = startClient({"b", "0"});
     Account account;
     QVERIFY(awaitBoth(*receiver, account, 1));
 
-    Process &killed = who == "server" ? server : who == "receiver" ? receiver : a;
-    killed->kill();
-    QVERIFY(killed->waitForFinished());
+    if (who == "server") {
+        _server.end(SIGKILL);
+        QVERIFY(_server.start());
+    } else {
+        const Process &killed = who == "receiver" ? receiver : a;
+        killed->kill();
+        QVERIFY(killed->waitForFinished());
+    }
     if (who == "receiver") {
         account.takeAll(*receiver);
         receiver = startClient({RECEIVER});
-    } else if (who == "server") {
-        server = startServer();
-    } else {
+    } else if (who == "sender") {
         a = startClient({"a", "100000"});
     }
     QVERIFY(awaitBoth(*receiver, account, who == "sender" ? 1 : 2));

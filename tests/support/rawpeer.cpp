@@ -28,9 +28,13 @@ RawPeer::RawPeer()
 }
 
 RawPeer::RawPeer(const bus::TrelanBus &server, const QString &name)
+    : RawPeer(server.queryPort(), name)
+{}
+
+RawPeer::RawPeer(quint16 queryPort, const QString &name)
     : RawPeer()
 {
-    const bool connected = connectTo(server.queryPort());
+    const bool connected = connectTo(queryPort);
     const QByteArray request = "handshake {'name':'" + name.toUtf8() + "'}";
     if (!connected || (!name.isEmpty() && ask(request) != "0 "))
         qWarning("the peer is not registered"); // and what needs it to be will fail
@@ -100,18 +104,29 @@ bool RawPeer::acknowledge(const QVariantMap &message)
                                     TrelanFrame::reply("sendMessage", bus::TrelanError(), answer)));
 }
 
+QVariantMap RawPeer::receiveObject()
+{
+    const QVariantMap message = receiveDelivery();
+    acknowledge(message);
+    const QByteArray text = message.value("msg").toString().toUtf8();
+    return QJsonDocument::fromJson(text).toVariant().toMap().value("__context__").toMap();
+}
+
 bool RawPeer::receiveFrame()
 {
     char bytes[64 * 1024];
     TrelanFrameReader::Status status = _reader.next();
     ssize_t count = 1;
     while (status == TrelanFrameReader::NeedMoreData && count > 0) {
-        count = ::recv(_socket, bytes, sizeof bytes, 0);
+        do // a process that was stopped gets EINTR
+            count = ::recv(_socket, bytes, sizeof bytes, 0);
+        while (count < 0 && errno == EINTR);
         _reader.feed(QByteArray(bytes, int(qMax<ssize_t>(count, 0))));
         status = _reader.next();
     }
-    _envelope = TrelanFrame::decodePayload(_reader.payload()).envelope;
-    return status == TrelanFrameReader::FrameReady;
+    const bool isFrame = status == TrelanFrameReader::FrameReady;
+    _envelope = isFrame ? TrelanFrame::decodePayload(_reader.payload()).envelope : QVariantMap();
+    return isFrame;
 }
 
 QString RawPeer::ask(const QByteArray &request)
@@ -132,4 +147,25 @@ bool RawPeer::awaitEnd()
     while (count > 0)
         count = ::recv(_socket, bytes, sizeof bytes, 0);
     return count == 0 || errno == ECONNRESET;
+}
+
+void RawPeer::endWithReset()
+{
+    const linger atOnce {1, 0};
+    ::setsockopt(_socket, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+}
+
+RawClient::RawClient(quint16 queryPort, quint16 msgPort, const QString &name,
+                     const QString &wildcard)
+{
+    const QByteArray handshake = RawPeer::frame("handshake", {{"name", name}});
+    query.connectTo(queryPort);
+    query.send(handshake + RawPeer::frame("sub", {{"wc", wildcard}}));
+    messages.connectTo(msgPort);
+    messages.send(handshake);
+}
+
+bool RawClient::isThere()
+{
+    return query.receive() == "0 " && query.receive() == "0 " && messages.receive() == "0 ";
 }

@@ -26,6 +26,7 @@ public:
     RawPeer();
     /// Connected, and registered as \a name unless that is empty.
     explicit RawPeer(const bus::TrelanBus &server, const QString &name = QString());
+    explicit RawPeer(quint16 queryPort, const QString &name = QString());
     ~RawPeer();
     Q_DISABLE_COPY(RawPeer)
 
@@ -45,6 +46,8 @@ public:
     /// The next message that the bus delivers; empty if something else comes.
     QVariantMap receiveDelivery();
     bool acknowledge(const QVariantMap &message);
+    /// The same; the content of the object that it tells of.
+    QVariantMap receiveObject();
     QString ask(const QByteArray &request);
     /// The envelope of the reply received last.
     QVariantMap envelope() const { return _envelope; }
@@ -53,6 +56,8 @@ public:
     bool hasInput(int milliseconds);
     /// Whether the other side ends the connection; what it still sends is skipped.
     bool awaitEnd();
+    /// The end will be a reset, which leaves nothing of the connection in the system.
+    void endWithReset();
 
 private:
     bool receiveFrame();
@@ -60,4 +65,15 @@ private:
     const int _socket;
     bus::TrelanFrameReader _reader {64 * 1024 * 1024};
     QVariantMap _envelope;
+};
+
+/// Both connections of a client that takes in \a wildcard. The constructor does not wait for the
+/// bus, so that many can be made at once.
+struct RawClient
+{
+    RawPeer query, messages;
+
+    RawClient(quint16 queryPort, quint16 msgPort, const QString &name, const QString &wildcard);
+    /// Whether the bus has accepted all of it.
+    bool isThere();
 };
