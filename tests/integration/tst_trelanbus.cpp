@@ -36,7 +36,9 @@ private Q_SLOTS:
         rows("begins or ends with white space", {"pub {'nm':' a'}", "pub {'nm':'a\\u00a0'}"});
         rows("2 \"nm\" has to be a string", {"pub {}", "pub {'nm':1}", "loadObject {'nm':[]}"});
         rows("2 \"cnt\" has to be an object", {"pub {'nm':'a','cnt':[1]}"});
-        rows("2 \"uid\" has to be a string", {"pub {'nm':'a','uid':1}"});
+        rows("2 \"uid\" has to be a string",
+             {"pub {'nm':'a','uid':1}", "sendMessage {'r':'a','uid':'<1025>'}"});
+        rows("2 the receiver: ", {"sendMessage {'r':'<1025>','ops':2}"});
         rows("2 \"opt\" has to be a number", {"pub {'nm':'a','opt':'2'}"});
         rows("2 \"dt\" has to be a string", {"pub {'nm':'a','dt':[]}"});
         rows("2 there is no object \"no.such\"", {"loadObject {'nm':'no.such'}"});
@@ -168,6 +170,15 @@ private Q_SLOTS:
         QVERIFY(peer.ask("loadObject {'nm':'deep'}") == "0 " && !peer.data().isEmpty());
         QVERIFY(peer.ask("loadObjects {'wc':'deep'}") == "0 " && !peer.data().isEmpty());
         QVERIFY(publish(1001).contains("nested 1001 levels"));
+        // What is sent is indented: a few kilobytes on the wire would take gigabytes.
+        const QByteArray wide = "{\"v\":" + QByteArray(990, '[') + "0" +
+                                QByteArray(",0").repeated(20000) + QByteArray(990, ']') + "}";
+        peer.send(
+            RawPeer::jsonFrame(R"({"operation":"pub","data":{"nm":"wide","cnt":)" + wide + "}}"));
+        QVERIFY(peer.receive().startsWith("2 content of \"wide\" takes "));
+        // A thousandfold subscription costs what one does; too many at once are refused.
+        QCOMPARE(peer.ask("sub {'wcs':'*" + QByteArray("::*").repeated(100000) + "','now':true}"),
+                 "0 ");
         QVERIFY(publish(100000).startsWith("2 payload is no JSON"));
     }
 

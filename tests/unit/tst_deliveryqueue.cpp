@@ -5,10 +5,10 @@
 using namespace bus;
 
 /// Runs a script of steps. "+a" queues the message with the uid a, "+a?" one that needs an answer,
-/// "n" instead of "+" a notification, "3" one of 3 * 9 KB on the wire; "~a" is acknowledged;
-/// "t60000" is the time; "restart", "drop" and "check" are the queue's; "send" sends what may be
-/// sent. "@x" queues the name of the object x, whose newest value "$x" changes and "-x" removes.
-/// What is sent and what is given up ("!a") is the outcome.
+/// "n" instead of "+" a notification (see append()), "3" one of 3 * 9 KB on the wire; "~a" is
+/// acknowledged; "t60000" is the time; "restart", "drop" and "check" are the queue's; "send" sends
+/// what may be sent. "@x" queues the name of the object x, whose newest value "$x" changes and "-x"
+/// removes. What is sent and what is given up ("!a") is the outcome.
 class tst_DeliveryQueue : public QObject
 {
     Q_OBJECT
@@ -19,10 +19,9 @@ class tst_DeliveryQueue : public QObject
         reader.feed(frame);
         if (reader.next() != TrelanFrameReader::FrameReady)
             return "no frame";
-        return TrelanFrame::decodePayload(reader.payload())
-            .envelope["data"]
-            .toMap()["uid"]
-            .toString();
+        const QVariant data = TrelanFrame::decodePayload(reader.payload()).envelope["data"];
+        const QString uid = data.toMap()["uid"].toString();
+        return QUuid::fromString(uid).isNull() ? uid : "fresh";
     }
 
     static TrelanMessage message(QString uid, int size)
@@ -34,6 +33,19 @@ class tst_DeliveryQueue : public QObject
         message.setUid(uid.remove('?'));
         message.setMessage(noise(size).first().toString());
         return message;
+    }
+
+    /// "n" is a value of the object that the id begins with, "N" another value under the same id,
+    /// "m" one of another object.
+    static void append(DeliveryQueue &queue, QChar kind, QString uid, qint64 now)
+    {
+        const bool isValue = kind.isLetter();
+        const QString object = isValue ? uid.left(1) : QString();
+        if (kind == 'm')
+            uid.replace(0, 1, 'x');
+        const int size = kind == 'N' ? 100 : qMax(0, kind.digitValue()) * 6500;
+        queue.append(message(uid, size), isValue ? Delivery::Value : Delivery::Addressed, now, 0,
+                     object);
     }
 
 private Q_SLOTS:
@@ -66,6 +78,14 @@ private Q_SLOTS:
         row("notifications", "+a na1 send nb drop send ~a ~a1", "a a1", 0);
         row("notification is dropped by the reader", "na +b send drop ~b send", "a b", 0);
         row("notification and a restart", "na +b send drop restart send ~b", "a b b", 0);
+        row("no older value after a newer", "nx1 nx2 send ~x2 send", "x1 x2", 0);
+        row("nor after silence", "nx1 nx2 send t60000 check send", "x1 x2", 1);
+        row("values of two objects", "nx1 ny1 send ~y1 send ~x1", "x1 y1 x1", 0);
+        row("values in order again", "nx1 nx2 +b send ~b send", "x1 x2 b x1 x2", 2);
+        row("a name is taken anew", "@x +b send $x ~b send ~x1", "x b x1", 0);
+        row("a known id of another value", "nx1 send ~x1 Nx1 send", "x1 fresh", 1);
+        row("a known id of another object", "nx1 send ~x1 my1 send", "x1 fresh", 1);
+        row("the same value again", "nx1 send ~x1 nx1 send ~x1", "x1 x1", 0);
         row("32 KiB", "1a 1b 1c 1d send", "a b c", 4);
         row("room for the next", "1a 1b 1c 1d 1e send ~a send", "a b c d", 4);
         row("large has to wait", "+a 7b send", "a", 2);
@@ -102,8 +122,7 @@ private Q_SLOTS:
             else if (text.startsWith('~'))
                 queue.acknowledge("s", "r", rest, now);
             else if (text != "send")
-                queue.append(message(rest, qMax(0, text[0].digitValue()) * 6500),
-                             text[0] == 'n' ? Delivery::Value : Delivery::Addressed, now);
+                append(queue, text[0], rest, now);
             for (QByteArray frame;
                  text == "send" && !(frame = queue.takeFrame(now, newest)).isEmpty();)
                 outcome << uidOf(frame);

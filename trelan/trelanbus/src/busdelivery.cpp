@@ -29,6 +29,7 @@ qint64 costOf(const TrelanMessage &message)
 {
     Delivery delivery;
     delivery.message = message;
+    delivery.key = message.msgKey();
     return delivery.cost();
 }
 
@@ -103,6 +104,8 @@ void BusDelivery::restore()
         client(name).queue.append(stored.message, Delivery::Addressed, now() - age, stored.id);
         changed(name);
     }
+    // A client may be there at once, and must not get what is out of date.
+    checkTimes();
 }
 
 void BusDelivery::accept(const TrelanMessage &message, const Done &done)
@@ -117,7 +120,8 @@ void BusDelivery::accept(const TrelanMessage &message, const Done &done)
     }
     const qint64 cost = costOf(message);
     const TrelanError fault = roomFault(name, cost);
-    if (fault.error() == TrelanError::NoError && message.isStored()) {
+    // A log line is not worth the wait for the disk; and the ring that takes it has no bound there.
+    if (fault.error() == TrelanError::NoError && message.isStored() && name != LOGGER_NAME) {
         keep(message, cost, done);
         return;
     }
@@ -154,7 +158,8 @@ QString BusDelivery::notify(const QString &client, Notification &notification, b
     TrelanMessage message = notification.message(client);
     if (fresh)
         message.setUid(names::freshUid());
-    append(client, message, notification.isKept() ? Delivery::Value : Delivery::Event);
+    append(client, message, notification.isKept() ? Delivery::Value : Delivery::Event, 0,
+           notification.name());
     return {};
 }
 
@@ -235,7 +240,7 @@ void BusDelivery::checkTimes()
 
 bool BusDelivery::hasQueues() const
 {
-    return _bytes > 0;
+    return _bytes > 0 || _nameBytes > 0;
 }
 
 bool BusDelivery::hasDeadline() const
@@ -284,10 +289,16 @@ TrelanError BusDelivery::roomFault(const QString &name, qint64 cost) const
     }
     if (_bytes + cost > _settings.maxQueuedBytes)
         return boundFault(totalFault(_settings.maxQueuedBytes));
-    if (!isNew && isFull(*known, 1, cost)) {
-        return boundFault(QStringLiteral("client %1 has %2 messages or %3 bytes waiting at most")
+    const Client nothing;
+    const Client &client = isNew ? nothing : *known;
+    if (isFull(client, 1, 0)) {
+        return boundFault(QStringLiteral("client %1 has %2 messages waiting at most")
                               .arg(names::quoted(name))
-                              .arg(_settings.maxClientMessages)
+                              .arg(_settings.maxClientMessages));
+    }
+    if (isFull(client, 1, cost)) {
+        return boundFault(QStringLiteral("client %1 has %2 bytes waiting at most")
+                              .arg(names::quoted(name))
                               .arg(_settings.maxClientBytes));
     }
     return TrelanError();
@@ -322,23 +333,33 @@ QString BusDelivery::appendName(const QString &name, const QString &object, bool
     if (!queue.hasName(object)) {
         if (queue.nameCount() >= _settings.maxClientNames)
             return QStringLiteral("%1 objects wait for it at most").arg(_settings.maxClientNames);
-        if (queue.nameBytes() + DeliveryQueue::nameCost(object) > _settings.maxClientBytes) {
-            return QStringLiteral("names of %1 bytes wait for it at most")
-                .arg(_settings.maxClientBytes);
-        }
+        // Past the bound in all it is those with more than their share who have to go.
+        if (_nameBytes > _settings.maxQueuedBytes &&
+            queue.nameBytes() > _nameBytes / _clients.size())
+            return totalFault(_settings.maxQueuedBytes);
     }
-    queue.appendName(object, fresh);
+    const ObjectRecord *record = _storage.find(object);
+    queue.appendName(record ? record->head.name() : object, fresh);
+    changed(name);
     return {};
 }
 
 void BusDelivery::append(const QString &name, const TrelanMessage &message, Delivery::Kind kind,
-                         qint64 storedId)
+                         qint64 storedId, const QString &object)
 {
-    Client &receiving = client(name);
-    receiving.queue.append(message, kind, now(), storedId);
-    if (kind == Delivery::Event || name == LOGGER_NAME)
-        dropExcess(name, receiving, kind);
+    client(name).queue.append(message, kind, now(), storedId, object);
     changed(name);
+}
+
+void BusDelivery::trim(const QString &client)
+{
+    const auto known = _clients.find(client);
+    if (known == _clients.end())
+        return;
+    dropExcess(client, *known, Delivery::Event);
+    if (client == LOGGER_NAME)
+        dropExcess(client, *known, Delivery::Addressed);
+    changed(client);
 }
 
 bool BusDelivery::newestOf(const QString &receiver, const QString &object,
@@ -400,9 +421,13 @@ void BusDelivery::changed(const QString &name)
         return;
     _bytes += known->queue.bytes() - known->accounted;
     known->accounted = known->queue.bytes();
+    _nameBytes += known->queue.nameBytes() - known->accountedNames;
+    known->accountedNames = known->queue.nameBytes();
     warnGivenUp(name, known->queue.takeGivenUp());
     _storage.removeMessages(known->queue.takeSettled());
     if (known->queue.isEmpty() && known->connection == 0 && known->reservedMessages == 0) {
+        if (known->lostEvents > 0)
+            warnOfLostEvents(name, *known);
         _clients.erase(known);
         --_absent;
     }

@@ -79,6 +79,10 @@ public:
     /// Sends what may be sent. Returns how many frames that were.
     int pump(const QString &client);
 
+    /// To be called after pump() where something was queued: what neither fits nor could be sent is
+    /// dropped, the oldest first.
+    void trim(const QString &client);
+
     /// To be called about once a second while hasDeadline(), and each client to be pumped then.
     void checkTimes();
     /// Whether time alone changes anything. Looks at every queue; without any, which hasQueues()
@@ -98,7 +102,8 @@ private:
         ConnectionId connection = 0;
         int reservedMessages = 0; // on their way to the disk
         qint64 reservedBytes = 0;
-        qint64 accounted = 0;
+        qint64 accounted = 0; // of the bytes of the queue
+        qint64 accountedNames = 0;
         qint64 lostEvents = 0; // not in the log yet
     };
 
@@ -108,7 +113,7 @@ private:
     bool isBehind(const QString &name, const Notification &notification) const;
     QString appendName(const QString &name, const QString &object, bool fresh);
     void append(const QString &name, const TrelanMessage &message, Delivery::Kind kind,
-                qint64 storedId = 0);
+                qint64 storedId = 0, const QString &object = {});
     void keep(const TrelanMessage &message, qint64 cost, const Done &done);
     void reserve(const QString &name, int messages, qint64 bytes);
     bool newestOf(const QString &receiver, const QString &object, TrelanMessage &message) const;
@@ -125,6 +130,7 @@ private:
     QHash<QString, Client> _clients;
     int _absent = 0;   // of them, without a connection
     qint64 _bytes = 0; // of all messages, those on their way to the disk included
+    qint64 _nameBytes = 0;
     qint64 _lostLogLines = 0;
     QElapsedTimer _logWarning;
     WarningLimiter _warnings;

@@ -19,6 +19,9 @@ namespace
 // levels: an object nested deeper could be published, but not be loaded back.
 constexpr int MAX_CONTENT_DEPTH = 1000;
 
+// Of a value or a message; what acknowledges it repeats it.
+constexpr int MAX_UID = 1024;
+
 // Longer than any there is. The reply repeats the word, which must not take long to encode.
 constexpr int MAX_WORD = 64;
 
@@ -32,6 +35,11 @@ TrelanError dataFault(const QString &description)
 bool isText(const QVariant &value)
 {
     return value.userType() == QMetaType::QString;
+}
+
+bool isUid(const QVariant &value)
+{
+    return isText(value) && value.toString().size() <= MAX_UID;
 }
 
 bool isNumber(const QVariant &value)
@@ -53,9 +61,15 @@ bool takeText(const QVariantMap &data, const char *key, QString &text, BusReques
     return true;
 }
 
-/// Levels of nesting of a JSON text, without taking it apart.
-int jsonDepth(const QByteArray &json)
+// Notifications and answers are indented, which makes a line of each value.
+constexpr qint64 MAX_INDENTED = 64 * 1024 * 1024;
+constexpr int INDENTATION = 4;
+constexpr int OUTER_LEVELS = 3; // around a content, in what is sent
+
+/// Levels of nesting of a JSON text, without taking it apart, and its size when it is indented.
+int jsonDepth(const QByteArray &json, qint64 &indented)
 {
+    indented = json.size();
     int depth = 0;
     int deepest = 0;
     bool inString = false;
@@ -70,8 +84,12 @@ int jsonDepth(const QByteArray &json)
             inString = true;
         } else if (c == '{' || c == '[') {
             deepest = qMax(deepest, ++depth);
+            indented += 1 + INDENTATION * (depth + OUTER_LEVELS);
         } else if (c == '}' || c == ']') {
+            indented += 1 + INDENTATION * (depth + OUTER_LEVELS);
             --depth;
+        } else if (c == ',') {
+            indented += 1 + INDENTATION * (depth + OUTER_LEVELS);
         }
     }
     return deepest;
@@ -105,7 +123,7 @@ struct Type
     bool (*fits)(const QVariant &value);
 };
 
-constexpr Type UID {"uid", "a string", isText};
+constexpr Type UID {"uid", "a string of up to 1024 characters", isUid};
 constexpr Type TIME {"dt", "a string of milliseconds", isTime};
 
 /// The values that may be missing, but not be of another kind.
@@ -140,7 +158,17 @@ bool parsePublish(const QVariantMap &data, BusRequest &request)
     if (data.value(QStringLiteral("dt")).toString().isEmpty())
         object.setDt(QDateTime::currentDateTime());
     request.record = ObjectRecord::fromObject(object);
-    const int depth = jsonDepth(request.record.contentJson);
+    qint64 indented = 0;
+    const int depth = jsonDepth(request.record.contentJson, indented);
+    if (indented > MAX_INDENTED) {
+        request.fault =
+            dataFault(QStringLiteral("content of %1 takes %2 bytes with its indentation, "
+                                     "more than %3")
+                          .arg(names::quoted(name))
+                          .arg(indented)
+                          .arg(MAX_INDENTED));
+        return false;
+    }
     if (depth > MAX_CONTENT_DEPTH) {
         request.fault =
             dataFault(QStringLiteral("content of %1 is nested %2 levels deep, more than %3")
@@ -227,6 +255,11 @@ bool parseSendMessage(const QVariantMap &data, BusRequest &request)
         return false;
     if (request.name.isEmpty()) {
         request.fault = dataFault(QStringLiteral("a message without a receiver"));
+        return false;
+    }
+    const QString fault = names::clientNameFault(request.name);
+    if (!fault.isEmpty()) {
+        request.fault = dataFault(QStringLiteral("the receiver: %1").arg(fault));
         return false;
     }
     request.message = TrelanMessage::fromVariantMap(data);

@@ -122,11 +122,14 @@ void BusStorage::keepMessage(const TrelanMessage &message, const Kept &kept)
 /// Nobody waits for it: what is still there when the bus ends too soon is delivered once more.
 void BusStorage::removeMessages(const QVector<qint64> &ids)
 {
-    if (ids.isEmpty() || _state != TrelanBus::OnDisk)
+    if (_state != TrelanBus::OnDisk || (ids.isEmpty() && _unremoved.isEmpty()))
         return;
     PermanentStore::Change toDisk;
-    toDisk.settledMessages = ids;
-    change(toDisk, {}, [](const TrelanError &) {});
+    toDisk.settledMessages = std::exchange(_unremoved, {}) + ids;
+    change(toDisk, {}, [this, removed = toDisk.settledMessages](const TrelanError &error) {
+        if (error.error() != TrelanError::NoError)
+            _unremoved += removed;
+    });
 }
 
 QVector<StoredMessage> BusStorage::takeLoadedMessages()
@@ -149,9 +152,14 @@ QVector<ObjectRecord> BusStorage::matching(const QString &wildcard) const
     return _objects.matching(wildcard);
 }
 
-QStringList BusStorage::namesMatching(const QString &wildcard) const
+int BusStorage::objectCount() const
 {
-    return _objects.namesMatching(wildcard);
+    return _objects.count();
+}
+
+QStringList BusStorage::namesMatching(const QStringList &wildcards) const
+{
+    return _objects.namesMatching(wildcards);
 }
 
 void BusStorage::handleResults()
@@ -173,6 +181,7 @@ void BusStorage::finish()
 {
     if (!_disk)
         return;
+    removeMessages({});
     _disk->finish();
     handleResults();
     _disk.reset();

@@ -60,7 +60,8 @@ public:
     void setDeliveryUid(const QString &name, const QString &uid);
     const ObjectRecord *find(const QString &name) const;
     QVector<ObjectRecord> matching(const QString &wildcard) const;
-    QStringList namesMatching(const QString &wildcard) const;
+    int objectCount() const;
+    QStringList namesMatching(const QStringList &wildcards) const;
 
     void handleResults();
 
@@ -98,6 +99,7 @@ private:
     QString _errorString;
     QVector<StoredMessage> _loadedMessages;
     qint64 _lastMessageId = 0;
+    QVector<qint64> _unremoved; // the disk did not take their removal
     bool _warnedMemoryOnly = false;
     WarningLimiter _warnings;
 

@@ -15,6 +15,8 @@ namespace
 // Headers and allocator, measured roughly: small messages must not come for free.
 constexpr qint64 FIXED_COST = 256;
 constexpr qint64 NAME_COST = 96;
+// What a receiver remembers, and some more.
+constexpr size_t MAX_REMEMBERED = 128;
 
 QString keyOf(const QString &sender, const QString &reciever, const QString &uid)
 {
@@ -37,14 +39,15 @@ int indexOf(const QList<Delivery> &deliveries, const QString &key)
 qint64 Delivery::cost() const
 {
     const qint64 characters = message.message().size() + message.sender().size() +
-                              message.reciever().size() + message.uid().size();
+                              message.reciever().size() + message.uid().size() + key.size();
     return FIXED_COST + characters * qint64(sizeof(QChar));
 }
 
 void DeliveryQueue::append(const TrelanMessage &message, Delivery::Kind kind, qint64 queuedAt,
-                           qint64 storedId)
+                           qint64 storedId, const QString &object)
 {
     Delivery delivery;
+    delivery.object = object;
     delivery.storedId = storedId;
     delivery.number = ++_lastNumber;
     delivery.message = message;
@@ -63,7 +66,7 @@ void DeliveryQueue::appendName(const QString &name, bool fresh)
         return;
     }
     _isFresh.insert(name, fresh);
-    _names.push_back({name, ++_lastNumber});
+    _names.push_back({name, ++_lastNumber, 0});
     _nameBytes += nameCost(name);
 }
 
@@ -80,6 +83,7 @@ QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest)
     if (_waiting.isEmpty())
         return {};
     if (_nextFrame.isEmpty()) {
+        freshenFirst();
         _nextFrame = TrelanFrame::encode(
             TrelanFrame::Request, TrelanFrame::request(QStringLiteral("sendMessage"),
                                                        _waiting.first().message.toVariantMap()));
@@ -91,6 +95,15 @@ QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest)
     delivery.sentAt = now;
     delivery.frameSize = _nextFrame.size();
     _bytesInFlight += delivery.frameSize;
+    if (!delivery.sent)
+        remember(delivery);
+    delivery.sent = true;
+    if (delivery.conflated) {
+        // Should it have to be sent again, the value will be taken anew.
+        _bytes -= delivery.cost();
+        delivery.message.setMessage(QString());
+        _bytes += delivery.cost();
+    }
     _inFlight.append(delivery);
     return std::exchange(_nextFrame, {});
 }
@@ -106,6 +119,8 @@ bool DeliveryQueue::acknowledge(const QString &sender, const QString &reciever, 
     const Delivery settled = _inFlight.takeAt(index);
     _bytesInFlight -= settled.frameSize;
     forget(settled);
+    for (int i = 0; i < index; ++i) // an older value must not come after this one
+        _inFlight[i].expired = _inFlight.at(i).expired || isSuperseded(_inFlight.at(i), settled);
     sendAgain(index);
     return true;
 }
@@ -124,7 +139,7 @@ void DeliveryQueue::restart()
         if (delivery.expired)
             forget(delivery);
         else
-            _waiting.prepend(delivery);
+            waitAgain(delivery);
     }
 }
 
@@ -242,11 +257,55 @@ void DeliveryQueue::takeNames(const Newest &newest)
             delivery.message.setUid(names::freshUid());
         delivery.key = delivery.message.msgKey();
         delivery.kind = Delivery::Value;
+        delivery.object = next.name;
+        delivery.conflated = true;
+        delivery.resends = next.resends;
         delivery.number = next.number;
         _bytes += delivery.cost();
         _nextFrame.clear();
         _waiting.prepend(delivery);
     }
+}
+
+/// Whether the receiver knows the key of a notification, but not as the last of that object: it
+/// would go on with an older value.
+bool DeliveryQueue::wouldBeDropped(const Delivery &delivery) const
+{
+    for (auto sent = _sent.crbegin(); sent != _sent.crend(); ++sent) {
+        const bool sameObject = sent->object == delivery.object;
+        if (sent->key == delivery.key)
+            return !sameObject || sent->text != qHash(delivery.message.message());
+        if (sameObject)
+            break;
+    }
+    return isRemembered(delivery.key);
+}
+
+bool DeliveryQueue::isRemembered(const QString &key) const
+{
+    return std::any_of(_sent.cbegin(), _sent.cend(),
+                       [&key](const Sent &sent) { return sent.key == key; });
+}
+
+/// Receivers drop what they know: a notification whose id was used before gets another one.
+void DeliveryQueue::freshenFirst()
+{
+    Delivery &first = _waiting.first();
+    if (first.kind == Delivery::Addressed || first.sent || !wouldBeDropped(first))
+        return;
+    _bytes -= first.cost();
+    first.message.setUid(names::freshUid());
+    first.key = first.message.msgKey();
+    _bytes += first.cost();
+}
+
+void DeliveryQueue::remember(const Delivery &delivery)
+{
+    if (isRemembered(delivery.key))
+        return; // the receiver does not count it again either
+    _sent.push_back({delivery.key, delivery.object, qHash(delivery.message.message())});
+    if (_sent.size() > MAX_REMEMBERED)
+        _sent.pop_front();
 }
 
 bool DeliveryQueue::isAnswerLate(const Delivery &delivery, qint64 now) const
@@ -275,15 +334,40 @@ void DeliveryQueue::sendAgain(int number)
     for (int i = number - 1; i >= 0; --i) {
         Delivery delivery = _inFlight.takeAt(i);
         _bytesInFlight -= delivery.frameSize;
-        if (delivery.expired) {
+        const bool superseded =
+            std::any_of(_inFlight.cbegin() + i, _inFlight.cend(),
+                        [&](const Delivery &newer) { return isSuperseded(delivery, newer); });
+        if (delivery.expired || superseded) {
             forget(delivery);
         } else if (++delivery.resends <= MAX_RESENDS) {
-            _waiting.prepend(delivery);
+            waitAgain(delivery);
         } else {
             forget(delivery);
             _givenUp.prepend(delivery);
         }
     }
+}
+
+/// In its place, which is before everything that waits.
+void DeliveryQueue::waitAgain(const Delivery &delivery)
+{
+    if (!delivery.conflated) {
+        _waiting.prepend(delivery);
+        return;
+    }
+    forget(delivery);
+    if (_isFresh.contains(delivery.object))
+        return;
+    _isFresh.insert(delivery.object, false);
+    _names.push_front({delivery.object, delivery.number, delivery.resends});
+    _nameBytes += nameCost(delivery.object);
+}
+
+/// Whether \a newer is the notification of a later value of the same object.
+bool DeliveryQueue::isSuperseded(const Delivery &older, const Delivery &newer)
+{
+    return older.kind == Delivery::Value && newer.kind == Delivery::Value &&
+           older.object == newer.object && older.number < newer.number;
 }
 
 void DeliveryQueue::forget(const Delivery &delivery)

@@ -24,7 +24,8 @@ struct Delivery
     };
 
     TrelanMessage message;
-    QString key; // of the message: made once, compared with every acknowledgement
+    QString key;    // of the message: made once, compared with every acknowledgement
+    QString object; // of a notification: what it is about
     Kind kind = Addressed;
     qint64 storedId = 0; // on disk; 0 if it is not there
     quint64 number = 0;  // its place
@@ -32,8 +33,10 @@ struct Delivery
     qint64 sentAt = 0;
     qint64 frameSize = 0;
     int resends = 0;
-    bool expired = false;  // not to be sent again
-    bool outlived = false; // given up since it waited longer than messages do
+    bool sent = false;      // at least once
+    bool conflated = false; // the value is taken from the storage each time it is sent
+    bool expired = false;   // not to be sent again
+    bool outlived = false;  // given up since it waited longer than messages do
 
     /// What keeping it takes, in bytes.
     qint64 cost() const;
@@ -63,8 +66,9 @@ public:
     using Newest = std::function<bool(const QString &name, TrelanMessage &message)>;
 
     /// \a queuedAt may be before the times that other methods were given: then it has waited since.
+    /// \a object is what a notification is about.
     void append(const TrelanMessage &message, Delivery::Kind kind, qint64 queuedAt,
-                qint64 storedId = 0);
+                qint64 storedId = 0, const QString &object = {});
 
     /// The newest value of this object is to be sent, once, however often this is called before. If
     /// \a fresh, under an id that the receiver cannot know.
@@ -120,17 +124,33 @@ private:
     {
         QString name;
         quint64 number;
+        int resends; // of its message
+    };
+
+    /// One that was sent, as its receiver may remember it.
+    struct Sent
+    {
+        QString key;
+        QString object;
+        uint text; // a hash
     };
 
     void takeNames(const Newest &newest);
+    bool wouldBeDropped(const Delivery &delivery) const;
+    void freshenFirst();
+    bool isRemembered(const QString &key) const;
+    void remember(const Delivery &delivery);
     bool isAnswerLate(const Delivery &delivery, qint64 now) const;
     bool settleWaiting(const QString &key);
     void sendAgain(int number);
+    void waitAgain(const Delivery &delivery);
+    static bool isSuperseded(const Delivery &older, const Delivery &newer);
     void forget(const Delivery &delivery);
 
     QList<Delivery> _waiting;
     QList<Delivery> _inFlight;
     std::deque<Name> _names;
+    std::deque<Sent> _sent;        // the last of them
     QHash<QString, bool> _isFresh; // of each of the names
     quint64 _lastNumber = 0;
     QList<Delivery> _givenUp;

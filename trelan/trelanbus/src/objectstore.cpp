@@ -46,7 +46,8 @@ void ObjectStore::put(const ObjectRecord &record)
 {
     const QString &name = record.head.name();
     const qint64 before = room(name);
-    _objects.insert(name, record);
+    const auto kept = _objects.insert(name, record);
+    kept->head.setName(kept.key()); // one text, however often it is published and waits in queues
     account(before, room(name));
 }
 
@@ -80,11 +81,20 @@ QVector<ObjectRecord> ObjectStore::matching(const QString &wildcard) const
     return records;
 }
 
-QStringList ObjectStore::namesMatching(const QString &wildcard) const
+int ObjectStore::count() const
+{
+    return _objects.size();
+}
+
+QStringList ObjectStore::namesMatching(const QStringList &wildcards) const
 {
     QStringList names;
     for (auto object = _objects.cbegin(); object != _objects.cend(); ++object) {
-        if (TrelanObject::testWildCard(object.key(), wildcard))
+        const bool matches =
+            std::any_of(wildcards.cbegin(), wildcards.cend(), [&](const QString &wildcard) {
+                return TrelanObject::testWildCard(object.key(), wildcard);
+            });
+        if (matches)
             names.append(object.key());
     }
     return names;

@@ -38,7 +38,9 @@ public:
     const ObjectRecord *find(const QString &name) const;
 
     QVector<ObjectRecord> matching(const QString &wildcard) const;
-    QStringList namesMatching(const QString &wildcard) const;
+    int count() const;
+    /// Of objects that any of \a wildcards takes in.
+    QStringList namesMatching(const QStringList &wildcards) const;
 
 private:
     qint64 room(const QString &name) const;

@@ -41,8 +41,8 @@ struct TrelanBusSettings
     /// From so many deliveries for one client, or a sixteenth of its bytes, of a stored object only
     /// the newest value waits.
     int conflateAbove = 200;
-    /// Objects whose newest value waits for one client. Their names have as much room as messages
-    /// have, besides them.
+    /// Objects whose newest value waits for one client. Names have as much room in all as messages
+    /// have, besides them; past that, clients with more than their share are closed.
     int maxClientNames = 100000;
     int messageLifetime = 60 * 60 * 1000; ///< how long a message waits for its receiver
 
