@@ -33,7 +33,7 @@ BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutp
     : _maxSubscriptions(settings.maxSubscriptions)
     , _storage(storage)
     , _output(output)
-    , _delivery(settings, storage, output)
+    , _delivery(settings, storage, output, [this](const QString &client) { pump(client); })
     , _queryClients(QStringLiteral("query"), output)
     , _msgClients(QStringLiteral("message"), output)
     , _lastPublished(MAX_LAST_PUBLISHED)
@@ -358,6 +358,7 @@ void BusCore::deliver(const ObjectRecord &record)
         pump(client.key());
         _delivery.trim(client.key());
     }
+    _delivery.endNotification();
     for (auto overrun = overruns.cbegin(); overrun != overruns.cend(); ++overrun)
         closeReceiver(overrun.key(), *overrun);
 }

@@ -84,10 +84,12 @@ TrelanMessage Notification::message(const QString &receiver)
     return _message;
 }
 
-BusDelivery::BusDelivery(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output)
+BusDelivery::BusDelivery(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output,
+                         const std::function<void(const QString &client)> &ready)
     : _settings(settings)
     , _storage(storage)
     , _output(output)
+    , _ready(ready)
 {
     _clock.start();
 }
@@ -212,7 +214,7 @@ int BusDelivery::pump(const QString &client)
         // Anew each time: what is pushed may find the connection at its end.
         const auto known = _clients.find(client);
         if (known == _clients.end() || known->connection == 0 ||
-            !_output.canPush(known->connection))
+            !_output.canPush(known->connection) || encodesLarge(client, newest))
             return pushed;
         const QByteArray frame = known->queue.takeFrame(now(), newest);
         const ConnectionId connection = known->connection;
@@ -226,6 +228,7 @@ int BusDelivery::pump(const QString &client)
 
 void BusDelivery::checkTimes()
 {
+    endNotification();
     const QStringList names = _clients.keys();
     for (const QString &name : names) {
         Client &client = _clients[name];
@@ -362,14 +365,43 @@ void BusDelivery::trim(const QString &client)
     changed(client);
 }
 
-bool BusDelivery::newestOf(const QString &receiver, const QString &object,
-                           TrelanMessage &message) const
+/// Many may ask for the same value, one after the other.
+bool BusDelivery::newestOf(const QString &receiver, const QString &object, TrelanMessage &message)
 {
     const ObjectRecord *record = _storage.find(object);
     if (!record)
         return false;
-    message = record->toNotification();
+    if (_newest.first.isEmpty() || !_newest.first.isSharedWith(record->contentJson))
+        _newest = {record->contentJson, record->toNotification()};
+    message = _newest.second;
     message.setReciever(receiver);
+    return true;
+}
+
+void BusDelivery::endNotification()
+{
+    _newest = {}; // it may be large
+}
+
+/// Whether the next frame of a client is large, and is being made.
+bool BusDelivery::encodesLarge(const QString &name, const DeliveryQueue::Newest &newest)
+{
+    Client &client = _clients[name];
+    if (client.encoding)
+        return true;
+    const TrelanMessage *message = client.queue.largeToEncode(newest);
+    changed(name); // names have become messages
+    if (!message)
+        return false;
+    client.encoding = true;
+    _output.encode(*message, [this, name, key = message->msgKey()](const QByteArray &frame) {
+        const auto known = _clients.find(name);
+        if (known == _clients.end())
+            return;
+        known->encoding = false;
+        known->queue.setFrame(key, frame);
+        _ready(name);
+    });
     return true;
 }
 

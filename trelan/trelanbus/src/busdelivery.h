@@ -8,6 +8,7 @@
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
+#include <QtCore/QPair>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
@@ -51,7 +52,9 @@ class BusDelivery
 public:
     using Done = std::function<void(const TrelanError &)>;
 
-    BusDelivery(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output);
+    /// \a ready is called later with a client that is to be pumped, since a frame of it is made.
+    BusDelivery(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output,
+                const std::function<void(const QString &client)> &ready);
 
     /// Takes over the messages that were on disk at the start.
     void restore();
@@ -64,6 +67,8 @@ public:
     /// knows the value. Returns which bound the client is past, for people, usually nothing: then
     /// it cannot be told what it has subscribed any more.
     QString notify(const QString &client, Notification &notification, bool fresh = false);
+    /// All of them are notified and pumped.
+    void endNotification();
     /// The client's subscriptions are gone.
     void dropNotifications(const QString &client);
 
@@ -100,6 +105,7 @@ private:
     {
         DeliveryQueue queue;
         ConnectionId connection = 0;
+        bool encoding = false;    // its next frame is being made
         int reservedMessages = 0; // on their way to the disk
         qint64 reservedBytes = 0;
         qint64 accounted = 0; // of the bytes of the queue
@@ -116,7 +122,8 @@ private:
                 qint64 storedId = 0, const QString &object = {});
     void keep(const TrelanMessage &message, qint64 cost, const Done &done);
     void reserve(const QString &name, int messages, qint64 bytes);
-    bool newestOf(const QString &receiver, const QString &object, TrelanMessage &message) const;
+    bool newestOf(const QString &receiver, const QString &object, TrelanMessage &message);
+    bool encodesLarge(const QString &name, const DeliveryQueue::Newest &newest);
     void dropExcess(const QString &name, Client &client, Delivery::Kind kind);
     void warnOfLostEvents(const QString &name, Client &client);
     void countLostLogLines(qint64 lines);
@@ -126,8 +133,11 @@ private:
     const TrelanBusSettings _settings;
     BusStorage &_storage;
     BusOutput &_output;
+    const std::function<void(const QString &)> _ready;
     QElapsedTimer _clock;
     QHash<QString, Client> _clients;
+    QPair<QByteArray, TrelanMessage>
+        _newest;       // the last content that was asked for, and its message
     int _absent = 0;   // of them, without a connection
     qint64 _bytes = 0; // of all messages, those on their way to the disk included
     qint64 _nameBytes = 0;

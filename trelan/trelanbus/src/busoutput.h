@@ -3,11 +3,14 @@
 #include "objectrecord.h"
 
 #include <trelanerror.h>
+#include <trelanmessage.h>
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
 #include <QtCore/QVariantMap>
 #include <QtCore/QVector>
+
+#include <functional>
 
 namespace bus
 {
@@ -37,6 +40,11 @@ public:
     virtual bool canPush(ConnectionId id) const = 0;
     /// Sends a frame that answers nothing, in a block of its own.
     virtual void push(ConnectionId id, const QByteArray &frame) = 0;
+
+    /// Makes the frame of a large delivery where nobody waits for it, and hands it to \a done
+    /// later.
+    virtual void encode(const TrelanMessage &delivery,
+                        const std::function<void(const QByteArray &)> &done) = 0;
 
     virtual void closeConnection(ConnectionId id) = 0;
     /// Whether the connection takes no more requests, be it unnoticed so far.

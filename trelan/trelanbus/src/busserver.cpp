@@ -189,6 +189,14 @@ void BusServer::push(ConnectionId id, const QByteArray &frame)
         connection->push(frame);
 }
 
+void BusServer::encode(const TrelanMessage &delivery,
+                       const std::function<void(const QByteArray &)> &done)
+{
+    _codec.add([delivery, done] {
+        return [done, frame = DeliveryQueue::encode(delivery)] { done(frame); };
+    });
+}
+
 void BusServer::closeConnection(ConnectionId id)
 {
     if (BusConnection *connection = _connections.value(id))

@@ -51,6 +51,8 @@ private:
                    qint64 cost) override;
     bool canPush(ConnectionId id) const override;
     void push(ConnectionId id, const QByteArray &frame) override;
+    void encode(const TrelanMessage &delivery,
+                const std::function<void(const QByteArray &)> &done) override;
     void closeConnection(ConnectionId id) override;
     bool isAtEnd(ConnectionId id) const override;
     QString peer(ConnectionId id) const override;

@@ -75,6 +75,31 @@ bool DeliveryQueue::hasName(const QString &name) const
     return _isFresh.contains(name);
 }
 
+const TrelanMessage *DeliveryQueue::largeToEncode(const Newest &newest)
+{
+    if (_inFlight.size() >= MAX_IN_FLIGHT)
+        return nullptr;
+    takeNames(newest);
+    if (_waiting.isEmpty() || !_nextFrame.isEmpty() ||
+        _waiting.first().message.message().size() <= LARGE_TEXT)
+        return nullptr;
+    freshenFirst();
+    return &_waiting.first().message;
+}
+
+void DeliveryQueue::setFrame(const QString &key, const QByteArray &frame)
+{
+    if (!_waiting.isEmpty() && _nextFrame.isEmpty() && _waiting.first().key == key)
+        _nextFrame = frame;
+}
+
+QByteArray DeliveryQueue::encode(const TrelanMessage &message)
+{
+    return TrelanFrame::encode(
+        TrelanFrame::Request,
+        TrelanFrame::request(QStringLiteral("sendMessage"), message.toVariantMap()));
+}
+
 QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest)
 {
     if (_inFlight.size() >= MAX_IN_FLIGHT)
@@ -84,9 +109,7 @@ QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest)
         return {};
     if (_nextFrame.isEmpty()) {
         freshenFirst();
-        _nextFrame = TrelanFrame::encode(
-            TrelanFrame::Request, TrelanFrame::request(QStringLiteral("sendMessage"),
-                                                       _waiting.first().message.toVariantMap()));
+        _nextFrame = encode(_waiting.first().message);
     }
     if (!_inFlight.isEmpty() && _bytesInFlight + _nextFrame.size() > MAX_BYTES_IN_FLIGHT)
         return {};

@@ -58,6 +58,7 @@ class DeliveryQueue
 public:
     static constexpr int MAX_IN_FLIGHT = 64;
     static constexpr qint64 MAX_BYTES_IN_FLIGHT = 32 * 1024; ///< or one larger frame alone
+    static constexpr int LARGE_TEXT = 128 * 1024;            ///< of a message, in characters
     static constexpr int MAX_RESENDS = 3;
     static constexpr qint64 SILENCE_MS = 60000;
     static constexpr qint64 ANSWER_WAIT_MS = 60000;
@@ -74,6 +75,14 @@ public:
     /// \a fresh, under an id that the receiver cannot know.
     void appendName(const QString &name, bool fresh);
     bool hasName(const QString &name) const;
+
+    /// The message to send next if it is so large that others would wait for its frame, and it has
+    /// none yet: whoever asks makes one elsewhere, and gives it to setFrame(). Null otherwise.
+    const TrelanMessage *largeToEncode(const Newest &newest);
+    /// The frame of the message with this key, which counts if that is still the next.
+    void setFrame(const QString &key, const QByteArray &frame);
+
+    static QByteArray encode(const TrelanMessage &message);
 
     /// The frame to send next, which is then in flight; empty if there is none, or the window is
     /// full.
