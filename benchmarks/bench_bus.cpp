@@ -6,6 +6,7 @@
 #include <trelanmsgworker.h>
 #include <trelanqueryhandler.h>
 #include <trelanqueryworker.h>
+#include <trelantransport.h>
 
 #include <benchmark/benchmark.h>
 
@@ -27,6 +28,11 @@ const QString NAME = QStringLiteral("bench.");
 constexpr int WAIT_MS = 10000;
 constexpr int SUBSCRIBE_MS = 500;
 constexpr int RECEIVERS = 32;
+
+// What is measured: the described pacing, and the two codings without pauses.
+constexpr int DESCRIBED = 0;
+constexpr int PROMPT = 1;
+constexpr int LIGHT = 2;
 
 /// How many receivers have got which object.
 class Arrivals
@@ -86,9 +92,15 @@ private:
 class Bench
 {
 public:
-    explicit Bench(int receivers)
-        : _publisher(QStringLiteral("publisher"))
+    Bench(int receivers, int usedTransport)
+        : transport(usedTransport)
+        , _publisher(QStringLiteral("publisher"))
     {
+        using bus::TrelanTransport;
+        TrelanTransport::setMode(transport == DESCRIBED ? TrelanTransport::Paced
+                                                        : TrelanTransport::Prompt);
+        TrelanTransport::setCoding(transport == LIGHT ? TrelanTransport::Light
+                                                      : TrelanTransport::Classic);
         bus::TrelanBusSettings settings;
         settings.queryPort = settings.msgPort = 0;
         ready = _server.start(settings);
@@ -124,6 +136,7 @@ public:
 
     int receivers() const { return int(_receivers.size()); }
 
+    const int transport;
     bool ready = false;
     bus::TrelanObject object;
 
@@ -155,9 +168,10 @@ using Measure = double (*)(Bench &, int);
 
 void run(benchmark::State &state, int receivers, Measure measure)
 {
-    if (!_bench || _bench->receivers() != receivers) {
+    const int transport = int(state.range(1));
+    if (!_bench || _bench->receivers() != receivers || _bench->transport != transport) {
         _bench.reset();
-        _bench = std::make_unique<Bench>(receivers);
+        _bench = std::make_unique<Bench>(receivers, transport);
     }
     Bench &bench = *_bench;
     std::vector<double> times;
@@ -181,44 +195,40 @@ void publishAcknowledged(benchmark::State &state)
 {
     run(state, 0, [](Bench &bench, int size) { return bench.publish(size); });
 }
-BENCHMARK(publishAcknowledged)
-    ->Arg(content::SMALL)
-    ->Arg(content::MEDIUM)
-    ->Arg(content::LARGE)
-    ->Iterations(300)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
 
 void publishDelivered(benchmark::State &state)
 {
     run(state, 1, [](Bench &bench, int size) { return bench.publishToAll(size); });
 }
-BENCHMARK(publishDelivered)
-    ->Arg(content::SMALL)
-    ->Arg(content::MEDIUM)
-    ->Arg(content::LARGE)
-    ->Iterations(60)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
 
 /// Until the last of them has it.
 void fanOut(benchmark::State &state)
 {
     run(state, RECEIVERS, [](Bench &bench, int size) { return bench.publishToAll(size); });
 }
-BENCHMARK(fanOut)
-    ->Arg(content::SMALL)
-    ->Arg(content::MEDIUM)
-    ->Arg(content::LARGE)
-    ->Iterations(30)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
+
+/// What a pause takes is measured soon; without any it is worth to look more often.
+void addAll(const char *name, void (*measure)(benchmark::State &), int iterations)
+{
+    for (const int transport : {DESCRIBED, PROMPT, LIGHT}) {
+        auto *added = benchmark::RegisterBenchmark(name, measure);
+        added->ArgNames({"bytes", "transport"});
+        for (const int size : {content::SMALL, content::MEDIUM, content::LARGE})
+            added->Args({size, transport});
+        added->Iterations(transport == DESCRIBED ? iterations : 10 * iterations)
+            ->UseManualTime()
+            ->Unit(benchmark::kMillisecond);
+    }
+}
 
 } // namespace
 
 int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
+    addAll("publishAcknowledged", publishAcknowledged, 300);
+    addAll("publishDelivered", publishDelivered, 60);
+    addAll("fanOut", fanOut, 30);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;

@@ -7,6 +7,7 @@
 int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
+    bus::TrelanTransport::setMode(bus::TrelanTransport::Prompt);
 
     bus::TrelanBusSettings settings;
     settings.queryPort = settings.msgPort = 0; // any free ports

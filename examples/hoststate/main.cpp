@@ -66,6 +66,8 @@ bool setBus(const QString &host, quint16 port)
         if (address.protocol() == QAbstractSocket::IPv4Protocol) {
             bus::TrelanQueryHandler::setQueryHost(address.toIPv4Address());
             bus::TrelanQueryHandler::setQueryPort(port);
+            bus::TrelanTransport::setMode(bus::TrelanTransport::Prompt);
+            bus::TrelanTransport::setCoding(bus::TrelanTransport::Light);
             return true;
         }
     }

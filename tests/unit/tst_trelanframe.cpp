@@ -86,6 +86,11 @@ private slots:
         const QByteArray lines = TrelanFrame::headerWord(reader.kind()).toLatin1() + "\r\n" +
                                  QByteArray::number(payload.size()) + "\r\n";
         QCOMPARE(TrelanFrame::encode(reader.kind(), built), lines + payload);
+
+        const QByteArray light = TrelanFrame::encodePayload(built, TrelanTransport::Light);
+        QCOMPARE(QString::fromUtf8(qUncompress(QByteArray::fromBase64(light))),
+                 row[u"compact"].toString());
+        QCOMPARE(light, row[u"light"].toString(light).toLatin1());
     }
 
     void compressesAsQtDoes()

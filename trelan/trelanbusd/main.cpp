@@ -117,6 +117,7 @@ int main(int argc, char **argv)
     programs::occupyStandardDescriptors();
     CLI::App cli("Trelan's bus server: keeps shared objects and answers the applications of this "
                  "machine.");
+    bus::TrelanTransport::setCoding(bus::TrelanTransport::Light); // before the settings are made
     Options options;
     addOptions(cli, options);
     try {

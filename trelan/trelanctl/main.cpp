@@ -4,6 +4,7 @@
 #include "terminaltext.h"
 
 #include <standarddescriptors.h>
+#include <trelantransport.h>
 
 #include <QtCore/QCoreApplication>
 
@@ -29,6 +30,8 @@ int main(int argc, char **argv)
         words.append(argv[index]);
     qInstallMessageHandler(showLog);
     const QCoreApplication application(argc, argv);
+    bus::TrelanTransport::setMode(bus::TrelanTransport::Prompt);
+    bus::TrelanTransport::setCoding(bus::TrelanTransport::Light);
 
     const trelanctl::ParsedArguments parsed = trelanctl::parseArguments(words);
     if (!parsed.run && parsed.exitCode == trelanctl::Done) {

@@ -176,11 +176,12 @@ void BusDelivery::dropNotifications(const QString &client)
     changed(client);
 }
 
-void BusDelivery::attach(const QString &name, ConnectionId id)
+void BusDelivery::attach(const QString &name, ConnectionId id, TrelanTransport::Mode mode)
 {
     Client &attached = client(name);
     _absent -= int(attached.connection == 0);
     attached.connection = id;
+    attached.queue.setMode(mode);
 }
 
 void BusDelivery::detach(const QString &client)
@@ -216,7 +217,7 @@ int BusDelivery::pump(const QString &client)
         if (known == _clients.end() || known->connection == 0 ||
             !_output.canPush(known->connection) || encodesLarge(client, newest))
             return pushed;
-        const QByteArray frame = known->queue.takeFrame(now(), newest);
+        const QByteArray frame = known->queue.takeFrame(now(), newest, _settings.coding);
         const ConnectionId connection = known->connection;
         changed(client); // names have become messages
         if (frame.isEmpty())

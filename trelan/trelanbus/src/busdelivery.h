@@ -72,8 +72,9 @@ public:
     /// The client's subscriptions are gone.
     void dropNotifications(const QString &client);
 
-    /// The message connection of the client \a name is \a id from now on.
-    void attach(const QString &name, ConnectionId id);
+    /// The message connection of the client \a name is \a id from now on, which is read in this
+    /// way.
+    void attach(const QString &name, ConnectionId id, TrelanTransport::Mode mode);
     /// It has none.
     void detach(const QString &client);
 

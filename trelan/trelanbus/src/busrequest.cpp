@@ -97,6 +97,8 @@ int jsonDepth(const QByteArray &json, qint64 &indented)
 
 bool parseHandshake(const QVariantMap &data, BusRequest &request)
 {
+    // Not checked: clients may say there what they like.
+    request.prompt = data.value(QStringLiteral("prompt")).toBool();
     return takeText(data, "name", request.name, request);
 }
 

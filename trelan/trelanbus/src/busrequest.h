@@ -40,6 +40,7 @@ struct BusRequest
 
     QString name;          ///< client (Handshake), object (LoadObject), wildcard (LoadObjects),
                            ///< receiver (SendMessage)
+    bool prompt = false;   ///< Handshake: how the client reads
     bool now = false;      ///< Subscribe: with the values that are stored
     QStringList names;     ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
     TrelanMessage message; ///< SendMessage; with the time filled in, without a sender

@@ -16,23 +16,23 @@ constexpr qint64 SMALL_INFLATED = 512 * 1024;
 constexpr qint64 SMALL_ANSWER = 64 * 1024;
 constexpr int TIMES_INTERVAL_MS = 1000;
 
-QByteArray replyFrame(const QString &word, const TrelanError &error,
-                      const QVariantMap &data = QVariantMap())
+QByteArray replyFrame(const QString &word, const TrelanError &error, TrelanTransport::Coding coding)
 {
-    return TrelanFrame::encode(TrelanFrame::Reply, TrelanFrame::reply(word, error, data));
+    return TrelanFrame::encode(TrelanFrame::Reply, TrelanFrame::reply(word, error), coding);
 }
 
 /// The frame of an answer, or of what is said in its place when it is above the limit.
-QByteArray answerFrame(const QString &word, const QVariantMap &data, qint64 maxFrameSize)
+QByteArray answerFrame(const QString &word, const QVariantMap &data,
+                       const TrelanBusSettings &settings)
 {
     const QByteArray payload =
-        TrelanFrame::encodePayload(TrelanFrame::reply(word, TrelanError(), data));
-    if (payload.size() <= maxFrameSize)
+        TrelanFrame::encodePayload(TrelanFrame::reply(word, TrelanError(), data), settings.coding);
+    if (payload.size() <= settings.maxFrameSize)
         return TrelanFrame::frame(TrelanFrame::Reply, payload);
     const QString fault = QStringLiteral("an answer of %1 bytes is above the limit of %2")
                               .arg(payload.size())
-                              .arg(maxFrameSize);
-    return replyFrame(word, {TrelanError::IncorrectRequestSize, fault});
+                              .arg(settings.maxFrameSize);
+    return replyFrame(word, {TrelanError::IncorrectRequestSize, fault}, settings.coding);
 }
 
 QVariantMap objectsData(const QVector<ObjectRecord> &records)
@@ -142,13 +142,13 @@ QString BusServer::errorString() const
 
 void BusServer::reply(ConnectionId id, const QString &word, const TrelanError &error)
 {
-    answer(id, replyFrame(word, error));
+    answer(id, replyFrame(word, error, _settings.coding));
 }
 
 void BusServer::replyObject(ConnectionId id, const QString &word, const ObjectRecord &record)
 {
-    answerEncoded(id, record.cost(), [word, record, most = _settings.maxFrameSize] {
-        return answerFrame(word, record.toObject().toVariantMap(), most);
+    answerEncoded(id, record.cost(), [word, record, settings = _settings] {
+        return answerFrame(word, record.toObject().toVariantMap(), settings);
     });
 }
 
@@ -164,17 +164,16 @@ void BusServer::replyObjects(ConnectionId id, const QString &word,
         reply(id, word, {TrelanError::IncorrectRequestSize, fault});
         return;
     }
-    answerEncoded(id, cost, [word, records, most = _settings.maxFrameSize] {
-        return answerFrame(word, objectsData(records), most);
+    answerEncoded(id, cost, [word, records, settings = _settings] {
+        return answerFrame(word, objectsData(records), settings);
     });
 }
 
 void BusServer::replyData(ConnectionId id, const QString &word, const QVariantMap &data,
                           qint64 cost)
 {
-    answerEncoded(id, cost, [word, data, most = _settings.maxFrameSize] {
-        return answerFrame(word, data, most);
-    });
+    answerEncoded(id, cost,
+                  [word, data, settings = _settings] { return answerFrame(word, data, settings); });
 }
 
 bool BusServer::canPush(ConnectionId id) const
@@ -192,8 +191,8 @@ void BusServer::push(ConnectionId id, const QByteArray &frame)
 void BusServer::encode(const TrelanMessage &delivery,
                        const std::function<void(const QByteArray &)> &done)
 {
-    _codec.add([delivery, done] {
-        return [done, frame = DeliveryQueue::encode(delivery)] { done(frame); };
+    _codec.add([delivery, done, coding = _settings.coding] {
+        return [done, frame = DeliveryQueue::encode(delivery, coding)] { done(frame); };
     });
 }
 
@@ -287,7 +286,8 @@ void BusServer::handle(ConnectionId id, const BusRequest &request)
 void BusServer::onFrameTooLarge(ConnectionId id, const QString &fault)
 {
     if (BusConnection *connection = _connections.value(id)) {
-        connection->answerAndEnd(replyFrame(QString(), {TrelanError::IncorrectRequestSize, fault}));
+        connection->answerAndEnd(
+            replyFrame(QString(), {TrelanError::IncorrectRequestSize, fault}, _settings.coding));
     }
 }
 

@@ -93,14 +93,15 @@ void DeliveryQueue::setFrame(const QString &key, const QByteArray &frame)
         _nextFrame = frame;
 }
 
-QByteArray DeliveryQueue::encode(const TrelanMessage &message)
+QByteArray DeliveryQueue::encode(const TrelanMessage &message, TrelanTransport::Coding coding)
 {
     return TrelanFrame::encode(
         TrelanFrame::Request,
-        TrelanFrame::request(QStringLiteral("sendMessage"), message.toVariantMap()));
+        TrelanFrame::request(QStringLiteral("sendMessage"), message.toVariantMap()), coding);
 }
 
-QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest)
+QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest,
+                                    TrelanTransport::Coding coding)
 {
     if (_inFlight.size() >= MAX_IN_FLIGHT)
         return {};
@@ -109,9 +110,9 @@ QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest)
         return {};
     if (_nextFrame.isEmpty()) {
         freshenFirst();
-        _nextFrame = encode(_waiting.first().message);
+        _nextFrame = encode(_waiting.first().message, coding);
     }
-    if (!_inFlight.isEmpty() && _bytesInFlight + _nextFrame.size() > MAX_BYTES_IN_FLIGHT)
+    if (!_inFlight.isEmpty() && _bytesInFlight + _nextFrame.size() > _maxBytesInFlight)
         return {};
 
     Delivery delivery = _waiting.takeFirst();
@@ -129,6 +130,12 @@ QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest)
     }
     _inFlight.append(delivery);
     return std::exchange(_nextFrame, {});
+}
+
+void DeliveryQueue::setMode(TrelanTransport::Mode mode)
+{
+    _maxBytesInFlight =
+        mode == TrelanTransport::Prompt ? MAX_BYTES_IN_FLIGHT_PROMPT : MAX_BYTES_IN_FLIGHT;
 }
 
 bool DeliveryQueue::acknowledge(const QString &sender, const QString &reciever, const QString &uid,

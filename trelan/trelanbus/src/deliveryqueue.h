@@ -1,6 +1,7 @@
 #pragma once
 
 #include <trelanmessage.h>
+#include <trelantransport.h>
 
 #include <QtCore/QByteArray>
 #include <QtCore/QHash>
@@ -58,7 +59,9 @@ class DeliveryQueue
 public:
     static constexpr int MAX_IN_FLIGHT = 64;
     static constexpr qint64 MAX_BYTES_IN_FLIGHT = 32 * 1024; ///< or one larger frame alone
-    static constexpr int LARGE_TEXT = 128 * 1024;            ///< of a message, in characters
+    /// Likewise, for a reader that takes what has arrived whatever its pieces.
+    static constexpr qint64 MAX_BYTES_IN_FLIGHT_PROMPT = 1024 * 1024;
+    static constexpr int LARGE_TEXT = 128 * 1024; ///< of a message, in characters
     static constexpr int MAX_RESENDS = 3;
     static constexpr qint64 SILENCE_MS = 60000;
     static constexpr qint64 ANSWER_WAIT_MS = 60000;
@@ -82,11 +85,15 @@ public:
     /// The frame of the message with this key, which counts if that is still the next.
     void setFrame(const QString &key, const QByteArray &frame);
 
-    static QByteArray encode(const TrelanMessage &message);
+    static QByteArray encode(const TrelanMessage &message, TrelanTransport::Coding coding);
 
     /// The frame to send next, which is then in flight; empty if there is none, or the window is
     /// full.
-    QByteArray takeFrame(qint64 now, const Newest &newest = {});
+    QByteArray takeFrame(qint64 now, const Newest &newest = {},
+                         TrelanTransport::Coding coding = TrelanTransport::Classic);
+
+    /// How its reader reads.
+    void setMode(TrelanTransport::Mode mode);
 
     /// The client has acknowledged a delivery; others may have been dropped. Returns false if
     /// nothing of the kind is in flight.
@@ -168,6 +175,7 @@ private:
     qint64 _bytes = 0;
     qint64 _nameBytes = 0;
     qint64 _bytesInFlight = 0;
+    qint64 _maxBytesInFlight = MAX_BYTES_IN_FLIGHT;
     qint64 _heardAt = 0;
 };
 

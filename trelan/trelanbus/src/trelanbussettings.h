@@ -1,5 +1,7 @@
 #pragma once
 
+#include <trelantransport.h>
+
 #include <QtCore/QString>
 #include <QtNetwork/QHostAddress>
 
@@ -45,6 +47,9 @@ struct TrelanBusSettings
     /// have, besides them; past that, clients with more than their share are closed.
     int maxClientNames = 100000;
     int messageLifetime = 60 * 60 * 1000; ///< how long a message waits for its receiver
+
+    /// How frames are written; what the process is set to when these settings are made.
+    TrelanTransport::Coding coding = TrelanTransport::coding();
 
     int handshakeTimeout = 30000; ///< from the connection to the handshake
     int stallTimeout = 30000;     ///< a begun frame, or an unread reply, without progress

@@ -23,6 +23,7 @@ const QString KEY_RESULT = QStringLiteral("result");
 const QString KEY_CODE = QStringLiteral("code");
 const QString KEY_DESCRIPTION = QStringLiteral("description");
 constexpr char SEPARATOR[] = "\r\n";
+constexpr int STORED_SIZE = 1024; // below, compressing costs more than the bytes that it saves
 
 // Far above any envelope a client sends on purpose, and far below what a machine has: without it
 // a few hundred kilobytes of zeros, compressed, would take the process down.
@@ -63,13 +64,18 @@ quint16 TrelanFrame::replyCode(const QVariantMap &result)
     return quint16(code.toUInt());
 }
 
-QByteArray TrelanFrame::encode(Kind kind, const QVariantMap &envelope)
+QByteArray TrelanFrame::encode(Kind kind, const QVariantMap &envelope,
+                               TrelanTransport::Coding coding)
 {
-    return frame(kind, encodePayload(envelope));
+    return frame(kind, encodePayload(envelope, coding));
 }
 
-QByteArray TrelanFrame::encodePayload(const QVariantMap &envelope)
+QByteArray TrelanFrame::encodePayload(const QVariantMap &envelope, TrelanTransport::Coding coding)
 {
+    if (coding == TrelanTransport::Light) {
+        const QJsonDocument document = QJsonDocument::fromVariant(envelope);
+        return compressLightly(document.toJson(QJsonDocument::Compact)).toBase64();
+    }
     return compress(QJsonDocument::fromVariant(envelope).toJson()).toBase64();
 }
 
@@ -108,7 +114,15 @@ void TrelanFrame::setMaxInflatedSize(qint64 bytes)
 
 QByteArray TrelanFrame::compress(const QByteArray &bytes)
 {
-    static thread_local zstream::Deflater _deflater;
+    static thread_local zstream::Deflater _deflater(Z_DEFAULT_COMPRESSION);
+    return _deflater.compress(bytes);
+}
+
+QByteArray TrelanFrame::compressLightly(const QByteArray &bytes)
+{
+    if (bytes.size() <= STORED_SIZE)
+        return zstream::store(bytes);
+    static thread_local zstream::Deflater _deflater(Z_BEST_SPEED);
     return _deflater.compress(bytes);
 }
 

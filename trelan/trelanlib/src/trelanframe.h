@@ -2,6 +2,8 @@
 
 #include "trelanglobal.h"
 
+#include "trelantransport.h"
+
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
 #include <QtCore/QVariantMap>
@@ -70,10 +72,12 @@ public:
     static quint16 replyCode(const QVariantMap &result);
 
     /// A whole frame, as it is handed to the socket in one write.
-    static QByteArray encode(Kind kind, const QVariantMap &envelope);
+    static QByteArray encode(Kind kind, const QVariantMap &envelope,
+                             TrelanTransport::Coding coding = TrelanTransport::Classic);
 
     /// The payload alone.
-    static QByteArray encodePayload(const QVariantMap &envelope);
+    static QByteArray encodePayload(const QVariantMap &envelope,
+                                    TrelanTransport::Coding coding = TrelanTransport::Classic);
 
     /// A whole frame around a payload.
     static QByteArray frame(Kind kind, const QByteArray &payload);
@@ -93,6 +97,9 @@ public:
 
     /// What qCompress(\a bytes, -1) returns, to the byte, with a compressor that is set up once.
     static QByteArray compress(const QByteArray &bytes);
+
+    /// The same form, for less time and more bytes: not compressed at all when it is small.
+    static QByteArray compressLightly(const QByteArray &bytes);
 
     /// What qUncompress(\a bytes) returns, but silent, and \c NotInflatable or \c TooLarge in
     /// \a fault where there is nothing to return.

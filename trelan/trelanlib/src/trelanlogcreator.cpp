@@ -1,5 +1,8 @@
 #include "trelanlogcreator.h"
 
+#include "trelantransport.h"
+#include "trelanuids.h"
+
 #include "trelancommand.h"
 
 #include <QtCore/QMutexLocker>
@@ -171,6 +174,8 @@ void TrelanLogCreator::sendMessage(QString prefix, QString msg)
     command.setReciever(QStringLiteral("logger"));
     command.setParams({{QStringLiteral("prefix"), prefix}, {QStringLiteral("text"), msg}});
     TrelanMessage message;
+    if (TrelanTransport::mode() == TrelanTransport::Prompt)
+        command.setUid(uids::unique(command));
     if (command.toTrelanMessage(message))
         emit sendMessage(message);
 }

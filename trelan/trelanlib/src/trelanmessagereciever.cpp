@@ -29,6 +29,10 @@ constexpr int CLOSE_PAUSE_MS = 100; // before a connection is ended
 constexpr int BYTES_PER_ATTEMPT = 100;
 constexpr int MAX_REMEMBERED = 100;
 
+// In Prompt mode.
+constexpr qint64 READ_CHUNK = 64 * 1024;
+constexpr qint64 MAX_UNREAD_BY_BUS = 1024 * 1024; // thousands of acknowledgements
+
 const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
 const QString OPERATION_SEND_MESSAGE = QStringLiteral("sendMessage");
 
@@ -74,6 +78,7 @@ TrelanMessageReciever::TrelanMessageReciever(const QString &clientName, QObject 
     : QObject(parent)
     , _socket(new QTcpSocket(this))
     , _clientName(clientName)
+    , _prompt(TrelanTransport::mode() == TrelanTransport::Prompt)
     , _cache(Filter::create(MAX_REMEMBERED))
 {
     connect(_socket, SIGNAL(connected()), this, SLOT(socketConnected()));
@@ -81,13 +86,21 @@ TrelanMessageReciever::TrelanMessageReciever(const QString &clientName, QObject 
     connect(_socket, SIGNAL(error(QAbstractSocket::SocketError)), this,
             SLOT(socketError(QAbstractSocket::SocketError)));
     connect(_socket, SIGNAL(readyRead()), this, SLOT(onSocketReadyRead()));
+    for (QTimer *timer : {&_stall, &_answer}) {
+        timer->setParent(this); // so that it goes to another thread with this
+        timer->setSingleShot(true);
+    }
+    connect(&_stall, &QTimer::timeout, this,
+            [this] { breakOff(QStringLiteral("the rest of a frame does not come")); });
+    connect(&_answer, &QTimer::timeout, this,
+            [this] { breakOff(QStringLiteral("the handshake is not answered")); });
 }
 
 TrelanMessageReciever::~TrelanMessageReciever()
 {
     close();
-    // Deleted by what one of the socket's own signals led to: the socket has to outlive it.
-    if (_socket && sender() == _socket) {
+    // Deleted by what a signal led to, perhaps one of the socket's own: it has to outlive that.
+    if (_socket && sender()) {
         _socket->setParent(nullptr);
         _socket->deleteLater();
     }
@@ -184,12 +197,20 @@ bool TrelanMessageReciever::open()
         _socket->abort();
     }
     _opened = false;
+    _stall.stop();
+    _answer.stop();
+    _prompt = TrelanTransport::mode() == TrelanTransport::Prompt;
+    _coding = TrelanTransport::coding();
+    _reader.reset(_prompt ? new TrelanFrameReader(TrelanTransport::maxPayload()) : nullptr);
     _socket->blockSignals(false);
     _socket->connectToHost(QHostAddress(msgHost()), msgPort(), QIODevice::ReadWrite);
     const QPointer<TrelanMessageReciever> self(this);
-    const bool written = wait::connected(*_socket, WAIT_MS) && handshake();
+    const bool written =
+        wait::connected(*_socket, _prompt ? TrelanTransport::patience() : WAIT_MS) && handshake();
     if (!self)
         return false;
+    if (_prompt)
+        _answer.start(TrelanTransport::patience());
     // Lost or refused while it was written: the signal for that has been, and must not be followed
     // by a success, on which a worker stops trying.
     if (written && isConnected(_socket)) {
@@ -205,7 +226,10 @@ void TrelanMessageReciever::close()
     if (!_socket)
         return;
     _socket->blockSignals(true);
-    QThread::msleep(CLOSE_PAUSE_MS);
+    _stall.stop();
+    _answer.stop();
+    if (!_prompt)
+        QThread::msleep(CLOSE_PAUSE_MS);
     _socket->abort();
     _opened = false;
 }
@@ -217,6 +241,8 @@ void TrelanMessageReciever::socketConnected()
 
 void TrelanMessageReciever::socketDisconnected()
 {
+    _stall.stop();
+    _answer.stop();
     emit busDisconnected();
 }
 
@@ -230,6 +256,10 @@ void TrelanMessageReciever::socketError(QAbstractSocket::SocketError error)
 
 void TrelanMessageReciever::onSocketReadyRead()
 {
+    if (_reader) {
+        takeFrames();
+        return;
+    }
     // What a frame leads to may delete this receiver.
     const QPointer<TrelanMessageReciever> self(this);
     while (self && _socket && _socket->bytesAvailable() > 0 && !wait::isInterrupted()) {
@@ -246,14 +276,19 @@ void TrelanMessageReciever::onSocketReadyRead()
 
 bool TrelanMessageReciever::handshake()
 {
-    return request(OPERATION_HANDSHAKE, {{QStringLiteral("name"), _clientName}});
+    QVariantMap data {{QStringLiteral("name"), _clientName}};
+    if (_reader) {
+        _socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+        data.insert(QStringLiteral("prompt"), true); // the bus may send more ahead
+    }
+    return request(OPERATION_HANDSHAKE, data);
 }
 
 bool TrelanMessageReciever::request(QString cmd, QVariantMap data)
 {
     if (!isConnected(_socket))
         return false;
-    write(TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(cmd, data)));
+    write(TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(cmd, data), _coding));
     return true;
 }
 
@@ -261,7 +296,7 @@ bool TrelanMessageReciever::reply(QString cmd, TrelanError error, QVariantMap da
 {
     if (!isConnected(_socket))
         return false;
-    write(TrelanFrame::encode(TrelanFrame::Reply, TrelanFrame::reply(cmd, error, data)));
+    write(TrelanFrame::encode(TrelanFrame::Reply, TrelanFrame::reply(cmd, error, data), _coding));
     return true;
 }
 
@@ -271,8 +306,75 @@ void TrelanMessageReciever::write(const QByteArray &frame)
     const QPointer<QTcpSocket> socket = _socket;
     socket->write(frame);
     socket->flush();
-    if (isConnected(socket))
+    if (isConnected(socket) && !_reader)
         wait::bytesWritten(*socket, WAIT_MS);
+}
+
+/// What has arrived, frame by frame. What a frame leads to may delete this receiver, close it, or
+/// open it again.
+void TrelanMessageReciever::takeFrames()
+{
+    const QPointer<TrelanMessageReciever> self(this);
+    bool progress = false;
+    while (_reader && !wait::isInterrupted()) {
+        switch (_reader->next()) {
+        case TrelanFrameReader::FrameReady:
+            progress = true;
+            _stall.stop(); // what the frame leads to may take its time
+            if (!takeFrame() || !self)
+                return;
+            break;
+        case TrelanFrameReader::NeedMoreData:
+            if (_socket->bytesAvailable() == 0) {
+                watchStall(progress);
+                return;
+            }
+            _reader->feed(_socket->read(READ_CHUNK));
+            break;
+        case TrelanFrameReader::Malformed:
+        case TrelanFrameReader::TooLarge:
+            breakOff(_reader->faultText());
+            return;
+        }
+    }
+}
+
+/// False if the connection is not there any more.
+bool TrelanMessageReciever::takeFrame()
+{
+    const QPointer<TrelanMessageReciever> self(this);
+    const TrelanFrame::Kind kind = _reader->kind();
+    QVariant envelope;
+    const bool done =
+        decode(_reader->payload(), envelope) &&
+        (kind == TrelanFrame::Request ? processRequest(envelope) : processReply(envelope));
+    if (!self)
+        return false;
+    if (!done && kind == TrelanFrame::Request)
+        qWarning().noquote() << tr("Invalid request data");
+    else if (!done)
+        qWarning().noquote() << tr("Incorrect reply data");
+    if (isConnected(_socket) && _socket->bytesToWrite() > MAX_UNREAD_BY_BUS)
+        breakOff(QStringLiteral("the bus does not read"));
+    return self && isConnected(_socket);
+}
+
+/// The clock runs from the beginning of a frame to its end.
+void TrelanMessageReciever::watchStall(bool progress)
+{
+    if (!_reader->isInsideFrame())
+        _stall.stop();
+    else if (progress || !_stall.isActive())
+        _stall.start(TrelanTransport::patience());
+}
+
+void TrelanMessageReciever::breakOff(const QString &reason)
+{
+    qWarning().noquote() << "The message channel is closed:" << reason;
+    _stall.stop();
+    _answer.stop();
+    _opened = false;
+    _socket->abort();
 }
 
 void TrelanMessageReciever::prepareRequest()
@@ -313,8 +415,11 @@ qint32 TrelanMessageReciever::readSize()
 bool TrelanMessageReciever::readData(qint32 size, QVariant &out)
 {
     const QByteArray payload = readPayload(size);
-    if (payload.size() != size)
-        return false;
+    return payload.size() == size && decode(payload, out);
+}
+
+bool TrelanMessageReciever::decode(const QByteArray &payload, QVariant &out)
+{
     const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(payload);
     if (decoded.fault != TrelanFrame::NoFault) {
         qWarning().noquote().nospace()
@@ -389,9 +494,12 @@ bool TrelanMessageReciever::processReply(const QVariant &envelope)
     if (operation == OPERATION_HANDSHAKE) {
         const bool accepted = code == 0;
         _opened = accepted;
+        _answer.stop();
         if (!accepted) {
             close();
             emit handshakeRefused();
+        } else {
+            emit handshakeAccepted();
         }
         return accepted;
     }

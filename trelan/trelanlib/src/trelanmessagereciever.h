@@ -4,17 +4,21 @@
 
 #include "trelancommand.h"
 #include "trelanerror.h"
+#include "trelanframereader.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
+#include "trelantransport.h"
 
 #include <QtCore/QCache>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
 #include <QtCore/QSharedPointer>
+#include <QtCore/QTimer>
 #include <QtCore/QVariantMap>
 #include <QtNetwork/QAbstractSocket>
 
 #include <atomic>
+#include <memory>
 
 class QTcpSocket;
 
@@ -35,6 +39,12 @@ namespace bus
 /// Failure: a frame that cannot be read is logged (category "default") and dropped, unanswered; the
 /// reader does not look for the next one, so that what follows may be logged piece by piece.
 ///
+/// In Prompt mode (see TrelanTransport) nothing but open() blocks: what has arrived is taken, part
+/// of a frame is kept until the rest is there, and acknowledgements leave by themselves. A stream
+/// that is out of step, a frame that takes longer than it may, and a bus that does not read close
+/// the connection with one warning and busDisconnected(); a handshake without an answer does too.
+/// A whole frame that cannot be understood is dropped as ever, and the next one is read.
+///
 /// A message that was delivered before is acknowledged and dropped: the last 100 keys (see
 /// TrelanMessage::msgKey()) are remembered, for as long as this object lives.
 ///
@@ -49,7 +59,7 @@ public:
 
     /// A closed receiver that will register with the bus as \a clientName.
     explicit TrelanMessageReciever(const QString &clientName, QObject *parent = nullptr);
-    /// Closes; takes 100 ms.
+    /// Closes; takes 100 ms, or none in Prompt mode.
     ~TrelanMessageReciever() override;
 
     /// Connected, and the bus has accepted the handshake. False right after open(): the answer to
@@ -87,13 +97,14 @@ Q_SIGNALS:
     void kelbusConnected();
     /// The bus has refused the handshake, and the connection is closed.
     void handshakeRefused();
+    void handshakeAccepted();
 
 public Q_SLOTS:
     /// Connects and sends the handshake. True at once on an open receiver; false at once, without
     /// touching the socket, when the port is 0.
     bool open();
-    /// Ends the connection without any signal, after a pause of 100 ms. What was not sent is lost;
-    /// what is remembered of past messages stays.
+    /// Ends the connection without any signal, after a pause of 100 ms (none in Prompt mode). What
+    /// was not sent is lost; what is remembered of past messages stays.
     void close();
 
 private Q_SLOTS:
@@ -106,18 +117,28 @@ private Q_SLOTS:
     bool reply(QString cmd, TrelanError error, QVariantMap data = QVariantMap());
 
 private:
+    void takeFrames();
+    bool takeFrame();
+    void watchStall(bool progress);
+    void breakOff(const QString &reason);
     void write(const QByteArray &frame);
     void prepareRequest();
     void prepareReply();
     qint32 readSize();
     bool readData(qint32 size, QVariant &out);
     QByteArray readPayload(qint32 size);
+    bool decode(const QByteArray &payload, QVariant &out);
     bool processRequest(const QVariant &envelope);
     bool processReply(const QVariant &envelope);
 
     QPointer<QTcpSocket> _socket;
     QString _clientName;
+    bool _prompt;
     bool _opened = false;
+    TrelanTransport::Coding _coding = TrelanTransport::Classic;
+    std::unique_ptr<TrelanFrameReader> _reader; // in Prompt mode; since open()
+    QTimer _stall;                              // likewise: runs inside a frame
+    QTimer _answer;                             // likewise: runs until the handshake is answered
     Filter _cache;
 
     static std::atomic<quint16> _msgPort;

@@ -8,6 +8,7 @@ namespace bus
 TrelanMsgWorker::TrelanMsgWorker(const QString &clientName, QFlags<Option> options)
     : _clientName(clientName)
     , _options(options)
+    , _reconnection(std::make_unique<channelworker::Reconnection>())
 {}
 
 TrelanMsgWorker::~TrelanMsgWorker()
@@ -29,7 +30,8 @@ bool TrelanMsgWorker::doStart()
 {
     doStop();
     _reciever = new TrelanMessageReciever(_clientName, this);
-    _restartTimer = channelworker::makeRestartTimer(this);
+    _restartTimer = channelworker::makeRestartTimer(
+        this, _reciever.data(), &TrelanMessageReciever::handshakeAccepted, *_reconnection);
     if (_filter && _options.testFlag(KeepFilter))
         _reciever->setFilter(_filter);
     _filter = _reciever->filter();
@@ -44,11 +46,12 @@ bool TrelanMsgWorker::doStart()
     connect(_reciever, SIGNAL(busDisconnected()), _restartTimer, SLOT(start()));
     connect(_reciever, SIGNAL(kelbusConnected()), this, SIGNAL(workerConnected()));
     // A refusal closes the connection, which then says nothing of its own.
-    connect(_reciever, SIGNAL(handshakeRefused()), _restartTimer, SLOT(start()));
+    connect(_reciever, &TrelanMessageReciever::handshakeRefused, _restartTimer,
+            [this] { channelworker::restartLater(*_restartTimer, *_reconnection); });
 
     // Otherwise the timer is left alone: it runs if the connection was lost again meanwhile.
     if (!_reciever->open())
-        _restartTimer->start();
+        channelworker::restartLater(*_restartTimer, *_reconnection);
     return true;
 }
 

@@ -14,8 +14,15 @@
 #include <QtCore/QPointer>
 #include <QtCore/QTimer>
 
+#include <memory>
+
 namespace bus
 {
+
+namespace channelworker
+{
+class Reconnection;
+}
 
 /// \brief Owns the message channel: keeps it connected, stores what its options say, and hands
 /// everything that arrives to virtual handlers, whose defaults emit the unprocessed... signals.
@@ -76,6 +83,7 @@ private:
     QFlags<Option> _options;
     TrelanMessageReciever::Filter _filter; // of the current channel, or of the one before
     SharedObjectsStorage _storage;
+    std::unique_ptr<channelworker::Reconnection> _reconnection;
 };
 
 Q_DECLARE_OPERATORS_FOR_FLAGS(TrelanMsgWorker::Options)

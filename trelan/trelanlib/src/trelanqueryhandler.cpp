@@ -1,12 +1,16 @@
 #include "trelanqueryhandler.h"
 
 #include "trelanframe.h"
+#include "trelanframereader.h"
 #include "trelansocket.h"
+#include "trelanuids.h"
 
 #include <loghelpers.h>
 
 #include <QtCore/QDateTime>
+#include <QtCore/QDeadlineTimer>
 #include <QtCore/QDebug>
+#include <QtCore/QQueue>
 #include <QtCore/QThread>
 #include <QtNetwork/QHostAddress>
 #include <QtNetwork/QTcpSocket>
@@ -31,7 +35,14 @@ constexpr int BYTES_PER_ATTEMPT = 100;
 constexpr int MIN_READ_ATTEMPTS = 100;
 constexpr int ATTEMPTS_WITHOUT_WAIT = 2;
 
+// In Prompt mode: what is sent ahead of its replies, so that neither side waits for the other to
+// read.
+constexpr int MAX_AHEAD = 64;
+constexpr qint64 MAX_BYTES_AHEAD = 256 * 1024;
+constexpr qint64 READ_CHUNK = 64 * 1024;
+
 const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
+const QString OPERATION_PUBLISH = QStringLiteral("pub");
 const QString LIST_SEPARATOR = QStringLiteral("::");
 
 /// The lines of what came of a payload. Only what a log shows is taken apart, since millions of
@@ -54,6 +65,7 @@ TrelanQueryHandler::TrelanQueryHandler(const QString &clientName, QObject *paren
     : QObject(parent)
     , _socket(new QTcpSocket(this))
     , _clientName(clientName)
+    , _prompt(TrelanTransport::mode() == TrelanTransport::Prompt)
 {
     connect(_socket, SIGNAL(connected()), this, SLOT(socketConnected()));
     connect(_socket, SIGNAL(disconnected()), this, SLOT(socketDisconnected()));
@@ -119,6 +131,10 @@ bool TrelanQueryHandler::open()
     if (isOpen())
         return true;
 
+    ++_connection;
+    _prompt = TrelanTransport::mode() == TrelanTransport::Prompt;
+    _coding = TrelanTransport::coding();
+    _reader.reset(_prompt ? new TrelanFrameReader(TrelanTransport::maxPayload()) : nullptr);
     if (!connectToBus()) {
         close();
         return fail(NotOpen);
@@ -138,7 +154,8 @@ void TrelanQueryHandler::close()
     if (!_socket)
         return;
     _socket->blockSignals(true);
-    QThread::msleep(CLOSE_PAUSE_MS);
+    if (!_prompt)
+        QThread::msleep(CLOSE_PAUSE_MS);
     _socket->disconnectFromHost();
     _handshaked = false;
 }
@@ -153,16 +170,13 @@ bool TrelanQueryHandler::rmPersistent(const QStringList &names)
 
 bool TrelanQueryHandler::publish(TrelanObject object)
 {
-    object.setPublisher(_clientName);
-    if (object.uid().isEmpty())
-        object.setUid(object.genUid());
-    if (!object.dt().isValid())
-        object.setDt(QDateTime::currentDateTime());
-    return request(QStringLiteral("pub"), object.toVariantMap());
+    return request(OPERATION_PUBLISH, completed(std::move(object)).toVariantMap());
 }
 
 bool TrelanQueryHandler::publish(QList<TrelanObject> objects)
 {
+    if (_reader)
+        return publishAhead(objects);
     Failure failure = None;
     TrelanError error;
     for (const TrelanObject &object : std::as_const(objects)) {
@@ -232,13 +246,15 @@ bool TrelanQueryHandler::loadObjects(const QString &wildCard, QMap<QString, Trel
 bool TrelanQueryHandler::sendMessage(TrelanMessage msg)
 {
     if (msg.uid().isEmpty())
-        msg.setUid(msg.genUid());
+        msg.setUid(_reader ? uids::unique(msg) : msg.genUid());
     msg.setSender(_clientName);
     return request(QStringLiteral("sendMessage"), msg.toVariantMap());
 }
 
 bool TrelanQueryHandler::sendCommand(TrelanCommand cmd)
 {
+    if (_reader && cmd.uid().isEmpty()) // making a message of it would fill in one that may repeat
+        cmd.setUid(uids::unique(cmd));
     TrelanMessage message;
     if (cmd.hasDestination() && cmd.toTrelanMessage(message))
         return sendMessage(message);
@@ -277,9 +293,14 @@ bool TrelanQueryHandler::request(QVariantMap &answer, QString operation, QVarian
     // The handshake comes this way too, so that being handshaked is no condition here.
     if (!canRequest())
         return fail(NotOpen);
-
+    if (_reader && isOutOfStep())
+        return breakOff(Framing);
+    if (!canRequest()) // as has been seen while looking
+        return fail(NotOpen);
     const qint64 staleBytes = _socket->bytesAvailable();
     sendRequest(operation, data);
+    if (_reader)
+        return promptReply(answer);
     return waitForReply(staleBytes) && readReply(answer);
 }
 
@@ -336,13 +357,16 @@ bool TrelanQueryHandler::failUnlessLost(Failure failure)
     return fail(canRequest() ? failure : NotOpen);
 }
 
-void TrelanQueryHandler::sendRequest(const QString &operation, const QVariantMap &data)
+/// Returns the size of the frame.
+qint64 TrelanQueryHandler::sendRequest(const QString &operation, const QVariantMap &data)
 {
-    _socket->write(
-        TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(operation, data)));
+    const QByteArray frame =
+        TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(operation, data), _coding);
+    _socket->write(frame);
     _socket->flush();
-    if (canRequest()) // the flush notices a connection that is gone
+    if (canRequest() && !_reader) // the flush notices a connection that is gone
         wait::bytesWritten(*_socket, WAIT_MS);
+    return frame.size();
 }
 
 bool TrelanQueryHandler::connectToBus()
@@ -356,8 +380,12 @@ bool TrelanQueryHandler::connectToBus()
     _handshaked = false;
     _socket->blockSignals(false);
     _socket->connectToHost(QHostAddress(queryHost()), queryPort(), QIODevice::ReadWrite);
-    return _socket->state() == QAbstractSocket::ConnectedState ||
-           wait::connected(*_socket, WAIT_MS);
+    const bool connected =
+        _socket->state() == QAbstractSocket::ConnectedState ||
+        wait::connected(*_socket, _reader ? TrelanTransport::patience() : WAIT_MS);
+    if (connected && _reader)
+        _socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    return connected;
 }
 
 bool TrelanQueryHandler::waitForReply(qint64 staleBytes)
@@ -434,6 +462,120 @@ QByteArray TrelanQueryHandler::readPayload(int size)
             break;
     }
     return payload;
+}
+
+/// With what a publish fills in.
+TrelanObject TrelanQueryHandler::completed(TrelanObject object) const
+{
+    object.setPublisher(_clientName);
+    if (object.uid().isEmpty())
+        object.setUid(_reader ? uids::unique(object) : object.genUid());
+    if (!object.dt().isValid())
+        object.setDt(QDateTime::currentDateTime());
+    return object;
+}
+
+/// Keeps a bounded number of requests ahead of their replies, which come in the same order.
+bool TrelanQueryHandler::publishAhead(const QList<TrelanObject> &objects)
+{
+    Failure failure = None;
+    TrelanError error;
+    QQueue<qint64> ahead; // sizes of the requests that have no reply yet
+    qint64 bytesAhead = 0;
+    const auto note = [&](bool done) {
+        if (!done) {
+            failure = _lastFailure;
+            error = _lastError;
+        }
+    };
+    const int connection = _connection;
+    const auto collect = [&] {
+        bytesAhead -= ahead.dequeue();
+        resetFailure();
+        QVariantMap ignored;
+        note(_connection == connection ? promptReply(ignored) : fail(NotOpen));
+    };
+    for (const TrelanObject &object : objects) {
+        while (ahead.size() >= MAX_AHEAD || bytesAhead >= MAX_BYTES_AHEAD)
+            collect();
+        resetFailure();
+        if (_connection != connection || !canRequest() || wait::isInterrupted()) {
+            note(fail(NotOpen));
+        } else if (ahead.isEmpty() && isOutOfStep()) {
+            note(breakOff(Framing));
+        } else {
+            ahead.enqueue(sendRequest(OPERATION_PUBLISH, completed(object).toVariantMap()));
+            bytesAhead += ahead.last();
+        }
+    }
+    while (!ahead.isEmpty())
+        collect();
+    _lastFailure = failure;
+    _lastError = error;
+    return failure == None;
+}
+
+bool TrelanQueryHandler::promptReply(QVariantMap &answer)
+{
+    const int connection = _connection;
+    const TrelanFrameReader::Status status = awaitFrame(TrelanTransport::patience());
+    if (status == TrelanFrameReader::NeedMoreData) {
+        // Lost, and perhaps opened again by who was told: that one owes no reply.
+        if (_connection != connection || !canRequest())
+            return fail(NotOpen);
+        qCritical().noquote() << tr("Socket wait for ready read error");
+        return breakOff(Timeout);
+    }
+    if (status != TrelanFrameReader::FrameReady || _reader->kind() != TrelanFrame::Reply) {
+        qCritical().noquote().nospace() << tr("Incorrect reply header: ") << _reader->faultText();
+        return breakOff(Framing);
+    }
+    if (takePayload(_reader->payload(), answer))
+        return true;
+    return _lastFailure == Framing ? breakOff(Framing) : false;
+}
+
+/// NeedMoreData if no whole frame has come in this time, the connection is lost, or the thread is
+/// asked to end.
+TrelanFrameReader::Status TrelanQueryHandler::awaitFrame(int milliseconds)
+{
+    const QDeadlineTimer deadline(milliseconds);
+    const int connection = _connection;
+    for (;;) {
+        const TrelanFrameReader::Status status = _reader->next();
+        if (status != TrelanFrameReader::NeedMoreData || !_socket)
+            return status;
+        const bool arrived =
+            _socket->bytesAvailable() > 0 ||
+            (canRequest() && wait::readyRead(*_socket, int(deadline.remainingTime())));
+        if (!arrived || !_socket || _connection != connection ||
+            (deadline.hasExpired() && _socket->bytesAvailable() == 0))
+            return TrelanFrameReader::NeedMoreData;
+        _reader->feed(_socket->read(READ_CHUNK));
+    }
+}
+
+/// Whether something has come that nobody asked for, or more than was asked for.
+bool TrelanQueryHandler::isOutOfStep()
+{
+    if (_socket->bytesAvailable() == 0)
+        _socket->waitForReadyRead(0); // it may be there, and not read
+    if (!_reader || (!_reader->isInsideFrame() && _socket->bytesAvailable() == 0))
+        return false;
+    qCritical().noquote() << tr("A reply that nobody has asked for");
+    return true;
+}
+
+/// Ends a connection on which a late reply would be taken for the next one. open() ends one that
+/// is not accepted yet by itself.
+bool TrelanQueryHandler::breakOff(Failure failure)
+{
+    if (_handshaked && _socket) {
+        // What the reader still holds answers nobody any more.
+        _reader = std::make_unique<TrelanFrameReader>(TrelanTransport::maxPayload());
+        _socket->abort();
+    }
+    return fail(failure); // last: who is told may have asked for something
 }
 
 } // namespace bus

@@ -4,8 +4,10 @@
 
 #include "trelancommand.h"
 #include "trelanerror.h"
+#include "trelanframereader.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
+#include "trelantransport.h"
 
 #include <QtCore/QMap>
 #include <QtCore/QObject>
@@ -15,6 +17,7 @@
 #include <QtNetwork/QAbstractSocket>
 
 #include <atomic>
+#include <memory>
 
 class QTcpSocket;
 
@@ -32,10 +35,14 @@ namespace bus
 /// of N bytes, for up to max(100, N / 100 + 1) attempts of at most 110 ms each. An answered request
 /// takes at least the 10 ms that follow each read attempt. close(), and so the destructor, takes
 /// 100 ms.
+/// In Prompt mode (see TrelanTransport) there are no pauses: a request returns as soon as its reply
+/// is complete, or after the time that is set there.
 ///
 /// Failure: every operation returns false and leaves what it was to fill in untouched; the reason
 /// goes to the Qt log (category "default") and to lastFailure() and lastError(). A request that
-/// fails leaves the connection open, except a refused handshake, which closes it.
+/// fails leaves the connection open, except a refused handshake, which closes it. In Prompt mode
+/// one that ends in Timeout or Framing closes it too, with busDisconnected(): what comes late would
+/// be taken for the next reply.
 ///
 /// \code
 /// bus::TrelanQueryHandler handler("thermometer");
@@ -68,7 +75,7 @@ public:
 
     /// A closed handler that will register with the bus as \a clientName.
     explicit TrelanQueryHandler(const QString &clientName, QObject *parent = nullptr);
-    /// Closes; takes 100 ms.
+    /// Closes; takes 100 ms, or none in Prompt mode.
     ~TrelanQueryHandler() override;
 
     /// IPv4 address used by the next open() of any handler of the process; 127.0.0.1 unless set.
@@ -114,7 +121,7 @@ public Q_SLOTS:
     /// without touching the socket, when the port is 0.
     bool open();
 
-    /// Ends the connection without any signal, after a pause of 100 ms.
+    /// Ends the connection without any signal, after a pause of 100 ms (none in Prompt mode).
     void close();
 
     /// Removes the objects of these names, trimmed, from the memory and the disk of the bus. Names
@@ -125,7 +132,8 @@ public Q_SLOTS:
     /// the current time where it has none.
     bool publish(TrelanObject object);
 
-    /// Publishes one after the other and goes on after a failure; true if none failed.
+    /// Publishes one after the other and goes on after a failure; true if none failed. In Prompt
+    /// mode the next ones are sent while replies are on their way.
     bool publish(QList<TrelanObject> objects);
 
     bool subscribe(const QString &wildCard);
@@ -171,15 +179,25 @@ private:
     void resetFailure();
     bool fail(Failure failure);
     bool failUnlessLost(Failure failure);
-    void sendRequest(const QString &operation, const QVariantMap &data);
+    qint64 sendRequest(const QString &operation, const QVariantMap &data);
     bool waitForReply(qint64 staleBytes);
     bool readReply(QVariantMap &answer);
     QByteArray readPayload(int size);
+    TrelanObject completed(TrelanObject object) const;
+    bool publishAhead(const QList<TrelanObject> &objects);
+    bool promptReply(QVariantMap &answer);
+    TrelanFrameReader::Status awaitFrame(int milliseconds);
+    bool isOutOfStep();
+    bool breakOff(Failure failure);
     bool takePayload(const QByteArray &payload, QVariantMap &answer);
 
     QPointer<QTcpSocket> _socket;
     QString _clientName;
+    bool _prompt;
+    int _connection = 0; // number of the attempts to open one
     bool _handshaked = false;
+    TrelanTransport::Coding _coding = TrelanTransport::Classic;
+    std::unique_ptr<TrelanFrameReader> _reader; // in Prompt mode; since open()
     Failure _lastFailure = None;
     TrelanError _lastError;
 

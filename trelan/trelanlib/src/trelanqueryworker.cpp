@@ -1,6 +1,7 @@
 #include "trelanqueryworker.h"
 
 #include "trelanchannelworker.h"
+#include "trelanuids.h"
 
 #include <loghelpers.h>
 
@@ -33,6 +34,7 @@ void traceContent(const QVariantMap &content)
 TrelanQueryWorker::TrelanQueryWorker(const QString &clientName, QStringList wildcards)
     : _clientName(clientName)
     , _wildcards(std::move(wildcards))
+    , _reconnection(std::make_unique<channelworker::Reconnection>())
 {}
 
 TrelanQueryWorker::~TrelanQueryWorker()
@@ -54,7 +56,8 @@ bool TrelanQueryWorker::doStart()
 {
     doStop();
     _handler = new TrelanQueryHandler(_clientName, this);
-    _restartTimer = channelworker::makeRestartTimer(this);
+    _restartTimer = channelworker::makeRestartTimer(
+        this, _handler.data(), &TrelanQueryHandler::kelbusConnected, *_reconnection);
 
     connect(_restartTimer, SIGNAL(timeout()), this, SLOT(restart()));
     connect(_handler, SIGNAL(busDisconnected()), _restartTimer, SLOT(start()));
@@ -62,7 +65,7 @@ bool TrelanQueryWorker::doStart()
 
     // Otherwise the timer is left alone: it runs if the connection was lost again meanwhile.
     if (!_handler->open() || !subscribeAll())
-        _restartTimer->start();
+        channelworker::restartLater(*_restartTimer, *_reconnection);
     return true;
 }
 
@@ -117,7 +120,8 @@ void TrelanQueryWorker::sendCommand(TrelanCommand cmd)
     if (cmd.needAnswer()) {
         // Now, so that what is kept and what is sent have the same one.
         if (cmd.uid().isEmpty())
-            cmd.setUid(cmd.genUid());
+            cmd.setUid(TrelanTransport::mode() == TrelanTransport::Prompt ? uids::unique(cmd)
+                                                                          : cmd.genUid());
         _storage.storeCmd(cmd);
     }
     _handler->sendCommand(cmd);

@@ -15,8 +15,15 @@
 #include <QtCore/QStringList>
 #include <QtCore/QTimer>
 
+#include <memory>
+
 namespace bus
 {
+
+namespace channelworker
+{
+class Reconnection;
+}
 
 /// \brief Owns the query channel: everything that this client says to the bus goes through it, one
 /// request at a time, in the order in which it was asked for.
@@ -82,6 +89,7 @@ private:
     QStringList _wildcards;
     QFlags<Option> _options;
     SharedObjectsStorage _storage;
+    std::unique_ptr<channelworker::Reconnection> _reconnection;
 };
 
 Q_DECLARE_OPERATORS_FOR_FLAGS(TrelanQueryWorker::Options)

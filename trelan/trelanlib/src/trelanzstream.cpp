@@ -26,8 +26,9 @@ Bytef *input(const char *bytes)
 
 } // namespace
 
-Deflater::Deflater()
-    : _ready(deflateInit(&_stream, Z_DEFAULT_COMPRESSION) == Z_OK)
+Deflater::Deflater(int level)
+    : _level(level)
+    , _ready(deflateInit(&_stream, level) == Z_OK)
 {}
 
 Deflater::~Deflater()
@@ -38,7 +39,7 @@ Deflater::~Deflater()
 QByteArray Deflater::compress(const QByteArray &bytes)
 {
     if (!_ready || bytes.isEmpty() || deflateReset(&_stream) != Z_OK)
-        return qCompress(bytes);
+        return qCompress(bytes, _level);
 
     const uLong bound = deflateBound(&_stream, uLong(bytes.size()));
     QByteArray out(LENGTH_SIZE + int(bound), Qt::Uninitialized);
@@ -48,8 +49,31 @@ QByteArray Deflater::compress(const QByteArray &bytes)
     _stream.next_out = reinterpret_cast<Bytef *>(out.data()) + LENGTH_SIZE;
     _stream.avail_out = uInt(bound);
     if (deflate(&_stream, Z_FINISH) != Z_STREAM_END)
-        return qCompress(bytes);
+        return qCompress(bytes, _level);
     out.resize(LENGTH_SIZE + int(_stream.total_out));
+    return out;
+}
+
+/// Two bytes of header, one block that is also the last, and the sum.
+QByteArray store(const QByteArray &bytes)
+{
+    constexpr char HEADER[] = {0x78, 0x01, 0x01};
+    const auto size = quint16(bytes.size());
+    char sizes[4];
+    qToLittleEndian(size, sizes);
+    qToLittleEndian(quint16(~size), sizes + 2);
+    char length[LENGTH_SIZE];
+    qToBigEndian(quint32(size), length);
+    char sum[4];
+    qToBigEndian(quint32(adler32(1, input(bytes.constData()), size)), sum);
+
+    QByteArray out;
+    out.reserve(LENGTH_SIZE + int(sizeof HEADER + sizeof sizes) + size + int(sizeof sum));
+    out.append(length, LENGTH_SIZE);
+    out.append(HEADER, sizeof HEADER);
+    out.append(sizes, sizeof sizes);
+    out.append(bytes);
+    out.append(sum, sizeof sum);
     return out;
 }
 

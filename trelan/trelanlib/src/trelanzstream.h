@@ -12,16 +12,22 @@ namespace bus::zstream
 class Deflater
 {
 public:
-    Deflater();
+    /// \a level of zlib.
+    explicit Deflater(int level);
     ~Deflater();
     Q_DISABLE_COPY(Deflater)
 
     QByteArray compress(const QByteArray &bytes);
 
 private:
+    const int _level;
     z_stream _stream {};
     bool _ready = false;
 };
+
+/// The same form around bytes that are not compressed. Takes at most MAX_STORED bytes.
+constexpr int MAX_STORED = 65535;
+QByteArray store(const QByteArray &bytes);
 
 /// Reads Qt's form of compressed data.
 class Inflater

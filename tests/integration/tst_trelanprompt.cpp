@@ -1,0 +1,315 @@
+#include <logcapture.h>
+#include <scriptedserver.h>
+#include <testtable.h>
+#include <trelanchannelworker.h>
+#include <trelanmessagereciever.h>
+#include <trelanqueryhandler.h>
+
+#include <memory>
+
+using namespace bus;
+using Server = ScriptedServer;
+using Q = TrelanQueryHandler;
+
+namespace
+{
+
+const QByteArray HELLO = Server::reply("handshake");
+
+/// Byte by byte, as far as the network does not join them again.
+bool sendSlowly(ScriptedPeer &peer, const QByteArray &bytes)
+{
+    return std::all_of(bytes.begin(), bytes.end(),
+                       [&peer](char byte) { return peer.send(QByteArray(1, byte)); });
+}
+
+QByteArray push(int uid)
+{
+    const QByteArray data =
+        R"({"operation":"sendMessage","data":{"s":"al","r":"me","msg":"m","uid":")" +
+        QByteArray::number(uid) + "\"}}";
+    return Server::frame("[-REQUEST-]", Server::payload(data));
+}
+
+TrelanObject named(const QString &name)
+{
+    TrelanObject object;
+    object.setName(name);
+    return object;
+}
+
+} // namespace
+
+/// The channels without pauses, against a peer that does exactly what a test tells it.
+class tst_TrelanPrompt : public QObject
+{
+    Q_OBJECT
+
+    std::unique_ptr<Server> _server;
+
+    void serve(const Server::Script &script)
+    {
+        _server = std::make_unique<Server>(script);
+        Q::setQueryPort(_server->port());
+        TrelanMessageReciever::setMsgPort(_server->port());
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        TrelanTransport::setMode(TrelanTransport::Prompt);
+        TrelanTransport::setPatience(30000);
+        TrelanTransport::setMaxPayload(100000);
+    }
+
+    void queryTakesAnyPieces()
+    {
+        serve([](ScriptedPeer &peer) {
+            while (peer.readFrame() &&
+                   sendSlowly(peer, Server::reply(peer.frame.operation.toUtf8(), 0, "",
+                                                  R"({"nm":"a","uid":"u"})"))) {}
+        });
+        TrelanTransport::setCoding(TrelanTransport::Light);
+        Q handler("me");
+        TrelanObject object;
+        QVERIFY(handler.open());
+        for (int i = 0; i < 20; ++i)
+            QVERIFY(handler.loadObject("a", object) && object.uid() == "u");
+        TrelanTransport::setCoding(TrelanTransport::Classic);
+        QCOMPARE(_server->frames()[1].json,
+                 QByteArray(R"({"data":{"nm":"a"},"operation":"loadObject"})"));
+    }
+
+    void queryOutOfStep_data()
+    {
+        const TestTable<QByteArray, Q::Failure> row("answer", "failure");
+        const QByteArray fine = Server::reply("rm");
+        row("late", "", Q::Timeout);
+        row("half", fine.left(fine.size() / 2), Q::Timeout);
+        row("no header", "[-REPLAY-]\r\n" + fine, Q::Framing);
+        row("a request", push(1), Q::Framing);
+        row("no size", "[-REPLY-]\r\nmany\r\n", Q::Framing);
+        row("too large", "[-REPLY-]\r\n100001\r\n", Q::Framing);
+        row("no payload", Server::frame("[-REPLY-]", "nothing"), Q::Framing);
+        row("one too many", fine + fine, Q::None);
+        row("refused", Server::reply("rm", 2), Q::Refused);
+    }
+
+    void queryOutOfStep()
+    {
+        QFETCH(QByteArray, answer);
+        QFETCH(Q::Failure, failure);
+        serve([&](ScriptedPeer &peer) {
+            if (peer.readFrame() && peer.send(HELLO) && peer.readFrame() && peer.send(answer) &&
+                peer.readFrame())
+                peer.send(Server::reply("rm"));
+            peer.awaitEnd();
+        });
+        TrelanTransport::setPatience(failure == Q::Timeout ? 200 : 30000);
+        Q handler("me");
+        QSignalSpy lost(&handler, &Q::busDisconnected);
+        QVERIFY(handler.open());
+        QCOMPARE(handler.rmPersistent({"a"}), failure == Q::None);
+        QCOMPARE(handler.lastFailure(), failure);
+        const bool inStep = failure == Q::Refused;
+        QCOMPARE(handler.rmPersistent({"a"}), inStep);
+        QCOMPARE(lost.count(), inStep ? 0 : 1);
+        QCOMPARE(handler.isOpen(), inStep);
+        // What comes late belongs to a connection that is gone.
+        TrelanTransport::setPatience(30000);
+        QVERIFY(inStep || handler.open());
+    }
+
+    void publishesAhead()
+    {
+        // Nothing is answered before all of it is there.
+        constexpr int COUNT = 40;
+        serve([](ScriptedPeer &peer) {
+            QByteArray replies;
+            peer.readFrame();
+            peer.send(HELLO);
+            for (int i = 0; i < COUNT && peer.readFrame(); ++i)
+                replies += Server::reply("pub", i == 7 ? 2 : 0, i == 7 ? "seven" : "");
+            peer.send(replies);
+            while (peer.readFrame() && peer.send(Server::reply("pub"))) {}
+        });
+        QList<TrelanObject> objects;
+        for (int i = 0; i < COUNT; ++i)
+            objects << named("same"); // of one millisecond, most of them
+        Q handler("me");
+        QVERIFY(handler.open());
+        QVERIFY(!handler.publish(objects));
+        QCOMPARE(handler.lastError().description(), "seven");
+        QVERIFY(handler.publish(QList<TrelanObject>(objects + objects + objects)));
+        TrelanCommand command;
+        command.setName("go");
+        for (int i = 0; i < COUNT; ++i)
+            QVERIFY(handler.sendCommand(command));
+        QSet<QString> uids;
+        for (const ScriptedFrame &frame : _server->frames().mid(1))
+            uids << frame.data["uid"].toString();
+        QCOMPARE(uids.size(), 5 * COUNT);
+    }
+
+    void brokenOffAhead()
+    {
+        // Replies behind what is none answer nothing any more, not even the next one.
+        serve([](ScriptedPeer &peer) {
+            if (peer.readFrame() && peer.send(HELLO) && peer.readFrame() && peer.readFrame())
+                peer.send(push(1) + Server::reply("pub", 2, "one") + Server::reply("pub"));
+            peer.awaitEnd();
+        });
+        Q handler("me");
+        const LogCapture log;
+        QVERIFY(handler.open() && !handler.publish({named("a"), named("b")}));
+        QCOMPARE(handler.lastFailure(), Q::NotOpen);
+        QCOMPARE(log.faults().size(), 1);
+    }
+
+    void reopenedWhileAsking()
+    {
+        // Not as it should be done, but nothing of it may look done.
+        serve([](ScriptedPeer &peer) {
+            for (int i = 0; peer.readFrame() && i < (peer.number == 0 ? 5 : 1); ++i) {
+                if (i == 0)
+                    peer.send(HELLO);
+            }
+            if (peer.number > 0)
+                peer.awaitEnd();
+        });
+        Q handler("me");
+        QSignalSpy lost(&handler, &Q::busDisconnected);
+        connect(&handler, &Q::busDisconnected, this, [&handler] { handler.open(); });
+        QVERIFY(handler.open());
+        QVERIFY(!handler.publish(QList<TrelanObject>(QVector<TrelanObject>(10).toList())));
+        QCOMPARE(handler.lastFailure(), Q::NotOpen);
+        QCOMPARE(lost.count(), 1);
+        QVERIFY(handler.isOpen());
+    }
+
+    void stopEndsTheWait()
+    {
+        serve([](ScriptedPeer &peer) {
+            peer.readFrame();
+            peer.send(HELLO);
+            peer.awaitEnd();
+        });
+        QSemaphore open;
+        const std::unique_ptr<QThread> thread(QThread::create([&open] {
+            Q handler("me");
+            handler.open();
+            open.release();
+            handler.rmPersistent({"a"});
+        }));
+        thread->start();
+        open.acquire();
+        QElapsedTimer timer;
+        timer.start();
+        thread->requestInterruption();
+        QVERIFY(thread->wait(20000));
+        QVERIFY(timer.elapsed() < 10000); // of 30 s
+    }
+
+    void deliveries()
+    {
+        // In pieces of every size, several at once, one that is known, and before the handshake is
+        // answered.
+        QByteArray stream = push(0) + HELLO;
+        for (int uid = 1; uid < 50; ++uid)
+            stream += push(uid) + (uid % 10 == 0 ? push(uid) : QByteArray());
+        serve([&](ScriptedPeer &peer) {
+            peer.readFrame();
+            for (int at = 0, size = 1; at < stream.size(); at += size++)
+                peer.send(stream.mid(at, size));
+            while (peer.readFrame()) {}
+        });
+        TrelanMessageReciever reciever("me");
+        QStringList uids, expected;
+        for (int uid = 0; uid < 50; ++uid)
+            expected << QString::number(uid);
+        connect(&reciever, &TrelanMessageReciever::incomingMessage, this,
+                [&uids](const TrelanMessage &msg) { uids << msg.uid(); });
+        QVERIFY(reciever.open());
+        QTRY_COMPARE(uids, expected);
+        QTRY_COMPARE(_server->frames().size(), 1 + 50 + 4);
+        QCOMPARE(_server->frames()[0].data, QVariantMap({{"name", "me"}, {"prompt", true}}));
+        QCOMPARE(_server->frames()[1].data["uid"], QVariant("0"));
+        QVERIFY(reciever.isOpen());
+    }
+
+    void deliveriesOutOfStep_data()
+    {
+        const TestTable<QByteArray, QString> row("stream", "reason");
+        row("stalls", HELLO + push(1) + push(2).left(60), "the rest of a frame does not come");
+        row("no header", HELLO + "hello\r\n", "\"hello\"");
+        row("too large", HELLO + "[-REQUEST-]\r\n100001\r\n", "100001");
+        row("no answer", push(1), "the handshake is not answered");
+        row("refused", Server::reply("handshake", 3), "");
+    }
+
+    void deliveriesOutOfStep()
+    {
+        QFETCH(QByteArray, stream);
+        QFETCH(QString, reason);
+        serve([&](ScriptedPeer &peer) {
+            peer.readFrame();
+            peer.send(stream);
+            peer.awaitEnd();
+        });
+        TrelanTransport::setPatience(stream.contains("\r\n1000") ? 30000 : 300);
+        const LogCapture log;
+        TrelanMessageReciever reciever("me");
+        QSignalSpy lost(&reciever, &TrelanMessageReciever::busDisconnected);
+        QSignalSpy refused(&reciever, &TrelanMessageReciever::handshakeRefused);
+        QVERIFY(reciever.open());
+        QTRY_COMPARE(lost.count() + refused.count(), 1);
+        QVERIFY(!reciever.isOpen());
+        const QString warning = log.faults().join('\n');
+        QVERIFY2(warning.contains(reason) && !warning.contains('\n'), qPrintable(warning));
+    }
+
+    void aNewConnectionHasItsOwnTime()
+    {
+        serve([](ScriptedPeer &peer) {
+            peer.readFrame();
+            if (peer.number == 0) {
+                peer.send(HELLO.left(20));
+            } else if (peer.awaitRelease()) {
+                peer.send(HELLO);
+                peer.awaitEnd();
+            }
+        });
+        TrelanTransport::setPatience(1000);
+        TrelanMessageReciever reciever("me");
+        QSignalSpy lost(&reciever, &TrelanMessageReciever::busDisconnected);
+        QSignalSpy accepted(&reciever, &TrelanMessageReciever::handshakeAccepted);
+        QElapsedTimer timer;
+        timer.start();
+        QVERIFY(reciever.open());
+        QTRY_COMPARE(lost.count(), 1);
+        TrelanTransport::setPatience(30000);
+        QVERIFY(reciever.open());
+        QTRY_VERIFY(timer.elapsed() > 1200); // past the end of the first one's time
+        _server->release();
+        QTRY_COMPARE(accepted.count(), 1);
+        QCOMPARE(lost.count(), 1);
+    }
+
+    void comesBackSlower()
+    {
+        channelworker::Reconnection reconnection;
+        int longest = 0;
+        QCOMPARE(reconnection.nextDelay(), 0);
+        for (const int most : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
+            reconnection.connected(); // not for long
+            const int delay = reconnection.nextDelay();
+            QVERIFY2(delay >= most / 2 && delay <= most, qPrintable(QString::number(delay)));
+            longest = qMax(longest, delay);
+        }
+        TrelanTransport::setMode(TrelanTransport::Paced);
+        QCOMPARE(reconnection.nextDelay(), 5000);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_TrelanPrompt)
+#include "tst_trelanprompt.moc"
