@@ -170,6 +170,14 @@ private Q_SLOTS:
         QVERIFY(peer.ask("loadObject {'nm':'deep'}") == "0 " && !peer.data().isEmpty());
         QVERIFY(peer.ask("loadObjects {'wc':'deep'}") == "0 " && !peer.data().isEmpty());
         QVERIFY(publish(1001).contains("nested 1001 levels"));
+        // Qt would lose the memory of the first value.
+        for (const QByteArray pair :
+             {R"({"a":[1],"b":[{"c":{}}],"a" :2})", R"([{"a":{},"\u0061":{}}])"}) {
+            peer.send(RawPeer::jsonFrame(R"({"operation":"pub","data":)" + pair + "}"));
+            const QString answer = peer.receive();
+            QVERIFY2(answer.startsWith("2 payload is no JSON: an object has the key"),
+                     qPrintable(answer));
+        }
         // What is sent is indented: a few kilobytes on the wire would take gigabytes.
         const QByteArray wide = "{\"v\":" + QByteArray(990, '[') + "0" +
                                 QByteArray(",0").repeated(20000) + QByteArray(990, ']') + "}";

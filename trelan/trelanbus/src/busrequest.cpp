@@ -1,6 +1,7 @@
 #include "busrequest.h"
 
 #include "busnames.h"
+#include "buspayload.h"
 
 #include <trelanframe.h>
 
@@ -310,7 +311,7 @@ QString payloadFaultText(const TrelanFrame::Payload &payload, qint64 maxInflated
 BusRequest BusRequest::parse(const QByteArray &payload, qint64 maxInflatedSize)
 {
     BusRequest request;
-    const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(payload, maxInflatedSize);
+    const TrelanFrame::Payload decoded = payload::decode(payload, maxInflatedSize);
     if (decoded.fault != TrelanFrame::NoFault) {
         request.payloadFault = decoded.fault;
         request.fault = dataFault(payloadFaultText(decoded, maxInflatedSize));

@@ -1,5 +1,7 @@
 #include "busserver.h"
 
+#include "buspayload.h"
+
 #include <trelanframe.h>
 
 #include <unistd.h>
@@ -267,7 +269,7 @@ void BusServer::onReply(ConnectionId id, const QByteArray &payload)
     // What an acknowledgement says is short; anything large is decoded for nothing.
     if (payload.size() > SMALL_INFLATED)
         return;
-    const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(payload, SMALL_INFLATED);
+    const TrelanFrame::Payload decoded = payload::decode(payload, SMALL_INFLATED);
     if (decoded.fault == TrelanFrame::NoFault)
         _core.handleReply(id, decoded.envelope);
     watchTimes();

@@ -87,14 +87,22 @@ QByteArray TrelanFrame::frame(Kind kind, const QByteArray &payload)
 
 TrelanFrame::Payload TrelanFrame::decodePayload(const QByteArray &payload, qint64 maxInflatedSize)
 {
-    Payload decoded;
-    decoded.json = uncompress(QByteArray::fromBase64(payload), maxInflatedSize, &decoded.fault);
+    Fault fault = NoFault;
+    Payload decoded =
+        decodeJson(uncompress(QByteArray::fromBase64(payload), maxInflatedSize, &fault));
+    if (fault != NoFault)
+        decoded.fault = fault;
+    return decoded;
+}
 
+TrelanFrame::Payload TrelanFrame::decodeJson(const QByteArray &json)
+{
+    Payload decoded;
+    decoded.json = json;
     QJsonParseError error {};
     const QJsonDocument document = QJsonDocument::fromJson(decoded.json, &error);
     if (error.error != QJsonParseError::NoError) {
-        if (decoded.fault == NoFault)
-            decoded.fault = NotJson;
+        decoded.fault = NotJson;
         decoded.errorText = error.errorString();
         return decoded;
     }

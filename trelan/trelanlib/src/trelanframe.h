@@ -90,6 +90,9 @@ public:
     static Payload decodePayload(const QByteArray &payload,
                                  qint64 maxInflatedSize = TrelanFrame::maxInflatedSize());
 
+    /// The same of a payload that is inflated already.
+    static Payload decodeJson(const QByteArray &json);
+
     /// Largest number of bytes that a payload of this process may inflate to: 256 MiB unless set.
     static qint64 maxInflatedSize();
     /// At least 1; takes effect for the next payload, in every thread.
