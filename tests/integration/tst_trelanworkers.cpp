@@ -29,6 +29,7 @@ class Controller : public TrelanController
 {
 public:
     QFlags<TrelanMsgWorker::Option> options;
+    QFlags<TrelanQueryWorker::Option> queryOptions;
     int started = 0, stopped = 0;
     QStringList seen; // what the message worker handed on
 
@@ -46,8 +47,9 @@ public:
 protected:
     bool doStart() override
     {
-        return initWorkers(new TrelanMsgWorker(clientName(), options),
-                           new TrelanQueryWorker(clientName(), {"a.*", "b.*"}));
+        auto *queries = new TrelanQueryWorker(clientName(), {"a.*", "b.*"});
+        queries->setOptions(queryOptions);
+        return initWorkers(new TrelanMsgWorker(clientName(), options), queries);
     }
     void prepareQueryWorker(TrelanQueryWorker *worker) override
     {
@@ -321,6 +323,23 @@ private Q_SLOTS:
             QTRY_COMPARE_WITH_TIMEOUT(client->seen.join(' '), seen, 15000);
         }
         QVERIFY(timer.elapsed() > 9500); // two intervals
+    }
+
+    void valuesOfNowAfterEveryConnection()
+    {
+        TrelanTransport::setMode(TrelanTransport::Prompt);
+        TestBus bus;
+        RawPeer writer(bus, "writer");
+        QCOMPARE(writer.ask("pub {'nm':'a.b','opt':2}"), "0 ");
+        Controller controller("me");
+        controller.queryOptions = TrelanQueryWorker::SubscribeNow;
+        controller.setBus(HOST, bus.msgPort(), bus.queryPort());
+        QTRY_COMPARE(controller.seen.join(' '), "a.b");
+        const RawPeer thief(bus, "me"); // from which the worker takes its name back
+        QTRY_COMPARE(controller.seen.join(' '), "a.b a.b");
+        QCOMPARE(writer.ask("pub {'nm':'b.c','opt':2}"), "0 ");
+        QTRY_COMPARE(controller.seen.join(' '), "a.b a.b b.c");
+        TrelanTransport::setMode(TrelanTransport::Paced);
     }
 
     void endsUnderTraffic()
