@@ -70,6 +70,10 @@
         <translation>Keine Daten auf der Verbindung</translation>
     </message>
     <message>
+        <source>A reply that nobody has asked for</source>
+        <translation>Eine Antwort, nach der niemand gefragt hat</translation>
+    </message>
+    <message>
         <source>Incorrect reply header: </source>
         <translation>Falscher Kopf der Antwort: </translation>
     </message>
