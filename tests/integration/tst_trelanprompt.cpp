@@ -47,6 +47,7 @@ class tst_TrelanPrompt : public QObject
 
     std::unique_ptr<Server> _server;
 
+    /// The script goes on while a test ends, and must not look at what is the test's.
     void serve(const Server::Script &script)
     {
         _server = std::make_unique<Server>(script);
@@ -99,7 +100,7 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, answer);
         QFETCH(Q::Failure, failure);
-        serve([&](ScriptedPeer &peer) {
+        serve([answer](ScriptedPeer &peer) {
             if (peer.readFrame() && peer.send(HELLO) && peer.readFrame() && peer.send(answer) &&
                 peer.readFrame())
                 peer.send(Server::reply("rm"));
@@ -217,7 +218,7 @@ private Q_SLOTS:
         QByteArray stream = push(0) + HELLO;
         for (int uid = 1; uid < 50; ++uid)
             stream += push(uid) + (uid % 10 == 0 ? push(uid) : QByteArray());
-        serve([&](ScriptedPeer &peer) {
+        serve([stream](ScriptedPeer &peer) {
             peer.readFrame();
             for (int at = 0, size = 1; at < stream.size(); at += size++)
                 peer.send(stream.mid(at, size));
@@ -251,7 +252,7 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, stream);
         QFETCH(QString, reason);
-        serve([&](ScriptedPeer &peer) {
+        serve([stream](ScriptedPeer &peer) {
             peer.readFrame();
             peer.send(stream);
             peer.awaitEnd();
