@@ -343,6 +343,7 @@ void BusCore::sendMessage(ConnectionId id, const BusRequest &request)
 /// Once to each client with a wildcard that takes it in, however many of them do.
 void BusCore::deliver(const ObjectRecord &record)
 {
+    _delivery.beginNotification();
     Notification notification(record);
     const QString name = record.head.name();
     QMap<QString, QString> overruns; // by client

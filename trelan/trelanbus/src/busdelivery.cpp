@@ -229,7 +229,6 @@ int BusDelivery::pump(const QString &client)
 
 void BusDelivery::checkTimes()
 {
-    endNotification();
     const QStringList names = _clients.keys();
     for (const QString &name : names) {
         Client &client = _clients[name];
@@ -366,21 +365,31 @@ void BusDelivery::trim(const QString &client)
     changed(client);
 }
 
-/// Many may ask for the same value, one after the other.
+/// While a publish is notified of, many ask for the same value, one after the other.
 bool BusDelivery::newestOf(const QString &receiver, const QString &object, TrelanMessage &message)
 {
     const ObjectRecord *record = _storage.find(object);
     if (!record)
         return false;
-    if (_newest.first.isEmpty() || !_newest.first.isSharedWith(record->contentJson))
-        _newest = {record->contentJson, record->toNotification()};
-    message = _newest.second;
+    if (!_notifies) {
+        message = record->toNotification();
+    } else {
+        if (_newest.first.isEmpty() || !_newest.first.isSharedWith(record->contentJson))
+            _newest = {record->contentJson, record->toNotification()};
+        message = _newest.second;
+    }
     message.setReciever(receiver);
     return true;
 }
 
+void BusDelivery::beginNotification()
+{
+    _notifies = true;
+}
+
 void BusDelivery::endNotification()
 {
+    _notifies = false;
     _newest = {}; // it may be large
 }
 

@@ -67,7 +67,8 @@ public:
     /// knows the value. Returns which bound the client is past, for people, usually nothing: then
     /// it cannot be told what it has subscribed any more.
     QString notify(const QString &client, Notification &notification, bool fresh = false);
-    /// All of them are notified and pumped.
+    /// Around the subscribers of one publish, who are notified and pumped in between.
+    void beginNotification();
     void endNotification();
     /// The client's subscriptions are gone.
     void dropNotifications(const QString &client);
@@ -137,6 +138,7 @@ private:
     const std::function<void(const QString &)> _ready;
     QElapsedTimer _clock;
     QHash<QString, Client> _clients;
+    bool _notifies = false;
     QPair<QByteArray, TrelanMessage>
         _newest;       // the last content that was asked for, and its message
     int _absent = 0;   // of them, without a connection
