@@ -1,11 +1,11 @@
 #include "trelancommand.h"
 
+#include "trelanjson.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
 #include "trelanvalue.h"
 
 #include <QtCore/QDebug>
-#include <QtCore/QJsonDocument>
 
 namespace bus
 {
@@ -135,8 +135,7 @@ QString TrelanCommand::genUid() const
 {
     const QString text = QStringLiteral("TrelanCommand") + _sender + _reciever +
                          _dt.toString(Qt::ISODate) + _name + value::nowText();
-    return value::digest(text.toUtf8() +
-                         QJsonDocument::fromVariant(_params).toJson(QJsonDocument::Compact));
+    return value::digest(text.toUtf8() + json::compact(_params));
 }
 
 QString TrelanCommand::createObjectName(const QString &name)
@@ -181,8 +180,7 @@ bool TrelanCommand::toTrelanMessage(TrelanMessage &message) const
     if (!_parentUid.isEmpty())
         call.insert(PARENT_UID_HD, _parentUid);
     const QVariantMap body {{MSG_CMD_HD, call}};
-    message.setMessage(
-        QString::fromUtf8(QJsonDocument::fromVariant(body).toJson(QJsonDocument::Compact)));
+    message.setMessage(QString::fromUtf8(json::compact(body)));
     return true;
 }
 

@@ -1,11 +1,8 @@
 #include "trelanframe.h"
 
 #include "trelanerror.h"
+#include "trelanjson.h"
 #include "trelanzstream.h"
-
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
-#include <QtCore/QJsonParseError>
 
 #include <atomic>
 
@@ -15,8 +12,10 @@ namespace bus
 namespace
 {
 
-const QString HEADER_REQUEST = QStringLiteral("[-REQUEST-]");
-const QString HEADER_REPLY = QStringLiteral("[-REPLY-]");
+constexpr char WORD_REQUEST[] = "[-REQUEST-]";
+constexpr char WORD_REPLY[] = "[-REPLY-]";
+const QString HEADER_REQUEST = QString::fromLatin1(WORD_REQUEST);
+const QString HEADER_REPLY = QString::fromLatin1(WORD_REPLY);
 const QString KEY_OPERATION = QStringLiteral("operation");
 const QString KEY_DATA = QStringLiteral("data");
 const QString KEY_RESULT = QStringLiteral("result");
@@ -72,17 +71,21 @@ QByteArray TrelanFrame::encode(Kind kind, const QVariantMap &envelope,
 
 QByteArray TrelanFrame::encodePayload(const QVariantMap &envelope, TrelanTransport::Coding coding)
 {
-    if (coding == TrelanTransport::Light) {
-        const QJsonDocument document = QJsonDocument::fromVariant(envelope);
-        return compressLightly(document.toJson(QJsonDocument::Compact)).toBase64();
-    }
-    return compress(QJsonDocument::fromVariant(envelope).toJson()).toBase64();
+    if (coding == TrelanTransport::Light)
+        return compressLightly(json::compact(envelope)).toBase64();
+    return compress(json::indented(envelope)).toBase64();
 }
 
 QByteArray TrelanFrame::frame(Kind kind, const QByteArray &payload)
 {
-    return headerWord(kind).toLatin1() + SEPARATOR + QByteArray::number(payload.size()) +
-           SEPARATOR + payload;
+    QByteArray bytes;
+    bytes.reserve(payload.size() + 2 * MAX_LINE_LENGTH);
+    bytes += kind == Request ? WORD_REQUEST : WORD_REPLY;
+    bytes += SEPARATOR;
+    bytes += QByteArray::number(payload.size());
+    bytes += SEPARATOR;
+    bytes += payload;
+    return bytes;
 }
 
 TrelanFrame::Payload TrelanFrame::decodePayload(const QByteArray &payload, qint64 maxInflatedSize)
@@ -99,14 +102,8 @@ TrelanFrame::Payload TrelanFrame::decodeJson(const QByteArray &json)
 {
     Payload decoded;
     decoded.json = json;
-    QJsonParseError error {};
-    const QJsonDocument document = QJsonDocument::fromJson(decoded.json, &error);
-    if (error.error != QJsonParseError::NoError) {
+    if (!json::read(decoded.json, decoded.envelope, &decoded.errorText))
         decoded.fault = NotJson;
-        decoded.errorText = error.errorString();
-        return decoded;
-    }
-    decoded.envelope = document.object().toVariantMap();
     return decoded;
 }
 

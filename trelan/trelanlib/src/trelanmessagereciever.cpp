@@ -1,13 +1,13 @@
 #include "trelanmessagereciever.h"
 
 #include "trelanframe.h"
+#include "trelanjson.h"
 #include "trelansocket.h"
 
 #include <loghelpers.h>
 
 #include <QtCore/QDateTime>
 #include <QtCore/QDebug>
-#include <QtCore/QJsonDocument>
 #include <QtCore/QThread>
 #include <QtNetwork/QHostAddress>
 #include <QtNetwork/QTcpSocket>
@@ -148,13 +148,11 @@ void TrelanMessageReciever::setMsgPort(const quint16 &port)
 
 void TrelanMessageReciever::processMessage(const TrelanMessage &msg)
 {
-    QJsonParseError error {};
-    const QJsonDocument document = QJsonDocument::fromJson(msg.message().toUtf8(), &error);
-    if (error.error != QJsonParseError::NoError) {
+    QVariantMap body;
+    if (!json::read(msg.message().toUtf8(), body)) {
         emit incomingMessage(msg);
         return;
     }
-    const QVariantMap body = document.toVariant().toMap();
     const bool isNotification =
         body.contains(TrelanObject::MSG_REASON_HD) && body.contains(TrelanObject::MSG_NAME_HD) &&
         body.contains(TrelanObject::MSG_CONTEXT_HD) &&

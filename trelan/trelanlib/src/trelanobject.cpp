@@ -1,10 +1,9 @@
 #include "trelanobject.h"
 
+#include "trelanjson.h"
 #include "trelanmessage.h"
 #include "trelanvalue.h"
 #include "trelanwildcard.h"
-
-#include <QtCore/QJsonDocument>
 
 #include <utility>
 
@@ -157,8 +156,7 @@ QString TrelanObject::genUid() const
     const QString text = QStringLiteral("TrelanObject") + _publisher + _name +
                          _dt.toString(Qt::ISODate) + QString::number(int(_options)) +
                          value::nowText();
-    return value::digest(text.toUtf8() +
-                         QJsonDocument::fromVariant(_content).toJson(QJsonDocument::Compact));
+    return value::digest(text.toUtf8() + json::compact(_content));
 }
 
 QVariantMap TrelanObject::toVariantMap() const
@@ -191,7 +189,7 @@ TrelanMessage TrelanObject::toMessage(const QString &reciever) const
     TrelanMessage message;
     message.setDt(_dt);
     // Indented, unlike a command's body: readers of the bus compare these bytes.
-    message.setMessage(QString::fromUtf8(QJsonDocument::fromVariant(notification).toJson()));
+    message.setMessage(QString::fromUtf8(json::indented(notification)));
     message.setOptions({});
     message.setReciever(reciever);
     message.setSender(_publisher);

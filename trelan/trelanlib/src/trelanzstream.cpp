@@ -1,5 +1,7 @@
 #include "trelanzstream.h"
 
+#include "trelanjson.h"
+
 #include <QtCore/QtEndian>
 
 #include <limits>
@@ -91,21 +93,24 @@ Inflater::Outcome Inflater::uncompress(const QByteArray &bytes, qint64 limit, QB
     inflated.clear();
     if (!_ready || bytes.size() <= LENGTH_SIZE || inflateReset(&_stream) != Z_OK)
         return Damaged;
-    if (qFromBigEndian<quint32>(bytes.constData()) >= MAX_DECLARED)
+    const auto declared = qFromBigEndian<quint32>(bytes.constData());
+    if (declared >= MAX_DECLARED)
         return Damaged;
 
     _stream.next_in = input(bytes.constData()) + LENGTH_SIZE;
     _stream.avail_in = uInt(bytes.size() - LENGTH_SIZE);
-    return inflateAll(qMin<qint64>(limit, MAX_DECLARED - 1), inflated);
+    return inflateAll(declared, qMin<qint64>(limit, MAX_DECLARED - 1), inflated);
 }
 
-Inflater::Outcome Inflater::inflateAll(qint64 limit, QByteArray &inflated)
+Inflater::Outcome Inflater::inflateAll(qint64 declared, qint64 limit, QByteArray &inflated)
 {
     // One byte beyond the limit is asked for, to tell a result that just fits from one that does
     // not.
     const qint64 most = limit + 1;
     // The first guess is made from what has arrived, never from what it declares to be.
-    const qint64 first = qMax<qint64>(FIRST_CHUNK, _stream.avail_in * USUAL_GROWTH);
+    // That may only make it smaller.
+    const qint64 guess = qMax<qint64>(FIRST_CHUNK, _stream.avail_in * USUAL_GROWTH);
+    const qint64 first = qMin(guess, qMax<qint64>(declared, FIRST_CHUNK) + 1);
     int filled = 0;
     int status = Z_OK;
     while (status != Z_STREAM_END) {
@@ -113,8 +118,9 @@ Inflater::Outcome Inflater::inflateAll(qint64 limit, QByteArray &inflated)
             if (filled > limit)
                 return TooLarge;
             // Reserved first: resize() alone takes the next power of two, which is past the limit.
+            // What is behind it lets JSON be read where it is.
             const int size = int(qMin<qint64>(most, qMax<qint64>(first, filled * 2LL)));
-            inflated.reserve(size);
+            inflated.reserve(int(qMin<qint64>(size + qint64(json::SPARE), MAX_DECLARED)));
             inflated.resize(size);
         }
         _stream.next_out = reinterpret_cast<Bytef *>(inflated.data()) + filled;

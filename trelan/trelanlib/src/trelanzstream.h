@@ -44,7 +44,7 @@ public:
     Outcome uncompress(const QByteArray &bytes, qint64 limit, QByteArray &inflated);
 
 private:
-    Outcome inflateAll(qint64 limit, QByteArray &inflated);
+    Outcome inflateAll(qint64 declared, qint64 limit, QByteArray &inflated);
 
     z_stream _stream {};
     bool _ready = false;

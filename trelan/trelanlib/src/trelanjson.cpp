@@ -1,0 +1,600 @@
+#include "trelanjson.h"
+
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtCore/QJsonParseError>
+#include <QtCore/QLocale>
+
+#include <simdjson.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <string_view>
+
+namespace bus::json
+{
+
+namespace
+{
+
+static_assert(SPARE >= int(simdjson::SIMDJSON_PADDING));
+
+// What is nested deeper is left to Qt.
+constexpr int MAX_DEPTH = 128;
+// A parser takes up to fourteen times the largest text that it has seen, and keeps that.
+constexpr int LARGEST_OF_KEPT_PARSER = 256 * 1024;
+constexpr int LARGEST_TEXT = 16 * 1024 * 1024;
+constexpr double INTEGERS_END = 9223372036854775808.0; // 2^63
+constexpr qint64 MAX_EXACT = 1LL << 53; // the largest up to which a double has every integer
+
+/// Qt 5 takes every number that a qint64 can hold for one, however it is written.
+bool isInteger(double number)
+{
+    return number >= -INTEGERS_END && number < INTEGERS_END && double(qint64(number)) == number;
+}
+
+bool beginsWithMark(std::string_view utf8)
+{
+    return utf8.substr(0, 3) == "\xef\xbb\xbf";
+}
+
+QString fromUtf8(std::string_view utf8)
+{
+    return QString::fromUtf8(utf8.data(), int(utf8.size()));
+}
+
+/// The keys seen last: most come again with the next entry of a list or the next message, and need
+/// neither memory nor conversion then.
+class Keys
+{
+public:
+    QString text(std::string_view utf8)
+    {
+        if (utf8.empty() || utf8.size() > LONGEST)
+            return fromUtf8(utf8);
+        const size_t hash = utf8.size() * 37 + uchar(utf8.front()) * 7U + uchar(utf8.back());
+        Known &known = _known.at(hash % _known.size());
+        if (known.utf8 != utf8) {
+            known.utf8 = utf8;
+            known.text = fromUtf8(utf8);
+        }
+        return known.text;
+    }
+
+private:
+    static constexpr size_t LONGEST = 32;
+    struct Known
+    {
+        std::string utf8;
+        QString text;
+    };
+    std::array<Known, 128> _known;
+};
+
+/// Makes variants of a parsed text. Every function is false for what only Qt may judge.
+class Reader
+{
+public:
+    explicit Reader(Keys &keys)
+        : _keys(keys)
+    {}
+
+    bool object(simdjson::dom::object from, QVariantMap &map)
+    {
+        for (const auto [utf8, element] : from) {
+            // A key that is there twice has its last value. At the end is where the keys of sorted
+            // text belong, and there they are inserted in no time.
+            if (beginsWithMark(utf8) ||
+                !value(element, *map.insert(map.cend(), _keys.text(utf8), QVariant())))
+                return false;
+        }
+        return true;
+    }
+
+    /// A number that is too small for a double is an error to Qt, and zero here.
+    bool hasZero() const { return _hasZero; }
+
+private:
+    bool value(simdjson::dom::element from, QVariant &to)
+    {
+        using simdjson::dom::element_type;
+        switch (from.type()) {
+        case element_type::STRING:
+            return string(from.get_string().value_unsafe(), to);
+        case element_type::INT64:
+            to = QVariant(qlonglong(from.get_int64().value_unsafe()));
+            return true;
+        case element_type::UINT64: // only what is no int64
+            to = QVariant(double(from.get_uint64().value_unsafe()));
+            return true;
+        case element_type::DOUBLE:
+            number(from.get_double().value_unsafe(), to);
+            return true;
+        case element_type::BOOL:
+            to = QVariant(from.get_bool().value_unsafe());
+            return true;
+        case element_type::NULL_VALUE:
+            to = QVariant::fromValue(nullptr);
+            return true;
+        case element_type::OBJECT: {
+            QVariantMap map;
+            const bool usual = object(from.get_object().value_unsafe(), map);
+            to = QVariant(map);
+            return usual;
+        }
+        case element_type::ARRAY:
+            return array(from.get_array().value_unsafe(), to);
+        }
+        return false;
+    }
+
+    static bool string(std::string_view utf8, QVariant &to)
+    {
+        // Qt drops the mark, but not if there is an escape in the same string.
+        if (beginsWithMark(utf8))
+            return false;
+        to = QVariant(fromUtf8(utf8));
+        return true;
+    }
+
+    void number(double from, QVariant &to)
+    {
+        _hasZero = _hasZero || from == 0;
+        to = isInteger(from) ? QVariant(qlonglong(from)) : QVariant(from);
+    }
+
+    bool array(simdjson::dom::array from, QVariant &to)
+    {
+        QVariantList list;
+        list.reserve(int(from.size()));
+        for (const simdjson::dom::element element : from) {
+            list.append(QVariant());
+            if (!value(element, list.last()))
+                return false;
+        }
+        to = QVariant(list);
+        return true;
+    }
+
+    Keys &_keys;
+    bool _hasZero = false;
+};
+
+/// Whether a number may be written with a negative exponent, or with so many digits that it needs
+/// none to be too small.
+bool mayHaveTinyNumber(const QByteArray &text)
+{
+    static const QByteArray MANY_ZEROS(300, '0');
+    for (int at = text.indexOf("-"); at > 0; at = text.indexOf('-', at + 1)) {
+        if ((text.at(at - 1) | 0x20) == 'e' && at > 1 && text.at(at - 2) <= '9')
+            return true;
+    }
+    return text.contains(MANY_ZEROS);
+}
+
+/// False leaves it to Qt; \a object may hold anything then.
+bool readWith(simdjson::dom::parser &parser, const QByteArray &text, QVariantMap &object)
+{
+    static thread_local Keys _keys;
+    const bool mustCopy = text.capacity() - text.size() < SPARE;
+    simdjson::dom::element root;
+    if (parser.parse(text.constData(), size_t(text.size()), mustCopy).get(root))
+        return false;
+    if (!root.is_object())
+        return root.is_array(); // anything else is no document to Qt
+    Reader reader(_keys);
+    return reader.object(root.get_object().value_unsafe(), object) &&
+           !(reader.hasZero() && mayHaveTinyNumber(text));
+}
+
+bool readFast(const QByteArray &text, QVariantMap &object)
+{
+    if (text.size() > LARGEST_OF_KEPT_PARSER) {
+        simdjson::dom::parser parser;
+        return text.size() <= LARGEST_TEXT &&
+               parser.allocate(size_t(text.size()), MAX_DEPTH) == simdjson::SUCCESS &&
+               readWith(parser, text, object);
+    }
+    static thread_local simdjson::dom::parser _parser;
+    static thread_local const auto _allocated = _parser.allocate(1024, MAX_DEPTH);
+    return _allocated == simdjson::SUCCESS && readWith(_parser, text, object);
+}
+
+/// Four UTF-16 units, if all of them are ASCII that is written as it is.
+bool narrowPlain(const QChar *from, char *to)
+{
+    constexpr quint64 EACH = 0x0001000100010001;
+    constexpr quint64 TOP = EACH * 0x8000;
+    quint64 units = 0;
+    std::memcpy(&units, from, sizeof units);
+    if ((units & (EACH * 0xff80)) != 0)
+        return false;
+    // A sum carries into the top bit of its unit, and no further, if the unit is at least a blank,
+    // is no quote, or is no backslash.
+    const quint64 plain = (units + EACH * (0x8000 - ' ')) &
+                          ((units ^ (EACH * '"')) + EACH * 0x7fff) &
+                          ((units ^ (EACH * '\\')) + EACH * 0x7fff);
+    if ((plain & TOP) != TOP)
+        return false;
+    units = (units | units >> 8) & 0x0000ffff0000ffff;
+    const auto bytes = quint32(units | units >> 16);
+    std::memcpy(to, &bytes, sizeof bytes);
+    return true;
+}
+
+/// Writes a document as Qt's writer does.
+class Writer
+{
+public:
+    Writer(QByteArray &out, QJsonDocument::JsonFormat format)
+        : _out(out)
+        , _isCompact(format == QJsonDocument::Compact)
+        , _at(out.data() + out.size())
+        , _end(_at)
+    {}
+
+    /// False if it is nested too deeply; what is written is of no use then.
+    bool object(const QVariantMap &map, int level)
+    {
+        begin('{');
+        bool isUsual = level < MAX_DEPTH;
+        for (auto entry = map.cbegin(); isUsual && entry != map.cend(); ++entry) {
+            separate(entry == map.cbegin(), level + 1);
+            string(entry.key());
+            append(_isCompact ? ":" : ": ");
+            isUsual = value(entry.value(), level + 1);
+        }
+        end('}', map.isEmpty(), level);
+        return isUsual;
+    }
+
+    void string(const QString &text);
+
+    void append(std::string_view text)
+    {
+        char *const to = room(int(text.size()));
+        _at = std::copy(text.cbegin(), text.cend(), to);
+    }
+
+    void finish() { _out.resize(int(_at - _out.constData())); }
+
+private:
+    bool value(const QVariant &value, int level);
+    bool array(const QVariantList &list, int level);
+    void array(const QStringList &list, int level);
+    void integer(qint64 number);
+    void number(double number);
+    void fraction(double number);
+    void rare(double number, char form);
+    void other(const QVariant &value, int level);
+    const QChar *escape(const QChar *from, const QChar *end);
+
+    template <typename Integer>
+    void integer(Integer number)
+    {
+        constexpr int MOST_DIGITS = 20;
+        char *const to = room(MOST_DIGITS);
+        _at = std::to_chars(to, to + MOST_DIGITS, number).ptr;
+    }
+
+    void begin(char bracket)
+    {
+        append({&bracket, 1});
+        if (!_isCompact)
+            append("\n");
+    }
+
+    /// Before an entry.
+    void separate(bool isFirst, int level)
+    {
+        if (!isFirst)
+            append(_isCompact ? "," : ",\n");
+        indent(level);
+    }
+
+    void end(char bracket, bool isEmpty, int level)
+    {
+        if (!_isCompact && !isEmpty)
+            append("\n");
+        indent(level);
+        append({&bracket, 1});
+    }
+
+    void indent(int level)
+    {
+        const int blanks = _isCompact ? 0 : 4 * level;
+        _at = std::fill_n(room(blanks), blanks, ' ');
+    }
+
+    /// Where the next bytes go; there is room for that many.
+    char *room(qint64 bytes)
+    {
+        if (_end - _at < bytes)
+            grow(bytes);
+        return _at;
+    }
+
+    void grow(qint64 bytes);
+
+    QByteArray &_out;
+    const bool _isCompact;
+    char *_at; // behind what is written
+    char *_end;
+};
+
+void Writer::grow(qint64 bytes)
+{
+    constexpr qint64 FIRST = 512;
+    constexpr qint64 MOST = std::numeric_limits<int>::max() - 64;
+    const qint64 used = _at - _out.constData();
+    if (used + bytes > MOST)
+        qBadAlloc(); // as Qt does with what no QByteArray can hold
+    _out.resize(int(qBound(used + bytes, qMax(FIRST, used * 2), MOST)));
+    _at = _out.data() + used;
+    _end = _out.data() + _out.size();
+}
+
+void Writer::string(const QString &text)
+{
+    constexpr int QUOTES = 2;
+    const QChar *from = text.constData();
+    const QChar *const end = from + text.size();
+    *room(qint64(text.size()) + QUOTES) = '"';
+    ++_at;
+    // There is always room for what is left, as long as none of it takes more than a byte.
+    while (from != end) {
+        while (end - from >= 4 && narrowPlain(from, _at)) {
+            from += 4;
+            _at += 4;
+        }
+        const ushort unit = from == end ? '"' : from->unicode();
+        if (unit >= ' ' && unit < 0x80 && unit != '"' && unit != '\\') {
+            *_at++ = char(unit);
+            ++from;
+        } else if (from != end) {
+            from = escape(from, end);
+        }
+    }
+    *_at++ = '"';
+}
+
+/// Writes a character that takes more than a byte, and returns what is behind it.
+const QChar *Writer::escape(const QChar *from, const QChar *end)
+{
+    static constexpr char HEX[] = "0123456789abcdef";
+    static constexpr std::string_view ESCAPED = "\"\\\b\f\n\r\t";
+    static constexpr std::string_view LETTERS = "\"\\bfnrt";
+    constexpr int LONGEST = 6;
+    constexpr int QUOTE = 1;
+    room(LONGEST + (end - from) + QUOTE);
+    const auto put = [this](uint byte) { *_at++ = char(byte); };
+    const auto putRest = [put](uint bits) { put(0x80 | (bits & 0x3f)); };
+
+    uint unit = from++->unicode();
+    if (unit >= 0x80 && unit < 0x800) {
+        put(0xc0 | unit >> 6);
+        putRest(unit);
+    } else if (unit >= 0x80 && !QChar::isSurrogate(unit)) {
+        put(0xe0 | unit >> 12);
+        putRest(unit >> 6);
+        putRest(unit);
+    } else if (QChar::isHighSurrogate(unit) && from != end && from->isLowSurrogate()) {
+        unit = QChar::surrogateToUcs4(ushort(unit), from++->unicode());
+        put(0xf0 | unit >> 18);
+        putRest(unit >> 12);
+        putRest(unit >> 6);
+        putRest(unit);
+    } else if (const auto found = ESCAPED.find(char(unit));
+               unit < 0x80 && found != std::string_view::npos) {
+        put('\\');
+        put(uchar(LETTERS[found]));
+    } else {
+        put('\\');
+        put('u');
+        for (const int shift : {12, 8, 4, 0})
+            put(uchar(HEX[unit >> shift & 0xf]));
+    }
+    return from;
+}
+
+template <typename Type>
+const Type &get(const QVariant &value)
+{
+    return *static_cast<const Type *>(value.constData());
+}
+
+bool Writer::value(const QVariant &value, int level)
+{
+    switch (value.userType()) {
+    case QMetaType::QString:
+        string(get<QString>(value));
+        return true;
+    case QMetaType::Int:
+        integer(get<int>(value));
+        return true;
+    case QMetaType::UInt:
+        integer(get<uint>(value));
+        return true;
+    case QMetaType::LongLong:
+        integer(get<qlonglong>(value));
+        return true;
+    case QMetaType::ULongLong:
+        number(double(get<qulonglong>(value)));
+        return true;
+    case QMetaType::Double:
+        number(get<double>(value));
+        return true;
+    case QMetaType::Bool:
+        append(get<bool>(value) ? "true" : "false");
+        return true;
+    case QMetaType::Nullptr:
+    case QMetaType::UnknownType:
+        append("null");
+        return true;
+    case QMetaType::QVariantMap:
+        return object(get<QVariantMap>(value), level);
+    case QMetaType::QVariantList:
+        return array(get<QVariantList>(value), level);
+    case QMetaType::QStringList:
+        array(get<QStringList>(value), level);
+        return true;
+    default:
+        other(value, level);
+        return true;
+    }
+}
+
+bool Writer::array(const QVariantList &list, int level)
+{
+    begin('[');
+    bool isUsual = level < MAX_DEPTH;
+    for (auto entry = list.cbegin(); isUsual && entry != list.cend(); ++entry) {
+        separate(entry == list.cbegin(), level + 1);
+        isUsual = value(*entry, level + 1);
+    }
+    end(']', list.isEmpty(), level);
+    return isUsual;
+}
+
+void Writer::array(const QStringList &list, int level)
+{
+    begin('[');
+    for (auto entry = list.cbegin(); entry != list.cend(); ++entry) {
+        separate(entry == list.cbegin(), level + 1);
+        string(*entry);
+    }
+    end(']', list.isEmpty(), level);
+}
+
+void Writer::integer(qint64 number)
+{
+    // Qt writes the double that is next to it.
+    if (number > MAX_EXACT || number < -MAX_EXACT)
+        return rare(double(number), 'f');
+    constexpr int MOST_DIGITS = 20;
+    char *const to = room(MOST_DIGITS);
+    _at = std::to_chars(to, to + MOST_DIGITS, number).ptr;
+}
+
+void Writer::number(double number)
+{
+    constexpr double BEYOND_QUINT64 = 2 * INTEGERS_END;
+    if (isInteger(number))
+        integer(qint64(number));
+    else if (!qIsFinite(number))
+        append("null");
+    else if (std::abs(number) < INTEGERS_END)
+        fraction(number);
+    else
+        rare(number, std::abs(number) < BEYOND_QUINT64 ? 'f' : 'g');
+}
+
+void Writer::rare(double number, char form)
+{
+    const QByteArray text = QByteArray::number(number, form, QLocale::FloatingPointShortest);
+    append({text.constData(), size_t(text.size())});
+}
+
+/// The shortest text that is the same number again, in the form that Qt prefers.
+void Writer::fraction(double number)
+{
+    // Sign, digits with a point behind the first, exponent.
+    constexpr int LONGEST = 32;
+    std::array<char, LONGEST> buffer {};
+    const char *const end =
+        std::to_chars(buffer.data(), buffer.data() + LONGEST, number, std::chars_format::scientific)
+            .ptr;
+    std::string_view text(buffer.data(), size_t(end - buffer.data()));
+    const size_t mark = text.rfind('e');
+    int exponent = 0;
+    std::from_chars(&text[mark + 2], end, exponent);
+    if (text[mark + 1] == '-')
+        exponent = -exponent;
+
+    const bool isNegative = text.front() == '-';
+    text = text.substr(isNegative ? 1 : 0, mark - (isNegative ? 1 : 0));
+    const int digits = text.size() == 1 ? 1 : int(text.size()) - 1;
+    if (exponent < -4)
+        return rare(number, 'g');
+    if (isNegative)
+        append("-");
+    if (exponent < 0) {
+        append(std::string_view("0.000").substr(0, size_t(1 - exponent)));
+        append(text.substr(0, 1));
+        append(digits > 1 ? text.substr(2) : std::string_view());
+        return;
+    }
+    append(text.substr(0, 1));
+    append(text.substr(2, size_t(exponent)));
+    append(".");
+    append(text.substr(2 + size_t(exponent)));
+}
+
+/// Qt knows what becomes of the value: a list with nothing else is the least that it writes.
+void Writer::other(const QVariant &value, int level)
+{
+    const QJsonDocument document = QJsonDocument::fromVariant(QVariantList {value});
+    QByteArray text =
+        document.toJson(_isCompact ? QJsonDocument::Compact : QJsonDocument::Indented);
+    if (_isCompact) {
+        text = text.mid(1, text.size() - 2); // without the brackets
+    } else {
+        text = text.mid(6, text.size() - 9); // without their line breaks and the indent, too
+        text.replace("\n", "\n" + QByteArray(4 * (level - 1), ' '));
+    }
+    append({text.constData(), size_t(text.size())});
+}
+
+QByteArray write(const QVariantMap &map, QJsonDocument::JsonFormat format)
+{
+    QByteArray text;
+    Writer writer(text, format);
+    if (!writer.object(map, 0))
+        return QJsonDocument::fromVariant(map).toJson(format);
+    if (format == QJsonDocument::Indented)
+        writer.append("\n");
+    writer.finish();
+    return text;
+}
+
+} // namespace
+
+bool read(const QByteArray &text, QVariantMap &object, QString *errorText)
+{
+    object.clear();
+    if (readFast(text, object))
+        return true;
+
+    QJsonParseError error {};
+    const QJsonDocument document = QJsonDocument::fromJson(text, &error);
+    object = document.object().toVariantMap();
+    if (error.error == QJsonParseError::NoError)
+        return true;
+    if (errorText)
+        *errorText = error.errorString();
+    return false;
+}
+
+QByteArray indented(const QVariantMap &map)
+{
+    return write(map, QJsonDocument::Indented);
+}
+
+QByteArray compact(const QVariantMap &map)
+{
+    return write(map, QJsonDocument::Compact);
+}
+
+void appendString(QByteArray &out, const QString &text)
+{
+    Writer writer(out, QJsonDocument::Compact);
+    writer.string(text);
+    writer.finish();
+}
+
+} // namespace bus::json
