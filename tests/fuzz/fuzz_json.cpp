@@ -59,6 +59,10 @@ extern "C" const char *__lsan_default_suppressions()
 {
     return "leak:libQt5Core";
 }
+extern "C" const char *__lsan_default_options()
+{
+    return "print_suppressions=0";
+}
 
 /// The input is JSON text, or else texts and numbers to write.
 extern "C" int LLVMFuzzerTestOneInput(const quint8 *data, size_t size)

@@ -2,6 +2,7 @@
 #include "testsupport.h"
 #include "testtable.h"
 
+#include <trelanbase64.h>
 #include <trelanerror.h>
 #include <trelanframereader.h>
 
@@ -100,6 +101,24 @@ private slots:
         QCOMPARE(compressedOtherwise(3), 0);
         QCOMPARE(first.get() + second.get(), 0);
         QCOMPARE(TrelanFrame::compress({}), qCompress(QByteArray()));
+    }
+
+    void base64AsQtDoesIt()
+    {
+        std::mt19937 random(6);
+        const QByteArray characters = "AZaz09+/=-_ \r\n\xff";
+        for (int round = 0; round < 20000; ++round) {
+            const QByteArray bytes = someBytes(random, int(random() % 50));
+            QByteArray text = "in front";
+            base64::append(text, bytes);
+            QCOMPARE(text, "in front" + bytes.toBase64());
+            QCOMPARE(text.size(), 8 + base64::encodedSize(bytes.size()));
+            text.remove(0, 8);
+            for (quint32 edits = random() % 3; edits > 0 && !text.isEmpty(); --edits)
+                text.replace(int(random() % quint32(text.size())), int(random() % 3),
+                             characters.mid(int(random() % quint32(characters.size())), 1));
+            QCOMPARE(base64::decode(text), QByteArray::fromBase64(text));
+        }
     }
 
     void acceptsWhatQtAccepts()

@@ -1,5 +1,6 @@
 #include "trelanframe.h"
 
+#include "trelanbase64.h"
 #include "trelanerror.h"
 #include "trelanjson.h"
 #include "trelanzstream.h"
@@ -27,6 +28,24 @@ constexpr int STORED_SIZE = 1024; // below, compressing costs more than the byte
 // Far above any envelope a client sends on purpose, and far below what a machine has: without it
 // a few hundred kilobytes of zeros, compressed, would take the process down.
 std::atomic<qint64> _maxInflatedSize {256LL * 1024 * 1024};
+
+/// What is in front of a payload, with room for that.
+QByteArray lines(TrelanFrame::Kind kind, int payloadSize)
+{
+    QByteArray bytes;
+    bytes.reserve(2 * TrelanFrame::MAX_LINE_LENGTH + payloadSize);
+    bytes += kind == TrelanFrame::Request ? WORD_REQUEST : WORD_REPLY;
+    bytes += SEPARATOR;
+    bytes += QByteArray::number(payloadSize);
+    bytes += SEPARATOR;
+    return bytes;
+}
+
+QByteArray compressed(const QVariantMap &envelope, TrelanTransport::Coding coding)
+{
+    return coding == TrelanTransport::Light ? TrelanFrame::compressLightly(json::compact(envelope))
+                                            : TrelanFrame::compress(json::indented(envelope));
+}
 
 } // namespace
 
@@ -66,33 +85,28 @@ quint16 TrelanFrame::replyCode(const QVariantMap &result)
 QByteArray TrelanFrame::encode(Kind kind, const QVariantMap &envelope,
                                TrelanTransport::Coding coding)
 {
-    return frame(kind, encodePayload(envelope, coding));
+    const QByteArray bytes = compressed(envelope, coding);
+    QByteArray frame = lines(kind, base64::encodedSize(bytes.size()));
+    base64::append(frame, bytes);
+    return frame;
 }
 
 QByteArray TrelanFrame::encodePayload(const QVariantMap &envelope, TrelanTransport::Coding coding)
 {
-    if (coding == TrelanTransport::Light)
-        return compressLightly(json::compact(envelope)).toBase64();
-    return compress(json::indented(envelope)).toBase64();
+    QByteArray payload;
+    base64::append(payload, compressed(envelope, coding));
+    return payload;
 }
 
 QByteArray TrelanFrame::frame(Kind kind, const QByteArray &payload)
 {
-    QByteArray bytes;
-    bytes.reserve(payload.size() + 2 * MAX_LINE_LENGTH);
-    bytes += kind == Request ? WORD_REQUEST : WORD_REPLY;
-    bytes += SEPARATOR;
-    bytes += QByteArray::number(payload.size());
-    bytes += SEPARATOR;
-    bytes += payload;
-    return bytes;
+    return lines(kind, payload.size()) += payload;
 }
 
 TrelanFrame::Payload TrelanFrame::decodePayload(const QByteArray &payload, qint64 maxInflatedSize)
 {
     Fault fault = NoFault;
-    Payload decoded =
-        decodeJson(uncompress(QByteArray::fromBase64(payload), maxInflatedSize, &fault));
+    Payload decoded = decodeJson(uncompress(base64::decode(payload), maxInflatedSize, &fault));
     if (fault != NoFault)
         decoded.fault = fault;
     return decoded;

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "trelanglobal.h"
+
+#include <QtCore/QByteArray>
+
+/// What QByteArray has of base64, without its branches, which nobody can predict for bytes that are
+/// new every time: a third of the time, or when reading a tenth. Internal to the libraries; pure.
+namespace bus::base64
+{
+
+/// The size of QByteArray::toBase64() of that many bytes.
+TRELAN_EXPORT int encodedSize(int bytes);
+
+/// Appends what \a bytes.toBase64() returns.
+TRELAN_EXPORT void append(QByteArray &out, const QByteArray &bytes);
+
+/// What QByteArray::fromBase64(\a text) returns, whatever the text.
+TRELAN_EXPORT QByteArray decode(const QByteArray &text);
+
+} // namespace bus::base64
