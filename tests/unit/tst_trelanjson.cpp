@@ -70,6 +70,10 @@ private slots:
         QTest::newRow("unsorted") << QByteArray(
             "{\"b\":{\"d\":1,\"c\":2},\"\":0,\"a\":[],\"\xc3\xa4\":{}}");
         QTest::newRow("twice") << QByteArray("{\"a\":1,\"b\":{\"c\":1},\"\\u0061\":2,\"b\":[3]}");
+        QByteArray many; // Qt sorts more than sixteen in another way
+        for (int i = 0; i < 40; ++i)
+            many += "\"" + QByteArray::number(i * 7 % 20) + "\":" + QByteArray::number(i) + ",";
+        QTest::newRow("many twice") << "{" + many + "\"x\":{}}";
         QTest::newRow("escapes") << QByteArray(
             "{\"a\\\"\\\\\\/"
             "\\b\\f\\n\\r\\t\":\"\\u00e4\\u20ac\\ud83d\\ude00\\u0000\\u001f\\u007f\"}");

@@ -86,14 +86,16 @@ public:
 
     bool object(simdjson::dom::object from, QVariantMap &map)
     {
+        int fields = 0;
         for (const auto [utf8, element] : from) {
-            // A key that is there twice has its last value. At the end is where the keys of sorted
-            // text belong, and there they are inserted in no time.
+            // At the end is where the keys of sorted text belong: it takes no search there.
             if (beginsWithMark(utf8) ||
                 !value(element, *map.insert(map.cend(), _keys.text(utf8), QVariant())))
                 return false;
+            ++fields;
         }
-        return true;
+        // Which value of a key that is there twice Qt takes depends on how it sorts.
+        return map.size() == fields;
     }
 
     /// A number that is too small for a double is an error to Qt, and zero here.
