@@ -16,7 +16,6 @@ HERE = pathlib.Path(__file__).resolve().parent
 ROWS = []
 NOT_INFLATABLE = 1
 NOT_JSON = 3
-STORED = 1024  # a light payload of up to so many bytes of JSON is not compressed
 
 
 def indented(value, depth=0):
@@ -52,11 +51,9 @@ def written(name, envelope):
     header = "[-REPLY-]" if "result" in envelope else "[-REQUEST-]"
     text = indented(envelope).encode()
     compact = json.dumps(envelope, ensure_ascii=False, sort_keys=True, separators=(",", ":"))
-    light = {}
-    if len(compact.encode()) <= STORED:
-        light["light"] = base64.b64encode(packed(compact.encode(), 0)).decode()
+    light = base64.b64encode(packed(compact.encode(), 0)).decode()
     row(name, base64.b64encode(packed(text)), header, envelope=envelope, written=True,
-        json=text.decode(), compact=compact, **light)
+        json=text.decode(), compact=compact, light=light)
 
 
 def read(name, payload, envelope):

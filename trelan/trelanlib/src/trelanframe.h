@@ -101,7 +101,7 @@ public:
     /// What qCompress(\a bytes, -1) returns, to the byte, with a compressor that is set up once.
     static QByteArray compress(const QByteArray &bytes);
 
-    /// The same form, for less time and more bytes: not compressed at all when it is small.
+    /// The same form, for less time and more bytes: not compressed at all up to 1 MiB.
     static QByteArray compressLightly(const QByteArray &bytes);
 
     /// What qUncompress(\a bytes) returns, but silent, and \c NotInflatable or \c TooLarge in

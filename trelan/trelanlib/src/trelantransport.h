@@ -35,8 +35,8 @@ public:
     enum Coding {
         /// Indented JSON, compressed as well as zlib does unless told otherwise.
         Classic,
-        /// Compact JSON, compressed little or, when it is small, not at all. The same value in a
-        /// frame of the same form: whoever reads the one reads the other.
+        /// Compact JSON, not compressed up to 1 MiB and little above. The same value in a frame of
+        /// the same form: whoever reads the one reads the other.
         Light
     };
 

@@ -56,26 +56,31 @@ QByteArray Deflater::compress(const QByteArray &bytes)
     return out;
 }
 
-/// Two bytes of header, one block that is also the last, and the sum.
+/// Two bytes of header, blocks of which the last one says so, and the sum.
 QByteArray store(const QByteArray &bytes)
 {
-    constexpr char HEADER[] = {0x78, 0x01, 0x01};
-    const auto size = quint16(bytes.size());
-    char sizes[4];
-    qToLittleEndian(size, sizes);
-    qToLittleEndian(quint16(~size), sizes + 2);
-    char length[LENGTH_SIZE];
-    qToBigEndian(quint32(size), length);
-    char sum[4];
-    qToBigEndian(quint32(adler32(1, input(bytes.constData()), size)), sum);
-
-    QByteArray out;
-    out.reserve(LENGTH_SIZE + int(sizeof HEADER + sizeof sizes) + size + int(sizeof sum));
-    out.append(length, LENGTH_SIZE);
+    constexpr char HEADER[] = {0x78, 0x01};
+    constexpr int LARGEST_BLOCK = 65535;
+    constexpr int BLOCK_HEADER_SIZE = 5;
+    constexpr int SUM_SIZE = 4;
+    const int blocks = qMax(1, (bytes.size() + LARGEST_BLOCK - 1) / LARGEST_BLOCK);
+    QByteArray out(LENGTH_SIZE, Qt::Uninitialized);
+    out.reserve(LENGTH_SIZE + int(sizeof HEADER) + blocks * BLOCK_HEADER_SIZE + bytes.size() +
+                SUM_SIZE);
+    qToBigEndian(quint32(bytes.size()), out.data());
     out.append(HEADER, sizeof HEADER);
-    out.append(sizes, sizeof sizes);
-    out.append(bytes);
-    out.append(sum, sizeof sum);
+    for (int block = 0; block < blocks; ++block) {
+        const int begin = block * LARGEST_BLOCK;
+        const auto size = quint16(qMin(bytes.size() - begin, LARGEST_BLOCK));
+        char header[BLOCK_HEADER_SIZE] = {char(block == blocks - 1)};
+        qToLittleEndian(size, header + 1);
+        qToLittleEndian(quint16(~size), header + 3);
+        out.append(header, BLOCK_HEADER_SIZE);
+        out.append(bytes.constData() + begin, size);
+    }
+    char sum[SUM_SIZE];
+    qToBigEndian(quint32(adler32(1, input(bytes.constData()), uInt(bytes.size()))), sum);
+    out.append(sum, SUM_SIZE);
     return out;
 }
 

@@ -25,8 +25,7 @@ private:
     bool _ready = false;
 };
 
-/// The same form around bytes that are not compressed. Takes at most MAX_STORED bytes.
-constexpr int MAX_STORED = 65535;
+/// The same form around bytes that are not compressed.
 QByteArray store(const QByteArray &bytes);
 
 /// Reads Qt's form of compressed data.
