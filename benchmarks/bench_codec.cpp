@@ -2,25 +2,45 @@
 
 #include <trelanframe.h>
 #include <trelanframereader.h>
+#include <trelanjson.h>
 #include <trelanobject.h>
+
+#include <QtCore/QJsonObject>
 
 #include <benchmark/benchmark.h>
 
 using bus::TrelanFrame;
 using bus::TrelanFrameReader;
 using bus::TrelanObject;
+using bus::TrelanTransport;
 
 namespace
 {
 
-QVariantMap publishRequest(int size)
+/// Different ones for each \a variant.
+QVariantMap publishRequest(int size, int variant = 0)
 {
+    QVariantMap content = content::ofSize(size);
+    QVariantList readings = content.value(QStringLiteral("readings")).toList();
+    for (int i = 0; i < readings.size(); ++i)
+        readings[i] = content::reading(i + 1000 * variant);
+    content[QStringLiteral("readings")] = readings;
     TrelanObject object;
     object.setName(QStringLiteral("host.box-17.readings"));
     object.setDt(QDateTime::fromMSecsSinceEpoch(1700000000123));
     object.setUid(QStringLiteral("kG2yYz5XbTtmYqvR7yk0rX1uVbU="));
-    object.setContent(content::ofSize(size));
+    object.setContent(content);
     return TrelanFrame::request(QStringLiteral("pub"), object.toVariantMap());
+}
+
+/// As many as it takes that a processor cannot learn them by heart: with one alone, whatever
+/// branches on every byte seems to cost nothing.
+QVector<QVariantMap> publishRequests(int size)
+{
+    QVector<QVariantMap> requests;
+    for (int variant = 0; variant < qBound(8, 256 * 1024 / size, 256); ++variant)
+        requests.append(publishRequest(size, variant));
+    return requests;
 }
 
 QByteArray envelopeJson(int size)
@@ -34,21 +54,28 @@ void sizes(benchmark::internal::Benchmark *benchmark)
 }
 
 /// An envelope to the bytes of its frame.
-void frameEncode(benchmark::State &state)
+void frameEncode(benchmark::State &state, TrelanTransport::Coding coding)
 {
-    const QVariantMap envelope = publishRequest(int(state.range(0)));
-    for (auto _ : state)
-        benchmark::DoNotOptimize(TrelanFrame::encode(TrelanFrame::Request, envelope));
+    const QVector<QVariantMap> envelopes = publishRequests(int(state.range(0)));
+    int next = 0;
+    for (auto _ : state) {
+        const QVariantMap &envelope = envelopes.at(next++ % envelopes.size());
+        benchmark::DoNotOptimize(TrelanFrame::encode(TrelanFrame::Request, envelope, coding));
+    }
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(frameEncode)->Apply(sizes);
+BENCHMARK_CAPTURE(frameEncode, classic, TrelanTransport::Classic)->Apply(sizes);
+BENCHMARK_CAPTURE(frameEncode, light, TrelanTransport::Light)->Apply(sizes);
 
 /// The bytes of a frame, arrived at once, to its envelope.
-void frameDecode(benchmark::State &state)
+void frameDecode(benchmark::State &state, TrelanTransport::Coding coding)
 {
-    const QByteArray frame =
-        TrelanFrame::encode(TrelanFrame::Request, publishRequest(int(state.range(0))));
+    QVector<QByteArray> frames;
+    for (const QVariantMap &envelope : publishRequests(int(state.range(0))))
+        frames.append(TrelanFrame::encode(TrelanFrame::Request, envelope, coding));
+    int next = 0;
     for (auto _ : state) {
+        const QByteArray &frame = frames.at(next++ % frames.size());
         TrelanFrameReader reader(frame.size());
         reader.feed(frame);
         if (reader.next() != TrelanFrameReader::FrameReady)
@@ -57,7 +84,41 @@ void frameDecode(benchmark::State &state)
     }
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(frameDecode)->Apply(sizes);
+BENCHMARK_CAPTURE(frameDecode, classic, TrelanTransport::Classic)->Apply(sizes);
+BENCHMARK_CAPTURE(frameDecode, light, TrelanTransport::Light)->Apply(sizes);
+
+void jsonWriteQt(benchmark::State &state)
+{
+    const QVariantMap map = publishRequest(int(state.range(0)));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(QJsonDocument::fromVariant(map).toJson(QJsonDocument::Compact));
+}
+BENCHMARK(jsonWriteQt)->Apply(sizes);
+
+void jsonWrite(benchmark::State &state)
+{
+    const QVariantMap map = publishRequest(int(state.range(0)));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(bus::json::compact(map));
+}
+BENCHMARK(jsonWrite)->Apply(sizes);
+
+void jsonReadQt(benchmark::State &state)
+{
+    const QByteArray json = envelopeJson(int(state.range(0)));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(QJsonDocument::fromJson(json).object().toVariantMap());
+}
+BENCHMARK(jsonReadQt)->Apply(sizes);
+
+void jsonRead(benchmark::State &state)
+{
+    const QByteArray json = envelopeJson(int(state.range(0)));
+    QVariantMap map;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(bus::json::read(json, map));
+}
+BENCHMARK(jsonRead)->Apply(sizes);
 
 void compressQt(benchmark::State &state)
 {
