@@ -1,3 +1,4 @@
+#include "qtleaks.h"
 #include "trelanframereader.h"
 
 #include <QtCore/QJsonDocument>

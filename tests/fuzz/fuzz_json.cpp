@@ -1,3 +1,4 @@
+#include "qtleaks.h"
 #include "trelanjson.h"
 
 #include <QtCore/QJsonDocument>
@@ -53,16 +54,6 @@ QVariantMap anything(const QByteArray &bytes)
 }
 
 } // namespace
-
-/// Qt loses the memory of what it replaces when an object has a key twice.
-extern "C" const char *__lsan_default_suppressions()
-{
-    return "leak:libQt5Core";
-}
-extern "C" const char *__lsan_default_options()
-{
-    return "print_suppressions=0";
-}
 
 /// The input is JSON text, or else texts and numbers to write.
 extern "C" int LLVMFuzzerTestOneInput(const quint8 *data, size_t size)

@@ -14,6 +14,7 @@ namespace
 
 constexpr int LENGTH_SIZE = 4;
 constexpr int FIRST_CHUNK = 1024;
+constexpr int SMALLEST_CHUNK = 64;
 // JSON usually inflates to four to eight times its size.
 constexpr qint64 USUAL_GROWTH = 4;
 // Qt refuses a declared length that a QByteArray could not hold, whatever the stream inflates to.
@@ -112,10 +113,10 @@ Inflater::Outcome Inflater::inflateAll(qint64 declared, qint64 limit, QByteArray
     // One byte beyond the limit is asked for, to tell a result that just fits from one that does
     // not.
     const qint64 most = limit + 1;
-    // The first guess is made from what has arrived, never from what it declares to be.
-    // That may only make it smaller.
+    // The first guess is made from what has arrived, never from what it declares to be, which may
+    // only make it smaller.
     const qint64 guess = qMax<qint64>(FIRST_CHUNK, _stream.avail_in * USUAL_GROWTH);
-    const qint64 first = qMin(guess, qMax<qint64>(declared, FIRST_CHUNK) + 1);
+    const qint64 first = qBound<qint64>(SMALLEST_CHUNK, declared + 1, guess);
     int filled = 0;
     int status = Z_OK;
     while (status != Z_STREAM_END) {
