@@ -164,7 +164,7 @@ void BusCore::endQuery(ConnectionId id)
     const QString client = _queryClients.remove(id);
     if (client.isEmpty())
         return;
-    _subscriptions.remove(client);
+    _subscriptions.removeClient(client);
     _delivery.dropNotifications(client);
 }
 
@@ -224,15 +224,15 @@ void BusCore::loadObjects(ConnectionId id, const BusRequest &request)
 
 void BusCore::subscribe(ConnectionId id, const BusRequest &request)
 {
-    QSet<QString> &wildcards = _subscriptions[_queryClients.name(id)];
+    const QString client = _queryClients.name(id);
     QSet<QString> added;
     for (const QString &wildcard : request.names) {
-        if (!wildcards.contains(wildcard))
+        if (!_subscriptions.contains(client, wildcard))
             added.insert(wildcard);
-        if (wildcards.size() + added.size() > _maxSubscriptions)
+        if (_subscriptions.count(client) + added.size() > _maxSubscriptions)
             break; // a frame has room for millions
     }
-    if (wildcards.size() + added.size() > _maxSubscriptions) {
+    if (_subscriptions.count(client) + added.size() > _maxSubscriptions) {
         _output.reply(
             id, request.word,
             {TrelanError::IncorrectRequestData,
@@ -253,7 +253,8 @@ void BusCore::subscribe(ConnectionId id, const BusRequest &request)
             return;
         }
     }
-    wildcards.unite(added);
+    for (const QString &wildcard : std::as_const(added))
+        _subscriptions.add(client, wildcard);
     _output.reply(id, request.word, TrelanError());
     if (request.now)
         notifyOfStored(_queryClients.name(id), distinct);
@@ -303,7 +304,7 @@ QVariantMap BusCore::clientData(const QString &name) const
         {QStringLiteral("name"), name},
         {QStringLiteral("address"), query.name.isEmpty() ? messages.peer : query.peer},
         {QStringLiteral("connections"), connections},
-        {QStringLiteral("subscriptions"), _subscriptions.value(name).size()},
+        {QStringLiteral("subscriptions"), _subscriptions.count(name)},
         {QStringLiteral("queued"), _delivery.queuedMessages(name)},
         {QStringLiteral("queuedBytes"), _delivery.queuedBytes(name)},
         {QStringLiteral("in"), query.count},
@@ -313,9 +314,9 @@ QVariantMap BusCore::clientData(const QString &name) const
 
 void BusCore::unsubscribe(ConnectionId id, const BusRequest &request)
 {
-    QSet<QString> &wildcards = _subscriptions[_queryClients.name(id)];
+    const QString client = _queryClients.name(id);
     for (const QString &wildcard : request.names)
-        wildcards.remove(wildcard);
+        _subscriptions.remove(client, wildcard);
     _output.reply(id, request.word, TrelanError());
 }
 
@@ -347,18 +348,13 @@ void BusCore::deliver(const ObjectRecord &record)
     Notification notification(record);
     const QString name = record.head.name();
     QMap<QString, QString> overruns; // by client
-    for (auto client = _subscriptions.cbegin(); client != _subscriptions.cend(); ++client) {
-        const bool subscribed =
-            std::any_of(client->cbegin(), client->cend(), [&](const QString &wildcard) {
-                return TrelanObject::testWildCard(name, wildcard);
-            });
-        if (!subscribed)
-            continue;
-        const QString overrun = _delivery.notify(client.key(), notification);
+    const QStringList receivers = _subscriptions.receivers(name);
+    for (const QString &client : receivers) {
+        const QString overrun = _delivery.notify(client, notification);
         if (!overrun.isEmpty())
-            overruns.insert(client.key(), overrun);
-        pump(client.key());
-        _delivery.trim(client.key());
+            overruns.insert(client, overrun);
+        pump(client);
+        _delivery.trim(client);
     }
     _delivery.endNotification();
     for (auto overrun = overruns.cbegin(); overrun != overruns.cend(); ++overrun)
@@ -373,7 +369,7 @@ void BusCore::closeReceiver(const QString &client, const QString &reason)
             << QStringLiteral("client %1 loses its subscriptions and its message connection: %2")
                    .arg(names::quoted(client), reason);
     }
-    _subscriptions.remove(client);
+    _subscriptions.removeClient(client);
     _delivery.dropNotifications(client);
     if (const ConnectionId id = _msgClients.connection(client)) {
         endMessages(id);

@@ -5,11 +5,10 @@
 #include "busrequest.h"
 #include "busstorage.h"
 #include "clientregistry.h"
+#include "subscriptionindex.h"
 
 #include <QtCore/QCache>
-#include <QtCore/QHash>
 #include <QtCore/QPair>
-#include <QtCore/QSet>
 #include <QtCore/QString>
 
 namespace bus
@@ -69,7 +68,7 @@ private:
     BusDelivery _delivery;
     ClientRegistry _queryClients;
     ClientRegistry _msgClients;
-    QHash<QString, QSet<QString>> _subscriptions; // of the clients with a query connection, by name
+    SubscriptionIndex _subscriptions; // of the clients with a query connection, by name
     QCache<QString, QPair<QString, QByteArray>> _lastPublished; // uid and digest, by name
     WarningLimiter _warnings;
 };
