@@ -5,6 +5,7 @@
 #include <trelanbase64.h>
 #include <trelanerror.h>
 #include <trelanframereader.h>
+#include <trelansharedpayload.h>
 
 #include <future>
 #include <random>
@@ -109,6 +110,24 @@ private slots:
         for (const int size : {1, 65535, 65536, 131070, 131071, 1 << 20, (1 << 20) + 1}) {
             const QByteArray bytes = someBytes(random, size);
             QVERIFY(qUncompress(TrelanFrame::compressLightly(bytes)) == bytes);
+        }
+    }
+
+    void sharedBeginnings()
+    {
+        std::mt19937 random(8);
+        for (const int size : {0, 1, 2, 3, 65535, 65536, 1 << 20, (1 << 20) + 1}) {
+            const QByteArray beginning = someBytes(random, size);
+            const TrelanSharedPayload shared(beginning);
+            for (const int more : {0, 1, 2, 70000}) {
+                const QByteArray ending = someBytes(random, more);
+                TrelanFrameReader reader(1 << 24);
+                reader.feed(shared.frame(TrelanFrame::Reply, ending));
+                QCOMPARE(reader.next(), TrelanFrameReader::FrameReady);
+                QCOMPARE(reader.kind(), TrelanFrame::Reply);
+                const QByteArray text = qUncompress(QByteArray::fromBase64(reader.payload()));
+                QVERIFY(text == beginning + ending);
+            }
         }
     }
 

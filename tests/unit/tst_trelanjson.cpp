@@ -231,6 +231,23 @@ private slots:
                      QString());
         }
     }
+
+    void utf8AsText()
+    {
+        std::mt19937 random(9);
+        const QString characters =
+            QString("ab\"\\/\b\n\t\x1f\x7f%1").arg(QString::fromUtf8("\u00e4\u20ac\U0001f600"));
+        for (int round = 0; round < 2000; ++round) {
+            QString text;
+            for (quint32 count = random() % 40; count > 0; --count)
+                text += characters.mid(int(random() % 11), 1);
+            text += characters.right(int(2 * (random() % 2)));
+            QByteArray expected = "in front", written = expected;
+            json::appendString(expected, text);
+            json::appendString(written, text.toUtf8());
+            QCOMPARE(written, expected);
+        }
+    }
 };
 
 QTEST_APPLESS_MAIN(tst_TrelanJson)

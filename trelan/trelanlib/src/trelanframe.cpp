@@ -23,10 +23,6 @@ const QString KEY_RESULT = QStringLiteral("result");
 const QString KEY_CODE = QStringLiteral("code");
 const QString KEY_DESCRIPTION = QStringLiteral("description");
 constexpr char SEPARATOR[] = "\r\n";
-// Compressing takes three times what its bytes save in base64 and sockets, at every size. What is
-// larger than this would come near the limits of payloads and queues.
-constexpr int STORED_SIZE = 1024 * 1024;
-
 // Far above any envelope a client sends on purpose, and far below what a machine has: without it
 // a few hundred kilobytes of zeros, compressed, would take the process down.
 std::atomic<qint64> _maxInflatedSize {256LL * 1024 * 1024};
@@ -141,7 +137,7 @@ QByteArray TrelanFrame::compress(const QByteArray &bytes)
 
 QByteArray TrelanFrame::compressLightly(const QByteArray &bytes)
 {
-    if (bytes.size() <= STORED_SIZE)
+    if (bytes.size() <= zstream::STORED_SIZE)
         return zstream::store(bytes);
     static thread_local zstream::Deflater _deflater(Z_BEST_SPEED);
     return _deflater.compress(bytes);

@@ -1,5 +1,6 @@
 #include "trelanframereader.h"
 
+#include <cstring>
 #include <limits>
 
 namespace bus
@@ -78,8 +79,30 @@ bool TrelanFrameReader::takeLine(QString &text)
     return true;
 }
 
+/// The line as everybody writes it, for which there is no need to make a text of it.
+bool TrelanFrameReader::takeUsualHeader()
+{
+    static const QByteArray REQUEST("[-REQUEST-]\r\n");
+    static const QByteArray REPLY("[-REPLY-]\r\n");
+    const auto begins = [this](const QByteArray &line) {
+        return _buffer.size() - _position >= line.size() &&
+               std::memcmp(_buffer.constData() + _position, line.constData(),
+                           size_t(line.size())) == 0;
+    };
+    const bool isRequest = begins(REQUEST);
+    if (!isRequest && !begins(REPLY))
+        return false;
+    _kind = isRequest ? TrelanFrame::Request : TrelanFrame::Reply;
+    _position += isRequest ? REQUEST.size() : REPLY.size();
+    return true;
+}
+
 TrelanFrameReader::Status TrelanFrameReader::readHeader()
 {
+    if (takeUsualHeader()) {
+        _state = InSize;
+        return NeedMoreData;
+    }
     QString text;
     if (!takeLine(text))
         return NeedMoreData;

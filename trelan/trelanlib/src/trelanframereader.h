@@ -52,6 +52,7 @@ private:
 
     Status step();
     bool takeLine(QString &text);
+    bool takeUsualHeader();
     Status readHeader();
     Status readSize();
     Status readPayload();

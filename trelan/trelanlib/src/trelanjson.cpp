@@ -167,6 +167,31 @@ private:
     bool _hasZero = false;
 };
 
+constexpr char HEX[] = "0123456789abcdef";
+constexpr std::string_view ESCAPED = "\"\\\b\f\n\r\t";
+constexpr std::string_view LETTERS = "\"\\bfnrt";
+constexpr int LONGEST_ESCAPE = 6;
+
+/// What is written of a byte of UTF-8.
+struct Escape
+{
+    char byte = 0;
+    bool hasSlash = false;
+    bool isLong = false;
+};
+
+std::array<Escape, 256> makeEscapes()
+{
+    std::array<Escape, 256> escapes;
+    for (size_t byte = 0; byte < escapes.size(); ++byte) {
+        const auto found = byte < 0x80 ? ESCAPED.find(char(byte)) : std::string_view::npos;
+        const bool isShort = found != std::string_view::npos;
+        escapes.at(byte) = {isShort ? LETTERS[found] : char(byte), isShort || byte < ' ',
+                            !isShort && byte < ' '};
+    }
+    return escapes;
+}
+
 /// Whether a number may be written with a negative exponent, or with so many digits that it needs
 /// none to be too small.
 bool mayHaveTinyNumber(const QByteArray &text)
@@ -368,12 +393,8 @@ void Writer::string(const QString &text)
 /// Writes a character that takes more than a byte, and returns what is behind it.
 const QChar *Writer::escape(const QChar *from, const QChar *end)
 {
-    static constexpr char HEX[] = "0123456789abcdef";
-    static constexpr std::string_view ESCAPED = "\"\\\b\f\n\r\t";
-    static constexpr std::string_view LETTERS = "\"\\bfnrt";
-    constexpr int LONGEST = 6;
     constexpr int QUOTE = 1;
-    room(LONGEST + (end - from) + QUOTE);
+    room(LONGEST_ESCAPE + (end - from) + QUOTE);
     const auto put = [this](uint byte) { *_at++ = char(byte); };
     const auto putRest = [put](uint bits) { put(0x80 | (bits & 0x3f)); };
 
@@ -597,6 +618,32 @@ void appendString(QByteArray &out, const QString &text)
     Writer writer(out, QJsonDocument::Compact);
     writer.string(text);
     writer.finish();
+}
+
+void appendString(QByteArray &out, const QByteArray &utf8)
+{
+    // JSON inside of a string has so many quotes, where no processor can predict them, that
+    // a branch for each of them would take most of the time.
+    static const std::array<Escape, 256> _escapes = makeEscapes();
+    constexpr int QUOTES = 2;
+    const int before = out.size();
+    out.resize(before + 2 * utf8.size() + QUOTES + LONGEST_ESCAPE);
+    char *at = out.data() + before;
+    *at++ = '"';
+    for (int i = 0; i < utf8.size(); ++i) {
+        const Escape &escape = _escapes[uchar(utf8.at(i))];
+        *at = '\\';
+        at += int(escape.hasSlash);
+        *at++ = escape.byte;
+        if (Q_UNLIKELY(escape.isLong)) {
+            const char rest[] = {'u', '0', '0', HEX[escape.byte >> 4], HEX[escape.byte & 0xf]};
+            const int used = int(at - out.constData()) - 1;
+            out.resize(used + LONGEST_ESCAPE * 2 + 2 * (utf8.size() - i) + QUOTES);
+            at = std::copy(std::begin(rest), std::end(rest), out.data() + used);
+        }
+    }
+    *at++ = '"';
+    out.resize(int(at - out.constData()));
 }
 
 } // namespace bus::json

@@ -29,5 +29,7 @@ TRELAN_EXPORT QByteArray compact(const QVariantMap &map);
 
 /// Appends \a text as a string of such a document, with its quotes.
 TRELAN_EXPORT void appendString(QByteArray &out, const QString &text);
+/// The same of UTF-8, which has to be sound.
+TRELAN_EXPORT void appendString(QByteArray &out, const QByteArray &utf8);
 
 } // namespace bus::json

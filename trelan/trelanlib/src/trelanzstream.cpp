@@ -57,31 +57,40 @@ QByteArray Deflater::compress(const QByteArray &bytes)
     return out;
 }
 
-/// Two bytes of header, blocks of which the last one says so, and the sum.
-QByteArray store(const QByteArray &bytes)
+void appendStored(QByteArray &out, const QByteArray &bytes, bool last)
 {
-    constexpr char HEADER[] = {0x78, 0x01};
     constexpr int LARGEST_BLOCK = 65535;
-    constexpr int BLOCK_HEADER_SIZE = 5;
-    constexpr int SUM_SIZE = 4;
-    const int blocks = qMax(1, (bytes.size() + LARGEST_BLOCK - 1) / LARGEST_BLOCK);
-    QByteArray out(LENGTH_SIZE, Qt::Uninitialized);
-    out.reserve(LENGTH_SIZE + int(sizeof HEADER) + blocks * BLOCK_HEADER_SIZE + bytes.size() +
-                SUM_SIZE);
-    qToBigEndian(quint32(bytes.size()), out.data());
-    out.append(HEADER, sizeof HEADER);
-    for (int block = 0; block < blocks; ++block) {
-        const int begin = block * LARGEST_BLOCK;
-        const auto size = quint16(qMin(bytes.size() - begin, LARGEST_BLOCK));
-        char header[BLOCK_HEADER_SIZE] = {char(block == blocks - 1)};
+    constexpr int HEADER_SIZE = 5;
+    int done = 0;
+    do {
+        const auto size = quint16(qMin(bytes.size() - done, LARGEST_BLOCK));
+        const bool ends = last && done + size == bytes.size();
+        char header[HEADER_SIZE] = {char(ends)};
         qToLittleEndian(size, header + 1);
         qToLittleEndian(quint16(~size), header + 3);
-        out.append(header, BLOCK_HEADER_SIZE);
-        out.append(bytes.constData() + begin, size);
-    }
-    char sum[SUM_SIZE];
-    qToBigEndian(quint32(adler32(1, input(bytes.constData()), uInt(bytes.size()))), sum);
-    out.append(sum, SUM_SIZE);
+        out.append(header, HEADER_SIZE);
+        out.append(bytes.constData() + done, size);
+        done += size;
+    } while (done < bytes.size());
+}
+
+void appendBigEndian(QByteArray &out, quint32 number)
+{
+    char bytes[sizeof number];
+    qToBigEndian(number, bytes);
+    out.append(bytes, sizeof bytes);
+}
+
+QByteArray store(const QByteArray &bytes)
+{
+    constexpr int AROUND = 64;
+    constexpr int SHARE = 8192; // more bytes than that for each block header
+    QByteArray out;
+    out.reserve(bytes.size() + bytes.size() / SHARE + AROUND);
+    appendBigEndian(out, quint32(bytes.size()));
+    out += STORED_HEADER;
+    appendStored(out, bytes, true);
+    appendBigEndian(out, quint32(adler32(1, input(bytes.constData()), uInt(bytes.size()))));
     return out;
 }
 

@@ -8,6 +8,10 @@
 namespace bus::zstream
 {
 
+// Compressing takes three times what its bytes save in base64 and sockets, at every size. What is
+// larger than this would come near the limits of payloads and queues.
+constexpr int STORED_SIZE = 1024 * 1024;
+
 /// Makes Qt's form of compressed data: four bytes of length, big-endian, and a zlib stream.
 class Deflater
 {
@@ -27,6 +31,11 @@ private:
 
 /// The same form around bytes that are not compressed.
 QByteArray store(const QByteArray &bytes);
+
+/// What it consists of: the length, the header, blocks, of nothing one that is empty, and the sum.
+constexpr char STORED_HEADER[] = "\x78\x01";
+void appendStored(QByteArray &out, const QByteArray &bytes, bool last);
+void appendBigEndian(QByteArray &out, quint32 number);
 
 /// Reads Qt's form of compressed data.
 class Inflater
