@@ -24,15 +24,13 @@ class tst_DeliveryQueue : public QObject
         return QUuid::fromString(uid).isNull() ? uid : "fresh";
     }
 
-    static TrelanMessage message(QString uid, int size)
+    static Delivery delivery(QString uid, int size)
     {
         TrelanMessage message;
         message.setSender("s");
-        message.setReciever("r");
         message.setNeedAnswer(uid.endsWith('?'));
-        message.setUid(uid.remove('?'));
         message.setMessage(noise(size).first().toString());
-        return message;
+        return {std::make_shared<const DeliveryBody>(message), "r", uid.remove('?')};
     }
 
     /// "n" is a value of the object that the id begins with, "N" another value under the same id,
@@ -44,8 +42,11 @@ class tst_DeliveryQueue : public QObject
         if (kind == 'm')
             uid.replace(0, 1, 'x');
         const int size = kind == 'N' ? 100 : qMax(0, kind.digitValue()) * 6500;
-        queue.append(message(uid, size), isValue ? Delivery::Value : Delivery::Addressed, now, 0,
-                     object);
+        Delivery appended = delivery(uid, size);
+        appended.kind = isValue ? Delivery::Value : Delivery::Addressed;
+        appended.queuedAt = now;
+        appended.object = object;
+        queue.append(appended);
     }
 
 private Q_SLOTS:
@@ -98,9 +99,8 @@ private Q_SLOTS:
         DeliveryQueue queue;
         QStringList outcome;
         QMap<QString, QString> values {{"x", "x"}, {"y", "y"}}; // ids of the newest
-        const auto newest = [&values](const QString &name, TrelanMessage &value) {
-            value = message(values[name], 0);
-            return !values[name].isEmpty();
+        const auto newest = [&values](const QString &name) {
+            return values[name].isEmpty() ? Delivery() : delivery(values[name], 0);
         };
         qint64 now = 0;
         for (const QString &text : script.split(' ')) {
@@ -127,7 +127,7 @@ private Q_SLOTS:
                  text == "send" && !(frame = queue.takeFrame(now, newest)).isEmpty();)
                 outcome << uidOf(frame);
             for (const Delivery &delivery : queue.takeGivenUp())
-                outcome << '!' + delivery.message.uid();
+                outcome << '!' + delivery.uid;
         }
         QTEST(outcome.join(' '), "expected");
         QTEST(queue.count(), "left");

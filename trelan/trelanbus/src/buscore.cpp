@@ -2,9 +2,9 @@
 
 #include "busnames.h"
 
-#include <QtCore/QCryptographicHash>
-
 #include <algorithm>
+#include <functional>
+#include <string_view>
 
 namespace bus
 {
@@ -18,12 +18,12 @@ constexpr int MAX_LAST_PUBLISHED = 10000;
 constexpr qint64 MAX_TESTS_AT_ONCE = 1000000;
 constexpr qint64 CLIENT_DATA_COST = 256; // in an answer, roughly
 
-void logPublish(const TrelanObject &object)
+void logPublish(const ObjectHead &object)
 {
     if (object.isLogged()) {
         qCInfo(BUS_LOG).noquote() << QStringLiteral("%1 is published by %2")
-                                         .arg(names::quoted(object.name()),
-                                              names::quoted(object.publisher()));
+                                         .arg(names::quoted(object.name),
+                                              names::quoted(object.publisher));
     }
 }
 
@@ -31,11 +31,13 @@ void logPublish(const TrelanObject &object)
 
 BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output)
     : _maxSubscriptions(settings.maxSubscriptions)
+    , _coding(settings.coding)
     , _storage(storage)
     , _output(output)
     , _delivery(settings, storage, output, [this](const QString &client) { pump(client); })
     , _queryClients(QStringLiteral("query"), output)
     , _msgClients(QStringLiteral("message"), output)
+    , _order([this](const PublishOrder::Publish &publish) { deliver(publish); })
     , _lastPublished(MAX_LAST_PUBLISHED)
 {}
 
@@ -85,16 +87,13 @@ void BusCore::handleOnMessageChannel(ConnectionId id, const BusRequest &request)
         _output.reply(id, request.word, TrelanError(TrelanError::UnsupportedRequest));
 }
 
-void BusCore::handleReply(ConnectionId id, const QVariantMap &envelope)
+void BusCore::handleReply(ConnectionId id, const payload::Acknowledgement &acknowledgement)
 {
     const QString client = _msgClients.name(id);
-    const QVariantMap data = envelope.value(QStringLiteral("data")).toMap();
-    if (client.isEmpty() ||
-        envelope.value(QStringLiteral("operation")).toString() != QLatin1String("sendMessage"))
+    if (client.isEmpty() || acknowledgement.operation != QLatin1String("sendMessage"))
         return;
-    _delivery.acknowledge(client, data.value(QStringLiteral("sender")).toString(),
-                          data.value(QStringLiteral("reciever")).toString(),
-                          data.value(QStringLiteral("uid")).toString());
+    _delivery.acknowledge(client, acknowledgement.sender, acknowledgement.reciever,
+                          acknowledgement.uid);
     pump(client);
 }
 
@@ -178,21 +177,31 @@ void BusCore::endMessages(ConnectionId id)
 void BusCore::publish(ConnectionId id, const BusRequest &request)
 {
     ObjectRecord record = request.record;
-    record.head.setPublisher(_queryClients.name(id));
-    if (record.head.uid().isEmpty()) {
+    record.head.publisher = _queryClients.name(id);
+    if (record.head.uid.isEmpty()) {
         // An id over the content too: two values of one millisecond must not share it.
-        record.head.setUid(record.toObject().genUid());
+        record.head.uid = record.toObject().genUid();
     }
-    const auto done = [this, id, word = request.word, record](const TrelanError &error) {
-        _output.reply(id, word, error);
-        if (error.error() != TrelanError::NoError)
+    const quint64 place = _order.takePlace();
+    const auto done = [this, id, word = request.word, record, place](const TrelanError &error) {
+        const auto reply = [this, id, word, error] { _output.reply(id, word, error); };
+        if (error.error() != TrelanError::NoError) {
+            reply();
+            _order.leave(place);
             return;
+        }
         logPublish(record.head);
-        ObjectRecord delivered = record;
-        freshenUid(delivered);
-        deliver(delivered);
+        PublishOrder::Publish publish;
+        publish.record = record;
+        freshenUid(publish.record);
+        if (_order.isFull())
+            publish.reply = reply;
+        else
+            reply();
+        publish.receivers = _subscriptions.receivers(record.head.name);
+        _order.takeEffect(place, publish);
     };
-    if (record.head.isStored() && !names::isCommandName(record.head.name()))
+    if (record.head.isStored() && !names::isCommandName(record.head.name))
         _storage.publish(record, done);
     else
         done(TrelanError());
@@ -269,11 +278,12 @@ void BusCore::notifyOfStored(const QString &client, const QStringList &wildcards
     std::sort(names.begin(), names.end());
     QString overrun;
     for (const QString &name : std::as_const(names)) {
-        Notification notification(*_storage.find(name));
+        Notification notification(*_storage.find(name), _coding);
         overrun = _delivery.notify(client, notification, true);
         if (!overrun.isEmpty())
             break;
     }
+    _order.skip(client, QSet<QString>(names.cbegin(), names.cend()));
     if (!overrun.isEmpty())
         closeReceiver(client, overrun);
     pump(client);
@@ -322,7 +332,7 @@ void BusCore::unsubscribe(ConnectionId id, const BusRequest &request)
 
 void BusCore::sendMessage(ConnectionId id, const BusRequest &request)
 {
-    TrelanMessage message = request.message;
+    TrelanMessage message = *request.message;
     message.setSender(_queryClients.name(id));
     if (message.uid().isEmpty())
         message.setUid(message.genUid());
@@ -342,14 +352,22 @@ void BusCore::sendMessage(ConnectionId id, const BusRequest &request)
 }
 
 /// Once to each client with a wildcard that takes it in, however many of them do.
-void BusCore::deliver(const ObjectRecord &record)
+void BusCore::deliver(const PublishOrder::Publish &publish)
 {
+    if (publish.reply)
+        publish.reply();
+    QStringList receivers = publish.receivers;
+    if (publish.waited) { // some may have gone, or unsubscribed
+        const QStringList present = _subscriptions.receivers(publish.record.head.name);
+        const QSet<QString> subscribed(present.cbegin(), present.cend());
+        const auto isGone = [&](const QString &client) { return !subscribed.contains(client); };
+        receivers.erase(std::remove_if(receivers.begin(), receivers.end(), isGone),
+                        receivers.end());
+    }
     _delivery.beginNotification();
-    Notification notification(record);
-    const QString name = record.head.name();
+    Notification notification(publish.record, _coding);
     QMap<QString, QString> overruns; // by client
-    const QStringList receivers = _subscriptions.receivers(name);
-    for (const QString &client : receivers) {
+    for (const QString &client : std::as_const(receivers)) {
         const QString overrun = _delivery.notify(client, notification);
         if (!overrun.isEmpty())
             overruns.insert(client, overrun);
@@ -381,17 +399,20 @@ void BusCore::closeReceiver(const QString &client, const QString &reason)
 /// value would not be heard.
 void BusCore::freshenUid(ObjectRecord &record)
 {
-    const QString name = record.head.name();
-    const QByteArray digest =
-        QCryptographicHash::hash(record.contentJson, QCryptographicHash::Sha1);
-    const QString uid = record.head.uid();
-    const QPair<QString, QByteArray> *last = _lastPublished.object(name);
+    const QString name = record.head.name;
+    const size_t digest = std::hash<std::string_view>()(
+        {record.contentJson.constData(), size_t(record.contentJson.size())});
+    const QString uid = record.head.uid;
+    QPair<QString, size_t> *const last = _lastPublished.object(name);
     if (last && last->first == uid && last->second != digest) {
         record.deliveryUid = names::freshUid();
         if (record.head.isStored())
             _storage.setDeliveryUid(name, record.deliveryUid);
     }
-    _lastPublished.insert(name, new QPair<QString, QByteArray>(uid, digest));
+    if (last)
+        *last = {uid, digest};
+    else
+        _lastPublished.insert(name, new QPair<QString, size_t>(uid, digest));
 }
 
 void BusCore::pump(const QString &client)

@@ -2,9 +2,11 @@
 
 #include "busdelivery.h"
 #include "busoutput.h"
+#include "buspayload.h"
 #include "busrequest.h"
 #include "busstorage.h"
 #include "clientregistry.h"
+#include "publishorder.h"
 #include "subscriptionindex.h"
 
 #include <QtCore/QCache>
@@ -28,7 +30,7 @@ public:
     /// Handles one request of the message channel, likewise.
     void handleOnMessageChannel(ConnectionId id, const BusRequest &request);
     /// Handles a reply on the message channel.
-    void handleReply(ConnectionId id, const QVariantMap &envelope);
+    void handleReply(ConnectionId id, const payload::Acknowledgement &acknowledgement);
     /// What was sent on a connection of the message channel has left.
     void pushMore(ConnectionId id);
 
@@ -57,19 +59,21 @@ private:
     void listClients(ConnectionId id, const BusRequest &request);
     QVariantMap clientData(const QString &name) const;
     void sendMessage(ConnectionId id, const BusRequest &request);
-    void deliver(const ObjectRecord &record);
+    void deliver(const PublishOrder::Publish &publish);
     void closeReceiver(const QString &client, const QString &reason);
     void freshenUid(ObjectRecord &record);
     void pump(const QString &client);
 
     const int _maxSubscriptions;
+    const TrelanTransport::Coding _coding;
     BusStorage &_storage;
     BusOutput &_output;
     BusDelivery _delivery;
     ClientRegistry _queryClients;
     ClientRegistry _msgClients;
+    PublishOrder _order;
     SubscriptionIndex _subscriptions; // of the clients with a query connection, by name
-    QCache<QString, QPair<QString, QByteArray>> _lastPublished; // uid and digest, by name
+    QCache<QString, QPair<QString, size_t>> _lastPublished; // uid and digest, by name
     WarningLimiter _warnings;
 };
 

@@ -27,10 +27,9 @@ QString totalFault(qint64 maxBytes)
 
 qint64 costOf(const TrelanMessage &message)
 {
-    Delivery delivery;
-    delivery.message = message;
-    delivery.key = message.msgKey();
-    return delivery.cost();
+    return Delivery(std::make_shared<const DeliveryBody>(message), message.reciever(),
+                    message.uid())
+        .cost();
 }
 
 void warnGivenUp(const QString &name, const QList<Delivery> &deliveries)
@@ -43,8 +42,8 @@ void warnGivenUp(const QString &name, const QList<Delivery> &deliveries)
         }
         qCWarning(BUS_LOG).noquote()
             << QStringLiteral("message %1 of %2 for %3 is given up")
-                   .arg(names::quoted(delivery.message.uid()),
-                        names::quoted(delivery.message.sender()), names::quoted(name));
+                   .arg(names::quoted(delivery.uid), names::quoted(delivery.body->sender()),
+                        names::quoted(name));
     }
     if (outlived > 0) {
         qCWarning(BUS_LOG).noquote()
@@ -56,18 +55,19 @@ void warnGivenUp(const QString &name, const QList<Delivery> &deliveries)
 
 } // namespace
 
-Notification::Notification(const ObjectRecord &record)
+Notification::Notification(const ObjectRecord &record, TrelanTransport::Coding coding)
     : _record(record)
+    , _coding(coding)
 {}
 
 bool Notification::isKept() const
 {
-    return _record.head.isStored() && !names::isCommandName(_record.head.name());
+    return _record.head.isStored() && !names::isCommandName(_record.head.name);
 }
 
 QString Notification::name() const
 {
-    return _record.head.name();
+    return _record.head.name;
 }
 
 qint64 Notification::cost() const
@@ -75,13 +75,14 @@ qint64 Notification::cost() const
     return NOTIFICATION_COST + qint64(_record.contentJson.size()) * qint64(sizeof(QChar));
 }
 
-TrelanMessage Notification::message(const QString &receiver)
+Delivery Notification::delivery(const QString &receiver)
 {
-    if (!_complete)
-        _message = _record.toNotification();
-    _complete = true;
-    _message.setReciever(receiver);
-    return _message;
+    if (!_body)
+        _body = _record.notification(_coding);
+    Delivery delivery(_body, receiver, _record.notificationUid());
+    delivery.kind = isKept() ? Delivery::Value : Delivery::Event;
+    delivery.object = name();
+    return delivery;
 }
 
 BusDelivery::BusDelivery(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output,
@@ -103,8 +104,7 @@ void BusDelivery::restore()
         const qint64 age =
             qBound<qint64>(0, wallClock - stored.queuedAt, _settings.messageLifetime);
         const QString name = stored.message.reciever();
-        client(name).queue.append(stored.message, Delivery::Addressed, now() - age, stored.id);
-        changed(name);
+        append(stored.message, now() - age, stored.id);
     }
     // A client may be there at once, and must not get what is out of date.
     checkTimes();
@@ -128,7 +128,7 @@ void BusDelivery::accept(const TrelanMessage &message, const Done &done)
         return;
     }
     if (fault.error() == TrelanError::NoError)
-        append(name, message, Delivery::Addressed);
+        append(message, now());
     done(fault);
 }
 
@@ -139,7 +139,7 @@ void BusDelivery::keep(const TrelanMessage &message, qint64 cost, const Done &do
     _storage.keepMessage(message, [this, message, cost, done](const TrelanError &error, qint64 id) {
         reserve(message.reciever(), -1, -cost);
         if (error.error() == TrelanError::NoError)
-            append(message.reciever(), message, Delivery::Addressed, id);
+            append(message, now(), id);
         changed(message.reciever());
         done(error);
     });
@@ -157,11 +157,10 @@ QString BusDelivery::notify(const QString &client, Notification &notification, b
 {
     if (notification.isKept() && isBehind(client, notification))
         return appendName(client, notification.name(), fresh);
-    TrelanMessage message = notification.message(client);
+    Delivery delivery = notification.delivery(client);
     if (fresh)
-        message.setUid(names::freshUid());
-    append(client, message, notification.isKept() ? Delivery::Value : Delivery::Event, 0,
-           notification.name());
+        delivery.setUid(names::freshUid());
+    append(client, delivery, now());
     return {};
 }
 
@@ -207,9 +206,7 @@ void BusDelivery::acknowledge(const QString &client, const QString &sender, cons
 
 int BusDelivery::pump(const QString &client)
 {
-    const auto newest = [this, &client](const QString &object, TrelanMessage &message) {
-        return newestOf(client, object, message);
-    };
+    const auto newest = [this, &client](const QString &object) { return newestOf(client, object); };
     int pushed = 0;
     for (;;) {
         // Anew each time: what is pushed may find the connection at its end.
@@ -342,16 +339,24 @@ QString BusDelivery::appendName(const QString &name, const QString &object, bool
             return totalFault(_settings.maxQueuedBytes);
     }
     const ObjectRecord *record = _storage.find(object);
-    queue.appendName(record ? record->head.name() : object, fresh);
+    queue.appendName(record ? record->head.name : object, fresh);
     changed(name);
     return {};
 }
 
-void BusDelivery::append(const QString &name, const TrelanMessage &message, Delivery::Kind kind,
-                         qint64 storedId, const QString &object)
+void BusDelivery::append(const QString &name, Delivery delivery, qint64 queuedAt)
 {
-    client(name).queue.append(message, kind, now(), storedId, object);
+    delivery.queuedAt = queuedAt;
+    client(name).queue.append(std::move(delivery));
     changed(name);
+}
+
+void BusDelivery::append(const TrelanMessage &message, qint64 queuedAt, qint64 storedId)
+{
+    Delivery delivery(std::make_shared<const DeliveryBody>(message), message.reciever(),
+                      message.uid());
+    delivery.storedId = storedId;
+    append(message.reciever(), delivery, queuedAt);
 }
 
 void BusDelivery::trim(const QString &client)
@@ -366,20 +371,16 @@ void BusDelivery::trim(const QString &client)
 }
 
 /// While a publish is notified of, many ask for the same value, one after the other.
-bool BusDelivery::newestOf(const QString &receiver, const QString &object, TrelanMessage &message)
+Delivery BusDelivery::newestOf(const QString &receiver, const QString &object)
 {
     const ObjectRecord *record = _storage.find(object);
     if (!record)
-        return false;
-    if (!_notifies) {
-        message = record->toNotification();
-    } else {
-        if (_newest.first.isEmpty() || !_newest.first.isSharedWith(record->contentJson))
-            _newest = {record->contentJson, record->toNotification()};
-        message = _newest.second;
-    }
-    message.setReciever(receiver);
-    return true;
+        return {};
+    if (!_notifies)
+        return Notification(*record, _settings.coding).delivery(receiver);
+    if (_newest.first.isEmpty() || !_newest.first.isSharedWith(record->contentJson))
+        _newest = {record->contentJson, record->notification(_settings.coding)};
+    return {_newest.second, receiver, record->notificationUid()};
 }
 
 void BusDelivery::beginNotification()
@@ -399,12 +400,15 @@ bool BusDelivery::encodesLarge(const QString &name, const DeliveryQueue::Newest 
     Client &client = _clients[name];
     if (client.encoding)
         return true;
-    const TrelanMessage *message = client.queue.largeToEncode(newest);
+    const Delivery *next = client.queue.largeToEncode(newest);
     changed(name); // names have become messages
-    if (!message)
+    if (!next)
         return false;
     client.encoding = true;
-    _output.encode(*message, [this, name, key = message->msgKey()](const QByteArray &frame) {
+    const auto encode = [delivery = *next, coding = _settings.coding] {
+        return delivery.frame(coding);
+    };
+    _output.encode(encode, [this, name, key = next->key](const QByteArray &frame) {
         const auto known = _clients.find(name);
         if (known == _clients.end())
             return;

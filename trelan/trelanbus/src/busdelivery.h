@@ -17,12 +17,12 @@
 namespace bus
 {
 
-/// \brief A published value on its way to its subscribers. Its message, which is the same for all
-/// but for the receiver, is made when the first of them needs it.
+/// \brief A published value on its way to its subscribers. What they all get is made when the first
+/// of them needs it.
 class Notification
 {
 public:
-    explicit Notification(const ObjectRecord &record);
+    Notification(const ObjectRecord &record, TrelanTransport::Coding coding);
 
     /// Whether the value can be taken from the storage later, since it is kept there.
     bool isKept() const;
@@ -30,12 +30,12 @@ public:
     /// What keeping its message takes, in bytes, roughly.
     qint64 cost() const;
 
-    TrelanMessage message(const QString &receiver);
+    Delivery delivery(const QString &receiver);
 
 private:
     const ObjectRecord &_record;
-    TrelanMessage _message;
-    bool _complete = false;
+    const TrelanTransport::Coding _coding;
+    DeliveryBody::Ref _body;
 };
 
 /// \brief What waits for whom: a queue for every client that has something to get, bounded one by
@@ -120,11 +120,11 @@ private:
     bool isFull(const Client &client, int messages, qint64 bytes) const;
     bool isBehind(const QString &name, const Notification &notification) const;
     QString appendName(const QString &name, const QString &object, bool fresh);
-    void append(const QString &name, const TrelanMessage &message, Delivery::Kind kind,
-                qint64 storedId = 0, const QString &object = {});
+    void append(const QString &name, Delivery delivery, qint64 queuedAt);
+    void append(const TrelanMessage &message, qint64 queuedAt, qint64 storedId = 0);
     void keep(const TrelanMessage &message, qint64 cost, const Done &done);
     void reserve(const QString &name, int messages, qint64 bytes);
-    bool newestOf(const QString &receiver, const QString &object, TrelanMessage &message);
+    Delivery newestOf(const QString &receiver, const QString &object);
     bool encodesLarge(const QString &name, const DeliveryQueue::Newest &newest);
     void dropExcess(const QString &name, Client &client, Delivery::Kind kind);
     void warnOfLostEvents(const QString &name, Client &client);
@@ -139,8 +139,8 @@ private:
     QElapsedTimer _clock;
     QHash<QString, Client> _clients;
     bool _notifies = false;
-    QPair<QByteArray, TrelanMessage>
-        _newest;       // the last content that was asked for, and its message
+    QPair<QByteArray, DeliveryBody::Ref>
+        _newest;       // the last content that was asked for, and what it says
     int _absent = 0;   // of them, without a connection
     qint64 _bytes = 0; // of all messages, those on their way to the disk included
     qint64 _nameBytes = 0;

@@ -48,6 +48,19 @@ QString characterFault(const QString &what, const QString &text)
     return {};
 }
 
+/// Whether a name is of the usual kind, of which nothing can be wrong.
+bool isPlainName(const QString &name)
+{
+    bool begins = true; // a segment
+    for (const QChar c : name) {
+        const ushort unit = c.unicode();
+        if (unit == '.' ? begins : unit <= ' ' || unit >= 0x7f || unit == '+' || unit == '*')
+            return false;
+        begins = unit == '.';
+    }
+    return !begins;
+}
+
 } // namespace
 
 QString clientNameFault(const QString &name)
@@ -59,6 +72,8 @@ QString clientNameFault(const QString &name)
 
 QString objectNameFault(const QString &name)
 {
+    if (name.size() <= MAX_OBJECT_NAME && isPlainName(name))
+        return {};
     const QString what = QStringLiteral("object name");
     QString fault = lengthFault(what, name, MAX_OBJECT_NAME);
     if (fault.isEmpty())

@@ -3,7 +3,6 @@
 #include "objectrecord.h"
 
 #include <trelanerror.h>
-#include <trelanmessage.h>
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
@@ -41,9 +40,9 @@ public:
     /// Sends a frame that answers nothing, in a block of its own.
     virtual void push(ConnectionId id, const QByteArray &frame) = 0;
 
-    /// Makes the frame of a large delivery where nobody waits for it, and hands it to \a done
+    /// Has the frame of a large delivery made where nobody waits for it, and hands it to \a done
     /// later.
-    virtual void encode(const TrelanMessage &delivery,
+    virtual void encode(const std::function<QByteArray()> &make,
                         const std::function<void(const QByteArray &)> &done) = 0;
 
     virtual void closeConnection(ConnectionId id) = 0;

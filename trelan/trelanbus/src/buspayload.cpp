@@ -1,10 +1,12 @@
 #include "buspayload.h"
 
-#include <QtCore/QHash>
-#include <QtCore/QJsonArray>
-#include <QtCore/QJsonDocument>
+#include <trelanbase64.h>
+#include <trelanjson.h>
+
+#include <simdjson.h>
 
 #include <algorithm>
+#include <string_view>
 #include <vector>
 
 namespace bus::payload
@@ -13,97 +15,277 @@ namespace bus::payload
 namespace
 {
 
-constexpr size_t MAX_DEPTH = 1100; // parsers stop before that
-constexpr uint SEED = 0x5472656c;
-constexpr uint OTHER_SEED = 0x616e2121;
+namespace dom = simdjson::dom;
 
-/// Behind the string that begins at \a begin, which is its opening quote.
-int endOfString(const QByteArray &json, int begin)
+// What is nested deeper, or longer, takes the long way.
+constexpr int MAX_DEPTH = 128;
+constexpr int MAX_TEXT = 16 * 1024 * 1024;
+// A parser takes up to fourteen times the largest text that it has seen, and keeps that.
+constexpr int LARGEST_OF_KEPT_PARSER = 256 * 1024;
+
+const QString KEY_OPERATION = QStringLiteral("operation");
+const QString KEY_DATA = QStringLiteral("data");
+
+QString textOf(dom::element element)
 {
-    for (int i = begin + 1; i < json.size(); ++i) {
-        if (json.at(i) == '\\')
-            ++i;
-        else if (json.at(i) == '"')
-            return i + 1;
+    std::string_view utf8;
+    if (element.get(utf8) != simdjson::SUCCESS)
+        return {};
+    return QString::fromUtf8(utf8.data(), int(utf8.size()));
+}
+
+/// Looks at every value of a text: whether an object has a key twice, and how large it is when it
+/// is indented. Every function is false for what has to go the long way.
+class Inspector
+{
+public:
+    bool value(dom::element element, int level)
+    {
+        dom::object object;
+        dom::array array;
+        double number = 0;
+        switch (element.type()) {
+        case dom::element_type::OBJECT:
+            return element.get(object) == simdjson::SUCCESS && members(object, level + 1);
+        case dom::element_type::ARRAY:
+            return element.get(array) == simdjson::SUCCESS && entries(array, level + 1);
+        case dom::element_type::DOUBLE:
+            // It may have been too small for a number, which Qt refuses.
+            return element.get(number) == simdjson::SUCCESS && number != 0;
+        default:
+            return true;
+        }
     }
-    return json.size();
-}
 
-bool isKey(const QByteArray &json, int end)
-{
-    while (end < json.size() && QByteArray(" \t\r\n").contains(json.at(end)))
-        ++end;
-    return end < json.size() && json.at(end) == ':';
-}
+    /// Whether all keys of an object differ.
+    bool keysDiffer(dom::object object)
+    {
+        const size_t outer = _keys.size();
+        bool ascend = true;
+        for (const auto member : object) {
+            ascend = ascend && (_keys.size() == outer || _keys.back() < member.key);
+            _keys.push_back(member.key);
+        }
+        const auto begin = _keys.begin() + std::ptrdiff_t(outer);
+        if (!ascend)
+            std::sort(begin, _keys.end());
+        const bool differ = ascend || std::adjacent_find(begin, _keys.end()) == _keys.end();
+        _keys.resize(outer);
+        return differ;
+    }
 
-struct Key
-{
-    quint64 hash;
-    int position; // of its opening quote
+    int depth() const { return _depth; }
+    qint64 indentation() const { return _indentation; }
+
+private:
+    bool members(dom::object object, int level)
+    {
+        if (!keysDiffer(object))
+            return false;
+        int number = 0;
+        for (const auto member : object) {
+            if (!value(member.value, level))
+                return false;
+            ++number;
+        }
+        count(number, level);
+        return true;
+    }
+
+    bool entries(dom::array array, int level)
+    {
+        int number = 0;
+        for (const dom::element entry : array) {
+            if (!value(entry, level))
+                return false;
+            ++number;
+        }
+        count(number, level);
+        return true;
+    }
+
+    /// The brackets, and the commas between.
+    void count(int values, int level)
+    {
+        _depth = qMax(_depth, level);
+        _indentation += (2 + qMax(0, values - 1)) * jsontext::indentation(level);
+    }
+
+    std::vector<std::string_view> _keys; // of the objects that are open
+    int _depth = 0;
+    qint64 _indentation = 0;
 };
-using Keys = std::vector<Key>;
 
-/// One number for each key, however it is escaped; two keys have the same so rarely that it does
-/// not matter.
-quint64 hashOf(const QByteArray &quoted)
+/// Copies the value of "cnt" without its blanks.
+bool takeContent(const QByteArray &json, dom::element content, Request &request)
 {
-    QByteArray key = quoted;
-    if (quoted.contains('\\')) {
-        const QJsonDocument document = QJsonDocument::fromJson('[' + quoted + ']');
-        key = '"' + document.array().first().toString().toUtf8() + '"';
+    Inspector inspector;
+    const QByteArray text = jsontext::member(json, "data", "cnt");
+    if (text.isEmpty() || !content.is_object() || !inspector.value(content, 0))
+        return false;
+    QByteArray compact(text.size(), Qt::Uninitialized);
+    size_t size = 0;
+    if (simdjson::minify(text.constData(), size_t(text.size()), compact.data(), size) !=
+        simdjson::SUCCESS)
+        return false;
+    compact.resize(int(size));
+    request.record.contentJson = compact;
+    request.measure = {inspector.depth(), compact.size() + inspector.indentation()};
+    return true;
+}
+
+bool takeText(dom::element element, QString &text)
+{
+    text = textOf(element);
+    // Qt drops a mark in front, at times.
+    return element.is_string() && !text.startsWith(QChar::ByteOrderMark);
+}
+
+/// A value of the data of a publish. False for what has to go the long way.
+bool takeMember(const QByteArray &json, std::string_view key, dom::element value, Request &request)
+{
+    ObjectHead &head = request.record.head;
+    if (key == "cnt")
+        return takeContent(json, value, request);
+    if (key == "nm")
+        return takeText(value, head.name);
+    if (key == "uid")
+        return takeText(value, head.uid) && head.uid.size() <= MAX_UID;
+    if (key == "dt") {
+        QString text;
+        const bool isText = takeText(value, text);
+        request.hasTime = !text.isEmpty();
+        head.time = text.toLongLong(nullptr, 10);
+        return isText;
     }
-    return quint64(qHash(key, SEED)) << 32 | qHash(key, OTHER_SEED);
+    if (key == "opt") {
+        int64_t options = 0;
+        const bool isNumber = value.get(options) == simdjson::SUCCESS;
+        head.options = TrelanObject::Options(QFlag(int(options)));
+        return isNumber && options == int(options);
+    }
+    return true; // others mean nothing
 }
 
-/// Position of a key that is there twice; negative if there is none.
-int repeatedIn(Keys &keys)
+bool readPublish(const QByteArray &json, dom::object envelope, dom::object data, Request &request)
 {
-    const auto less = [](const Key &a, const Key &b) { return a.hash < b.hash; };
-    const auto same = [](const Key &a, const Key &b) { return a.hash == b.hash; };
-    std::sort(keys.begin(), keys.end(), less);
-    const auto found = std::adjacent_find(keys.begin(), keys.end(), same);
-    return found == keys.end() ? -1 : found->position;
+    Inspector inspector;
+    std::string_view name;
+    if (!inspector.keysDiffer(envelope) || !inspector.keysDiffer(data) || envelope.size() != 2 ||
+        data["nm"].get(name) != simdjson::SUCCESS)
+        return false;
+    request.record.contentJson = "{}";
+    for (const auto member : data) {
+        if (!takeMember(json, member.key, member.value, request))
+            return false;
+    }
+    request.isPublish = true;
+    return true;
 }
 
-} // namespace
-
-TrelanFrame::Payload decode(const QByteArray &payload, qint64 maxInflatedSize)
+/// A request as clients usually send it. False for any other, of which nothing is known then.
+bool readFast(const QByteArray &json, dom::element root, Request &request)
 {
-    TrelanFrame::Payload decoded;
-    decoded.json =
-        TrelanFrame::uncompress(QByteArray::fromBase64(payload), maxInflatedSize, &decoded.fault);
-    if (decoded.fault != TrelanFrame::NoFault)
-        return decoded;
-    const QByteArray key = repeatedKey(decoded.json);
+    dom::object envelope;
+    dom::object data;
+    std::string_view operation;
+    if (root.get(envelope) != simdjson::SUCCESS ||
+        envelope["operation"].get(operation) != simdjson::SUCCESS)
+        return false;
+    if (operation == "pub") {
+        return envelope["data"].get(data) == simdjson::SUCCESS &&
+               readPublish(json, envelope, data, request);
+    }
+    Inspector inspector;
+    return inspector.value(root, 0) && json::read(json, request.envelope);
+}
+
+/// Has \a read look at the parsed text. False if it has no need to, or says so.
+template <typename Read>
+bool parse(const QByteArray &json, const Read &read)
+{
+    const auto parseWith = [&](dom::parser &parser) {
+        const bool mustCopy = json.capacity() - json.size() < json::SPARE;
+        dom::element root;
+        return parser.parse(json.constData(), size_t(json.size()), mustCopy).get(root) ==
+                   simdjson::SUCCESS &&
+               read(root);
+    };
+    if (json.size() > LARGEST_OF_KEPT_PARSER) {
+        dom::parser parser;
+        return json.size() <= MAX_TEXT &&
+               parser.allocate(size_t(json.size()), MAX_DEPTH) == simdjson::SUCCESS &&
+               parseWith(parser);
+    }
+    static thread_local dom::parser _parser;
+    static thread_local const auto _allocated = _parser.allocate(1024, MAX_DEPTH);
+    return _allocated == simdjson::SUCCESS && parseWith(_parser);
+}
+
+TrelanFrame::Payload readSlowly(const QByteArray &json)
+{
+    const QByteArray key = jsontext::repeatedKey(json);
     if (key.isNull())
-        return TrelanFrame::decodeJson(decoded.json);
+        return TrelanFrame::decodeJson(json);
+    TrelanFrame::Payload decoded;
     decoded.fault = TrelanFrame::NotJson;
     decoded.errorText =
         QStringLiteral("an object has the key %1 twice").arg(QString::fromUtf8(key.left(100)));
     return decoded;
 }
 
-QByteArray repeatedKey(const QByteArray &json)
+QByteArray inflate(const QByteArray &payload, qint64 maxInflatedSize, TrelanFrame::Fault &fault)
 {
-    std::vector<Keys> open; // of the objects, and nothing of the arrays
-    int repeated = -1;
-    for (int i = 0; i < json.size() && repeated < 0 && open.size() <= MAX_DEPTH; ++i) {
-        const char c = json.at(i);
-        if (c == '{' || c == '[') {
-            open.emplace_back();
-        } else if ((c == '}' || c == ']') && !open.empty()) {
-            repeated = repeatedIn(open.back());
-            open.pop_back();
-        } else if (c == '"') {
-            const int end = endOfString(json, i);
-            if (!open.empty() && isKey(json, end))
-                open.back().push_back({hashOf(json.mid(i, end - i)), i});
-            i = end - 1;
-        }
-    }
-    for (; repeated < 0 && !open.empty(); open.pop_back())
-        repeated = repeatedIn(open.back());
-    return repeated < 0 ? QByteArray() : json.mid(repeated, endOfString(json, repeated) - repeated);
+    return TrelanFrame::uncompress(base64::decode(payload), maxInflatedSize, &fault);
+}
+
+} // namespace
+
+Request decodeRequest(const QByteArray &payload, qint64 maxInflatedSize)
+{
+    Request request;
+    const QByteArray json = inflate(payload, maxInflatedSize, request.fault);
+    if (request.fault != TrelanFrame::NoFault ||
+        parse(json, [&](dom::element root) { return readFast(json, root, request); }))
+        return request;
+
+    const TrelanFrame::Payload decoded = readSlowly(json);
+    request = Request();
+    request.fault = decoded.fault;
+    request.errorText = decoded.errorText;
+    request.envelope = decoded.envelope;
+    return request;
+}
+
+Acknowledgement decodeAcknowledgement(const QByteArray &payload, qint64 maxInflatedSize)
+{
+    TrelanFrame::Fault fault = TrelanFrame::NoFault;
+    const QByteArray json = inflate(payload, maxInflatedSize, fault);
+    Acknowledgement acknowledgement;
+    if (fault != TrelanFrame::NoFault)
+        return acknowledgement;
+    const bool isRead = parse(json, [&](dom::element root) {
+        dom::object data;
+        dom::element operation;
+        if (root["operation"].get(operation) != simdjson::SUCCESS ||
+            root["data"].get(data) != simdjson::SUCCESS)
+            return false;
+        const auto text = [data](const char *key) {
+            dom::element value;
+            return data[key].get(value) == simdjson::SUCCESS ? textOf(value) : QString();
+        };
+        acknowledgement = {textOf(operation), text("sender"), text("reciever"), text("uid")};
+        return true;
+    });
+    if (isRead)
+        return acknowledgement;
+    const QVariantMap envelope = readSlowly(json).envelope;
+    const QVariantMap data = envelope.value(KEY_DATA).toMap();
+    const auto text = [&data](const char *key) {
+        return data.value(QLatin1String(key)).toString();
+    };
+    return {envelope.value(KEY_OPERATION).toString(), text("sender"), text("reciever"),
+            text("uid")};
 }
 
 } // namespace bus::payload

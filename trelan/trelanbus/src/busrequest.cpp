@@ -4,6 +4,7 @@
 #include "buspayload.h"
 
 #include <trelanframe.h>
+#include <trelanjson.h>
 
 #include <QtCore/QHash>
 #include <QtCore/QVariantMap>
@@ -19,9 +20,6 @@ namespace
 // Answers wrap a content into one level more than a publish did, and JSON parsers stop at 1024
 // levels: an object nested deeper could be published, but not be loaded back.
 constexpr int MAX_CONTENT_DEPTH = 1000;
-
-// Of a value or a message; what acknowledges it repeats it.
-constexpr int MAX_UID = 1024;
 
 // Longer than any there is. The reply repeats the word, which must not take long to encode.
 constexpr int MAX_WORD = 64;
@@ -40,7 +38,7 @@ bool isText(const QVariant &value)
 
 bool isUid(const QVariant &value)
 {
-    return isText(value) && value.toString().size() <= MAX_UID;
+    return isText(value) && value.toString().size() <= payload::MAX_UID;
 }
 
 bool isNumber(const QVariant &value)
@@ -62,39 +60,8 @@ bool takeText(const QVariantMap &data, const char *key, QString &text, BusReques
     return true;
 }
 
-// Notifications and answers are indented, which makes a line of each value.
+// Notifications and answers may be indented, which makes a line of each value.
 constexpr qint64 MAX_INDENTED = 64 * 1024 * 1024;
-constexpr int INDENTATION = 4;
-constexpr int OUTER_LEVELS = 3; // around a content, in what is sent
-
-/// Levels of nesting of a JSON text, without taking it apart, and its size when it is indented.
-int jsonDepth(const QByteArray &json, qint64 &indented)
-{
-    indented = json.size();
-    int depth = 0;
-    int deepest = 0;
-    bool inString = false;
-    for (int i = 0; i < json.size(); ++i) {
-        const char c = json.at(i);
-        if (inString) {
-            if (c == '\\')
-                ++i;
-            else if (c == '"')
-                inString = false;
-        } else if (c == '"') {
-            inString = true;
-        } else if (c == '{' || c == '[') {
-            deepest = qMax(deepest, ++depth);
-            indented += 1 + INDENTATION * (depth + OUTER_LEVELS);
-        } else if (c == '}' || c == ']') {
-            indented += 1 + INDENTATION * (depth + OUTER_LEVELS);
-            --depth;
-        } else if (c == ',') {
-            indented += 1 + INDENTATION * (depth + OUTER_LEVELS);
-        }
-    }
-    return deepest;
-}
 
 bool parseHandshake(const QVariantMap &data, BusRequest &request)
 {
@@ -143,44 +110,63 @@ bool checkTypes(const QVariantMap &data, std::initializer_list<Type> types, BusR
     return true;
 }
 
+/// What is wrong with the content of an object, for people; empty if nothing is.
+QString contentFault(const jsontext::Measure &measure, const QString &name)
+{
+    if (measure.indented > MAX_INDENTED) {
+        return QStringLiteral("content of %1 takes %2 bytes with its indentation, more than %3")
+            .arg(names::quoted(name))
+            .arg(measure.indented)
+            .arg(MAX_INDENTED);
+    }
+    if (measure.depth > MAX_CONTENT_DEPTH) {
+        return QStringLiteral("content of %1 is nested %2 levels deep, more than %3")
+            .arg(names::quoted(name))
+            .arg(measure.depth)
+            .arg(MAX_CONTENT_DEPTH);
+    }
+    return {};
+}
+
+/// Checks what is left when the values are those of an object.
+bool checkPublish(const jsontext::Measure &measure, BusRequest &request)
+{
+    const QString &name = request.record.head.name;
+    QString fault = names::objectNameFault(name);
+    if (fault.isEmpty())
+        fault = contentFault(measure, name);
+    if (!fault.isEmpty())
+        request.fault = dataFault(fault);
+    return fault.isEmpty();
+}
+
 bool parsePublish(const QVariantMap &data, BusRequest &request)
 {
-    QString name;
-    if (!takeText(data, "nm", name, request) ||
+    ObjectHead &head = request.record.head;
+    if (!takeText(data, "nm", head.name, request) ||
         !checkTypes(data,
                     {UID, TIME, {"opt", "a number", isNumber}, {"cnt", "an object", isObject}},
                     request))
         return false;
-    const QString fault = names::objectNameFault(name);
-    if (!fault.isEmpty()) {
-        request.fault = dataFault(fault);
-        return false;
-    }
+    head.uid = data.value(QStringLiteral("uid")).toString();
+    const QString time = data.value(QStringLiteral("dt")).toString();
+    head.time = time.isEmpty() ? QDateTime::currentMSecsSinceEpoch() : time.toLongLong(nullptr, 10);
+    head.options = TrelanObject::Options(QFlag(data.value(QStringLiteral("opt")).toInt()));
+    request.record.contentJson = json::compact(data.value(QStringLiteral("cnt")).toMap());
+    return checkPublish(jsontext::measure(request.record.contentJson), request);
+}
 
-    TrelanObject object = TrelanObject::fromVariantMap(data);
-    if (data.value(QStringLiteral("dt")).toString().isEmpty())
-        object.setDt(QDateTime::currentDateTime());
-    request.record = ObjectRecord::fromObject(object);
-    qint64 indented = 0;
-    const int depth = jsonDepth(request.record.contentJson, indented);
-    if (indented > MAX_INDENTED) {
-        request.fault =
-            dataFault(QStringLiteral("content of %1 takes %2 bytes with its indentation, "
-                                     "more than %3")
-                          .arg(names::quoted(name))
-                          .arg(indented)
-                          .arg(MAX_INDENTED));
-        return false;
-    }
-    if (depth > MAX_CONTENT_DEPTH) {
-        request.fault =
-            dataFault(QStringLiteral("content of %1 is nested %2 levels deep, more than %3")
-                          .arg(names::quoted(name))
-                          .arg(depth)
-                          .arg(MAX_CONTENT_DEPTH));
-        return false;
-    }
-    return true;
+/// A publish of which everything is known but whether its name and its content will do.
+BusRequest takePublish(const payload::Request &decoded)
+{
+    BusRequest request;
+    request.word = QStringLiteral("pub");
+    request.record = decoded.record;
+    if (!decoded.hasTime)
+        request.record.head.time = QDateTime::currentMSecsSinceEpoch();
+    if (checkPublish(decoded.measure, request))
+        request.operation = BusRequest::Publish;
+    return request;
 }
 
 bool parseRemove(const QVariantMap &data, BusRequest &request)
@@ -267,7 +253,7 @@ bool parseSendMessage(const QVariantMap &data, BusRequest &request)
     }
     request.message = TrelanMessage::fromVariantMap(data);
     if (data.value(QStringLiteral("dt")).toString().isEmpty())
-        request.message.setDt(QDateTime::currentDateTime());
+        request.message->setDt(QDateTime::currentDateTime());
     return true;
 }
 
@@ -291,7 +277,7 @@ const QHash<QString, Parser> PARSERS {
     {QStringLiteral("clients"), {BusRequest::Clients, parseClients}},
 };
 
-QString payloadFaultText(const TrelanFrame::Payload &payload, qint64 maxInflatedSize)
+QString payloadFaultText(const payload::Request &payload, qint64 maxInflatedSize)
 {
     switch (payload.fault) {
     case TrelanFrame::NotInflatable:
@@ -311,12 +297,14 @@ QString payloadFaultText(const TrelanFrame::Payload &payload, qint64 maxInflated
 BusRequest BusRequest::parse(const QByteArray &payload, qint64 maxInflatedSize)
 {
     BusRequest request;
-    const TrelanFrame::Payload decoded = payload::decode(payload, maxInflatedSize);
+    const payload::Request decoded = payload::decodeRequest(payload, maxInflatedSize);
     if (decoded.fault != TrelanFrame::NoFault) {
         request.payloadFault = decoded.fault;
         request.fault = dataFault(payloadFaultText(decoded, maxInflatedSize));
         return request;
     }
+    if (decoded.isPublish)
+        return takePublish(decoded);
     const QVariant word = decoded.envelope.value(QStringLiteral("operation"));
     const QVariant data = decoded.envelope.value(QStringLiteral("data"));
     if (!isText(word)) {

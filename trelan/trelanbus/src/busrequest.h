@@ -10,6 +10,8 @@
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
+#include <optional>
+
 namespace bus
 {
 
@@ -38,13 +40,13 @@ struct BusRequest
     TrelanError fault; ///< of an Invalid request
     TrelanFrame::Fault payloadFault = TrelanFrame::NoFault;
 
-    QString name;          ///< client (Handshake), object (LoadObject), wildcard (LoadObjects),
-                           ///< receiver (SendMessage)
-    bool prompt = false;   ///< Handshake: how the client reads
-    bool now = false;      ///< Subscribe: with the values that are stored
-    QStringList names;     ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
-    TrelanMessage message; ///< SendMessage; with the time filled in, without a sender
-    ObjectRecord record;   ///< Publish; without publisher, and without uid where none was sent
+    QString name;        ///< client (Handshake), object (LoadObject), wildcard (LoadObjects),
+                         ///< receiver (SendMessage)
+    bool prompt = false; ///< Handshake: how the client reads
+    bool now = false;    ///< Subscribe: with the values that are stored
+    QStringList names;   ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
+    std::optional<TrelanMessage> message; ///< SendMessage; with the time, without a sender
+    ObjectRecord record; ///< Publish; without publisher, and without uid where none was sent
 
     /// Never fails: what is wrong with \a payload stands in the fault.
     static BusRequest parse(const QByteArray &payload, qint64 maxInflatedSize);

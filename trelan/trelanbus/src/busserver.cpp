@@ -3,6 +3,7 @@
 #include "buspayload.h"
 
 #include <trelanframe.h>
+#include <trelanjson.h>
 
 #include <unistd.h>
 
@@ -23,12 +24,10 @@ QByteArray replyFrame(const QString &word, const TrelanError &error, TrelanTrans
     return TrelanFrame::encode(TrelanFrame::Reply, TrelanFrame::reply(word, error), coding);
 }
 
-/// The frame of an answer, or of what is said in its place when it is above the limit.
-QByteArray answerFrame(const QString &word, const QVariantMap &data,
+/// The frame around an answer, or of what is said in its place when it is above the limit.
+QByteArray answerFrame(const QString &word, const QByteArray &payload,
                        const TrelanBusSettings &settings)
 {
-    const QByteArray payload =
-        TrelanFrame::encodePayload(TrelanFrame::reply(word, TrelanError(), data), settings.coding);
     if (payload.size() <= settings.maxFrameSize)
         return TrelanFrame::frame(TrelanFrame::Reply, payload);
     const QString fault = QStringLiteral("an answer of %1 bytes is above the limit of %2")
@@ -37,12 +36,41 @@ QByteArray answerFrame(const QString &word, const QVariantMap &data,
     return replyFrame(word, {TrelanError::IncorrectRequestSize, fault}, settings.coding);
 }
 
+QByteArray answerPayload(const QString &word, const QVariantMap &data,
+                         TrelanTransport::Coding coding)
+{
+    return TrelanFrame::encodePayload(TrelanFrame::reply(word, TrelanError(), data), coding);
+}
+
+/// The same of data that is text already.
+QByteArray answerPayload(const QString &word, const QByteArray &data)
+{
+    QByteArray text("{\"data\":");
+    text += data;
+    text += ",\"operation\":";
+    json::appendString(text, word);
+    text += ",\"result\":{\"code\":0,\"description\":\"\"}}";
+    return TrelanFrame::compressLightly(text).toBase64();
+}
+
 QVariantMap objectsData(const QVector<ObjectRecord> &records)
 {
     QVariantMap data;
     for (const ObjectRecord &record : records)
-        data.insert(record.head.name(), record.toObject().toVariantMap());
+        data.insert(record.head.name, record.toObject().toVariantMap());
     return data;
+}
+
+QByteArray objectsText(const QVector<ObjectRecord> &records)
+{
+    QByteArray text("{");
+    for (const ObjectRecord &record : records) {
+        if (text.size() > 1)
+            text += ',';
+        json::appendString(text, record.head.name);
+        text += ':' + record.toJson();
+    }
+    return text + '}';
 }
 
 qint64 totalCost(const QVector<ObjectRecord> &records)
@@ -144,13 +172,24 @@ QString BusServer::errorString() const
 
 void BusServer::reply(ConnectionId id, const QString &word, const TrelanError &error)
 {
-    answer(id, replyFrame(word, error, _settings.coding));
+    if (error.error() != TrelanError::NoError) {
+        answer(id, replyFrame(word, error, _settings.coding));
+        return;
+    }
+    QByteArray &frame = _doneFrames[word]; // of the operations there are: nothing else succeeds
+    if (frame.isEmpty())
+        frame = replyFrame(word, error, _settings.coding);
+    answer(id, frame);
 }
 
 void BusServer::replyObject(ConnectionId id, const QString &word, const ObjectRecord &record)
 {
     answerEncoded(id, record.cost(), [word, record, settings = _settings] {
-        return answerFrame(word, record.toObject().toVariantMap(), settings);
+        const QByteArray payload =
+            settings.coding == TrelanTransport::Light
+                ? answerPayload(word, record.toJson())
+                : answerPayload(word, record.toObject().toVariantMap(), settings.coding);
+        return answerFrame(word, payload, settings);
     });
 }
 
@@ -167,15 +206,19 @@ void BusServer::replyObjects(ConnectionId id, const QString &word,
         return;
     }
     answerEncoded(id, cost, [word, records, settings = _settings] {
-        return answerFrame(word, objectsData(records), settings);
+        const QByteArray payload = settings.coding == TrelanTransport::Light
+                                       ? answerPayload(word, objectsText(records))
+                                       : answerPayload(word, objectsData(records), settings.coding);
+        return answerFrame(word, payload, settings);
     });
 }
 
 void BusServer::replyData(ConnectionId id, const QString &word, const QVariantMap &data,
                           qint64 cost)
 {
-    answerEncoded(id, cost,
-                  [word, data, settings = _settings] { return answerFrame(word, data, settings); });
+    answerEncoded(id, cost, [word, data, settings = _settings] {
+        return answerFrame(word, answerPayload(word, data, settings.coding), settings);
+    });
 }
 
 bool BusServer::canPush(ConnectionId id) const
@@ -190,12 +233,10 @@ void BusServer::push(ConnectionId id, const QByteArray &frame)
         connection->push(frame);
 }
 
-void BusServer::encode(const TrelanMessage &delivery,
+void BusServer::encode(const std::function<QByteArray()> &make,
                        const std::function<void(const QByteArray &)> &done)
 {
-    _codec.add([delivery, done, coding = _settings.coding] {
-        return [done, frame = DeliveryQueue::encode(delivery, coding)] { done(frame); };
-    });
+    _codec.add([make, done] { return [done, frame = make()] { done(frame); }; });
 }
 
 void BusServer::closeConnection(ConnectionId id)
@@ -269,9 +310,7 @@ void BusServer::onReply(ConnectionId id, const QByteArray &payload)
     // What an acknowledgement says is short; anything large is decoded for nothing.
     if (payload.size() > SMALL_INFLATED)
         return;
-    const TrelanFrame::Payload decoded = payload::decode(payload, SMALL_INFLATED);
-    if (decoded.fault == TrelanFrame::NoFault)
-        _core.handleReply(id, decoded.envelope);
+    _core.handleReply(id, payload::decodeAcknowledgement(payload, SMALL_INFLATED));
     watchTimes();
 }
 

@@ -51,7 +51,7 @@ private:
                    qint64 cost) override;
     bool canPush(ConnectionId id) const override;
     void push(ConnectionId id, const QByteArray &frame) override;
-    void encode(const TrelanMessage &delivery,
+    void encode(const std::function<QByteArray()> &make,
                 const std::function<void(const QByteArray &)> &done) override;
     void closeConnection(ConnectionId id) override;
     bool isAtEnd(ConnectionId id) const override;
@@ -80,6 +80,7 @@ private:
     BusCore _core;
     QHash<ConnectionId, BusConnection *> _connections; // children of this
     ConnectionId _lastId = 0;
+    QHash<QString, QByteArray> _doneFrames; // by operation: its answer when there is nothing to say
     WarningLimiter _warnings;
     QTimer _times; // runs while something waits for a client
     Codec _codec;  // last: its thread calls back

@@ -46,7 +46,7 @@ QString BusStorage::errorString() const
 
 void BusStorage::publish(const ObjectRecord &record, const Done &done)
 {
-    const QString &name = record.head.name();
+    const QString &name = record.head.name;
     const bool permanent = record.head.isPermanent();
     if (permanent && _state == TrelanBus::Unusable) {
         done({TrelanError::InvalidDataStorage, _errorString});

@@ -2,8 +2,6 @@
 
 #include "busnames.h"
 
-#include <trelanframe.h>
-
 #include <algorithm>
 
 namespace bus
@@ -20,11 +18,7 @@ constexpr size_t MAX_REMEMBERED = 128;
 
 QString keyOf(const QString &sender, const QString &reciever, const QString &uid)
 {
-    TrelanMessage message;
-    message.setSender(sender);
-    message.setReciever(reciever);
-    message.setUid(uid);
-    return message.msgKey();
+    return sender + QLatin1Char('.') + reciever + QLatin1Char('.') + uid;
 }
 
 int indexOf(const QList<Delivery> &deliveries, const QString &key)
@@ -36,24 +30,34 @@ int indexOf(const QList<Delivery> &deliveries, const QString &key)
 
 } // namespace
 
+Delivery::Delivery(const DeliveryBody::Ref &bodyOfAll, const QString &recieverOfIt,
+                   const QString &uidOfIt)
+    : body(bodyOfAll)
+    , reciever(recieverOfIt)
+{
+    setUid(uidOfIt);
+}
+
+void Delivery::setUid(const QString &newUid)
+{
+    uid = newUid;
+    key = keyOf(body->sender(), reciever, uid);
+}
+
 qint64 Delivery::cost() const
 {
-    const qint64 characters = message.message().size() + message.sender().size() +
-                              message.reciever().size() + message.uid().size() + key.size();
+    const qint64 characters = body->textSize() + reciever.size() + uid.size() + key.size();
     return FIXED_COST + characters * qint64(sizeof(QChar));
 }
 
-void DeliveryQueue::append(const TrelanMessage &message, Delivery::Kind kind, qint64 queuedAt,
-                           qint64 storedId, const QString &object)
+QByteArray Delivery::frame(TrelanTransport::Coding coding) const
 {
-    Delivery delivery;
-    delivery.object = object;
-    delivery.storedId = storedId;
+    return body->frame(reciever, uid, coding);
+}
+
+void DeliveryQueue::append(Delivery delivery)
+{
     delivery.number = ++_lastNumber;
-    delivery.message = message;
-    delivery.key = message.msgKey();
-    delivery.kind = kind;
-    delivery.queuedAt = queuedAt;
     _bytes += delivery.cost();
     _waiting.append(delivery);
 }
@@ -75,29 +79,22 @@ bool DeliveryQueue::hasName(const QString &name) const
     return _isFresh.contains(name);
 }
 
-const TrelanMessage *DeliveryQueue::largeToEncode(const Newest &newest)
+const Delivery *DeliveryQueue::largeToEncode(const Newest &newest)
 {
     if (_inFlight.size() >= MAX_IN_FLIGHT)
         return nullptr;
     takeNames(newest);
     if (_waiting.isEmpty() || !_nextFrame.isEmpty() ||
-        _waiting.first().message.message().size() <= LARGE_TEXT)
+        _waiting.first().body->textSize() <= LARGE_TEXT || _waiting.first().body->isEncoded())
         return nullptr;
     freshenFirst();
-    return &_waiting.first().message;
+    return &_waiting.first();
 }
 
 void DeliveryQueue::setFrame(const QString &key, const QByteArray &frame)
 {
     if (!_waiting.isEmpty() && _nextFrame.isEmpty() && _waiting.first().key == key)
         _nextFrame = frame;
-}
-
-QByteArray DeliveryQueue::encode(const TrelanMessage &message, TrelanTransport::Coding coding)
-{
-    return TrelanFrame::encode(
-        TrelanFrame::Request,
-        TrelanFrame::request(QStringLiteral("sendMessage"), message.toVariantMap()), coding);
 }
 
 QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest,
@@ -110,7 +107,7 @@ QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest,
         return {};
     if (_nextFrame.isEmpty()) {
         freshenFirst();
-        _nextFrame = encode(_waiting.first().message, coding);
+        _nextFrame = _waiting.first().frame(coding);
     }
     if (!_inFlight.isEmpty() && _bytesInFlight + _nextFrame.size() > _maxBytesInFlight)
         return {};
@@ -125,7 +122,7 @@ QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest,
     if (delivery.conflated) {
         // Should it have to be sent again, the value will be taken anew.
         _bytes -= delivery.cost();
-        delivery.message.setMessage(QString());
+        delivery.body = delivery.body->withoutText();
         _bytes += delivery.cost();
     }
     _inFlight.append(delivery);
@@ -279,13 +276,12 @@ void DeliveryQueue::takeNames(const Newest &newest)
         const Name next = _names.front();
         _names.pop_front();
         _nameBytes -= nameCost(next.name);
-        Delivery delivery;
         const bool fresh = _isFresh.take(next.name);
-        if (!newest || !newest(next.name, delivery.message))
+        Delivery delivery = newest ? newest(next.name) : Delivery();
+        if (!delivery.body)
             continue;
         if (fresh)
-            delivery.message.setUid(names::freshUid());
-        delivery.key = delivery.message.msgKey();
+            delivery.setUid(names::freshUid());
         delivery.kind = Delivery::Value;
         delivery.object = next.name;
         delivery.conflated = true;
@@ -304,7 +300,7 @@ bool DeliveryQueue::wouldBeDropped(const Delivery &delivery) const
     for (auto sent = _sent.crbegin(); sent != _sent.crend(); ++sent) {
         const bool sameObject = sent->object == delivery.object;
         if (sent->key == delivery.key)
-            return !sameObject || sent->text != qHash(delivery.message.message());
+            return !sameObject || sent->text != delivery.body->digest();
         if (sameObject)
             break;
     }
@@ -324,8 +320,7 @@ void DeliveryQueue::freshenFirst()
     if (first.kind == Delivery::Addressed || first.sent || !wouldBeDropped(first))
         return;
     _bytes -= first.cost();
-    first.message.setUid(names::freshUid());
-    first.key = first.message.msgKey();
+    first.setUid(names::freshUid());
     _bytes += first.cost();
 }
 
@@ -333,14 +328,14 @@ void DeliveryQueue::remember(const Delivery &delivery)
 {
     if (isRemembered(delivery.key))
         return; // the receiver does not count it again either
-    _sent.push_back({delivery.key, delivery.object, qHash(delivery.message.message())});
+    _sent.push_back({delivery.key, delivery.object, delivery.body->digest()});
     if (_sent.size() > MAX_REMEMBERED)
         _sent.pop_front();
 }
 
 bool DeliveryQueue::isAnswerLate(const Delivery &delivery, qint64 now) const
 {
-    return delivery.message.needAnswer() && now - delivery.queuedAt >= ANSWER_WAIT_MS;
+    return delivery.body->needsAnswer() && now - delivery.queuedAt >= ANSWER_WAIT_MS;
 }
 
 /// A late acknowledgement of what is about to be sent again.

@@ -1,7 +1,6 @@
 #pragma once
 
-#include <trelanmessage.h>
-#include <trelantransport.h>
+#include "deliverybody.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QHash>
@@ -24,7 +23,9 @@ struct Delivery
         Event      ///< notification of an object that is not stored
     };
 
-    TrelanMessage message;
+    DeliveryBody::Ref body;
+    QString reciever;
+    QString uid;
     QString key;    // of the message: made once, compared with every acknowledgement
     QString object; // of a notification: what it is about
     Kind kind = Addressed;
@@ -39,8 +40,13 @@ struct Delivery
     bool expired = false;   // not to be sent again
     bool outlived = false;  // given up since it waited longer than messages do
 
+    Delivery() = default;
+    Delivery(const DeliveryBody::Ref &body, const QString &reciever, const QString &uid);
+    void setUid(const QString &newUid);
+
     /// What keeping it takes, in bytes.
     qint64 cost() const;
+    QByteArray frame(TrelanTransport::Coding coding) const;
 };
 
 /// \brief What one client has yet to get and to acknowledge, in order.
@@ -61,18 +67,17 @@ public:
     static constexpr qint64 MAX_BYTES_IN_FLIGHT = 32 * 1024; ///< or one larger frame alone
     /// Likewise, for a reader that takes what has arrived whatever its pieces.
     static constexpr qint64 MAX_BYTES_IN_FLIGHT_PROMPT = 1024 * 1024;
-    static constexpr int LARGE_TEXT = 128 * 1024; ///< of a message, in characters
+    static constexpr int LARGE_TEXT = 128 * 1024; ///< of a message, in bytes
     static constexpr int MAX_RESENDS = 3;
     static constexpr qint64 SILENCE_MS = 60000;
     static constexpr qint64 ANSWER_WAIT_MS = 60000;
 
-    /// Makes the notification of the newest value of an object. False if there is none any more.
-    using Newest = std::function<bool(const QString &name, TrelanMessage &message)>;
+    /// The notification of the newest value of an object; without a body if there is none any more.
+    using Newest = std::function<Delivery(const QString &name)>;
 
-    /// \a queuedAt may be before the times that other methods were given: then it has waited since.
-    /// \a object is what a notification is about.
-    void append(const TrelanMessage &message, Delivery::Kind kind, qint64 queuedAt,
-                qint64 storedId = 0, const QString &object = {});
+    /// Its time of queueing may be before the times that other methods were given: then it has
+    /// waited since.
+    void append(Delivery delivery);
 
     /// The newest value of this object is to be sent, once, however often this is called before. If
     /// \a fresh, under an id that the receiver cannot know.
@@ -81,11 +86,9 @@ public:
 
     /// The message to send next if it is so large that others would wait for its frame, and it has
     /// none yet: whoever asks makes one elsewhere, and gives it to setFrame(). Null otherwise.
-    const TrelanMessage *largeToEncode(const Newest &newest);
+    const Delivery *largeToEncode(const Newest &newest);
     /// The frame of the message with this key, which counts if that is still the next.
     void setFrame(const QString &key, const QByteArray &frame);
-
-    static QByteArray encode(const TrelanMessage &message, TrelanTransport::Coding coding);
 
     /// The frame to send next, which is then in flight; empty if there is none, or the window is
     /// full.
@@ -148,7 +151,7 @@ private:
     {
         QString key;
         QString object;
-        uint text; // a hash
+        size_t text; // its digest
     };
 
     void takeNames(const Newest &newest);

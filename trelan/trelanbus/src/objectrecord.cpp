@@ -1,7 +1,6 @@
 #include "objectrecord.h"
 
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
+#include <trelanjson.h>
 
 namespace bus
 {
@@ -10,36 +9,63 @@ namespace
 {
 // Headers, hash node and allocator, measured roughly: small objects must not come for free.
 constexpr qint64 FIXED_COST = 256;
+constexpr int FIXED_TEXT = 128; // of the keys around a content
 } // namespace
-
-ObjectRecord ObjectRecord::fromObject(const TrelanObject &object)
-{
-    ObjectRecord record;
-    record.head = object;
-    record.head.setContent({});
-    record.contentJson =
-        QJsonDocument::fromVariant(object.content()).toJson(QJsonDocument::Compact);
-    return record;
-}
 
 TrelanObject ObjectRecord::toObject() const
 {
-    TrelanObject object = head;
-    object.setContent(QJsonDocument::fromJson(contentJson).object().toVariantMap());
+    QVariantMap content;
+    json::read(contentJson, content);
+    TrelanObject object;
+    object.setName(head.name);
+    object.setPublisher(head.publisher);
+    object.setUid(head.uid);
+    object.setDt(QDateTime::fromMSecsSinceEpoch(head.time));
+    object.setOptions(head.options);
+    object.setContent(content);
     return object;
 }
 
-TrelanMessage ObjectRecord::toNotification() const
+QByteArray ObjectRecord::toJson() const
 {
-    TrelanMessage message = toObject().toMessage(QString());
-    if (!deliveryUid.isEmpty())
-        message.setUid(deliveryUid);
-    return message;
+    QByteArray text;
+    text.reserve(contentJson.size() + FIXED_TEXT + 2 * head.name.size());
+    text += "{\"cnt\":" + contentJson;
+    text += ",\"dt\":\"" + QByteArray::number(head.time);
+    text += "\",\"nm\":";
+    json::appendString(text, head.name);
+    text += ",\"opt\":" + QByteArray::number(int(head.options));
+    text += ",\"p\":";
+    json::appendString(text, head.publisher);
+    text += ",\"uid\":";
+    json::appendString(text, head.uid);
+    text += '}';
+    return text;
+}
+
+DeliveryBody::Ref ObjectRecord::notification(TrelanTransport::Coding coding) const
+{
+    QByteArray text;
+    if (coding == TrelanTransport::Classic) {
+        text = toObject().toMessage(QString()).message().toUtf8();
+    } else {
+        text.reserve(contentJson.size() + FIXED_TEXT + 2 * head.name.size());
+        text += "{\"__context__\":" + contentJson;
+        text += ",\"__name__\":";
+        json::appendString(text, head.name);
+        text += ",\"__reason__\":\"sub\"}";
+    }
+    return std::make_shared<const DeliveryBody>(text, head.publisher, head.time);
+}
+
+QString ObjectRecord::notificationUid() const
+{
+    return deliveryUid.isEmpty() ? head.uid : deliveryUid;
 }
 
 qint64 ObjectRecord::cost() const
 {
-    const qint64 characters = head.name().size() + head.publisher().size() + head.uid().size();
+    const qint64 characters = head.name.size() + head.publisher.size() + head.uid.size();
     return FIXED_COST + characters * qint64(sizeof(QChar)) + contentJson.size();
 }
 

@@ -12,7 +12,7 @@ ObjectStore::ObjectStore(int maxObjects, qint64 maxBytes)
 
 QString ObjectStore::roomFault(const ObjectRecord &record) const
 {
-    const qint64 taken = room(record.head.name());
+    const qint64 taken = room(record.head.name);
     const qint64 growth = record.cost() - taken;
     if (taken > 0 && growth <= 0)
         return {};
@@ -25,7 +25,7 @@ QString ObjectStore::roomFault(const ObjectRecord &record) const
 
 void ObjectStore::reserve(const ObjectRecord &record)
 {
-    const QString &name = record.head.name();
+    const QString &name = record.head.name;
     const qint64 before = room(name);
     _reserved[name].append(record.cost());
     account(before, room(name));
@@ -33,7 +33,7 @@ void ObjectStore::reserve(const ObjectRecord &record)
 
 void ObjectStore::release(const ObjectRecord &record)
 {
-    const QString &name = record.head.name();
+    const QString &name = record.head.name;
     const qint64 before = room(name);
     const auto reserved = _reserved.find(name);
     reserved->removeOne(record.cost());
@@ -44,10 +44,10 @@ void ObjectStore::release(const ObjectRecord &record)
 
 void ObjectStore::put(const ObjectRecord &record)
 {
-    const QString &name = record.head.name();
+    const QString &name = record.head.name;
     const qint64 before = room(name);
     const auto kept = _objects.insert(name, record);
-    kept->head.setName(kept.key()); // one text, however often it is published and waits in queues
+    kept->head.name = kept.key(); // one text, however often it is published and waits in queues
     account(before, room(name));
 }
 
@@ -75,7 +75,7 @@ QVector<ObjectRecord> ObjectStore::matching(const QString &wildcard) const
 {
     QVector<ObjectRecord> records;
     for (const ObjectRecord &record : _objects) {
-        if (TrelanObject::testWildCard(record.head.name(), wildcard))
+        if (TrelanObject::testWildCard(record.head.name, wildcard))
             records.append(record);
     }
     return records;

@@ -410,11 +410,11 @@ PermanentStore::Statement PermanentStore::prepare(const char *sql)
 
 bool PermanentStore::put(sqlite3_stmt *statement, const ObjectRecord &record)
 {
-    const QByteArray name = record.head.name().toUtf8();
-    const QByteArray publisher = record.head.publisher().toUtf8();
-    const qint64 time = record.head.dt().toMSecsSinceEpoch();
-    const QByteArray uid = exactBytes(record.head.uid());
-    const int options = int(record.head.options());
+    const QByteArray name = record.head.name.toUtf8();
+    const QByteArray publisher = record.head.publisher.toUtf8();
+    const qint64 time = record.head.time;
+    const QByteArray uid = exactBytes(record.head.uid);
+    const int options = int(record.head.options);
 
     bindText(statement, Name, name);
     bindText(statement, Publisher, publisher);
@@ -514,11 +514,11 @@ bool PermanentStore::readRow(sqlite3_stmt *statement, ObjectRecord &record)
             QStringLiteral("the database is damaged: the object %1 is not as it was written")
                 .arg(names::quoted(QString::fromUtf8(name))));
     }
-    record.head.setName(QString::fromUtf8(name));
-    record.head.setPublisher(QString::fromUtf8(publisher));
-    record.head.setDt(QDateTime::fromMSecsSinceEpoch(time));
-    record.head.setUid(exactText(uid));
-    record.head.setOptions(TrelanObject::Options(QFlag(options)));
+    record.head.name = QString::fromUtf8(name);
+    record.head.publisher = QString::fromUtf8(publisher);
+    record.head.time = time;
+    record.head.uid = exactText(uid);
+    record.head.options = TrelanObject::Options(QFlag(options));
     record.contentJson = content;
     return true;
 }

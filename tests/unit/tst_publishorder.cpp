@@ -1,0 +1,67 @@
+#include <publishorder.h>
+#include <testtable.h>
+
+using namespace bus;
+
+/// Runs a script of steps. "a" takes a place, "a!" takes effect there, "a-" leaves it, "~a" is
+/// "skip" for the object a.
+class tst_PublishOrder : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void steps_data()
+    {
+        const TestTable<QString, QString> row("script", "delivered");
+        row("at once", "a a! b b!", "a b");
+        row("in the order of coming", "a b c b! c! a!", "a b+ c+");
+        row("behind one that fails", "a b b! a-", "b+");
+        row("one fails behind another", "a b c c! b- a!", "a c+");
+        row("only those in front", "a b c a! c! b!", "a b c+");
+        row("told of a newer value", "a b c b! c! ~b a!", "a b+() c+");
+    }
+
+    void steps()
+    {
+        QFETCH(QString, script);
+        QStringList delivered;
+        PublishOrder order([&delivered](const PublishOrder::Publish &publish) {
+            delivered << publish.record.head.name + (publish.waited ? "+" : "") +
+                             (publish.receivers.isEmpty() ? "()" : "");
+        });
+        QMap<QString, quint64> places;
+        for (const QString &step : script.split(' ')) {
+            const QString name = step.left(1);
+            PublishOrder::Publish publish;
+            publish.record.head.name = name;
+            publish.record.head.options = TrelanObject::Stored;
+            publish.receivers << "client";
+            if (step.startsWith('~'))
+                order.skip("client", {step.mid(1)});
+            else if (step.endsWith('!'))
+                order.takeEffect(places[name], publish);
+            else if (step.endsWith('-'))
+                order.leave(places[name]);
+            else
+                places[name] = order.takePlace();
+        }
+        QTEST(delivered.join(' '), "delivered");
+    }
+
+    void bound()
+    {
+        PublishOrder order([](const PublishOrder::Publish &) {});
+        const quint64 first = order.takePlace();
+        PublishOrder::Publish publish;
+        publish.record.contentJson = QByteArray(1 << 20, ' ');
+        int waiting = 0;
+        for (; !order.isFull() && waiting < 100; ++waiting)
+            order.takeEffect(order.takePlace(), publish);
+        QCOMPARE(waiting, 16);
+        order.leave(first);
+        QVERIFY(!order.isFull());
+    }
+};
+
+QTEST_APPLESS_MAIN(tst_PublishOrder)
+#include "tst_publishorder.moc"

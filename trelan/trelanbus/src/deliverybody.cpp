@@ -1,0 +1,111 @@
+#include "deliverybody.h"
+
+#include <trelanframe.h>
+#include <trelanjson.h>
+
+#include <functional>
+#include <string_view>
+
+namespace bus
+{
+
+DeliveryBody::DeliveryBody(const QByteArray &text, const QString &sender, qint64 time)
+    : _text(text)
+    , _sender(sender)
+    , _time(time)
+{}
+
+DeliveryBody::DeliveryBody(const TrelanMessage &message)
+    : _message(message.message())
+    , _sender(message.sender())
+    , _time(message.dt().toMSecsSinceEpoch())
+    , _options(message.options())
+{}
+
+DeliveryBody::Ref DeliveryBody::withoutText() const
+{
+    return std::make_shared<const DeliveryBody>(QByteArray(), _sender, _time);
+}
+
+int DeliveryBody::textSize() const
+{
+    return _text.size() + _message.size();
+}
+
+const QString &DeliveryBody::sender() const
+{
+    return _sender;
+}
+
+bool DeliveryBody::needsAnswer() const
+{
+    return _options.testFlag(TrelanMessage::NeedAnswer);
+}
+
+size_t DeliveryBody::digest() const
+{
+    const std::u16string_view message(reinterpret_cast<const char16_t *>(_message.utf16()),
+                                      size_t(_message.size()));
+    return std::hash<std::u16string_view>()(message) ^
+           std::hash<std::string_view>()({_text.constData(), size_t(_text.size())});
+}
+
+QByteArray DeliveryBody::frame(const QString &reciever, const QString &uid,
+                               TrelanTransport::Coding coding) const
+{
+    if (coding == TrelanTransport::Classic) {
+        return TrelanFrame::encode(
+            TrelanFrame::Request,
+            TrelanFrame::request(
+                QStringLiteral("sendMessage"),
+                {{QStringLiteral("dt"), QString::number(_time)},
+                 {QStringLiteral("msg"), _text.isEmpty() ? _message : QString::fromUtf8(_text)},
+                 {QStringLiteral("ops"), int(_options)},
+                 {QStringLiteral("r"), reciever},
+                 {QStringLiteral("s"), _sender},
+                 {QStringLiteral("uid"), uid}}));
+    }
+    QByteArray ending("\"r\":");
+    json::appendString(ending, reciever);
+    ending += ",\"uid\":";
+    json::appendString(ending, uid);
+    ending += "}}";
+    return shared().frame(TrelanFrame::Request, ending);
+}
+
+bool DeliveryBody::isEncoded() const
+{
+    return _isEncoded;
+}
+
+/// Made when it is needed first, which may be in two threads at once.
+const TrelanSharedPayload &DeliveryBody::shared() const
+{
+    if (!_isEncoded) {
+        const std::lock_guard lock(_mutex);
+        if (!_shared)
+            _shared = std::make_unique<TrelanSharedPayload>(beginning());
+        _isEncoded = true;
+    }
+    return *_shared;
+}
+
+QByteArray DeliveryBody::beginning() const
+{
+    QByteArray text;
+    constexpr int FIXED = 256;
+    text.reserve(FIXED + 2 * textSize());
+    text += R"({"operation":"sendMessage","data":{"dt":")" + QByteArray::number(_time);
+    text += R"(","msg":)";
+    if (_text.isEmpty())
+        json::appendString(text, _message);
+    else
+        json::appendString(text, _text);
+    text += ",\"ops\":" + QByteArray::number(int(_options));
+    text += ",\"s\":";
+    json::appendString(text, _sender);
+    text += ',';
+    return text;
+}
+
+} // namespace bus

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <QtCore/QByteArray>
+
+/// What can be said of a JSON text without taking it apart. Pure.
+namespace bus::jsontext
+{
+
+/// The first key that an object of this text has twice; null if there is none. What is no JSON may
+/// have one or not.
+QByteArray repeatedKey(const QByteArray &json);
+
+struct Measure
+{
+    int depth = 0;       ///< levels of nesting
+    qint64 indented = 0; ///< bytes that it takes inside of an envelope when it is indented
+};
+Measure measure(const QByteArray &json);
+
+/// What one bracket of this level, or one comma inside, adds to the indented size.
+qint64 indentation(int level);
+
+/// The value of a key, of \a inner in the object under \a outer, as it stands in \a json, which has
+/// to be an object that is sound. Null if it is not there, or not found as keys are escaped.
+QByteArray member(const QByteArray &json, const char *outer, const char *inner);
+
+} // namespace bus::jsontext
