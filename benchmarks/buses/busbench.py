@@ -1,0 +1,246 @@
+#!/usr/bin/env python3
+"""Measures the bus, and others beside it: see docs/performance.md, "Beside other buses"."""
+
+import argparse
+import contextlib
+import datetime
+import json
+import os
+import platform
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+import report
+import servers
+from processes import Failure, Program, cpu_seconds, pss_kib
+
+SIZES = [286, 4096, 65536]
+IDLE_CLIENTS, IDLE_S = 10, 2.0
+FAN_OUT = 32
+
+# What is measured: the name of a figure, the kind of it in the program, and how many receivers.
+ACKNOWLEDGED = [("acknowledged", "acknowledged", 0), ("pipelined", "pipelined", 0)]
+DELIVERED = [("delivered", "passed", 1)]
+FANNED_OUT = [("last", "passed", FAN_OUT), ("streamed", "streamed", FAN_OUT)]
+ALL = ACKNOWLEDGED + DELIVERED + FANNED_OUT
+
+
+class Bus:
+    def __init__(self, name, label, server, measures=None, idle=False, slow=False, own_way=False):
+        self.name, self.label, self.server = name, label, server
+        self.measures = measures or ALL
+        self.idle = idle  # whether its server is looked at while nothing happens
+        self.slow = slow  # so that one round, with free processors, is enough
+        self.own_way = own_way  # what receivers get is something else than what is acknowledged
+
+
+OWN = [
+    Bus("prompt-light", "Prompt + Light", servers.trelanbusd, idle=True),
+    Bus("prompt-classic", "Prompt + Classic", servers.embedded("prompt-classic")),
+    Bus("controllers", "two controllers, Prompt + Light", servers.trelanbusd, DELIVERED),
+    Bus("paced-classic", "Paced + Classic", servers.embedded("paced-classic"),
+        ACKNOWLEDGED + DELIVERED, slow=True),
+    Bus("relay", "raw relay, no codec", servers.embedded("relay"), idle=True),
+]
+
+
+class Session:
+    """One server with its publisher, and receivers when they are asked for."""
+
+    def __init__(self, bus, options, folder):
+        self._bus = bus
+        self._setting = servers.Setting(options.build, options.bench, folder)
+        self._arrivals = self._setting.path("arrivals")
+        self._ends = contextlib.ExitStack()
+
+    def __enter__(self):
+        with contextlib.ExitStack() as ends:
+            self._server = self._bus.server(self._setting)
+            ends.callback(self._server.end)
+            pids = ",".join(str(pid) for pid in self._server.pids)
+            self._publisher = self._start("publish", self._arrivals, pids)
+            ends.callback(self._publisher.end)
+            self._publisher.await_ready()
+            self._ends = ends.pop_all()
+        return self
+
+    def __exit__(self, *_):
+        self._ends.close()
+
+    @contextlib.contextmanager
+    def receivers(self, number):
+        if number == 0:
+            yield
+            return
+        program = self._start("receive", self._arrivals, str(number))
+        try:
+            program.await_ready()
+            yield
+        finally:
+            program.end()
+
+    def measure(self, kind, size, receivers, milliseconds):
+        answer = json.loads(
+            self._publisher.ask(f"{kind} {size} {receivers} {milliseconds}"))
+        if not answer:
+            raise Failure(f"{self._bus.label}: {kind} of {size} B has failed")
+        return answer
+
+    def idle(self):
+        """Milliseconds of processor time in a second, and MiB, with idle clients."""
+        with self.receivers(IDLE_CLIENTS):
+            time.sleep(0.5)  # for what connecting has left to do
+            before = sum(cpu_seconds(pid) for pid in self._server.pids)
+            time.sleep(IDLE_S)
+            used = sum(cpu_seconds(pid) for pid in self._server.pids) - before
+            memory = sum(pss_kib(pid) for pid in self._server.pids)
+            return {"cpu_ms_per_s": used * 1000 / IDLE_S, "pss_mib": memory / 1024}
+
+    def _start(self, role, *arguments):
+        command = [self._setting.bench, role, self._bus.name, *arguments, *self._server.address]
+        return Program(command, self._setting.path("log"))
+
+
+class Run:
+    """Collects every figure of every round."""
+
+    def __init__(self, options, buses):
+        self._options, self._buses = options, buses
+        self._rounds = {}
+
+    def measure(self):
+        for number in range(self._options.rounds):
+            for cpus in self._options.processors:
+                for bus in self._buses:
+                    if bus.slow and (number > 0 or cpus != report.FREE):
+                        continue
+                    print(f"round {number + 1} of {self._options.rounds}, {cpus}: {bus.label}",
+                          file=sys.stderr)
+                    with processors(cpus):
+                        self._measure_bus(bus, cpus, first=number == 0)
+
+    def _measure_bus(self, bus, cpus, first):
+        with tempfile.TemporaryDirectory(prefix="busbench") as folder, \
+                Session(bus, self._options, folder) as session:
+            if bus.idle and first and cpus == report.FREE and self._options.idle:
+                self._add(bus, cpus, 0, "idle", session.idle())
+            for receivers in sorted({r for _, _, r in bus.measures}):
+                with session.receivers(receivers):
+                    for name, kind, count in bus.measures:
+                        for size in self._options.sizes if count == receivers else []:
+                            self._add(bus, cpus, size, name, session.measure(
+                                kind, size, count, self._options.milliseconds))
+
+    def _add(self, bus, cpus, size, name, figures):
+        for figure, value in figures.items():
+            key = (bus.name, cpus, size, f"{name}.{figure}")
+            self._rounds.setdefault(key, []).append(value)
+
+    def result(self):
+        figures = [
+            {"bus": bus, "cpus": cpus, "bytes": size, "measure": measure,
+             "value": statistics.median(values), "rounds": values}
+            for (bus, cpus, size, measure), values in self._rounds.items()]
+        run = {
+            "version": version(self._options.build), "date": str(datetime.date.today()),
+            "cpus": os.cpu_count(), "architecture": platform.machine(),
+            "load_average_at_end": os.getloadavg()[0], "rounds": self._options.rounds,
+            "milliseconds": self._options.milliseconds, "processors": self._options.processors,
+            "sizes": self._options.sizes,
+            "buses": {bus.name: bus.label for bus in self._buses},
+            "figures": figures + self._deliveries(figures)}
+        run["goals"] = report.goals(run)
+        return run
+
+    def _deliveries(self, figures):
+        """Server time of a delivery: what a publish takes more when somebody receives it."""
+        results = report.Results({"figures": figures})
+        found = []
+        for bus in self._buses:
+            for cpus in self._options.processors:
+                for size in self._options.sizes:
+                    whole = results.get(bus.name, cpus, size, "delivered.cpu_us")
+                    publish = 0 if bus.own_way else \
+                        results.get(bus.name, cpus, size, "acknowledged.cpu_us")
+                    if whole is not None and publish is not None:
+                        found.append({"bus": bus.name, "cpus": cpus, "bytes": size,
+                                      "measure": "delivery.cpu_us", "value": whole - publish})
+        return found
+
+
+@contextlib.contextmanager
+def processors(cpus):
+    """What is started inside runs on these."""
+    allowed = os.sched_getaffinity(0)
+    if cpus == report.ONE_CPU:
+        os.sched_setaffinity(0, {max(allowed)})
+    try:
+        yield
+    finally:
+        os.sched_setaffinity(0, allowed)
+
+
+def version(build):
+    daemon = os.path.join(build, "trelan/trelanbusd/trelanbusd")
+    return subprocess.run([daemon, "--version"], check=True, capture_output=True,
+                          text=True).stdout.split()[-1]
+
+
+def show(run):
+    print(f"\nVersion {run['version']}, {run['date']}, {run['cpus']} CPUs ({run['architecture']}), "
+          f"medians of {run['rounds']} rounds of {run['milliseconds']} ms for each figure\n")
+    print(report.table(run), report.idle_table(run), report.goals_table(run), sep="\n\n")
+
+
+def compare(before, after):
+    runs = []
+    for path in (before, after):
+        with open(path, encoding="utf-8") as file:
+            runs.append(json.load(file))
+    print(report.comparison(*runs))
+
+
+def parse(arguments):
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--build", help="folder of the build")
+    parser.add_argument("--out", help="file for the figures")
+    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--milliseconds", type=int, default=200, help="for each figure of a round")
+    parser.add_argument("--only", nargs="+", metavar="BUS", help="leave the others out")
+    parser.add_argument("--smoke", action="store_true", help="only whether it works")
+    parser.add_argument("--compare", nargs=2, metavar=("BEFORE", "AFTER"),
+                        help="files of two runs")
+    options = parser.parse_args(arguments)
+    options.processors, options.sizes, options.idle = [report.FREE, report.ONE_CPU], SIZES, True
+    if options.smoke:
+        options.rounds, options.milliseconds, options.idle = 1, 5, False
+        options.processors, options.sizes = [report.FREE], SIZES[:1]
+        options.only = ["prompt-light", "controllers", "relay"]
+    return options
+
+
+def main():
+    options = parse(sys.argv[1:])
+    if options.compare:
+        compare(*options.compare)
+        return 0
+    options.bench = os.path.join(options.build, "benchmarks/buses/busbench")
+    run = Run(options, [bus for bus in OWN if not options.only or bus.name in options.only])
+    try:
+        run.measure()
+    except Failure as failure:
+        print(f"busbench: {failure}", file=sys.stderr)
+        return 1
+    result = run.result()
+    if options.out:
+        with open(options.out, "w", encoding="utf-8") as file:
+            json.dump(result, file, indent=1)
+    show(result)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,154 @@
+"""What has been measured, as Markdown: the table, the goals, and two runs side by side."""
+
+FREE, ONE_CPU = "free", "one CPU"
+
+COLUMNS = [
+    ("acknowledged, µs", ["acknowledged.p50_us", "acknowledged.p99_us"]),
+    ("acknowledged/s", ["acknowledged.per_s"]),
+    ("pipelined/s", ["pipelined.per_s"]),
+    ("delivered, µs", ["delivered.p50_us", "delivered.p99_us"]),
+    ("last of 32, µs", ["last.p50_us", "last.p99_us"]),
+    ("deliveries/s to 32", ["streamed.per_s"]),
+    ("CPU of a publish, µs", ["acknowledged.cpu_us"]),
+    ("of a delivery, µs", ["delivery.cpu_us"]),
+]
+
+# Ratios for the three contents: the peer's time divided by ours.
+RATIOS = [
+    ("QtDBus call", "dbus", "prompt-light", [3.5, 8, 8], [1.8, 3.4, 2.9]),
+    ("mosquitto", "mosquitto", "prompt-light", [1.8, 7, 7], [1, 3, 2.5]),
+    ("nats-server", "nats", "prompt-light", [1.2, 6, 6], [1, 3, 2.5]),
+    ("QtDBus call, by Prompt + Classic", "dbus", "prompt-classic", [1, 1, 1], [0.6, 0.9, 1]),
+]
+MAX_TIMES_RELAY = {"acknowledged.p50_us": 2.2, "delivered.p50_us": 2}
+MIN_SHARE_OF_RELAY_STREAM = 1 / 3
+MAX_TIMES_CHANNELS = 2
+MAX_CPU_US = 10
+MAX_PSS_MIB = 15
+
+
+class Results:
+    """The medians of a run by bus, processors, bytes (0 for what has none) and measure."""
+
+    def __init__(self, run):
+        self._values = {(f["bus"], f["cpus"], f["bytes"], f["measure"]): f["value"]
+                        for f in run["figures"]}
+
+    def keys(self):
+        return self._values.keys()
+
+    def get(self, bus, cpus, size, measure):
+        return self._values.get((bus, cpus, size, measure))
+
+    def has(self, bus, cpus, size):
+        return any(key[:3] == (bus, cpus, size) for key in self._values)
+
+    def ratio(self, over, under, cpus, size, measure):
+        """Of two buses; None if one of them has no such figure."""
+        one, other = (self.get(bus, cpus, size, measure) for bus in (over, under))
+        return one / other if one is not None and other else None
+
+
+def number(value):
+    if value is None:
+        return "–"
+    if abs(value) >= 1000:
+        return f"{value:,.0f}"
+    return f"{value:.0f}" if abs(value) >= 100 else f"{value:.1f}" if abs(value) >= 10 \
+        else f"{value:.2f}"
+
+
+def size_name(size):
+    return f"{size // 1024} KiB" if size >= 1024 else f"{size} B"
+
+
+def markdown(head, rows, left=1):
+    """A table whose first columns are text."""
+    lines = [head, ["---"] * left + ["---:"] * (len(head) - left)] + rows
+    return "\n".join("| " + " | ".join(line) + " |" for line in lines)
+
+
+def table(run):
+    results, rows = Results(run), []
+    for cpus in run["processors"]:
+        for size in run["sizes"]:
+            for name, label in run["buses"].items():
+                if not results.has(name, cpus, size):
+                    continue
+                cells = [" / ".join(number(results.get(name, cpus, size, m)) for m in measures)
+                         for _, measures in COLUMNS]
+                cells = ["–" if set(cell) <= set("– /") else cell for cell in cells]
+                rows.append([size_name(size), cpus, label] + cells)
+    return markdown(["content", "CPUs", "bus"] + [column for column, _ in COLUMNS], rows, 3)
+
+
+def idle_table(run):
+    results = Results(run)
+    rows = [[label, number(results.get(name, FREE, 0, "idle.pss_mib")),
+             number(results.get(name, FREE, 0, "idle.cpu_ms_per_s"))]
+            for name, label in run["buses"].items() if results.has(name, FREE, 0)]
+    return markdown(["server with 10 idle clients", "PSS, MiB", "CPU, ms in a second"], rows)
+
+
+def goal(results, text, cpus, size, value, wanted, at_most):
+    """One line of the goals; None where nothing was measured."""
+    if value is None:
+        return None
+    met = value <= wanted if at_most else value >= wanted
+    return {"goal": text, "cpus": cpus, "bytes": size, "value": value, "wanted": wanted,
+            "at_most": at_most, "met": met}
+
+
+def goals(run):
+    results, found = Results(run), []
+
+    def add(*arguments):
+        line = goal(results, *arguments)
+        if line:
+            found.append(line)
+
+    small = run["sizes"][0]
+    for cpus in run["processors"]:
+        for label, peer, ours, acknowledged, delivered in RATIOS:
+            for measure, wanted in (("acknowledged", acknowledged), ("delivered", delivered)):
+                for size, least in zip(run["sizes"], wanted):
+                    add(f"{label}, {measure}: its time / ours", cpus, size,
+                        results.ratio(peer, ours, cpus, size, measure + ".p50_us"), least, False)
+        for measure, most in MAX_TIMES_RELAY.items():
+            add(f"{measure.split('.')[0]}: our time / raw relay", cpus, small,
+                results.ratio("prompt-light", "relay", cpus, small, measure), most, True)
+        add("deliveries/s to 32: ours / raw relay", cpus, small,
+            results.ratio("prompt-light", "relay", cpus, small, "streamed.per_s"),
+            MIN_SHARE_OF_RELAY_STREAM, False)
+        for size in run["sizes"]:
+            add("through two controllers / direct channels", cpus, size,
+                results.ratio("controllers", "prompt-light", cpus, size, "delivered.p50_us"),
+                MAX_TIMES_CHANNELS, True)
+        add("server CPU of a publish, µs", cpus, small,
+            results.get("prompt-light", cpus, small, "acknowledged.cpu_us"), MAX_CPU_US, True)
+    add("PSS with 10 idle clients, MiB", FREE, 0,
+        results.get("prompt-light", FREE, 0, "idle.pss_mib"), MAX_PSS_MIB, True)
+    add("idle CPU with 10 clients, ms in a second", FREE, 0,
+        results.get("prompt-light", FREE, 0, "idle.cpu_ms_per_s"), 0, True)
+    return found
+
+
+def goals_table(run):
+    rows = [[line["goal"], line["cpus"], size_name(line["bytes"]) if line["bytes"] else "–",
+             number(line["value"]), ("≤ " if line["at_most"] else "≥ ") + number(line["wanted"]),
+             "met" if line["met"] else "**missed**"] for line in run["goals"]]
+    return markdown(["goal", "CPUs", "content", "is", "wanted", ""], rows)
+
+
+def comparison(before, after):
+    """Every figure that both runs have, and the second divided by the first."""
+    old, new, rows = Results(before), Results(after), []
+    for key in new.keys():
+        was, now = old.get(*key), new.get(*key)
+        if was is None or now is None:
+            continue
+        bus, cpus, size, measure = key
+        rows.append([bus, cpus, size_name(size) if size else "–", measure, number(was),
+                     number(now), f"{now / was:.2f}" if was else "–"])
+    return markdown(["bus", "CPUs", "content", "measure", "before", "after", "after / before"],
+                    rows, 4)
