@@ -29,6 +29,8 @@ ALL = ACKNOWLEDGED + DELIVERED + FANNED_OUT
 
 
 class Bus:
+    program = "busbench"
+
     def __init__(self, name, label, server, measures=None, idle=False, slow=False, own_way=False):
         self.name, self.label, self.server = name, label, server
         self.measures = measures or ALL
@@ -47,12 +49,33 @@ OWN = [
 ]
 
 
+class Peer(Bus):
+    program = "peers/busbench_peers"
+
+    def __init__(self, name, label, server, own_way=False):
+        super().__init__(name, label, server, idle=True, own_way=own_way)
+
+
+PEERS = [
+    Peer("dbus", "QtDBus", servers.dbus_daemon, own_way=True),
+    Peer("mosquitto", "mosquitto QoS 1", servers.mosquitto),
+    Peer("nats", "nats-server", servers.nats_server),
+    Peer("remoteobjects", "Qt Remote Objects", servers.embedded("remoteobjects")),
+]
+# What programs of Qt alone may prefer to JSON.
+STREAMS = [
+    Peer("mosquitto-stream", "mosquitto QoS 1, QDataStream", servers.mosquitto),
+    Peer("nats-stream", "nats-server, QDataStream", servers.nats_server),
+]
+
+
 class Session:
     """One server with its publisher, and receivers when they are asked for."""
 
     def __init__(self, bus, options, folder):
         self._bus = bus
-        self._setting = servers.Setting(options.build, options.bench, folder)
+        bench = os.path.join(options.build, "benchmarks/buses", bus.program)
+        self._setting = servers.Setting(options.build, bench, options.unpacked, folder)
         self._arrivals = self._setting.path("arrivals")
         self._ends = contextlib.ExitStack()
 
@@ -207,6 +230,10 @@ def parse(arguments):
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", help="folder of the build")
     parser.add_argument("--out", help="file for the figures")
+    parser.add_argument("--peers", action="store_true", help="other buses, too")
+    parser.add_argument("--data-streams", action="store_true",
+                        help="those that carry bytes with QDataStream, too, beside JSON")
+    parser.add_argument("--unpacked", default="/", help="folder of the peers' unpacked packages")
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--milliseconds", type=int, default=200, help="for each figure of a round")
     parser.add_argument("--only", nargs="+", metavar="BUS", help="leave the others out")
@@ -227,8 +254,8 @@ def main():
     if options.compare:
         compare(*options.compare)
         return 0
-    options.bench = os.path.join(options.build, "benchmarks/buses/busbench")
-    run = Run(options, [bus for bus in OWN if not options.only or bus.name in options.only])
+    buses = OWN + (PEERS if options.peers else []) + (STREAMS if options.data_streams else [])
+    run = Run(options, [bus for bus in buses if not options.only or bus.name in options.only])
     try:
         run.measure()
     except Failure as failure:

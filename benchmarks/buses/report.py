@@ -52,6 +52,8 @@ class Results:
 def number(value):
     if value is None:
         return "–"
+    if value == int(value) and abs(value) < 1000:
+        return str(int(value))
     if abs(value) >= 1000:
         return f"{value:,.0f}"
     return f"{value:.0f}" if abs(value) >= 100 else f"{value:.1f}" if abs(value) >= 10 \
@@ -90,7 +92,7 @@ def idle_table(run):
     return markdown(["server with 10 idle clients", "PSS, MiB", "CPU, ms in a second"], rows)
 
 
-def goal(results, text, cpus, size, value, wanted, at_most):
+def goal(text, cpus, size, value, wanted, at_most):
     """One line of the goals; None where nothing was measured."""
     if value is None:
         return None
@@ -103,7 +105,7 @@ def goals(run):
     results, found = Results(run), []
 
     def add(*arguments):
-        line = goal(results, *arguments)
+        line = goal(*arguments)
         if line:
             found.append(line)
 
@@ -134,10 +136,18 @@ def goals(run):
 
 
 def goals_table(run):
-    rows = [[line["goal"], line["cpus"], size_name(line["bytes"]) if line["bytes"] else "–",
-             number(line["value"]), ("≤ " if line["at_most"] else "≥ ") + number(line["wanted"]),
-             "met" if line["met"] else "**missed**"] for line in run["goals"]]
-    return markdown(["goal", "CPUs", "content", "is", "wanted", ""], rows)
+    """One row for each goal, with what it is for each of the contents."""
+    grouped = {}
+    for line in run["goals"]:
+        grouped.setdefault((line["goal"], line["cpus"]), []).append(line)
+    rows = []
+    for (text, cpus), lines in grouped.items():
+        wanted = " / ".join(number(line["wanted"]) for line in lines)
+        rows.append([text, cpus, " / ".join(number(line["value"]) for line in lines),
+                     ("≤ " if lines[0]["at_most"] else "≥ ") + wanted,
+                     " / ".join("met" if line["met"] else "**missed**" for line in lines)])
+    return markdown(["goal, for " + ", ".join(size_name(size) for size in run["sizes"]), "CPUs",
+                     "is", "wanted", ""], rows, 2)
 
 
 def comparison(before, after):
