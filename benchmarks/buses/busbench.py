@@ -7,6 +7,8 @@ import datetime
 import json
 import os
 import platform
+import re
+import signal
 import statistics
 import subprocess
 import sys
@@ -15,7 +17,7 @@ import time
 
 import report
 import servers
-from processes import Failure, Program, cpu_seconds, pss_kib
+from processes import Failure, OtherPrograms, Program, cpu_seconds, pss_kib
 
 SIZES = [286, 4096, 65536]
 IDLE_CLIENTS, IDLE_S = 10, 2.0
@@ -133,6 +135,7 @@ class Run:
     def __init__(self, options, buses):
         self._options, self._buses = options, buses
         self._rounds = {}
+        self._others = OtherPrograms()
 
     def measure(self):
         for number in range(self._options.rounds):
@@ -170,7 +173,7 @@ class Run:
         run = {
             "version": version(self._options.build), "date": str(datetime.date.today()),
             "cpus": os.cpu_count(), "architecture": platform.machine(),
-            "load_average_at_end": os.getloadavg()[0], "rounds": self._options.rounds,
+            "others_percent": self._others.percent(), "rounds": self._options.rounds,
             "milliseconds": self._options.milliseconds, "processors": self._options.processors,
             "sizes": self._options.sizes,
             "buses": {bus.name: bus.label for bus in self._buses},
@@ -212,12 +215,6 @@ def version(build):
                           text=True).stdout.split()[-1]
 
 
-def show(run):
-    print(f"\nVersion {run['version']}, {run['date']}, {run['cpus']} CPUs ({run['architecture']}), "
-          f"medians of {run['rounds']} rounds of {run['milliseconds']} ms for each figure\n")
-    print(report.table(run), report.idle_table(run), report.goals_table(run), sep="\n\n")
-
-
 def compare(before, after):
     runs = []
     for path in (before, after):
@@ -226,17 +223,28 @@ def compare(before, after):
     print(report.comparison(*runs))
 
 
+def insert(text, path):
+    """Replaces what an earlier run has left in a document."""
+    with open(path, encoding="utf-8") as file:
+        parts = re.split(r"(<!-- figures -->\n|<!-- end of figures -->)", file.read())
+    parts[2] = "\n" + text + "\n"
+    with open(path, "w", encoding="utf-8") as file:
+        file.write("".join(parts))
+
+
 def parse(arguments):
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", help="folder of the build")
-    parser.add_argument("--out", help="file for the figures")
+    parser.add_argument("--out", help="file for the figures, without .json and .md")
     parser.add_argument("--peers", action="store_true", help="other buses, too")
     parser.add_argument("--data-streams", action="store_true",
                         help="those that carry bytes with QDataStream, too, beside JSON")
     parser.add_argument("--unpacked", default="/", help="folder of the peers' unpacked packages")
+    parser.add_argument("--into", metavar="DOCUMENT", help="put the tables between its marks")
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--milliseconds", type=int, default=200, help="for each figure of a round")
-    parser.add_argument("--only", nargs="+", metavar="BUS", help="leave the others out")
+    parser.add_argument("--only", nargs="+", metavar="BUS", help="leave the others out",
+                        choices=[bus.name for bus in OWN + PEERS + STREAMS])
     parser.add_argument("--smoke", action="store_true", help="only whether it works")
     parser.add_argument("--compare", nargs=2, metavar=("BEFORE", "AFTER"),
                         help="files of two runs")
@@ -254,6 +262,7 @@ def main():
     if options.compare:
         compare(*options.compare)
         return 0
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # so that no process stays
     buses = OWN + (PEERS if options.peers else []) + (STREAMS if options.data_streams else [])
     run = Run(options, [bus for bus in buses if not options.only or bus.name in options.only])
     try:
@@ -262,10 +271,15 @@ def main():
         print(f"busbench: {failure}", file=sys.stderr)
         return 1
     result = run.result()
+    text = report.whole(result)
     if options.out:
-        with open(options.out, "w", encoding="utf-8") as file:
+        with open(options.out + ".json", "w", encoding="utf-8") as file:
             json.dump(result, file, indent=1)
-    show(result)
+        with open(options.out + ".md", "w", encoding="utf-8") as file:
+            file.write(text)
+    if options.into:
+        insert(text, options.into)
+    print("\n" + text)
     return 0
 
 

@@ -1,6 +1,7 @@
 """Processes of a measurement: started, talked to by lines, and always ended again."""
 
 import os
+import resource
 import select
 import subprocess
 import time
@@ -75,3 +76,28 @@ def pss_kib(pid):
             if line.startswith("Pss:"):
                 return int(line.split()[1])
     raise Failure("no memory figures of the server")
+
+
+class OtherPrograms:
+    """How much of the processors others have taken since this was made, in percent."""
+
+    def __init__(self):
+        self._start = time.monotonic()
+        self._busy, self._own = self._busy_seconds(), self._own_seconds()
+
+    def percent(self):
+        """Without the processes that were started and have not ended yet."""
+        others = self._busy_seconds() - self._busy - (self._own_seconds() - self._own)
+        return max(0, 100 * others / (time.monotonic() - self._start) / os.cpu_count())
+
+    @staticmethod
+    def _busy_seconds():
+        with open("/proc/stat", encoding="ascii") as lines:
+            user, nice, system, _idle, _wait, irq, softirq = lines.readline().split()[1:8]
+        ticks = sum(int(time_used) for time_used in (user, nice, system, irq, softirq))
+        return ticks / os.sysconf("SC_CLK_TCK")
+
+    @staticmethod
+    def _own_seconds():
+        return sum(usage.ru_utime + usage.ru_stime for usage in map(
+            resource.getrusage, (resource.RUSAGE_SELF, resource.RUSAGE_CHILDREN)))

@@ -13,6 +13,8 @@ COLUMNS = [
     ("of a delivery, µs", ["delivery.cpu_us"]),
 ]
 
+IDLE = {"idle.pss_mib": "PSS, MiB", "idle.cpu_ms_per_s": "CPU, ms in a second"}
+
 # Ratios for the three contents: the peer's time divided by ours.
 RATIOS = [
     ("QtDBus call", "dbus", "prompt-light", [3.5, 8, 8], [1.8, 3.4, 2.9]),
@@ -86,10 +88,9 @@ def table(run):
 
 def idle_table(run):
     results = Results(run)
-    rows = [[label, number(results.get(name, FREE, 0, "idle.pss_mib")),
-             number(results.get(name, FREE, 0, "idle.cpu_ms_per_s"))]
+    rows = [[label] + [number(results.get(name, FREE, 0, measure)) for measure in IDLE]
             for name, label in run["buses"].items() if results.has(name, FREE, 0)]
-    return markdown(["server with 10 idle clients", "PSS, MiB", "CPU, ms in a second"], rows)
+    return markdown(["server with 10 idle clients", *IDLE.values()], rows)
 
 
 def goal(text, cpus, size, value, wanted, at_most):
@@ -150,12 +151,21 @@ def goals_table(run):
                      "is", "wanted", ""], rows, 2)
 
 
+def whole(run):
+    """Everything about a run, for docs/performance.md."""
+    head = (f"Version {run['version']}, {run['date']}, {run['cpus']} CPUs ({run['architecture']}), "
+            f"medians of {run['rounds']} rounds of {run['milliseconds']} ms for each figure. "
+            f"Other programs took {run['others_percent']:.0f} % of the processors meanwhile.")
+    return "\n\n".join([head, table(run), idle_table(run), goals_table(run)]) + "\n"
+
+
 def comparison(before, after):
     """Every figure that both runs have, and the second divided by the first."""
     old, new, rows = Results(before), Results(after), []
+    shown = [measure for _, measures in COLUMNS for measure in measures] + list(IDLE)
     for key in new.keys():
         was, now = old.get(*key), new.get(*key)
-        if was is None or now is None:
+        if was is None or now is None or key[-1] not in shown:
             continue
         bus, cpus, size, measure = key
         rows.append([bus, cpus, size_name(size) if size else "–", measure, number(was),
