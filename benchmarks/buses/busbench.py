@@ -267,7 +267,7 @@ def main():
     run = Run(options, [bus for bus in buses if not options.only or bus.name in options.only])
     try:
         run.measure()
-    except Failure as failure:
+    except (Failure, OSError) as failure:
         print(f"busbench: {failure}", file=sys.stderr)
         return 1
     result = run.result()
