@@ -4,6 +4,7 @@
 #include <trelanchannelworker.h>
 #include <trelanmessagereciever.h>
 #include <trelanqueryhandler.h>
+#include <trelanqueryworker.h>
 
 #include <memory>
 
@@ -150,6 +151,42 @@ private Q_SLOTS:
         for (const ScriptedFrame &frame : _server->frames().mid(1))
             uids << frame.data["uid"].toString();
         QCOMPARE(uids.size(), 5 * COUNT);
+    }
+
+    void workerGoesAhead()
+    {
+        // As above; what comes of each is in order, and what the loss leaves open is lost.
+        serve([](ScriptedPeer &peer) {
+            bool more = peer.readFrame() && peer.send(HELLO);
+            for (int i = 0; i < 5 && more && peer.number == 0; ++i)
+                more = peer.readFrame();
+            if (more && peer.number == 0) {
+                peer.send(Server::reply("pub") + Server::reply("sub", 2, "no") +
+                          Server::reply("loadObject", 0, "", R"({"nm":"a"})") +
+                          Server::reply("sendMessage", 2, "nobody"));
+            } else {
+                peer.awaitEnd();
+            }
+        });
+        TrelanQueryWorker worker("me", {});
+        QStringList done;
+        const auto note = [&done](const TrelanObject &object) { done << object.name(); };
+        connect(&worker, &TrelanQueryWorker::objectLoaded, this, note);
+        connect(&worker, &TrelanQueryWorker::workerConnected, this, [&done] { done << "open"; });
+        const LogCapture log;
+        QVERIFY(worker.doStart());
+        const auto ask = [&worker](auto &&what) {
+            QMetaObject::invokeMethod(&worker, what, Qt::QueuedConnection);
+        };
+        ask([&worker] { worker.publish(named("a")); });
+        ask([&worker] { worker.subscribe(QString("a")); });
+        ask([&worker] { worker.loadObject("a"); });
+        ask([&worker] { worker.sendMessage(TrelanMessage()); });
+        ask([&worker] { worker.loadObject("b"); });
+        QTRY_COMPARE(done, QStringList({"open", "a", "open"}));
+        QCOMPARE(log.texts().filter("critical").join('|'),
+                 QString("critical: 2\tno|critical: 2\tnobody"));
+        QCOMPARE(_server->frames().size(), 1 + 5 + 1);
     }
 
     void brokenOffAhead()

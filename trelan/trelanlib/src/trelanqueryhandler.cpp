@@ -39,10 +39,12 @@ constexpr int ATTEMPTS_WITHOUT_WAIT = 2;
 // read.
 constexpr int MAX_AHEAD = 64;
 constexpr qint64 MAX_BYTES_AHEAD = 256 * 1024;
-constexpr qint64 READ_CHUNK = 64 * 1024;
+constexpr int MAX_UNSENT = 16 * 1024; // of small requests, which leave together
 
 const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
 const QString OPERATION_PUBLISH = QStringLiteral("pub");
+const QString OPERATION_LOAD = QStringLiteral("loadObject");
+const QString KEY_NAME = QStringLiteral("nm"); // of what is loaded
 const QString LIST_SEPARATOR = QStringLiteral("::");
 
 /// The lines of what came of a payload. Only what a log shows is taken apart, since millions of
@@ -132,6 +134,7 @@ bool TrelanQueryHandler::open()
         return true;
 
     ++_connection;
+    _unsent.clear();
     _prompt = TrelanTransport::mode() == TrelanTransport::Prompt;
     _coding = TrelanTransport::coding();
     _reader.reset(_prompt ? new TrelanFrameReader(TrelanTransport::maxPayload()) : nullptr);
@@ -153,6 +156,7 @@ void TrelanQueryHandler::close()
 {
     if (!_socket)
         return;
+    ++_connection;
     _socket->blockSignals(true);
     if (!_prompt)
         QThread::msleep(CLOSE_PAUSE_MS);
@@ -227,7 +231,7 @@ bool TrelanQueryHandler::unsubscribe(const QStringList &wildCards)
 bool TrelanQueryHandler::loadObject(const QString &name, TrelanObject &object)
 {
     QVariantMap answer;
-    if (!request(answer, QStringLiteral("loadObject"), {{QStringLiteral("nm"), name}}))
+    if (!request(answer, OPERATION_LOAD, {{KEY_NAME, name}}))
         return false;
     object = TrelanObject::fromVariantMap(answer);
     return true;
@@ -284,28 +288,38 @@ void TrelanQueryHandler::socketError(QAbstractSocket::SocketError error)
 
 bool TrelanQueryHandler::handshake()
 {
-    return request(OPERATION_HANDSHAKE, {{QStringLiteral("name"), _clientName}});
+    QVariantMap ignored;
+    return request(ignored, OPERATION_HANDSHAKE, {{QStringLiteral("name"), _clientName}});
 }
 
 bool TrelanQueryHandler::request(QVariantMap &answer, QString operation, QVariantMap data)
 {
+    if (_reader) {
+        bool done = false;
+        ask(operation, data, [&](bool success, const QVariantMap &reply) {
+            done = success;
+            if (success)
+                answer = reply;
+        });
+        takeReplies();
+        return done;
+    }
     resetFailure();
     // The handshake comes this way too, so that being handshaked is no condition here.
     if (!canRequest())
         return fail(NotOpen);
-    if (_reader && isOutOfStep())
-        return breakOff(Framing);
-    if (!canRequest()) // as has been seen while looking
-        return fail(NotOpen);
     const qint64 staleBytes = _socket->bytesAvailable();
     sendRequest(operation, data);
-    if (_reader)
-        return promptReply(answer);
     return waitForReply(staleBytes) && readReply(answer);
 }
 
 bool TrelanQueryHandler::request(QString operation, QVariantMap data)
 {
+    // Only this one: who is told of something meanwhile may request as ever.
+    if (std::exchange(_goesAhead, false)) {
+        askLater(operation, data, [](bool, const QVariantMap &) {});
+        return true;
+    }
     QVariantMap ignored;
     return request(ignored, std::move(operation), std::move(data));
 }
@@ -357,16 +371,13 @@ bool TrelanQueryHandler::failUnlessLost(Failure failure)
     return fail(canRequest() ? failure : NotOpen);
 }
 
-/// Returns the size of the frame.
-qint64 TrelanQueryHandler::sendRequest(const QString &operation, const QVariantMap &data)
+void TrelanQueryHandler::sendRequest(const QString &operation, const QVariantMap &data)
 {
-    const QByteArray frame =
-        TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(operation, data), _coding);
-    _socket->write(frame);
+    _socket->write(
+        TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(operation, data), _coding));
     _socket->flush();
-    if (canRequest() && !_reader) // the flush notices a connection that is gone
+    if (canRequest()) // the flush notices a connection that is gone
         wait::bytesWritten(*_socket, WAIT_MS);
-    return frame.size();
 }
 
 bool TrelanQueryHandler::connectToBus()
@@ -480,39 +491,112 @@ bool TrelanQueryHandler::publishAhead(const QList<TrelanObject> &objects)
 {
     Failure failure = None;
     TrelanError error;
-    QQueue<qint64> ahead; // sizes of the requests that have no reply yet
-    qint64 bytesAhead = 0;
-    const auto note = [&](bool done) {
+    const auto note = [&](bool done, const QVariantMap & /*answer*/) {
         if (!done) {
             failure = _lastFailure;
             error = _lastError;
         }
     };
     const int connection = _connection;
-    const auto collect = [&] {
-        bytesAhead -= ahead.dequeue();
-        resetFailure();
-        QVariantMap ignored;
-        note(_connection == connection ? promptReply(ignored) : fail(NotOpen));
-    };
     for (const TrelanObject &object : objects) {
-        while (ahead.size() >= MAX_AHEAD || bytesAhead >= MAX_BYTES_AHEAD)
-            collect();
-        resetFailure();
-        if (_connection != connection || !canRequest() || wait::isInterrupted()) {
-            note(fail(NotOpen));
-        } else if (ahead.isEmpty() && isOutOfStep()) {
-            note(breakOff(Framing));
+        if (_connection == connection && !wait::isInterrupted()) {
+            ask(OPERATION_PUBLISH, completed(object).toVariantMap(), note);
         } else {
-            ahead.enqueue(sendRequest(OPERATION_PUBLISH, completed(object).toVariantMap()));
-            bytesAhead += ahead.last();
+            takeReplies();
+            note(fail(NotOpen), {});
         }
     }
-    while (!ahead.isEmpty())
-        collect();
+    takeReplies();
     _lastFailure = failure;
     _lastError = error;
     return failure == None;
+}
+
+void TrelanQueryHandler::loadObject(const QString &name,
+                                    const std::function<void(const TrelanObject &)> &loaded)
+{
+    const auto taken = [loaded](bool done, const QVariantMap &answer) {
+        if (done)
+            loaded(TrelanObject::fromVariantMap(answer));
+    };
+    const QVariantMap data {{KEY_NAME, name}};
+    if (_reader) {
+        askLater(OPERATION_LOAD, data, taken);
+        return;
+    }
+    QVariantMap answer;
+    taken(request(answer, OPERATION_LOAD, data), answer);
+}
+
+/// Sends a request, or says that it cannot be sent, after what came of those before it.
+void TrelanQueryHandler::ask(const QString &operation, const QVariantMap &data, const Taken &taken)
+{
+    const int connection = _connection;
+    while (_asked.size() >= MAX_AHEAD || _bytesAsked >= MAX_BYTES_AHEAD)
+        takeReply();
+    // The handshake comes this way too, so that being handshaked is no condition here. Out of step
+    // is for nobody to say while there are replies to come.
+    const bool inStep = !canRequest() || !_asked.isEmpty() || !isOutOfStep();
+    if (_connection == connection && canRequest() && inStep) {
+        const QByteArray frame = TrelanFrame::encode(
+            TrelanFrame::Request, TrelanFrame::request(operation, data), _coding);
+        _unsent += frame;
+        if (_asked.isEmpty() || _unsent.size() >= MAX_UNSENT)
+            sendAhead();
+        _asked.enqueue({_connection, frame.size(), taken});
+        _bytesAsked += frame.size();
+        return;
+    }
+    takeReplies();
+    resetFailure();
+    const bool isOut = _connection == connection && canRequest();
+    taken(isOut ? breakOff(Framing) : fail(NotOpen), {});
+}
+
+void TrelanQueryHandler::askLater(const QString &operation, const QVariantMap &data,
+                                  const Taken &taken)
+{
+    ask(operation, data, taken);
+    takeReplyLater();
+}
+
+/// Waits for the reply to the first request that has none yet.
+void TrelanQueryHandler::takeReply()
+{
+    const Asked asked = _asked.dequeue();
+    _bytesAsked -= asked.size;
+    resetFailure();
+    QVariantMap answer;
+    const bool done = asked.connection == _connection ? promptReply(answer) : fail(NotOpen);
+    asked.taken(done, answer);
+}
+
+void TrelanQueryHandler::takeReplies()
+{
+    while (!_asked.isEmpty())
+        takeReply();
+}
+
+/// One at a time, behind what waits to be asked now.
+void TrelanQueryHandler::takeReplyLater()
+{
+    if (_takesLater || _asked.isEmpty())
+        return;
+    _takesLater = true;
+    const auto take = [this] {
+        _takesLater = false;
+        if (!_asked.isEmpty())
+            takeReply();
+        takeReplyLater();
+    };
+    QMetaObject::invokeMethod(this, take, Qt::QueuedConnection);
+}
+
+void TrelanQueryHandler::sendAhead()
+{
+    const QByteArray frames = std::exchange(_unsent, {});
+    if (!frames.isEmpty() && canRequest())
+        direct::send(*_socket, frames);
 }
 
 bool TrelanQueryHandler::promptReply(QVariantMap &answer)
@@ -545,22 +629,20 @@ TrelanFrameReader::Status TrelanQueryHandler::awaitFrame(int milliseconds)
         const TrelanFrameReader::Status status = _reader->next();
         if (status != TrelanFrameReader::NeedMoreData || !_socket)
             return status;
-        const bool arrived =
-            _socket->bytesAvailable() > 0 ||
-            (canRequest() && wait::readyRead(*_socket, int(deadline.remainingTime())));
-        if (!arrived || !_socket || _connection != connection ||
-            (deadline.hasExpired() && _socket->bytesAvailable() == 0))
+        // Either may notice that the connection is lost, and who is told may open it again.
+        sendAhead();
+        const QByteArray bytes =
+            _connection == connection ? direct::read(*_socket, deadline) : QByteArray();
+        if (_connection != connection || (bytes.isEmpty() && wait::isOver(*_socket, deadline)))
             return TrelanFrameReader::NeedMoreData;
-        _reader->feed(_socket->read(READ_CHUNK));
+        _reader->feed(bytes);
     }
 }
 
 /// Whether something has come that nobody asked for, or more than was asked for.
 bool TrelanQueryHandler::isOutOfStep()
 {
-    if (_socket->bytesAvailable() == 0)
-        _socket->waitForReadyRead(0); // it may be there, and not read
-    if (!_reader || (!_reader->isInsideFrame() && _socket->bytesAvailable() == 0))
+    if (!direct::hasArrived(*_socket) && !_reader->isInsideFrame())
         return false;
     qCritical().noquote() << tr("A reply that nobody has asked for");
     return true;
@@ -573,6 +655,7 @@ bool TrelanQueryHandler::breakOff(Failure failure)
     if (_handshaked && _socket) {
         // What the reader still holds answers nobody any more.
         _reader = std::make_unique<TrelanFrameReader>(TrelanTransport::maxPayload());
+        _unsent.clear();
         _socket->abort();
     }
     return fail(failure); // last: who is told may have asked for something

@@ -12,11 +12,13 @@
 #include <QtCore/QMap>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
+#include <QtCore/QQueue>
 #include <QtCore/QStringList>
 #include <QtCore/QVariantMap>
 #include <QtNetwork/QAbstractSocket>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 
 class QTcpSocket;
@@ -174,12 +176,40 @@ public Q_SLOTS:
     bool processReply(QString operation, QVariantMap data, QVariantMap result);
 
 private:
+    friend class TrelanQueryWorker; // goes ahead
+
+    /// What is done about a reply, or about there being none.
+    using Taken = std::function<void(bool done, const QVariantMap &answer)>;
+    struct Asked
+    {
+        int connection;
+        qint64 size;
+        Taken taken;
+    };
+
+    /// What \a operation requests is not waited for, and true at once: its reply is taken when the
+    /// event loop has nothing left to ask before it.
+    template <typename Operation>
+    void ahead(const Operation &operation)
+    {
+        _goesAhead = _reader != nullptr;
+        operation();
+        _goesAhead = false;
+    }
+    void loadObject(const QString &name, const std::function<void(const TrelanObject &)> &loaded);
+    void ask(const QString &operation, const QVariantMap &data, const Taken &taken);
+    void askLater(const QString &operation, const QVariantMap &data, const Taken &taken);
+    void takeReply();
+    void takeReplies();
+    void takeReplyLater();
+    void sendAhead();
+
     bool canRequest() const;
     bool connectToBus();
     void resetFailure();
     bool fail(Failure failure);
     bool failUnlessLost(Failure failure);
-    qint64 sendRequest(const QString &operation, const QVariantMap &data);
+    void sendRequest(const QString &operation, const QVariantMap &data);
     bool waitForReply(qint64 staleBytes);
     bool readReply(QVariantMap &answer);
     QByteArray readPayload(int size);
@@ -194,10 +224,15 @@ private:
     QPointer<QTcpSocket> _socket;
     QString _clientName;
     bool _prompt;
-    int _connection = 0; // number of the attempts to open one
+    int _connection = 0; // number of times that one was opened or closed
     bool _handshaked = false;
     TrelanTransport::Coding _coding = TrelanTransport::Classic;
     std::unique_ptr<TrelanFrameReader> _reader; // in Prompt mode; since open()
+    QQueue<Asked> _asked;                       // likewise: what has no reply yet
+    qint64 _bytesAsked = 0;                     // of all these
+    QByteArray _unsent;                         // the last of these
+    bool _goesAhead = false;
+    bool _takesLater = false;
     Failure _lastFailure = None;
     TrelanError _lastError;
 

@@ -78,7 +78,7 @@ bool TrelanQueryWorker::doStop()
 void TrelanQueryWorker::sendMessage(TrelanMessage msg)
 {
     if (isOpen())
-        _handler->sendMessage(msg);
+        _handler->ahead([&] { _handler->sendMessage(msg); });
 }
 
 void TrelanQueryWorker::publish(TrelanObject obj)
@@ -86,31 +86,31 @@ void TrelanQueryWorker::publish(TrelanObject obj)
     if (obj.name() == TRACED_OBJECT)
         traceContent(obj.content());
     if (isOpen())
-        _handler->publish(obj);
+        _handler->ahead([&] { _handler->publish(obj); });
 }
 
 void TrelanQueryWorker::subscribe(QStringList wildCards)
 {
     if (isOpen())
-        _handler->subscribe(wildCards);
+        _handler->ahead([&] { _handler->subscribe(wildCards); });
 }
 
 void TrelanQueryWorker::subscribe(QString wildCard)
 {
     if (isOpen())
-        _handler->subscribe(wildCard);
+        _handler->ahead([&] { _handler->subscribe(wildCard); });
 }
 
 void TrelanQueryWorker::unsubscribe(QString wildCard)
 {
     if (isOpen())
-        _handler->unsubscribe(wildCard);
+        _handler->ahead([&] { _handler->unsubscribe(wildCard); });
 }
 
 void TrelanQueryWorker::unsubscribe(QStringList wildCards)
 {
     if (isOpen())
-        _handler->unsubscribe(wildCards);
+        _handler->ahead([&] { _handler->unsubscribe(wildCards); });
 }
 
 void TrelanQueryWorker::sendCommand(TrelanCommand cmd)
@@ -124,16 +124,17 @@ void TrelanQueryWorker::sendCommand(TrelanCommand cmd)
                                                                           : cmd.genUid());
         _storage.storeCmd(cmd);
     }
-    _handler->sendCommand(cmd);
+    _handler->ahead([&] { _handler->sendCommand(cmd); });
 }
 
 void TrelanQueryWorker::loadObject(QString name)
 {
-    TrelanObject object;
-    if (!isOpen() || !_handler->loadObject(name, object))
+    if (!isOpen())
         return;
-    _storage.store(object);
-    emit objectLoaded(object);
+    _handler->loadObject(name, [this](const TrelanObject &object) {
+        _storage.store(object);
+        emit objectLoaded(object);
+    });
 }
 
 bool TrelanQueryWorker::isOpen() const
@@ -157,6 +158,8 @@ bool TrelanQueryWorker::subscribeAll()
 void TrelanQueryWorker::stopChannel()
 {
     channelworker::stopTimer(_restartTimer);
+    if (_handler && !thread()->isInterruptionRequested())
+        _handler->takeReplies(); // to what was asked before the stop
     channelworker::stopChannel(_handler);
 }
 

@@ -26,10 +26,12 @@ class Reconnection;
 }
 
 /// \brief Owns the query channel: everything that this client says to the bus goes through it, one
-/// request at a time, in the order in which it was asked for.
+/// request after the other, in the order in which it was asked for.
 ///
 /// Threads: as TrelanMsgWorker. The slots are reached through queued connections, and each blocks
-/// the worker's thread until the bus has answered; nothing tells the caller how it went.
+/// the worker's thread until the bus has answered; nothing tells the caller how it went. In Prompt
+/// mode (see TrelanTransport) what is waiting to be asked is sent ahead of the replies to what was
+/// asked before, 64 requests or 256 KiB of them at most; the replies are taken in the same order.
 ///
 /// While the channel is down every slot drops what it is given, without a report. A new attempt
 /// follows every 5 s; on each connection the wildcards given at construction are subscribed, and

@@ -6,29 +6,36 @@
 #include <QtNetwork/QTcpSocket>
 
 #include <poll.h>
+#include <sys/socket.h>
 
+#include <array>
 #include <cerrno>
 
-namespace bus::wait
+namespace bus
 {
 
 namespace
 {
 
 constexpr int SLICE_MS = 100;
+constexpr int READ_CHUNK = 64 * 1024;
 
 int slice(const QDeadlineTimer &deadline)
 {
     return int(qBound<qint64>(0, deadline.remainingTime(), SLICE_MS));
 }
 
-bool isOver(const QTcpSocket &socket, const QDeadlineTimer &deadline)
+/// What poll() says of it: 0 if nothing has come, POLLIN if that is all there is to know.
+short look(const QTcpSocket &socket, int milliseconds)
 {
-    return isInterrupted() || deadline.hasExpired() ||
-           socket.state() == QAbstractSocket::UnconnectedState;
+    pollfd descriptor {int(socket.socketDescriptor()), POLLIN | POLLRDHUP, 0};
+    return ::poll(&descriptor, 1, milliseconds) > 0 ? descriptor.revents : short(0);
 }
 
 } // namespace
+
+namespace wait
+{
 
 bool connected(QTcpSocket &socket, int milliseconds)
 {
@@ -75,4 +82,56 @@ bool isInterrupted()
     return QThread::currentThread()->isInterruptionRequested();
 }
 
-} // namespace bus::wait
+bool isOver(const QTcpSocket &socket, const QDeadlineTimer &deadline)
+{
+    return isInterrupted() || deadline.hasExpired() ||
+           socket.state() == QAbstractSocket::UnconnectedState;
+}
+
+} // namespace wait
+
+namespace direct
+{
+
+void send(QTcpSocket &socket, const QByteArray &bytes)
+{
+    qint64 sent = 0;
+    if (socket.bytesToWrite() == 0 && socket.state() == QAbstractSocket::ConnectedState) {
+        const int descriptor = int(socket.socketDescriptor());
+        sent = qMax<qint64>(0, ::send(descriptor, bytes.constData(), size_t(bytes.size()),
+                                      MSG_NOSIGNAL | MSG_DONTWAIT));
+    }
+    if (sent < bytes.size()) {
+        socket.write(bytes.constData() + sent, bytes.size() - sent);
+        socket.flush();
+    }
+}
+
+QByteArray read(QTcpSocket &socket, const QDeadlineTimer &deadline)
+{
+    static thread_local std::array<char, READ_CHUNK> _bytes;
+    if (socket.bytesAvailable() == 0 && !wait::isOver(socket, deadline)) {
+        const bool isWriting = socket.bytesToWrite() > 0; // which Qt goes on with while it waits
+        const short events = isWriting ? short(0) : look(socket, slice(deadline));
+        if (events == POLLIN) {
+            const auto count =
+                ::recv(int(socket.socketDescriptor()), _bytes.data(), _bytes.size(), MSG_DONTWAIT);
+            if (count > 0)
+                return {_bytes.data(), int(count)};
+        }
+        if (isWriting || events != 0)
+            socket.waitForReadyRead(isWriting ? slice(deadline) : 0);
+    }
+    return socket.bytesAvailable() > 0 ? socket.read(READ_CHUNK) : QByteArray();
+}
+
+bool hasArrived(QTcpSocket &socket)
+{
+    if (socket.bytesAvailable() == 0 && look(socket, 0) != 0)
+        socket.waitForReadyRead(0);
+    return socket.bytesAvailable() > 0;
+}
+
+} // namespace direct
+
+} // namespace bus

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <QtCore/QByteArray>
+
+class QDeadlineTimer;
 class QTcpSocket;
 
 /// Blocking waits on a socket, as long as Qt's own, but left within a tenth of a second once the
@@ -15,4 +18,25 @@ bool readyRead(QTcpSocket &socket, int milliseconds);
 /// Whether the current thread is asked to end.
 bool isInterrupted();
 
+/// Whether there is nothing left to wait for: that, the deadline, or no connection any more.
+bool isOver(const QTcpSocket &socket, const QDeadlineTimer &deadline);
+
 } // namespace bus::wait
+
+/// The same socket without what Qt does around every call, which costs more system calls than the
+/// calls themselves: one to send, one to wait and one to read. Qt is left what it does better: what
+/// does not leave at once, and every end of a connection, so that its signals come as ever.
+namespace bus::direct
+{
+
+/// Sends \a bytes; what does not leave at once follows as Qt gets at it.
+void send(QTcpSocket &socket, const QByteArray &bytes);
+
+/// Some of what has arrived; if there is nothing, what comes within a tenth of a second. Empty
+/// before that at the deadline, if the connection is lost, or if the thread is asked to end.
+QByteArray read(QTcpSocket &socket, const QDeadlineTimer &deadline);
+
+/// Whether something has arrived that was not read. It may notice that the connection is lost.
+bool hasArrived(QTcpSocket &socket);
+
+} // namespace bus::direct
