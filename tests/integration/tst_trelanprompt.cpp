@@ -6,6 +6,9 @@
 #include <trelanqueryhandler.h>
 #include <trelanqueryworker.h>
 
+#include <QtCore/QAbstractEventDispatcher>
+#include <QtNetwork/QTcpSocket>
+
 #include <memory>
 
 using namespace bus;
@@ -273,6 +276,39 @@ private Q_SLOTS:
         QCOMPARE(_server->frames()[0].data, QVariantMap({{"name", "me"}, {"prompt", true}}));
         QCOMPARE(_server->frames()[1].data["uid"], QVariant("0"));
         QVERIFY(reciever.isOpen());
+    }
+
+    void acknowledgedTogether()
+    {
+        // The slot for the second of three has an event loop of its own: what it has of them is
+        // acknowledged, and of what comes then not more is taken than is taken at once.
+        const QByteArray much = Server::reply("none").repeated(3000);
+        serve([much](ScriptedPeer &peer) {
+            peer.readFrame();
+            if (peer.send(HELLO + push(1) + push(2) + push(3)) && peer.readFrame() &&
+                peer.readFrame() && peer.send(much) && peer.send(push(4)))
+                peer.awaitEnd();
+        });
+        TrelanMessageReciever reciever("me");
+        const auto *socket = reciever.findChild<QTcpSocket *>();
+        QStringList uids;
+        qint64 held = 0;
+        int wakeUps = 0;
+        connect(&reciever, &TrelanMessageReciever::incomingMessage, this, [&](TrelanMessage msg) {
+            uids << msg.uid();
+            if (msg.uid() != "2")
+                return;
+            QTRY_VERIFY(socket->bytesAvailable() >= 64 * 1024);
+            const auto *events = QAbstractEventDispatcher::instance();
+            connect(events, &QAbstractEventDispatcher::awake, &reciever, [&] { ++wakeUps; });
+            QTest::qWait(50);
+            held = socket->bytesAvailable();
+            disconnect(events, nullptr, &reciever, nullptr);
+        });
+        QVERIFY(reciever.open());
+        QTRY_COMPARE(uids, QStringList({"1", "2", "3", "4"}));
+        QCOMPARE(held, 64 * 1024);
+        QVERIFY2(wakeUps < 50, qPrintable(QString::number(wakeUps)));
     }
 
     void deliveriesOutOfStep_data()

@@ -24,12 +24,14 @@ void TrelanFrameReader::feed(const QByteArray &bytes)
 TrelanFrameReader::Status TrelanFrameReader::next()
 {
     _payload.clear();
-    for (;;) {
-        const State before = _state;
-        const Status status = step();
-        if (status != NeedMoreData || _state == before)
-            return status;
-    }
+    readLines();
+    return _state == InPayload ? readPayload() : _fault;
+}
+
+bool TrelanFrameReader::hasNext()
+{
+    readLines();
+    return _state == Faulty || (_state == InPayload && _buffer.size() - _position >= _size);
 }
 
 TrelanFrame::Kind TrelanFrameReader::kind() const
@@ -52,19 +54,13 @@ QString TrelanFrameReader::faultText() const
     return _faultText;
 }
 
-TrelanFrameReader::Status TrelanFrameReader::step()
+/// Both lines of the next frame, as far as they are there.
+void TrelanFrameReader::readLines()
 {
-    switch (_state) {
-    case InHeader:
-        return readHeader();
-    case InSize:
-        return readSize();
-    case InPayload:
-        return readPayload();
-    case Faulty:
-        break;
-    }
-    return _fault;
+    if (_state == InHeader)
+        readHeader();
+    if (_state == InSize)
+        readSize();
 }
 
 bool TrelanFrameReader::takeLine(QString &text)
@@ -92,35 +88,34 @@ bool TrelanFrameReader::takeUsualHeader()
     const bool isRequest = begins(REQUEST);
     if (!isRequest && !begins(REPLY))
         return false;
-    _kind = isRequest ? TrelanFrame::Request : TrelanFrame::Reply;
+    _nextKind = isRequest ? TrelanFrame::Request : TrelanFrame::Reply;
     _position += isRequest ? REQUEST.size() : REPLY.size();
     return true;
 }
 
-TrelanFrameReader::Status TrelanFrameReader::readHeader()
+void TrelanFrameReader::readHeader()
 {
     if (takeUsualHeader()) {
         _state = InSize;
-        return NeedMoreData;
+        return;
     }
     QString text;
     if (!takeLine(text))
-        return NeedMoreData;
+        return;
     if (text == TrelanFrame::headerWord(TrelanFrame::Request))
-        _kind = TrelanFrame::Request;
+        _nextKind = TrelanFrame::Request;
     else if (text == TrelanFrame::headerWord(TrelanFrame::Reply))
-        _kind = TrelanFrame::Reply;
+        _nextKind = TrelanFrame::Reply;
     else
         return fail(Malformed, QStringLiteral("\"%1\" is no header line").arg(text));
     _state = InSize;
-    return NeedMoreData;
 }
 
-TrelanFrameReader::Status TrelanFrameReader::readSize()
+void TrelanFrameReader::readSize()
 {
     QString text;
     if (!takeLine(text))
-        return NeedMoreData;
+        return;
     bool ok = false;
     const qint64 size = text.toLongLong(&ok, 10);
     if (!ok || size < 0)
@@ -134,13 +129,13 @@ TrelanFrameReader::Status TrelanFrameReader::readSize()
     }
     _size = int(size);
     _state = InPayload;
-    return NeedMoreData;
 }
 
 TrelanFrameReader::Status TrelanFrameReader::readPayload()
 {
     if (_buffer.size() - _position < _size)
         return NeedMoreData;
+    _kind = _nextKind;
     _payload = _buffer.mid(_position, _size);
     _position += _size;
     _state = InHeader;
@@ -152,14 +147,13 @@ TrelanFrameReader::Status TrelanFrameReader::readPayload()
     return FrameReady;
 }
 
-TrelanFrameReader::Status TrelanFrameReader::fail(Status status, const QString &text)
+void TrelanFrameReader::fail(Status status, const QString &text)
 {
     _state = Faulty;
     _fault = status;
     _faultText = text;
     _buffer.clear();
     _position = 0;
-    return status;
 }
 
 } // namespace bus

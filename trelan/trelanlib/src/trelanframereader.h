@@ -37,6 +37,9 @@ public:
     /// Goes on to the next frame. Malformed and TooLarge are final.
     Status next();
 
+    /// Whether next() would be ready, or faulty, without more data.
+    bool hasNext();
+
     /// Of the last frame that was ready.
     TrelanFrame::Kind kind() const;
     QByteArray payload() const;
@@ -50,13 +53,13 @@ public:
 private:
     enum State { InHeader, InSize, InPayload, Faulty };
 
-    Status step();
+    void readLines();
     bool takeLine(QString &text);
     bool takeUsualHeader();
-    Status readHeader();
-    Status readSize();
+    void readHeader();
+    void readSize();
     Status readPayload();
-    Status fail(Status status, const QString &text);
+    void fail(Status status, const QString &text);
 
     const qint64 _maxPayload;
     QByteArray _buffer;
@@ -65,6 +68,7 @@ private:
     Status _fault = NeedMoreData;
     QString _faultText;
     TrelanFrame::Kind _kind = TrelanFrame::Request;
+    TrelanFrame::Kind _nextKind = TrelanFrame::Request;
     int _size = 0;
     QByteArray _payload;
 };

@@ -12,6 +12,8 @@
 #include <QtNetwork/QHostAddress>
 #include <QtNetwork/QTcpSocket>
 
+#include <utility>
+
 namespace bus
 {
 
@@ -31,6 +33,8 @@ constexpr int MAX_REMEMBERED = 100;
 
 // In Prompt mode.
 constexpr qint64 READ_CHUNK = 64 * 1024;
+constexpr int MAX_UNSENT = 16 * 1024;
+constexpr qint64 MAX_UNSENT_NS = 1000000;
 constexpr qint64 MAX_UNREAD_BY_BUS = 1024 * 1024; // thousands of acknowledgements
 
 const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
@@ -200,6 +204,9 @@ bool TrelanMessageReciever::open()
     _prompt = TrelanTransport::mode() == TrelanTransport::Prompt;
     _coding = TrelanTransport::coding();
     _reader.reset(_prompt ? new TrelanFrameReader(TrelanTransport::maxPayload()) : nullptr);
+    _unsent.clear();
+    // A slot with an event loop of its own keeps this from reading, but not the socket.
+    _socket->setReadBufferSize(_prompt ? READ_CHUNK : 0);
     _socket->blockSignals(false);
     _socket->connectToHost(QHostAddress(msgHost()), msgPort(), QIODevice::ReadWrite);
     const QPointer<TrelanMessageReciever> self(this);
@@ -224,6 +231,7 @@ void TrelanMessageReciever::close()
     if (!_socket)
         return;
     _socket->blockSignals(true);
+    sendAll();
     _stall.stop();
     _answer.stop();
     if (!_prompt)
@@ -302,10 +310,42 @@ void TrelanMessageReciever::write(const QByteArray &frame)
 {
     // Of its own: a connection that is lost here is a signal, which may delete this receiver.
     const QPointer<QTcpSocket> socket = _socket;
+    if (_reader) {
+        writeLater(frame);
+        return;
+    }
     socket->write(frame);
     socket->flush();
-    if (isConnected(socket) && !_reader)
+    if (isConnected(socket))
         wait::bytesWritten(*socket, WAIT_MS);
+}
+
+/// At once, unless there is more to come soon.
+void TrelanMessageReciever::writeLater(const QByteArray &frame)
+{
+    if (_unsent.isEmpty())
+        _sinceUnsent.start();
+    _unsent += frame;
+    if (!_reader->hasNext() || _unsent.size() >= MAX_UNSENT ||
+        _sinceUnsent.nsecsElapsed() >= MAX_UNSENT_NS) {
+        sendAll();
+        return;
+    }
+    // What comes next may need no answer, or a slot may have an event loop of its own before.
+    if (std::exchange(_sendsLater, true))
+        return;
+    const auto send = [this] {
+        _sendsLater = false;
+        sendAll();
+    };
+    QMetaObject::invokeMethod(this, send, Qt::QueuedConnection);
+}
+
+void TrelanMessageReciever::sendAll()
+{
+    const QByteArray frames = std::exchange(_unsent, {});
+    if (!frames.isEmpty() && isConnected(_socket))
+        direct::send(*_socket, frames);
 }
 
 /// What has arrived, frame by frame. What a frame leads to may delete this receiver, close it, or
@@ -369,6 +409,10 @@ void TrelanMessageReciever::watchStall(bool progress)
 void TrelanMessageReciever::breakOff(const QString &reason)
 {
     qWarning().noquote() << "The message channel is closed:" << reason;
+    const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
+    sendAll();
+    if (!self || !isConnected(_socket))
+        return;
     _stall.stop();
     _answer.stop();
     _opened = false;

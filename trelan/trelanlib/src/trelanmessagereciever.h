@@ -10,6 +10,7 @@
 #include "trelantransport.h"
 
 #include <QtCore/QCache>
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
 #include <QtCore/QSharedPointer>
@@ -40,10 +41,13 @@ namespace bus
 /// reader does not look for the next one, so that what follows may be logged piece by piece.
 ///
 /// In Prompt mode (see TrelanTransport) nothing but open() blocks: what has arrived is taken, part
-/// of a frame is kept until the rest is there, and acknowledgements leave by themselves. A stream
-/// that is out of step, a frame that takes longer than it may, and a bus that does not read close
-/// the connection with one warning and busDisconnected(); a handshake without an answer does too.
-/// A whole frame that cannot be understood is dropped as ever, and the next one is read.
+/// of a frame is kept until the rest is there, and acknowledgements leave by themselves. Each
+/// leaves before its message is handed on, unless the next message is there already: those that
+/// have arrived together are acknowledged together, at once or as soon as a millisecond has passed
+/// between two of them. While a slot has an event loop of its own nothing is read beyond 64 KiB. A
+/// stream that is out of step, a frame that takes longer than it may, and a bus that does not read
+/// close the connection with one warning and busDisconnected(); a handshake without an answer does
+/// too. A whole frame that cannot be understood is dropped as ever, and the next one is read.
 ///
 /// A message that was delivered before is acknowledged and dropped: the last 100 keys (see
 /// TrelanMessage::msgKey()) are remembered, for as long as this object lives.
@@ -122,6 +126,8 @@ private:
     void watchStall(bool progress);
     void breakOff(const QString &reason);
     void write(const QByteArray &frame);
+    void writeLater(const QByteArray &frame);
+    void sendAll();
     void prepareRequest();
     void prepareReply();
     qint32 readSize();
@@ -139,6 +145,9 @@ private:
     std::unique_ptr<TrelanFrameReader> _reader; // in Prompt mode; since open()
     QTimer _stall;                              // likewise: runs inside a frame
     QTimer _answer;                             // likewise: runs until the handshake is answered
+    QByteArray _unsent;                         // likewise: acknowledgements, which leave together
+    QElapsedTimer _sinceUnsent;                 // likewise: since the first of these
+    bool _sendsLater = false;
     Filter _cache;
 
     static std::atomic<quint16> _msgPort;
