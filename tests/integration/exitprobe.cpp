@@ -2,6 +2,7 @@
 /// A program that calls exit() while its workers run: exitprobe CASE MSGPORT QUERYPORT.
 /// Prints nothing and ends with 7 if all is well.
 
+#include <transport.h>
 #include <trelancontroller.h>
 #include <trelanmsgworker.h>
 #include <trelanqueryworker.h>

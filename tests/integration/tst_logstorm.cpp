@@ -1,4 +1,5 @@
 #include <rawpeer.h>
+#include <transport.h>
 #include <trelancontroller.h>
 #include <trelanlogcreator.h>
 #include <trelanmsgworker.h>

@@ -1,6 +1,7 @@
 #include <logcapture.h>
 #include <scriptedserver.h>
 #include <testtable.h>
+#include <transport.h>
 #include <trelanmessagereciever.h>
 
 #include <QtNetwork/QTcpSocket>
@@ -10,6 +11,7 @@
 using namespace bus;
 using R = TrelanMessageReciever;
 using Server = ScriptedServer;
+using transport::PROMPT;
 
 namespace
 {
@@ -161,13 +163,20 @@ private Q_SLOTS:
         row("blanks", {QByteArray(END).replace("[-REPLY-]", " [-REPLY-] ")}, ENDED);
         row("other case", {push("a", "u", "sendmessage") + END}, invalid + "data" + ENDED, {},
             R"(|sendmessage{}{"code":4,"description":"Unsupported request"})");
+        const QString closed = "|warning: The message channel is closed: ";
         row("no number", {"[-REQUEST-]\r\nabc\r\n" + END},
-            invalid + "size: abc" + invalid + "size" + ENDED);
-        row("negative", {"[-REQUEST-]\r\n-1\r\n" + END}, invalid + "size" + ENDED);
+            PROMPT ? closed + "\"abc\" is no size line"
+                   : invalid + "size: abc" + invalid + "size" + ENDED,
+            PROMPT ? "|lost" : "");
+        row("negative", {"[-REQUEST-]\r\n-1\r\n" + END},
+            PROMPT ? closed + "\"-1\" is no size line" : invalid + "size" + ENDED,
+            PROMPT ? "|lost" : "");
         row("empty", {Server::frame("[-REQUEST-]", {}) + END},
             "|warning: illegal value\t" + invalid + "data" + ENDED);
         row("no JSON", {Server::frame("[-REPLY-]", Server::payload("nope")) + END},
             "|warning: illegal value\tnope" + bad + ENDED);
+        if (PROMPT)
+            return; // which takes a frame in any pieces: see deliveries in tst_trelanprompt
         const QString unknown = "|critical: Unknown request header: ";
         row("size in two", {"[-REQUEST-]\r\n12", "3\r\nabcdefghijklmnopqrst\r\n" + END},
             "|warning: Socket is empty" + invalid + "size" + unknown + "12" + unknown + "3" +
@@ -198,6 +207,8 @@ private Q_SLOTS:
     }
     void attempts()
     {
+        if (PROMPT)
+            QSKIP("without pauses there are no attempts to count");
         QFETCH(QByteArray, bytes);
         QFETCH(int, attempts);
         QSignalSpy timeouts(socket(), SIGNAL(error(QAbstractSocket::SocketError)));
@@ -255,12 +266,12 @@ private Q_SLOTS:
         QFETCH(QString, after);
         connect(socket(), SIGNAL(error(QAbstractSocket::SocketError)), this, SLOT(release()));
         QVERIFY(openOn([=](ScriptedPeer &peer) {
-            if (peer.readFrame() && peer.send(bytes) && peer.awaitRelease())
+            if (peer.readFrame() && peer.send(bytes) && (PROMPT || peer.awaitRelease()))
                 peer.close(reset);
         }));
         QTRY_COMPARE(log(), "|warning: QAbstractSocket::RemoteHostClosedError "
                             "The remote host closed the connection <now>" +
-                                after);
+                                (PROMPT ? QString() : after));
         QCOMPARE(_events, "|connected|lost");
         QVERIFY(!_reciever->isOpen());
         bool written = true;

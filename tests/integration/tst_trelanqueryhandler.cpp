@@ -1,6 +1,7 @@
 #include <logcapture.h>
 #include <scriptedserver.h>
 #include <testtable.h>
+#include <transport.h>
 #include <trelanqueryhandler.h>
 
 #include <QtNetwork/QTcpSocket>
@@ -10,6 +11,7 @@
 using namespace bus;
 using Q = TrelanQueryHandler;
 using Server = ScriptedServer;
+using transport::PROMPT;
 
 namespace
 {
@@ -150,7 +152,7 @@ private Q_SLOTS:
         QElapsedTimer pause;
         pause.start();
         _handler->close();
-        QVERIFY(pause.elapsed() >= 100 && !_handler->handshaked());
+        QVERIFY((PROMPT || pause.elapsed() >= 100) && !_handler->handshaked());
         QCoreApplication::processEvents();
         QCOMPARE(disconnected.count(), 1);
         QCOMPARE(connected.count(), accepted ? 2 : 1);
@@ -167,7 +169,9 @@ private Q_SLOTS:
         QVERIFY(_server->frames()[0].raw.startsWith("[-REQUEST-]\r\n"));
         QCOMPARE(_server->frames()[0].operation, "handshake");
         QCOMPARE(_server->frames()[0].data, map("{'name':'me'}"));
-        QCOMPARE(_server->frames()[1].json.simplified(), j("{ 'data': { }, 'operation': 'x' }"));
+        const QByteArray request = "{ 'data': { }, 'operation': 'x' }";
+        QCOMPARE(_server->frames()[1].json.simplified(),
+                 j(PROMPT ? QByteArray(request).replace(' ', "") : request));
 
         Q other("other");
         Q::setQueryPort(0);
@@ -291,12 +295,19 @@ private Q_SLOTS:
         QFETCH(int, code);
         QFETCH(QString, logged);
         QVERIFY(openOn(answers({reply})));
+        const bool isCut = PROMPT && reply == "[-REPLY-]\r\n"; // the rest is waited for
+        TrelanTransport::setPatience(isCut ? 200 : 30000);
         QVariantMap answer = map("{'old':1}");
         QCOMPARE(_handler->request(answer, "x", {}), code == 0);
         QCOMPARE(answer.isEmpty(), code == 0);
-        QCOMPARE(_handler->lastFailure(), code == 0 ? Q::None : code < 0 ? Q::Framing : Q::Refused);
+        const Q::Failure failure = isCut ? Q::Timeout : code < 0 ? Q::Framing : Q::Refused;
+        QCOMPARE(_handler->lastFailure(), code == 0 ? Q::None : failure);
         QCOMPARE(int(_handler->lastError().error()), qMax(code, 0));
-        QVERIFY(_handler->isOpen());
+        QCOMPARE(_handler->isOpen(), code >= 0 || !PROMPT);
+        if (PROMPT && code < 0) { // and what is said has words of its own
+            QCOMPARE(_log->faults().size(), 1);
+            return;
+        }
         const bool listed = logged.contains("data size"); // and a list behind it
         QCOMPARE(listed ? log().left(logged.size()) : log(), logged);
     }
@@ -307,6 +318,9 @@ private Q_SLOTS:
         const QString cut = "|critical: Incorrect reply data size 4 != ";
         row("none", QByteArray(), "|critical: Socket wait for ready read error");
         row("some", QByteArray("[-REPLY-]\r\n300\r\nabcd"), cut + "300");
+        if (PROMPT)
+            return; // which does not wait for what is too large: see queryOutOfStep in
+                    // tst_trelanprompt
         row("absurd", QByteArray("[-REPLY-]\r\n2000000000\r\nabcd"), cut + "2000000000");
     }
 
@@ -319,7 +333,7 @@ private Q_SLOTS:
             init();
             QVERIFY(openOn([=](ScriptedPeer &peer) {
                 peer.readFrame();
-                if (peer.send(bytes) && !bytes.isEmpty())
+                if (peer.send(bytes) && !bytes.isEmpty() && !PROMPT)
                     peer.awaitRelease(); // else a reset would overtake them
                 peer.close(reset);
             }));
@@ -328,7 +342,8 @@ private Q_SLOTS:
             const int memory = peakMemory();
             QVERIFY(!_handler->subscribe("a") && _handler->lastFailure() == Q::NotOpen);
             QCOMPARE(disconnected.count(), 1);
-            QCOMPARE(log().left(PEER_GONE.size() + logged.size()), PEER_GONE + logged);
+            const QString expected = PROMPT ? PEER_GONE : PEER_GONE + logged;
+            QCOMPARE(log().left(expected.size()), expected);
             QVERIFY(peakMemory() - memory < 1024 * 1024); // KiB
         }
     }
@@ -343,7 +358,7 @@ private Q_SLOTS:
         gone.acquire();
         QVERIFY(!_handler->subscribe("a") && _handler->lastFailure() == Q::NotOpen);
         QVERIFY(!_handler->isOpen());
-        QCOMPARE(log(), PEER_GONE + "|critical: Socket wait for ready read error");
+        QCOMPARE(log(), PEER_GONE + (PROMPT ? "" : "|critical: Socket wait for ready read error"));
     }
 
     void readAttemptsGrowWithTheSize_data()
@@ -359,6 +374,8 @@ private Q_SLOTS:
 
     void readAttemptsGrowWithTheSize()
     {
+        if (PROMPT)
+            QSKIP("without pauses there are no attempts to count");
         QFETCH(int, size);
         QFETCH(int, drops);
         QFETCH(bool, answered);
@@ -425,6 +442,8 @@ private Q_SLOTS:
 
     void waitsInSpiteOfStaleBytes()
     {
+        if (PROMPT)
+            QSKIP("stale bytes close the connection: see queryOutOfStep in tst_trelanprompt");
         QFETCH(int, requestBytes);
         // The second header comes with the first reply: taken for the reply, it has no size.
         const QByteArray second = Server::reply("x", 0, {}, j("{'k':1}"));

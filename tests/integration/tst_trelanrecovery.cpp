@@ -2,6 +2,7 @@
 
 #include <daemon.h>
 #include <rawpeer.h>
+#include <transport.h>
 #include <trelancontroller.h>
 #include <trelanmsgworker.h>
 #include <trelanqueryworker.h>

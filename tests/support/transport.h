@@ -1,0 +1,25 @@
+#pragma once
+
+#include <trelantransport.h>
+
+#include <QtCore/QByteArray>
+
+/// \brief How the channels of a test program read and write.
+///
+/// The programs that include this are run twice: as ever, and without pauses, when the environment
+/// says so. Set before main(), so that no test comes before it.
+namespace transport
+{
+
+inline bool choose()
+{
+    if (qgetenv("TRELAN_TEST_TRANSPORT") != "prompt")
+        return false;
+    bus::TrelanTransport::setMode(bus::TrelanTransport::Prompt);
+    bus::TrelanTransport::setCoding(bus::TrelanTransport::Light);
+    return true;
+}
+
+inline const bool PROMPT = choose();
+
+} // namespace transport
