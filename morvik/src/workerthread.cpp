@@ -114,6 +114,7 @@ void WorkerThread::stopAll()
     };
     while ((live.awaited = next())) {
         seen.insert(live.awaited);
+        live.awaited->askToStop(); // again, as it may have been made or begun meanwhile
         locker.unlock();
         live.awaited->wait();
         locker.relock();

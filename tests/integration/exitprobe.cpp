@@ -8,7 +8,9 @@
 #include <trelanqueryworker.h>
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QThread>
 
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 
@@ -17,6 +19,7 @@ namespace
 
 constexpr int OK = 7;
 bool _exitsInWorker = false;
+std::atomic_bool _allStarted {false};
 
 class Worker : public bus::TrelanQueryWorker
 {
@@ -27,7 +30,11 @@ public:
         // Of what is static it is made last, and so the first to be destroyed.
         static const auto _text = QStringLiteral("on the heap %1").arg(1);
         TrelanQueryWorker::doStart();
-        if (_exitsInWorker)
+        // While main() makes what is static work, its end would be a race of this program's own.
+        while (_exitsInWorker && !_allStarted)
+            QThread::yieldCurrentThread();
+        static std::atomic_flag _exits = ATOMIC_FLAG_INIT; // C leaves undefined what two at once do
+        if (_exitsInWorker && !_exits.test_and_set())
             std::exit(OK);
         connect(this, &QObject::destroyed, this, [] {
             if (!_text.startsWith(QLatin1Char('o')))
@@ -75,6 +82,7 @@ int main(int argc, char **argv)
         for (int i = 0; i < 100; ++i)
             emit controller->publish(object);
     }
+    _allStarted = true;
     if (what.contains("slot"))
         QObject::connect(heap, &Controller::unprocessedObject, [] { std::exit(OK); });
     if (what.contains("slot") || _exitsInWorker)
