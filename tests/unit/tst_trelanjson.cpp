@@ -232,6 +232,21 @@ private slots:
         }
     }
 
+    void keepsWhatItWrote()
+    {
+        QVariantMap inner {{"k", 1.5}, {"l", "t"}};
+        const auto around = [](const QVariantMap &map) {
+            return QVariantMap {{"a", map}, {"b", QVariantMap {{"k", 1}}}, {"c", map}};
+        };
+        const QByteArray expected = json::compact(around(inner));
+        const json::Keep keep;
+        const QByteArray written = json::compact(inner);
+        QCOMPARE(json::compact(around(inner)), expected);
+        QCOMPARE(json::compact(inner), written);
+        inner["k"] = 2;
+        QCOMPARE(difference(around(inner)), QString());
+    }
+
     void utf8AsText()
     {
         std::mt19937 random(9);

@@ -16,11 +16,10 @@ TrelanObject ObjectRecord::toObject() const
 {
     QVariantMap content;
     json::read(contentJson, content);
-    TrelanObject object;
+    TrelanObject object(QDateTime::fromMSecsSinceEpoch(head.time));
     object.setName(head.name);
     object.setPublisher(head.publisher);
     object.setUid(head.uid);
-    object.setDt(QDateTime::fromMSecsSinceEpoch(head.time));
     object.setOptions(head.options);
     object.setContent(content);
     return object;

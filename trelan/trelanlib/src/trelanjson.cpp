@@ -254,6 +254,15 @@ bool narrowPlain(const QChar *from, char *to)
     return true;
 }
 
+/// What a thread has written last, if it wants to keep that.
+struct Kept
+{
+    bool wanted = false;
+    QVariantMap map; // a copy shares its data, which tells it from any other
+    QByteArray text;
+};
+thread_local Kept _kept;
+
 /// Writes a document as Qt's writer does.
 class Writer
 {
@@ -268,6 +277,10 @@ public:
     /// False if it is nested too deeply; what is written is of no use then.
     bool object(const QVariantMap &map, int level)
     {
+        if (_isCompact && _kept.wanted && !map.isEmpty() && map.isSharedWith(_kept.map)) {
+            append({_kept.text.constData(), size_t(_kept.text.size())});
+            return true;
+        }
         begin('{');
         bool isUsual = level < MAX_DEPTH;
         for (auto entry = map.cbegin(); isUsual && entry != map.cend(); ++entry) {
@@ -610,7 +623,22 @@ QByteArray indented(const QVariantMap &map)
 
 QByteArray compact(const QVariantMap &map)
 {
-    return write(map, QJsonDocument::Compact);
+    const QByteArray text = write(map, QJsonDocument::Compact);
+    if (_kept.wanted) {
+        _kept.map = map;
+        _kept.text = text;
+    }
+    return text;
+}
+
+Keep::Keep()
+{
+    _kept.wanted = true;
+}
+
+Keep::~Keep()
+{
+    _kept = Kept();
 }
 
 void appendString(QByteArray &out, const QString &text)

@@ -32,4 +32,14 @@ TRELAN_EXPORT void appendString(QByteArray &out, const QString &text);
 /// The same of UTF-8, which has to be sound.
 TRELAN_EXPORT void appendString(QByteArray &out, const QByteArray &utf8);
 
+/// \brief While it lives, a map that compact() has written on this thread need not be written again
+/// where it is part of another one: ids are made of the same text that is sent.
+class TRELAN_EXPORT Keep
+{
+public:
+    Keep();
+    ~Keep();
+    Q_DISABLE_COPY(Keep)
+};
+
 } // namespace bus::json

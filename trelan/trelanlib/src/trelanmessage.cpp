@@ -16,7 +16,11 @@ const QString KEY_UID = QStringLiteral("uid");
 } // namespace
 
 TrelanMessage::TrelanMessage()
-    : _dt(QDateTime::currentDateTime())
+    : TrelanMessage(QDateTime::currentDateTime())
+{}
+
+TrelanMessage::TrelanMessage(const QDateTime &dt)
+    : _dt(dt)
 {}
 
 TrelanMessage::TrelanMessage(const TrelanMessage &other) = default;
@@ -158,8 +162,7 @@ QVariantMap TrelanMessage::toVariantMap() const
 
 TrelanMessage TrelanMessage::fromVariantMap(const QVariantMap &map)
 {
-    TrelanMessage message;
-    message.setDt(value::timeFromWire(map.value(KEY_DT)));
+    TrelanMessage message(value::timeFromWire(map.value(KEY_DT)));
     message.setMessage(map.value(KEY_MESSAGE).toString());
     message.setOptions(Options(QFlag(map.value(KEY_OPTIONS).toInt())));
     message.setReciever(map.value(KEY_RECIEVER).toString());

@@ -32,6 +32,8 @@ public:
 
     /// An empty message without flags, with the current time as its time stamp.
     TrelanMessage();
+    /// One of another time, for which neither clock nor time zone are asked.
+    explicit TrelanMessage(const QDateTime &dt);
     TrelanMessage(const TrelanMessage &other);
     TrelanMessage(TrelanMessage &&other) noexcept;
     virtual ~TrelanMessage();

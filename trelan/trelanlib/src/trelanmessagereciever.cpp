@@ -42,9 +42,8 @@ const QString OPERATION_SEND_MESSAGE = QStringLiteral("sendMessage");
 
 TrelanObject objectOf(const TrelanMessage &msg, const QVariantMap &notification)
 {
-    TrelanObject object;
+    TrelanObject object(msg.dt());
     object.setContent(notification.value(TrelanObject::MSG_CONTEXT_HD).toMap());
-    object.setDt(msg.dt());
     object.setName(notification.value(TrelanObject::MSG_NAME_HD).toString());
     object.setPublisher(msg.sender());
     object.setUid(msg.uid());

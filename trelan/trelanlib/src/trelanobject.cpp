@@ -26,7 +26,11 @@ const QString KEY_OPTIONS = QStringLiteral("opt");
 } // namespace
 
 TrelanObject::TrelanObject()
-    : _dt(QDateTime::currentDateTime())
+    : TrelanObject(QDateTime::currentDateTime())
+{}
+
+TrelanObject::TrelanObject(const QDateTime &dt)
+    : _dt(dt)
     , _options(Stored)
 {}
 
@@ -169,10 +173,9 @@ QVariantMap TrelanObject::toVariantMap() const
 
 TrelanObject TrelanObject::fromVariantMap(const QVariantMap &map)
 {
-    TrelanObject object;
+    TrelanObject object(value::timeFromWire(map.value(KEY_DT)));
     object.setPublisher(map.value(KEY_PUBLISHER).toString());
     object.setName(map.value(KEY_NAME).toString());
-    object.setDt(value::timeFromWire(map.value(KEY_DT)));
     object.setContent(map.value(KEY_CONTENT).toMap());
     object.setUid(map.value(KEY_UID).toString());
     object.setOptions(Options(QFlag(map.value(KEY_OPTIONS).toInt())));
@@ -186,8 +189,7 @@ TrelanMessage TrelanObject::toMessage(const QString &reciever) const
         {MSG_NAME_HD, _name},
         {MSG_CONTEXT_HD, _content},
     };
-    TrelanMessage message;
-    message.setDt(_dt);
+    TrelanMessage message(_dt);
     // Indented, unlike a command's body: readers of the bus compare these bytes.
     message.setMessage(QString::fromUtf8(json::indented(notification)));
     message.setOptions({});

@@ -45,6 +45,9 @@ public:
 
     /// An object without name, content and uid, Stored, with the current time as its time stamp.
     TrelanObject();
+    /// One of another time. The clock and the time zone, which take longer than all else, are not
+    /// asked for it.
+    explicit TrelanObject(const QDateTime &dt);
     TrelanObject(const TrelanObject &other);
     /// Leaves \a other without its values, its time included; the flag word is copied.
     TrelanObject(TrelanObject &&other);

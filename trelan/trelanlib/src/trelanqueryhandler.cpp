@@ -2,6 +2,7 @@
 
 #include "trelanframe.h"
 #include "trelanframereader.h"
+#include "trelanjson.h"
 #include "trelansocket.h"
 #include "trelanuids.h"
 
@@ -174,6 +175,7 @@ bool TrelanQueryHandler::rmPersistent(const QStringList &names)
 
 bool TrelanQueryHandler::publish(TrelanObject object)
 {
+    const json::Keep keep; // of the content, which the id is made of, too
     return request(OPERATION_PUBLISH, completed(std::move(object)).toVariantMap());
 }
 
@@ -498,6 +500,7 @@ bool TrelanQueryHandler::publishAhead(const QList<TrelanObject> &objects)
         }
     };
     const int connection = _connection;
+    const json::Keep keep;
     for (const TrelanObject &object : objects) {
         if (_connection == connection && !wait::isInterrupted()) {
             ask(OPERATION_PUBLISH, completed(object).toVariantMap(), note);
