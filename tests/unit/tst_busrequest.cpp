@@ -45,6 +45,8 @@ private Q_SLOTS:
             published.arg("a||1|0|{'cnt':{}}"));
         row("escaped key", "{'nm':'a','dt':'1','c\\u006et':{'k':1}}",
             published.arg("a||1|0|{'k':1}"));
+        row("many blanks", "{'nm':'a','dt':'1','cnt':{" + QByteArray(100000, ' ') + "}}",
+            published.arg("a||1|0|{}"));
         row("time is a number", "{'nm':'a','dt':5}", published.arg("a||5|0|{}"));
         row("zero", "{'nm':'a','dt':'1','cnt':{'k':0.0}}", published.arg("a||1|0|{'k':0}"));
         row("no name", "{'dt':'1'}", {});
@@ -73,6 +75,8 @@ private Q_SLOTS:
         const BusRequest unusual =
             BusRequest::parse(packed("{'operation':'pub','x':1,'data':" + data + "}"), LIMIT);
         QCOMPARE(described(usual), described(unusual));
+        for (const QByteArray &content : {usual.record.contentJson, unusual.record.contentJson})
+            QVERIFY(content.capacity() - content.size() < 64); // as only its size is accounted
         if (expected.isEmpty())
             QCOMPARE(usual.operation, BusRequest::Invalid);
         else

@@ -129,6 +129,7 @@ bool takeContent(const QByteArray &json, dom::element content, Request &request)
         simdjson::SUCCESS)
         return false;
     compact.resize(int(size));
+    compact.squeeze(); // its blanks would be kept as memory that nobody counts
     request.record.contentJson = compact;
     request.measure = {inspector.depth(), compact.size() + inspector.indentation()};
     return true;

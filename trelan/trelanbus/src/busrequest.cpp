@@ -153,6 +153,7 @@ bool parsePublish(const QVariantMap &data, BusRequest &request)
     head.time = time.isEmpty() ? QDateTime::currentMSecsSinceEpoch() : time.toLongLong(nullptr, 10);
     head.options = TrelanObject::Options(QFlag(data.value(QStringLiteral("opt")).toInt()));
     request.record.contentJson = json::compact(data.value(QStringLiteral("cnt")).toMap());
+    request.record.contentJson.squeeze();
     return checkPublish(jsontext::measure(request.record.contentJson), request);
 }
 

@@ -47,6 +47,7 @@ DeliveryBody::Ref ObjectRecord::notification(TrelanTransport::Coding coding) con
     QByteArray text;
     if (coding == TrelanTransport::Classic) {
         text = toObject().toMessage(QString()).message().toUtf8();
+        text.squeeze(); // of three times its size
     } else {
         text.reserve(contentJson.size() + FIXED_TEXT + 2 * head.name.size());
         text += "{\"__context__\":" + contentJson;
