@@ -45,6 +45,12 @@ private Q_SLOTS:
             published.arg("a||1|0|{'cnt':{}}"));
         row("escaped key", "{'nm':'a','dt':'1','c\\u006et':{'k':1}}",
             published.arg("a||1|0|{'k':1}"));
+        row("mark", "{'nm':'\\ufeffa','dt':'1','uid':'\\ufeff'}",
+            published.arg(QStringLiteral("\ufeffa|\ufeff|1|0|{}")));
+        row("mark in front of a key",
+            "{'nm':'a','dt':'1','\xef\xbb\xbf"
+            "cnt':{'k':1}}",
+            published.arg("a||1|0|{'k':1}"));
         row("many blanks", "{'nm':'a','dt':'1','cnt':{" + QByteArray(100000, ' ') + "}}",
             published.arg("a||1|0|{}"));
         row("time is a number", "{'nm':'a','dt':5}", published.arg("a||5|0|{}"));
@@ -92,6 +98,7 @@ private Q_SLOTS:
             "{'operation':'o','data':{'sender':'s','x':" + QByteArray(200, '[') +
                 QByteArray(200, ']') + "}}",
             "os--");
+        row("mark", "{'operation':'o','data':{'uid':'\\ufeffu'}}", QStringLiteral("o--\ufeffu"));
         row("no data", "{'operation':'o'}", "o---");
         row("no JSON", "{", "----");
     }

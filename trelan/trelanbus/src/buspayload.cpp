@@ -26,12 +26,11 @@ constexpr int LARGEST_OF_KEPT_PARSER = 256 * 1024;
 const QString KEY_OPERATION = QStringLiteral("operation");
 const QString KEY_DATA = QStringLiteral("data");
 
-QString textOf(dom::element element)
+/// Whether a byte order mark is in front. Qt drops it, but not if there is an escape in the same
+/// string.
+bool beginsWithMark(std::string_view utf8)
 {
-    std::string_view utf8;
-    if (element.get(utf8) != simdjson::SUCCESS)
-        return {};
-    return QString::fromUtf8(utf8.data(), int(utf8.size()));
+    return utf8.substr(0, 3) == "\xef\xbb\xbf";
 }
 
 /// Looks at every value of a text: whether an object has a key twice, and how large it is when it
@@ -137,9 +136,11 @@ bool takeContent(const QByteArray &json, dom::element content, Request &request)
 
 bool takeText(dom::element element, QString &text)
 {
-    text = textOf(element);
-    // Qt drops a mark in front, at times.
-    return element.is_string() && !text.startsWith(QChar::ByteOrderMark);
+    std::string_view utf8;
+    if (element.get(utf8) != simdjson::SUCCESS || beginsWithMark(utf8))
+        return false;
+    text = QString::fromUtf8(utf8.data(), int(utf8.size()));
+    return true;
 }
 
 /// A value of the data of a publish. False for what has to go the long way.
@@ -165,7 +166,7 @@ bool takeMember(const QByteArray &json, std::string_view key, dom::element value
         head.options = TrelanObject::Options(QFlag(int(options)));
         return isNumber && options == int(options);
     }
-    return true; // others mean nothing
+    return !beginsWithMark(key); // others mean nothing
 }
 
 bool readPublish(const QByteArray &json, dom::object envelope, dom::object data, Request &request)
@@ -271,12 +272,17 @@ Acknowledgement decodeAcknowledgement(const QByteArray &payload, qint64 maxInfla
         if (root["operation"].get(operation) != simdjson::SUCCESS ||
             root["data"].get(data) != simdjson::SUCCESS)
             return false;
-        const auto text = [data](const char *key) {
-            dom::element value;
-            return data[key].get(value) == simdjson::SUCCESS ? textOf(value) : QString();
+        const auto take = [](dom::element value, QString &text) {
+            return !value.is_string() || takeText(value, text);
         };
-        acknowledgement = {textOf(operation), text("sender"), text("reciever"), text("uid")};
-        return true;
+        const auto takeData = [&](const char *key, QString &text) {
+            dom::element value;
+            return data[key].get(value) != simdjson::SUCCESS || take(value, text);
+        };
+        return take(operation, acknowledgement.operation) &&
+               takeData("sender", acknowledgement.sender) &&
+               takeData("reciever", acknowledgement.reciever) &&
+               takeData("uid", acknowledgement.uid);
     });
     if (isRead)
         return acknowledgement;
