@@ -72,6 +72,17 @@ private slots:
         }
         QVERIFY(heard > 600);
     }
+
+    /// A client that subscribes and unsubscribes for ever would take all memory.
+    void keepsNoTextThatIsGone()
+    {
+        const QString wildcard = QString("a.%1").arg('+');
+        SubscriptionIndex index;
+        index.add("client", wildcard);
+        QCOMPARE(index.receivers("a.b"), QStringList("client"));
+        index.remove("client", wildcard);
+        QVERIFY(wildcard.isDetached());
+    }
 };
 
 QTEST_APPLESS_MAIN(tst_SubscriptionIndex)

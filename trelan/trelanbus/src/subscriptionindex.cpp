@@ -18,6 +18,7 @@ constexpr int MAX_NAMES = 100000;
 // a name takes at least its share.
 constexpr int MAX_MATCHES = 1000000;
 constexpr int MIN_COST = MAX_MATCHES / MAX_NAMES;
+constexpr int CHARACTERS = 8; // of a name; they take as much as a match
 // Trying more than that takes longer than finding them anew.
 constexpr int MAX_TRIED = 64;
 
@@ -28,8 +29,16 @@ const QLatin1String PLUS("+");
 /// Whether it may take in another name than its own text.
 bool mayBePattern(const QString &wildcard)
 {
-    return wildcard.startsWith(STAR) || wildcard.endsWith(STAR) ||
-           wildcard.contains(QLatin1Char('+'));
+    const auto begins = [&](const char *text) { return wildcard.startsWith(QLatin1String(text)); };
+    const auto ends = [&](const char *text) { return wildcard.endsWith(QLatin1String(text)); };
+    return wildcard == STAR || begins("*.") || ends(".*") || begins("+.") || ends(".+") ||
+           wildcard.contains(QLatin1String(".+."));
+}
+
+/// In matches.
+int costOf(const QString &name, size_t matches)
+{
+    return qMax(MIN_COST, qMax(int(matches), name.size() / CHARACTERS));
 }
 
 } // namespace
@@ -120,9 +129,13 @@ std::vector<SubscriptionIndex::Anchor> SubscriptionIndex::anchorsOf(const QStrin
         int first = 1;
         while (first < segments.size() && segments.at(first) == PLUS)
             ++first;
-        if (first < segments.size() && !segments.at(first).isEmpty() &&
-            segments.at(first) != QString(STAR))
-            anchors.push_back({0, -1, segments.at(first).toString()});
+        if (first == segments.size() || segments.at(first).isEmpty() ||
+            segments.at(first) == QString(STAR))
+            return anchors;
+        for (int i = first; i < literals; ++i) {
+            if (segments.at(i) != PLUS)
+                anchors.push_back({0, -1, segments.at(i).toString()});
+        }
         return anchors;
     }
     for (int i = 0; i < literals; ++i) {
@@ -171,6 +184,7 @@ void SubscriptionIndex::leave(const QString &client, const QString &wildcard)
     _wildcards.erase(found);
     if (known->isPattern)
         removePattern(known);
+    *known = Wildcard(); // names may remember it for long
 }
 
 /// All patterns that take the name in.
@@ -220,13 +234,12 @@ std::vector<SubscriptionIndex::WildcardRef> SubscriptionIndex::patternsOf(const 
         std::vector<WildcardRef> &known = remembered->patterns;
         const auto isGone = [](const WildcardRef &pattern) { return pattern->clients.isEmpty(); };
         known.erase(std::remove_if(known.begin(), known.end(), isGone), known.end());
-        const size_t accounted = qMax<size_t>(known.size(), MIN_COST);
-        if (tryNewer(name, *remembered) && known.size() <= accounted)
+        const int accounted = costOf(name, known.size());
+        if (tryNewer(name, *remembered) && costOf(name, known.size()) <= accounted)
             return known;
     }
     std::vector<WildcardRef> found = find(name);
-    _remembered.insert(name, new Remembered {found, _lastNumber},
-                       qMax(MIN_COST, int(found.size())));
+    _remembered.insert(name, new Remembered {found, _lastNumber}, costOf(name, found.size()));
     return found;
 }
 
