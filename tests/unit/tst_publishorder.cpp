@@ -48,12 +48,23 @@ private Q_SLOTS:
         QTEST(delivered.join(' '), "delivered");
     }
 
+    void bound_data()
+    {
+        const TestTable<int, int> row("contentSize", "receivers");
+        row("content", 1 << 20, 0);
+        row("receivers", 0, (1 << 20) / int(sizeof(QString)));
+    }
+
     void bound()
     {
+        QFETCH(const int, contentSize);
+        QFETCH(const int, receivers);
         PublishOrder order([](const PublishOrder::Publish &) {});
         const quint64 first = order.takePlace();
         PublishOrder::Publish publish;
-        publish.record.contentJson = QByteArray(1 << 20, ' ');
+        publish.record.contentJson = QByteArray(contentSize, ' ');
+        for (int i = 0; i < receivers; ++i)
+            publish.receivers << QString();
         int waiting = 0;
         for (; !order.isFull() && waiting < 100; ++waiting)
             order.takeEffect(order.takePlace(), publish);

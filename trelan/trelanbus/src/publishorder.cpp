@@ -31,9 +31,11 @@ void PublishOrder::leave(quint64 place)
 
 void PublishOrder::takeEffect(quint64 place, const Publish &publish)
 {
-    at(place) = {Effective, publish};
-    at(place).publish.waited = place != _first;
-    _waitingBytes += publish.record.cost();
+    Place &taken = at(place);
+    taken = {Effective, publish, publish.record.cost()};
+    taken.cost += publish.receivers.size() * qint64(sizeof(QString));
+    taken.publish.waited = place != _first;
+    _waitingBytes += taken.cost;
     proceed();
 }
 
@@ -64,7 +66,7 @@ void PublishOrder::proceed()
         ++_first;
         if (next.state == Left)
             continue;
-        _waitingBytes -= next.publish.record.cost();
+        _waitingBytes -= next.cost;
         _deliver(next.publish);
     }
 }

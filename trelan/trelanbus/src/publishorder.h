@@ -50,6 +50,7 @@ private:
     {
         State state = Expected;
         Publish publish;
+        qint64 cost = 0; // of keeping it, in bytes
     };
 
     Place &at(quint64 place);
