@@ -207,8 +207,7 @@ private Q_SLOTS:
     }
     void attempts()
     {
-        if (PROMPT)
-            QSKIP("without pauses there are no attempts to count");
+        SKIP_WITHOUT_PAUSES("without pauses there are no attempts to count")
         QFETCH(QByteArray, bytes);
         QFETCH(int, attempts);
         QSignalSpy timeouts(socket(), SIGNAL(error(QAbstractSocket::SocketError)));

@@ -374,8 +374,7 @@ private Q_SLOTS:
 
     void readAttemptsGrowWithTheSize()
     {
-        if (PROMPT)
-            QSKIP("without pauses there are no attempts to count");
+        SKIP_WITHOUT_PAUSES("without pauses there are no attempts to count")
         QFETCH(int, size);
         QFETCH(int, drops);
         QFETCH(bool, answered);
@@ -442,8 +441,8 @@ private Q_SLOTS:
 
     void waitsInSpiteOfStaleBytes()
     {
-        if (PROMPT)
-            QSKIP("stale bytes close the connection: see queryOutOfStep in tst_trelanprompt");
+        SKIP_WITHOUT_PAUSES(
+            "stale bytes close the connection: see queryOutOfStep in tst_trelanprompt")
         QFETCH(int, requestBytes);
         // The second header comes with the first reply: taken for the reply, it has no size.
         const QByteArray second = Server::reply("x", 0, {}, j("{'k':1}"));

@@ -3,6 +3,7 @@
 #include <trelantransport.h>
 
 #include <QtCore/QByteArray>
+#include <QtTest/QtTest>
 
 /// \brief How the channels of a test program read and write.
 ///
@@ -23,3 +24,10 @@ inline bool choose()
 inline const bool PROMPT = choose();
 
 } // namespace transport
+
+/// Skips what is about the pauses themselves.
+#define SKIP_WITHOUT_PAUSES(reason)                                                                \
+    if (transport::PROMPT) {                                                                       \
+        QTest::qSkip(reason, __FILE__, __LINE__);                                                  \
+        return;                                                                                    \
+    }
