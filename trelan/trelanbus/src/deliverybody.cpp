@@ -13,6 +13,7 @@ DeliveryBody::DeliveryBody(const QByteArray &text, const QString &sender, qint64
     : _text(text)
     , _sender(sender)
     , _time(time)
+    , _digest(std::hash<std::string_view>()({text.constData(), size_t(text.size())}))
 {}
 
 DeliveryBody::DeliveryBody(const TrelanMessage &message)
@@ -20,6 +21,8 @@ DeliveryBody::DeliveryBody(const TrelanMessage &message)
     , _sender(message.sender())
     , _time(message.dt().toMSecsSinceEpoch())
     , _options(message.options())
+    , _digest(std::hash<std::u16string_view>()(
+          {reinterpret_cast<const char16_t *>(_message.utf16()), size_t(_message.size())}))
 {}
 
 DeliveryBody::Ref DeliveryBody::withoutText() const
@@ -44,10 +47,7 @@ bool DeliveryBody::needsAnswer() const
 
 size_t DeliveryBody::digest() const
 {
-    const std::u16string_view message(reinterpret_cast<const char16_t *>(_message.utf16()),
-                                      size_t(_message.size()));
-    return std::hash<std::u16string_view>()(message) ^
-           std::hash<std::string_view>()({_text.constData(), size_t(_text.size())});
+    return _digest;
 }
 
 QByteArray DeliveryBody::frame(const QString &reciever, const QString &uid,

@@ -48,6 +48,7 @@ private:
     const QString _sender;
     const qint64 _time;
     const TrelanMessage::Options _options;
+    const size_t _digest;
     mutable std::mutex _mutex; // of the making of:
     mutable std::unique_ptr<TrelanSharedPayload> _shared;
     mutable std::atomic<bool> _isEncoded {false};

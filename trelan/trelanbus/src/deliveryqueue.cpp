@@ -297,6 +297,8 @@ void DeliveryQueue::takeNames(const Newest &newest)
 /// would go on with an older value.
 bool DeliveryQueue::wouldBeDropped(const Delivery &delivery) const
 {
+    if (!_sentKeys.contains(delivery.key))
+        return false;
     for (auto sent = _sent.crbegin(); sent != _sent.crend(); ++sent) {
         const bool sameObject = sent->object == delivery.object;
         if (sent->key == delivery.key)
@@ -304,13 +306,7 @@ bool DeliveryQueue::wouldBeDropped(const Delivery &delivery) const
         if (sameObject)
             break;
     }
-    return isRemembered(delivery.key);
-}
-
-bool DeliveryQueue::isRemembered(const QString &key) const
-{
-    return std::any_of(_sent.cbegin(), _sent.cend(),
-                       [&key](const Sent &sent) { return sent.key == key; });
+    return true;
 }
 
 /// Receivers drop what they know: a notification whose id was used before gets another one.
@@ -326,11 +322,14 @@ void DeliveryQueue::freshenFirst()
 
 void DeliveryQueue::remember(const Delivery &delivery)
 {
-    if (isRemembered(delivery.key))
+    if (_sentKeys.contains(delivery.key))
         return; // the receiver does not count it again either
+    _sentKeys.insert(delivery.key);
     _sent.push_back({delivery.key, delivery.object, delivery.body->digest()});
-    if (_sent.size() > MAX_REMEMBERED)
-        _sent.pop_front();
+    if (_sent.size() <= MAX_REMEMBERED)
+        return;
+    _sentKeys.remove(_sent.front().key);
+    _sent.pop_front();
 }
 
 bool DeliveryQueue::isAnswerLate(const Delivery &delivery, qint64 now) const

@@ -5,6 +5,7 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QHash>
 #include <QtCore/QList>
+#include <QtCore/QSet>
 #include <QtCore/QString>
 #include <QtCore/QVector>
 
@@ -157,7 +158,6 @@ private:
     void takeNames(const Newest &newest);
     bool wouldBeDropped(const Delivery &delivery) const;
     void freshenFirst();
-    bool isRemembered(const QString &key) const;
     void remember(const Delivery &delivery);
     bool isAnswerLate(const Delivery &delivery, qint64 now) const;
     bool settleWaiting(const QString &key);
@@ -170,6 +170,7 @@ private:
     QList<Delivery> _inFlight;
     std::deque<Name> _names;
     std::deque<Sent> _sent;        // the last of them
+    QSet<QString> _sentKeys;       // theirs
     QHash<QString, bool> _isFresh; // of each of the names
     quint64 _lastNumber = 0;
     QList<Delivery> _givenUp;

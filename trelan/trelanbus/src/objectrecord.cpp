@@ -16,7 +16,8 @@ TrelanObject ObjectRecord::toObject() const
 {
     QVariantMap content;
     json::read(contentJson, content);
-    TrelanObject object(QDateTime::fromMSecsSinceEpoch(head.time));
+    TrelanObject object(
+        QDateTime::fromMSecsSinceEpoch(head.time, Qt::UTC)); // which needs no time zone
     object.setName(head.name);
     object.setPublisher(head.publisher);
     object.setUid(head.uid);
