@@ -211,6 +211,20 @@ private Q_SLOTS:
         QCOMPARE(newest, expected);
     }
 
+    /// Its frame is made in another thread, and nothing else is in the way.
+    void eventAboveTheBound()
+    {
+        TrelanBusSettings settings;
+        settings.maxClientBytes = 300000;
+        TestBus server(settings);
+        RawPeer query(server, "me"), messages;
+        QVERIFY(messages.connectTo(server.msgPort()));
+        QCOMPARE(messages.ask("handshake {'name':'me'}"), "0 ");
+        QCOMPARE(query.ask("sub {'wc':'e'}"), "0 ");
+        QCOMPARE(query.ask("pub {'nm':'e','cnt':{'k':'" + QByteArray(200000, 'x') + "'}}"), "0 ");
+        QVERIFY(messages.receiveDelivery().value("msg").toString().size() > 200000);
+    }
+
     void bounds_data()
     {
         const TestTable<int, int, int, int, int, QString> row("messages", "bytes", "bytesInAll",

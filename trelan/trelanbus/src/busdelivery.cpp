@@ -426,7 +426,7 @@ void BusDelivery::dropExcess(const QString &name, Client &client, Delivery::Kind
     const qint64 others = _bytes - client.accounted;
     qint64 dropped = 0;
     while ((isFull(client, 0, 0) || others + client.queue.bytes() > _settings.maxQueuedBytes) &&
-           client.queue.dropOldest(kind))
+           client.queue.dropOldest(kind, client.encoding)) // whose frame is on its way
         ++dropped;
     if (dropped == 0)
         return;

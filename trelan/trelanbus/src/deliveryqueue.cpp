@@ -188,9 +188,9 @@ void DeliveryQueue::dropNotifications()
         delivery.expired = delivery.expired || delivery.kind != Delivery::Addressed;
 }
 
-bool DeliveryQueue::dropOldest(Delivery::Kind kind)
+bool DeliveryQueue::dropOldest(Delivery::Kind kind, bool keepNext)
 {
-    for (int i = 0; i < _waiting.size(); ++i) {
+    for (int i = int(keepNext); i < _waiting.size(); ++i) {
         if (_waiting.at(i).kind != kind)
             continue;
         forget(_waiting.takeAt(i));

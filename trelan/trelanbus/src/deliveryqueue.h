@@ -114,8 +114,9 @@ public:
     /// they are acknowledged, but are not sent again.
     void dropNotifications();
 
-    /// Drops the oldest of a kind that waits. False if there is none.
-    bool dropOldest(Delivery::Kind kind);
+    /// Drops the oldest of a kind that waits; not the one that is next, if that is to be kept.
+    /// False if there is none.
+    bool dropOldest(Delivery::Kind kind, bool keepNext);
 
     /// Sends the oldest again when nothing was heard of it for long, and gives up messages that
     /// waited for \a lifetime, and calls for whose answer nobody waits any more.

@@ -623,7 +623,7 @@ QByteArray indented(const QVariantMap &map)
 
 QByteArray compact(const QVariantMap &map)
 {
-    const QByteArray text = write(map, QJsonDocument::Compact);
+    QByteArray text = write(map, QJsonDocument::Compact);
     if (_kept.wanted) {
         _kept.map = map;
         _kept.text = text;
