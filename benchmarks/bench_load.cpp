@@ -138,7 +138,7 @@ public:
     /// one before.
     bool receiveUntil(int number)
     {
-        static const QByteArray NUMBER("\"a\": ");
+        static const QByteArray NUMBER("\"a\":");
         for (int complete = int(std::count(_numbers.begin(), _numbers.end(), number));
              complete < NAMES;) {
             const QVariantMap message = _client.messages.receiveDelivery();
