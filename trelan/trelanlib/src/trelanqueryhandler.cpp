@@ -546,7 +546,8 @@ void TrelanQueryHandler::ask(const QString &operation, const QVariantMap &data, 
         _unsent += frame;
         if (_asked.isEmpty() || _unsent.size() >= MAX_UNSENT)
             sendAhead();
-        _asked.enqueue({_connection, frame.size(), taken});
+        // Of that connection: what is lost while it is sent has no reply on the next one.
+        _asked.enqueue({connection, frame.size(), taken});
         _bytesAsked += frame.size();
         return;
     }
