@@ -1,9 +1,7 @@
 #include "buspayload.h"
 
 #include <trelanbase64.h>
-#include <trelanjson.h>
-
-#include <simdjson.h>
+#include <trelanjsondom.h>
 
 #include <algorithm>
 #include <string_view>
@@ -16,12 +14,6 @@ namespace
 {
 
 namespace dom = simdjson::dom;
-
-// What is nested deeper, or longer, takes the long way.
-constexpr int MAX_DEPTH = 128;
-constexpr int MAX_TEXT = 16 * 1024 * 1024;
-// A parser takes up to fourteen times the largest text that it has seen, and keeps that.
-constexpr int LARGEST_OF_KEPT_PARSER = 256 * 1024;
 
 const QString KEY_OPERATION = QStringLiteral("operation");
 const QString KEY_DATA = QStringLiteral("data");
@@ -199,29 +191,7 @@ bool readFast(const QByteArray &json, dom::element root, Request &request)
                readPublish(json, envelope, data, request);
     }
     Inspector inspector;
-    return inspector.value(root, 0) && json::read(json, request.envelope);
-}
-
-/// Has \a read look at the parsed text. False if it has no need to, or says so.
-template <typename Read>
-bool parse(const QByteArray &json, const Read &read)
-{
-    const auto parseWith = [&](dom::parser &parser) {
-        const bool mustCopy = json.capacity() - json.size() < json::SPARE;
-        dom::element root;
-        return parser.parse(json.constData(), size_t(json.size()), mustCopy).get(root) ==
-                   simdjson::SUCCESS &&
-               read(root);
-    };
-    if (json.size() > LARGEST_OF_KEPT_PARSER) {
-        dom::parser parser;
-        return json.size() <= MAX_TEXT &&
-               parser.allocate(size_t(json.size()), MAX_DEPTH) == simdjson::SUCCESS &&
-               parseWith(parser);
-    }
-    static thread_local dom::parser _parser;
-    static thread_local const auto _allocated = _parser.allocate(1024, MAX_DEPTH);
-    return _allocated == simdjson::SUCCESS && parseWith(_parser);
+    return inspector.value(root, 0) && json::convert(json, root, request.envelope);
 }
 
 TrelanFrame::Payload readSlowly(const QByteArray &json)
@@ -248,7 +218,7 @@ Request decodeRequest(const QByteArray &payload, qint64 maxInflatedSize)
     Request request;
     const QByteArray json = inflate(payload, maxInflatedSize, request.fault);
     if (request.fault != TrelanFrame::NoFault ||
-        parse(json, [&](dom::element root) { return readFast(json, root, request); }))
+        json::parse(json, [&](dom::element root) { return readFast(json, root, request); }))
         return request;
 
     const TrelanFrame::Payload decoded = readSlowly(json);
@@ -266,7 +236,7 @@ Acknowledgement decodeAcknowledgement(const QByteArray &payload, qint64 maxInfla
     Acknowledgement acknowledgement;
     if (fault != TrelanFrame::NoFault)
         return acknowledgement;
-    const bool isRead = parse(json, [&](dom::element root) {
+    const bool isRead = json::parse(json, [&](dom::element root) {
         dom::object data;
         dom::element operation;
         if (root["operation"].get(operation) != simdjson::SUCCESS ||

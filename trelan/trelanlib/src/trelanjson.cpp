@@ -1,11 +1,11 @@
 #include "trelanjson.h"
 
+#include "trelanjsondom.h"
+
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 #include <QtCore/QJsonParseError>
 #include <QtCore/QLocale>
-
-#include <simdjson.h>
 
 #include <algorithm>
 #include <array>
@@ -202,34 +202,6 @@ bool mayHaveTinyNumber(const QByteArray &text)
             return true;
     }
     return text.contains(MANY_ZEROS);
-}
-
-/// False leaves it to Qt; \a object may hold anything then.
-bool readWith(simdjson::dom::parser &parser, const QByteArray &text, QVariantMap &object)
-{
-    static thread_local Keys _keys;
-    const bool mustCopy = text.capacity() - text.size() < SPARE;
-    simdjson::dom::element root;
-    if (parser.parse(text.constData(), size_t(text.size()), mustCopy).get(root))
-        return false;
-    if (!root.is_object())
-        return root.is_array(); // anything else is no document to Qt
-    Reader reader(_keys);
-    return reader.object(root.get_object().value_unsafe(), object) &&
-           !(reader.hasZero() && mayHaveTinyNumber(text));
-}
-
-bool readFast(const QByteArray &text, QVariantMap &object)
-{
-    if (text.size() > LARGEST_OF_KEPT_PARSER) {
-        simdjson::dom::parser parser;
-        return text.size() <= LARGEST_TEXT &&
-               parser.allocate(size_t(text.size()), MAX_DEPTH) == simdjson::SUCCESS &&
-               readWith(parser, text, object);
-    }
-    static thread_local simdjson::dom::parser _parser;
-    static thread_local const auto _allocated = _parser.allocate(1024, MAX_DEPTH);
-    return _allocated == simdjson::SUCCESS && readWith(_parser, text, object);
 }
 
 /// Four UTF-16 units, if all of them are ASCII that is written as it is.
@@ -600,10 +572,40 @@ QByteArray write(const QVariantMap &map, QJsonDocument::JsonFormat format)
 
 } // namespace
 
+bool parse(const QByteArray &text, const std::function<bool(simdjson::dom::element)> &read)
+{
+    const auto parseWith = [&](simdjson::dom::parser &parser) {
+        const bool mustCopy = text.capacity() - text.size() < SPARE;
+        simdjson::dom::element root;
+        return parser.parse(text.constData(), size_t(text.size()), mustCopy).get(root) ==
+                   simdjson::SUCCESS &&
+               read(root);
+    };
+    if (text.size() > LARGEST_OF_KEPT_PARSER) {
+        simdjson::dom::parser parser;
+        return text.size() <= LARGEST_TEXT &&
+               parser.allocate(size_t(text.size()), MAX_DEPTH) == simdjson::SUCCESS &&
+               parseWith(parser);
+    }
+    static thread_local simdjson::dom::parser _parser;
+    static thread_local const auto _allocated = _parser.allocate(1024, MAX_DEPTH);
+    return _allocated == simdjson::SUCCESS && parseWith(_parser);
+}
+
+bool convert(const QByteArray &text, simdjson::dom::element root, QVariantMap &object)
+{
+    static thread_local Keys _keys;
+    if (!root.is_object())
+        return root.is_array(); // anything else is no document to Qt
+    Reader reader(_keys);
+    return reader.object(root.get_object().value_unsafe(), object) &&
+           !(reader.hasZero() && mayHaveTinyNumber(text));
+}
+
 bool read(const QByteArray &text, QVariantMap &object, QString *errorText)
 {
     object.clear();
-    if (readFast(text, object))
+    if (parse(text, [&](simdjson::dom::element root) { return convert(text, root, object); }))
         return true;
 
     QJsonParseError error {};

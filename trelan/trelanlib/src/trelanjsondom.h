@@ -1,0 +1,28 @@
+#pragma once
+
+#include "trelanglobal.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QVariantMap>
+
+#include <simdjson.h>
+
+#include <functional>
+
+/// Parsed JSON, for those who need no map of it, or look at it before. Internal to the libraries;
+/// thread-safe.
+namespace bus::json
+{
+
+/// Has \a read look at the parsed text, which is valid until it returns, or anything else is parsed
+/// on this thread. False if it says so, or if only Qt may judge the text: it is nested deeply, very
+/// long, or no JSON.
+TRELAN_EXPORT bool parse(const QByteArray &text,
+                         const std::function<bool(simdjson::dom::element)> &read);
+
+/// What read() makes of a text that is parsed already. False if it is left to Qt; \a object may
+/// hold anything then.
+TRELAN_EXPORT bool convert(const QByteArray &text, simdjson::dom::element root,
+                           QVariantMap &object);
+
+} // namespace bus::json
