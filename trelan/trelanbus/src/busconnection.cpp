@@ -8,8 +8,14 @@
 #include <QtCore/QThread>
 #include <QtNetwork/QHostAddress>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 namespace bus
 {
@@ -17,7 +23,6 @@ namespace bus
 namespace
 {
 
-constexpr qint64 READ_CHUNK = 64 * 1024;
 // More from one client in one go would make the others wait. A time and not a number, since one
 // request may take as long as a hundred others.
 constexpr qint64 TURN_MS = 2;
@@ -26,44 +31,69 @@ constexpr int PUSH_BUFFER = 256 * 1024;
 // Of a client that asks and does not read.
 constexpr int MAX_ANSWERS_LEAVING = 16;
 
+constexpr quint32 AT_END = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
+
+void setOption(int descriptor, int level, int option, int value)
+{
+    ::setsockopt(descriptor, level, option, &value, sizeof(value));
+}
+
+/// Whether a call of a socket that does not block has just found nothing, or no room.
+bool isPassing(int error)
+{
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+QString peerOf(int descriptor)
+{
+    sockaddr_storage storage {};
+    socklen_t size = sizeof(storage);
+    auto *address = reinterpret_cast<sockaddr *>(&storage);
+    if (::getpeername(descriptor, address, &size) != 0)
+        return QStringLiteral("unknown");
+    // The port stands in the same place in either.
+    const quint16 port = ntohs(reinterpret_cast<const sockaddr_in *>(address)->sin_port);
+    return QStringLiteral("%1:%2").arg(QHostAddress(address).toString()).arg(port);
+}
+
 } // namespace
 
-BusConnection::BusConnection(Channel channel, ConnectionId id, qintptr descriptor,
-                             const TrelanBusSettings &settings, QObject *parent)
-    : QObject(parent)
-    , _channel(channel)
+BusConnection::BusConnection(Channel channel, ConnectionId id, int descriptor,
+                             const TrelanBusSettings &settings, BusPoller &poller, Owner &owner)
+    : _channel(channel)
     , _connectionId(id)
     , _settings(settings)
+    , _poller(poller)
+    , _owner(owner)
+    , _descriptor(descriptor)
+    , _events(EPOLLIN | EPOLLRDHUP)
     , _reader(settings.maxFrameSize)
+    , _peer(peerOf(descriptor))
 {
-    // What is not read waits in the socket of the sender, not in our memory.
-    _socket.setReadBufferSize(READ_CHUNK);
-    _socket.setSocketDescriptor(descriptor);
     // A frame has to start a segment of its own: the paced reader of the message channel wants
     // header and size together.
-    _socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
     if (channel == Messages)
-        _socket.setSocketOption(QAbstractSocket::SendBufferSizeSocketOption, PUSH_BUFFER);
-    _peer = QStringLiteral("%1:%2").arg(_socket.peerAddress().toString()).arg(_socket.peerPort());
-
-    connect(&_socket, &QTcpSocket::readyRead, this, &BusConnection::onReadyRead);
-    connect(&_socket, &QTcpSocket::bytesWritten, this, &BusConnection::onBytesWritten);
-    connect(&_socket, &QTcpSocket::disconnected, this, &BusConnection::onDisconnected);
+        setOption(descriptor, SOL_SOCKET, SO_SNDBUF, PUSH_BUFFER);
 
     _nextTurn.setSingleShot(true);
-    connect(&_nextTurn, &QTimer::timeout, this, &BusConnection::takeTurn);
+    connect(&_nextTurn, &QTimer::timeout, this, [this] { takeTurn(false); });
     _stall.setSingleShot(true);
     connect(&_stall, &QTimer::timeout, this, &BusConnection::onStalled);
     _handshake.setSingleShot(true);
     connect(&_handshake, &QTimer::timeout, this,
             [this] { closeWith(QStringLiteral("sent no handshake in time")); });
-    _handshake.start(settings.handshakeTimeout);
 }
 
 BusConnection::~BusConnection()
 {
-    // The socket says that it is disconnected when it is destroyed, and by then half of this is.
-    _socket.disconnect(this);
+    release();
+}
+
+bool BusConnection::open()
+{
+    _handshake.start(_settings.handshakeTimeout);
+    return _poller.watch(_descriptor, _connectionId, _events);
 }
 
 BusConnection::Channel BusConnection::channel() const
@@ -78,9 +108,9 @@ QString BusConnection::peer() const
 
 bool BusConnection::isAtEnd() const
 {
-    if (_state >= Ending || _socket.state() != QAbstractSocket::ConnectedState)
+    if (_state >= Ending)
         return true;
-    pollfd descriptor {int(_socket.socketDescriptor()), POLLRDHUP, 0};
+    pollfd descriptor {_descriptor, POLLRDHUP, 0};
     return ::poll(&descriptor, 1, 0) > 0 &&
            (descriptor.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
@@ -96,8 +126,10 @@ void BusConnection::answer(const QByteArray &frame)
         return;
     _state = Reading;
     send(frame);
-    _answersLeaving = _socket.bytesToWrite() > 0 ? _answersLeaving + 1 : 0;
-    scheduleTurn();
+    _answersLeaving = _leaving.isEmpty() ? 0 : _answersLeaving + 1;
+    // It may come while its request is being handed over; the turn goes on then.
+    if (!_inTurn)
+        goOn();
 }
 
 void BusConnection::answerAndEnd(const QByteArray &frame)
@@ -106,14 +138,15 @@ void BusConnection::answerAndEnd(const QByteArray &frame)
         return;
     _state = Ending;
     _handshake.stop();
+    watch(_events | EPOLLIN);
     send(frame);
-    if (_socket.bytesToWrite() == 0)
+    if (_leaving.isEmpty())
         endSending();
 }
 
 bool BusConnection::canPush() const
 {
-    return _state < Ending && _socket.bytesToWrite() == 0;
+    return _state < Ending && _leaving.isEmpty();
 }
 
 void BusConnection::push(const QByteArray &frame)
@@ -129,44 +162,32 @@ void BusConnection::close()
     _nextTurn.stop();
     _stall.stop();
     _handshake.stop();
-    _socket.disconnect(this);
-    _socket.abort();
-    emit closed(_connectionId);
+    release();
+    _owner.onClosed(_connectionId);
 }
 
-void BusConnection::onReadyRead()
+void BusConnection::handle(quint32 events)
 {
-    if (_state == Discarding || _state == Ending) {
-        _socket.skip(_socket.bytesAvailable());
+    if ((events & EPOLLOUT) != 0)
+        sendRest();
+    const bool isOver = (events & AT_END) != 0;
+    if (_state == Closed || (!isOver && (events & EPOLLIN) == 0))
         return;
-    }
-    takeTurn();
-}
-
-void BusConnection::onBytesWritten()
-{
-    if (_socket.bytesToWrite() == 0)
-        _answersLeaving = 0;
-    if (_socket.bytesToWrite() > 0) {
-        watchProgress();
-    } else if (_state == Ending) {
-        endSending();
-    } else {
-        scheduleTurn();
-        emit drained(_connectionId);
-    }
-}
-
-void BusConnection::onDisconnected()
-{
-    close();
+    if (_state >= Ending)
+        receive();
+    else if (_state == Reading && mayTakeRequest())
+        takeTurn(true);
+    else if (isOver)
+        close();
+    else // what has come waits in the socket of the sender, not in our memory
+        watch(_events & ~quint32(EPOLLIN));
 }
 
 void BusConnection::onStalled()
 {
     if (_state == Discarding)
         close();
-    else if (_socket.bytesToWrite() > 0)
+    else if (!_leaving.isEmpty())
         closeWith(QStringLiteral("does not read its answer"));
     else
         closeWith(QStringLiteral("stopped in the middle of a frame"));
@@ -176,30 +197,25 @@ void BusConnection::onStalled()
 /// come before the sockets of the others.
 void BusConnection::scheduleTurn()
 {
-    // An answer may come while its request is being handed over; the turn goes on then.
-    if (_inTurn || _nextTurn.isActive())
+    if (_nextTurn.isActive())
         return;
     _nextTurn.start(0);
     // Some event loops run timers only when no socket has anything, unless they are woken.
     thread()->eventDispatcher()->wakeUp();
 }
 
-void BusConnection::takeTurn()
+void BusConnection::takeTurn(bool isReadable)
 {
-    if (_inTurn)
-        return;
     _nextTurn.stop();
     _inTurn = true;
-    const bool isOver = takeRequests();
+    takeRequests(isReadable);
     _inTurn = false;
-    if (!isOver)
-        scheduleTurn();
-    watchProgress();
+    goOn();
 }
 
-/// Hands requests over until there is none, one is not answered yet or an answer has not left.
-/// Returns false if there is more than fits into one turn.
-bool BusConnection::takeRequests()
+/// Hands requests over until there is none, one is not answered yet, an answer has not left, or
+/// the turn is over.
+void BusConnection::takeRequests(bool isReadable)
 {
     QElapsedTimer turn;
     turn.start();
@@ -207,66 +223,125 @@ bool BusConnection::takeRequests()
         const TrelanFrameReader::Status status = _reader.next();
         if (status != TrelanFrameReader::NeedMoreData) {
             takeRequest(status);
-        } else if (_socket.bytesAvailable() > 0) {
-            _reader.feed(_socket.read(READ_CHUNK));
+        } else if (isReadable) {
+            isReadable = receive() == _poller.buffer().size(); // less was all there is
         } else {
-            return true;
+            return;
         }
         if (turn.hasExpired(TURN_MS))
-            return _state != Reading;
+            return;
     }
-    return true;
 }
 
 /// On the message channel acknowledgements are read while something leaves: both sides would wait
 /// for the other to read.
 bool BusConnection::mayTakeRequest() const
 {
-    return _socket.bytesToWrite() == 0 ||
-           (_channel == Messages && _answersLeaving < MAX_ANSWERS_LEAVING);
+    return _leaving.isEmpty() || (_channel == Messages && _answersLeaving < MAX_ANSWERS_LEAVING);
 }
 
 void BusConnection::takeRequest(TrelanFrameReader::Status status)
 {
     if (status == TrelanFrameReader::TooLarge) {
         _state = Answering;
-        emit frameTooLarge(_connectionId, _reader.faultText());
+        _owner.onFrameTooLarge(_connectionId, _reader.faultText());
     } else if (status == TrelanFrameReader::Malformed) {
         closeWith(names::printable(_reader.faultText()));
     } else if (_reader.kind() == TrelanFrame::Reply && _channel == Messages) {
-        emit replyArrived(_connectionId, _reader.payload());
+        _owner.onReply(_connectionId, _reader.payload());
     } else if (_reader.kind() == TrelanFrame::Reply) {
         closeWith(QStringLiteral("sent a reply that nobody asked for"));
     } else {
         _state = Answering;
-        emit requestArrived(_connectionId, _reader.payload());
+        _owner.onRequest(_connectionId, _reader.payload());
     }
+}
+
+/// With what is here already, in a turn of its own, or when more comes.
+void BusConnection::goOn()
+{
+    watchProgress();
+    if (_state != Reading || !mayTakeRequest())
+        return;
+    if (_reader.hasNext())
+        scheduleTurn();
+    else
+        watch(_events | EPOLLIN);
+}
+
+/// Returns how many bytes came; what comes after the last request is thrown away.
+int BusConnection::receive()
+{
+    QByteArray &buffer = _poller.buffer();
+    const ssize_t size = ::recv(_descriptor, buffer.data(), size_t(buffer.size()), 0);
+    if (size > 0 && _state == Reading)
+        _reader.feed(QByteArray(buffer.constData(), int(size)));
+    else if (size == 0 || (size < 0 && !isPassing(errno)))
+        close();
+    return int(size);
+}
+
+void BusConnection::send(const QByteArray &frame)
+{
+    if (_state == Closed)
+        return;
+    const bool isFirst = _leaving.isEmpty();
+    const int sent = isFirst ? sendSome(frame, 0) : 0;
+    if (sent == frame.size())
+        return;
+    if (isFirst)
+        _sentOfFirst = sent;
+    _leaving.append(frame);
+    watch(_events | EPOLLOUT);
+    watchProgress();
 }
 
 /// In one call of the system and as a record of its own, which is not joined with the next: the
 /// paced reader of the message channel wants header and size of a frame together, and its system
 /// cuts what is joined wherever its buffer is full.
-void BusConnection::send(const QByteArray &frame)
+int BusConnection::sendSome(const QByteArray &frame, int from)
 {
-    ssize_t sent = 0;
-    if (_socket.bytesToWrite() == 0 && _socket.state() == QAbstractSocket::ConnectedState) {
-        sent = ::send(int(_socket.socketDescriptor()), frame.constData(), size_t(frame.size()),
-                      MSG_EOR | MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent = ::send(_descriptor, frame.constData() + from, size_t(frame.size() - from),
+                                MSG_EOR | MSG_NOSIGNAL);
+    return int(qMax<ssize_t>(sent, 0)); // an error shows when the socket is read
+}
+
+/// There is room for the rest of a large frame, or for some of it.
+void BusConnection::sendRest()
+{
+    while (!_leaving.isEmpty()) {
+        const int sent = sendSome(_leaving.first(), _sentOfFirst);
+        _sentOfFirst += sent;
+        if (sent > 0)
+            watchProgress();
+        if (_sentOfFirst < _leaving.first().size())
+            return;
+        _leaving.removeFirst();
+        _sentOfFirst = 0;
     }
-    // What does not fit is the rest of a large frame. An error shows when the socket is read.
-    if (sent < frame.size()) {
-        _socket.write(frame.mid(int(qMax<ssize_t>(sent, 0))));
-        _socket.flush();
+    _answersLeaving = 0;
+    watch(_events & ~quint32(EPOLLOUT));
+    if (_state == Ending) {
+        endSending();
+    } else {
+        goOn();
+        _owner.onDrained(_connectionId);
     }
-    watchProgress();
 }
 
 void BusConnection::endSending()
 {
     _state = Discarding;
-    ::shutdown(int(_socket.socketDescriptor()), SHUT_WR);
-    _socket.skip(_socket.bytesAvailable());
+    ::shutdown(_descriptor, SHUT_WR);
     _stall.start(_settings.discardTime);
+}
+
+void BusConnection::watch(quint32 events)
+{
+    if (_events == events)
+        return;
+    _events = events;
+    _poller.change(_descriptor, _connectionId, events);
 }
 
 /// The clock runs while the other side owes us something: the rest of a frame, or its reading.
@@ -275,7 +350,7 @@ void BusConnection::watchProgress()
     const bool owesBytes = _state == Reading && _reader.isInsideFrame();
     if (_state == Closed || _state == Discarding)
         return;
-    if (owesBytes || _socket.bytesToWrite() > 0)
+    if (owesBytes || !_leaving.isEmpty())
         _stall.start(_settings.stallTimeout);
     else
         _stall.stop();
@@ -286,6 +361,20 @@ void BusConnection::closeWith(const QString &reason)
     qCWarning(BUS_LOG).noquote()
         << QStringLiteral("connection from %1 is closed: %2").arg(_peer, reason);
     close();
+}
+
+/// What has not been read is read before: closing would make the system of the other side report a
+/// broken connection in place of an ended one.
+void BusConnection::release()
+{
+    if (_descriptor < 0)
+        return;
+    _poller.forget(_descriptor);
+    QByteArray &buffer = _poller.buffer();
+    ::recv(_descriptor, buffer.data(), size_t(buffer.size()), 0);
+    ::close(_descriptor);
+    _descriptor = -1;
+    _leaving.clear();
 }
 
 } // namespace bus

@@ -1,13 +1,14 @@
 #pragma once
 
 #include "busoutput.h"
+#include "buspoller.h"
 #include "trelanbussettings.h"
 
 #include <trelanframereader.h>
 
+#include <QtCore/QList>
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
-#include <QtNetwork/QTcpSocket>
 
 namespace bus
 {
@@ -20,17 +21,38 @@ namespace bus
 /// others have theirs. Lives in the thread of the bus.
 class BusConnection : public QObject
 {
-    Q_OBJECT
-
 public:
     enum Channel {
         Query,   ///< requests and answers in turn
         Messages ///< frames are pushed, and their replies arrive at any time
     };
 
-    BusConnection(Channel channel, ConnectionId id, qintptr descriptor,
-                  const TrelanBusSettings &settings, QObject *parent);
+    /// What a connection tells whoever has it.
+    class Owner
+    {
+    public:
+        virtual ~Owner() = default;
+
+        /// A request has arrived; answer() is due.
+        virtual void onRequest(ConnectionId id, const QByteArray &payload) = 0;
+        /// A reply has arrived, on the message channel.
+        virtual void onReply(ConnectionId id, const QByteArray &payload) = 0;
+        /// What was sent has left, and canPush() is true again.
+        virtual void onDrained(ConnectionId id) = 0;
+        /// A frame above the limit has been announced; answerAndEnd() is due.
+        virtual void onFrameTooLarge(ConnectionId id, const QString &fault) = 0;
+        /// The connection has ended. The last thing it tells, and it is told once; the connection
+        /// may be in the middle of something, and must not be destroyed at once.
+        virtual void onClosed(ConnectionId id) = 0;
+    };
+
+    /// Takes \a descriptor, a connected socket that does not block. Nothing is told before open().
+    BusConnection(Channel channel, ConnectionId id, int descriptor,
+                  const TrelanBusSettings &settings, BusPoller &poller, Owner &owner);
     ~BusConnection() override;
+
+    /// Begins to read. False, with errno, if the system cannot watch one more.
+    bool open();
 
     Channel channel() const;
     /// Address and port of the other side.
@@ -55,20 +77,11 @@ public:
     /// Sends a frame that answers nothing.
     void push(const QByteArray &frame);
 
-    /// Ends the connection; closed() follows.
+    /// Ends the connection; Owner::onClosed() follows.
     void close();
 
-Q_SIGNALS:
-    /// A request has arrived; answer() is due.
-    void requestArrived(bus::ConnectionId id, QByteArray payload);
-    /// A reply has arrived, on the message channel.
-    void replyArrived(bus::ConnectionId id, QByteArray payload);
-    /// What was sent has left, and canPush() is true again.
-    void drained(bus::ConnectionId id);
-    /// A frame above the limit has been announced; answerAndEnd() is due.
-    void frameTooLarge(bus::ConnectionId id, QString fault);
-    /// The connection has ended. The last thing it emits, and it is emitted once.
-    void closed(bus::ConnectionId id);
+    /// What the poller has found of this connection.
+    void handle(quint32 events);
 
 private:
     enum State {
@@ -79,32 +92,40 @@ private:
         Closed
     };
 
-    void onReadyRead();
-    void onBytesWritten();
-    void onDisconnected();
     void onStalled();
     void scheduleTurn();
-    void takeTurn();
-    bool takeRequests();
+    void takeTurn(bool isReadable);
+    void takeRequests(bool isReadable);
     bool mayTakeRequest() const;
     void takeRequest(TrelanFrameReader::Status status);
+    void goOn();
+    int receive();
     void send(const QByteArray &frame);
+    int sendSome(const QByteArray &frame, int from);
+    void sendRest();
     void endSending();
+    void watch(quint32 events);
     void watchProgress();
     void closeWith(const QString &reason);
+    void release();
 
     const Channel _channel;
     const ConnectionId _connectionId;
     const TrelanBusSettings _settings;
-    QTcpSocket _socket;
+    BusPoller &_poller;
+    Owner &_owner;
+    int _descriptor;
+    quint32 _events; // that are watched
     TrelanFrameReader _reader;
     State _state = Reading;
     bool _inTurn = false;
+    QList<QByteArray> _leaving; // frames that have not left, or not as a whole
+    int _sentOfFirst = 0;       // of them
     int _answersLeaving = 0;
     QTimer _nextTurn;
     QTimer _stall;
     QTimer _handshake;
-    QString _peer;
+    const QString _peer;
 };
 
 } // namespace bus

@@ -118,7 +118,7 @@ QString BusListener::errorString() const
 void BusListener::accept()
 {
     const int descriptor =
-        ::accept4(int(_server.socketDescriptor()), nullptr, nullptr, SOCK_CLOEXEC);
+        ::accept4(int(_server.socketDescriptor()), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (descriptor >= 0)
         emit descriptorArrived(descriptor);
     else if (!isPassing(errno))

@@ -7,6 +7,9 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <utility>
+
 namespace bus
 {
 
@@ -91,6 +94,10 @@ BusServer::BusServer(const TrelanBusSettings &settings)
                                              Qt::QueuedConnection);
                })
     , _core(settings, _storage, *this)
+    , _poller([this](ConnectionId id, quint32 events) {
+        if (BusConnection *connection = _connections.value(id))
+            connection->handle(events);
+    })
     , _codec(
           [](const std::vector<Job> &jobs) {
               std::vector<Completion> completions;
@@ -104,9 +111,9 @@ BusServer::BusServer(const TrelanBusSettings &settings)
           })
 {
     connect(&_queryListener, &BusListener::descriptorArrived, this,
-            [this](qintptr descriptor) { onDescriptor(BusConnection::Query, descriptor); });
+            [this](qintptr descriptor) { onDescriptor(BusConnection::Query, int(descriptor)); });
     connect(&_msgListener, &BusListener::descriptorArrived, this,
-            [this](qintptr descriptor) { onDescriptor(BusConnection::Messages, descriptor); });
+            [this](qintptr descriptor) { onDescriptor(BusConnection::Messages, int(descriptor)); });
     _times.setInterval(TIMES_INTERVAL_MS);
     connect(&_times, &QTimer::timeout, this, &BusServer::checkTimes);
 }
@@ -118,11 +125,7 @@ BusServer::~BusServer()
     _codec.finish();
     handleCodecResults();
     _storage.finish();
-    const QList<BusConnection *> connections = _connections.values();
-    for (BusConnection *connection : connections) {
-        connection->disconnect(this);
-        delete connection;
-    }
+    qDeleteAll(std::exchange(_connections, {}));
 }
 
 bool BusServer::start()
@@ -135,6 +138,10 @@ bool BusServer::start()
     }
     _core.restoreMessages();
     watchTimes();
+    if (!_poller.open()) {
+        _errorString = QStringLiteral("cannot watch connections: %1").arg(qt_error_string(errno));
+        return false;
+    }
     return listen(_queryListener, _settings.queryDescriptor, _settings.queryPort) &&
            listen(_msgListener, _settings.msgDescriptor, _settings.msgPort);
 }
@@ -263,26 +270,24 @@ void BusServer::setRegistered(ConnectionId id)
         connection->setRegistered();
 }
 
-void BusServer::onDescriptor(BusConnection::Channel channel, qintptr descriptor)
+void BusServer::onDescriptor(BusConnection::Channel channel, int descriptor)
 {
     if (_connections.size() >= _settings.maxConnections) {
-        ::close(int(descriptor));
+        ::close(descriptor);
         if (_warnings.allows(QStringLiteral("connections"))) {
             qCWarning(BUS_LOG) << "a connection is refused: there are" << _connections.size()
                                << "already";
         }
         return;
     }
-    auto *connection = new BusConnection(channel, ++_lastId, descriptor, _settings, this);
+    auto *connection = new BusConnection(channel, ++_lastId, descriptor, _settings, _poller, *this);
+    connection->setParent(this);
     _connections.insert(_lastId, connection);
-    connect(connection, &BusConnection::requestArrived, this, &BusServer::onRequest);
-    connect(connection, &BusConnection::replyArrived, this, &BusServer::onReply);
-    connect(connection, &BusConnection::drained, this, [this](ConnectionId id) {
-        _core.pushMore(id);
-        watchTimes();
-    });
-    connect(connection, &BusConnection::frameTooLarge, this, &BusServer::onFrameTooLarge);
-    connect(connection, &BusConnection::closed, this, &BusServer::onClosed);
+    if (!connection->open()) {
+        if (_warnings.allows(QStringLiteral("watching")))
+            qCWarning(BUS_LOG).noquote() << "cannot watch a connection:" << qt_error_string(errno);
+        connection->close();
+    }
 }
 
 void BusServer::onRequest(ConnectionId id, const QByteArray &payload)
@@ -321,6 +326,12 @@ void BusServer::handle(ConnectionId id, const BusRequest &request)
         _core.handleOnMessageChannel(id, request);
     else
         _core.handle(id, request);
+    watchTimes();
+}
+
+void BusServer::onDrained(ConnectionId id)
+{
+    _core.pushMore(id);
     watchTimes();
 }
 

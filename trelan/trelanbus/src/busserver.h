@@ -4,6 +4,7 @@
 #include "busconnection.h"
 #include "buscore.h"
 #include "buslistener.h"
+#include "buspoller.h"
 #include "busstorage.h"
 
 #include <QtCore/QHash>
@@ -19,7 +20,7 @@ namespace bus
 ///
 /// Small requests and answers are decoded and encoded here, large ones in a thread of their own,
 /// since the other clients would wait for them.
-class BusServer : public QObject, private BusOutput
+class BusServer : public QObject, private BusOutput, private BusConnection::Owner
 {
     Q_OBJECT
 
@@ -58,13 +59,15 @@ private:
     QString peer(ConnectionId id) const override;
     void setRegistered(ConnectionId id) override;
 
+    void onRequest(ConnectionId id, const QByteArray &payload) override;
+    void onReply(ConnectionId id, const QByteArray &payload) override;
+    void onDrained(ConnectionId id) override;
+    void onFrameTooLarge(ConnectionId id, const QString &fault) override;
+    void onClosed(ConnectionId id) override;
+
     bool listen(BusListener &listener, int descriptor, quint16 port);
-    void onDescriptor(BusConnection::Channel channel, qintptr descriptor);
-    void onRequest(ConnectionId id, const QByteArray &payload);
-    void onReply(ConnectionId id, const QByteArray &payload);
+    void onDescriptor(BusConnection::Channel channel, int descriptor);
     void handle(ConnectionId id, const BusRequest &request);
-    void onFrameTooLarge(ConnectionId id, const QString &fault);
-    void onClosed(ConnectionId id);
     void handleCodecResults();
     void handleStorageResults();
     void watchTimes();
@@ -78,6 +81,7 @@ private:
     BusListener _msgListener;
     BusStorage _storage;
     BusCore _core;
+    BusPoller _poller;
     QHash<ConnectionId, BusConnection *> _connections; // children of this
     ConnectionId _lastId = 0;
     QHash<QString, QByteArray> _doneFrames; // by operation: its answer when there is nothing to say

@@ -57,6 +57,8 @@ QString TrelanFrameReader::faultText() const
 /// Both lines of the next frame, as far as they are there.
 void TrelanFrameReader::readLines()
 {
+    if (_position == _buffer.size())
+        return;
     if (_state == InHeader)
         readHeader();
     if (_state == InSize)
