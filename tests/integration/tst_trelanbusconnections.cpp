@@ -143,6 +143,41 @@ private Q_SLOTS:
         QVERIFY(peer.awaitEnd());
     }
 
+    void lateReaderGetsAll()
+    {
+        // Answers leave in pieces, and what was asked meanwhile waits for them.
+        TestBus server;
+        RawPeer peer(server, "me"), other(server, "other");
+        QVERIFY(peer.send(publishNoise("large", 1000000)));
+        QCOMPARE(peer.receive(), "0 ");
+        const QByteArray both = RawPeer::frame("loadObject {'nm':'large'}") + LOAD;
+        QVERIFY(peer.send(both.repeated(30)) && isServed(other));
+        for (int i = 0; i < 30; ++i) {
+            QCOMPARE(peer.receive(), "0 ");
+            QCOMPARE(peer.data().value("nm").toString(), "large");
+            QCOMPARE(peer.receive(), "2 there is no object \"no.such\"");
+        }
+        QVERIFY(isServed(peer));
+    }
+
+    void takenOverInOneTurn()
+    {
+        // Both have sent something while the bus was busy: one ends the other, whose bytes were
+        // seen already.
+        TestBus server;
+        RawPeer busy(server, "busy");
+        const QByteArray flood = RawPeer::frame("loadObjects {'wc':'*.no.such'}").repeated(300);
+        for (int i = 0; i < 20; ++i) {
+            RawPeer older(server, "me"), newer(server);
+            QVERIFY(busy.send(flood) && newer.send(RawPeer::frame("handshake {'name':'me'}")) &&
+                    older.send(LOAD));
+            QCOMPARE(newer.receive(), "0 ");
+            QVERIFY(older.awaitEnd() && isServed(newer));
+            for (int answer = 0; answer < 300; ++answer)
+                QCOMPARE(busy.receive(), "0 ");
+        }
+    }
+
     void nobodyDelaysOthers()
     {
         TestBus server;

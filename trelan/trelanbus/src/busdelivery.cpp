@@ -211,8 +211,8 @@ int BusDelivery::pump(const QString &client)
     for (;;) {
         // Anew each time: what is pushed may find the connection at its end.
         const auto known = _clients.find(client);
-        if (known == _clients.end() || known->connection == 0 ||
-            !_output.canPush(known->connection) || encodesLarge(client, newest))
+        if (known == _clients.end() || known->connection == 0 || !known->queue.hasNext() ||
+            !_output.canPush(known->connection) || encodesLarge(client, *known, newest))
             return pushed;
         const QByteArray frame = known->queue.takeFrame(now(), newest, _settings.coding);
         const ConnectionId connection = known->connection;
@@ -395,15 +395,15 @@ void BusDelivery::endNotification()
 }
 
 /// Whether the next frame of a client is large, and is being made.
-bool BusDelivery::encodesLarge(const QString &name, const DeliveryQueue::Newest &newest)
+bool BusDelivery::encodesLarge(const QString &name, Client &client,
+                               const DeliveryQueue::Newest &newest)
 {
-    Client &client = _clients[name];
     if (client.encoding)
         return true;
     const Delivery *next = client.queue.largeToEncode(newest);
-    changed(name); // names have become messages
     if (!next)
         return false;
+    changed(name); // names have become messages
     client.encoding = true;
     const auto encode = [delivery = *next, coding = _settings.coding] {
         return delivery.frame(coding);

@@ -125,7 +125,7 @@ private:
     void keep(const TrelanMessage &message, qint64 cost, const Done &done);
     void reserve(const QString &name, int messages, qint64 bytes);
     Delivery newestOf(const QString &receiver, const QString &object);
-    bool encodesLarge(const QString &name, const DeliveryQueue::Newest &newest);
+    bool encodesLarge(const QString &name, Client &client, const DeliveryQueue::Newest &newest);
     void dropExcess(const QString &name, Client &client, Delivery::Kind kind);
     void warnOfLostEvents(const QString &name, Client &client);
     void countLostLogLines(qint64 lines);

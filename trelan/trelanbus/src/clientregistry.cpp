@@ -17,7 +17,8 @@ bool ClientRegistry::contains(ConnectionId id) const
 
 QString ClientRegistry::name(ConnectionId id) const
 {
-    return _clients.value(id).name;
+    const auto known = _clients.constFind(id);
+    return known == _clients.constEnd() ? QString() : known->name;
 }
 
 QStringList ClientRegistry::names() const

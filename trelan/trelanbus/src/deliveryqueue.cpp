@@ -2,6 +2,8 @@
 
 #include "busnames.h"
 
+#include <QtCore/QStringBuilder>
+
 #include <algorithm>
 
 namespace bus
@@ -18,7 +20,7 @@ constexpr size_t MAX_REMEMBERED = 128;
 
 QString keyOf(const QString &sender, const QString &reciever, const QString &uid)
 {
-    return sender + QLatin1Char('.') + reciever + QLatin1Char('.') + uid;
+    return sender % QLatin1Char('.') % reciever % QLatin1Char('.') % uid;
 }
 
 int indexOf(const QList<Delivery> &deliveries, const QString &key)
@@ -79,9 +81,14 @@ bool DeliveryQueue::hasName(const QString &name) const
     return _isFresh.contains(name);
 }
 
+bool DeliveryQueue::hasNext() const
+{
+    return _inFlight.size() < MAX_IN_FLIGHT && !(_waiting.isEmpty() && _names.empty());
+}
+
 const Delivery *DeliveryQueue::largeToEncode(const Newest &newest)
 {
-    if (_inFlight.size() >= MAX_IN_FLIGHT)
+    if (!hasNext())
         return nullptr;
     takeNames(newest);
     if (_waiting.isEmpty() || !_nextFrame.isEmpty() ||
@@ -100,7 +107,7 @@ void DeliveryQueue::setFrame(const QString &key, const QByteArray &frame)
 QByteArray DeliveryQueue::takeFrame(qint64 now, const Newest &newest,
                                     TrelanTransport::Coding coding)
 {
-    if (_inFlight.size() >= MAX_IN_FLIGHT)
+    if (!hasNext())
         return {};
     takeNames(newest);
     if (_waiting.isEmpty())

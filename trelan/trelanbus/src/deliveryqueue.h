@@ -85,6 +85,9 @@ public:
     void appendName(const QString &name, bool fresh);
     bool hasName(const QString &name) const;
 
+    /// Whether takeFrame() may have a frame; it has none otherwise.
+    bool hasNext() const;
+
     /// The message to send next if it is so large that others would wait for its frame, and it has
     /// none yet: whoever asks makes one elsewhere, and gives it to setFrame(). Null otherwise.
     const Delivery *largeToEncode(const Newest &newest);

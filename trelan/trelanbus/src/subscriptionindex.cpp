@@ -3,6 +3,7 @@
 #include <trelanobject.h>
 
 #include <QtCore/QStringRef>
+#include <QtCore/QVarLengthArray>
 #include <QtCore/QVector>
 
 #include <algorithm>
@@ -92,7 +93,8 @@ int SubscriptionIndex::count(const QString &client) const
 
 QStringList SubscriptionIndex::receivers(const QString &name)
 {
-    std::vector<const QSet<QString> *> parties;
+    constexpr int USUAL_PARTIES = 8;
+    QVarLengthArray<const QSet<QString> *, USUAL_PARTIES> parties;
     const WildcardRef literal = _wildcards.value(name);
     if (literal)
         parties.push_back(&literal->clients);
@@ -101,10 +103,10 @@ QStringList SubscriptionIndex::receivers(const QString &name)
         if (pattern != literal)
             parties.push_back(&pattern->clients);
     }
-    if (parties.empty())
+    if (parties.isEmpty())
         return {};
     if (parties.size() == 1)
-        return parties.front()->values();
+        return parties.first()->values();
     QSet<QString> all;
     for (const QSet<QString> *party : parties)
         all.unite(*party);

@@ -95,6 +95,24 @@ bool TrelanFrameReader::takeUsualHeader()
     return true;
 }
 
+/// Likewise, of a size that is no number too large for it.
+bool TrelanFrameReader::takeUsualSize(qint64 &size)
+{
+    constexpr int MAX_DIGITS = 18;
+    const char *const text = _buffer.constData() + _position;
+    const int length = _buffer.size() - _position;
+    int digits = 0;
+    size = 0;
+    for (; digits < qMin(length, MAX_DIGITS) && text[digits] >= '0' && text[digits] <= '9';
+         ++digits)
+        size = size * 10 + (text[digits] - '0');
+    const bool isLine =
+        digits > 0 && length - digits >= 2 && text[digits] == '\r' && text[digits + 1] == '\n';
+    if (isLine)
+        _position += digits + 2;
+    return isLine;
+}
+
 void TrelanFrameReader::readHeader()
 {
     if (takeUsualHeader()) {
@@ -115,13 +133,16 @@ void TrelanFrameReader::readHeader()
 
 void TrelanFrameReader::readSize()
 {
-    QString text;
-    if (!takeLine(text))
-        return;
-    bool ok = false;
-    const qint64 size = text.toLongLong(&ok, 10);
-    if (!ok || size < 0)
-        return fail(Malformed, QStringLiteral("\"%1\" is no size line").arg(text));
+    qint64 size = 0;
+    if (!takeUsualSize(size)) {
+        QString text;
+        if (!takeLine(text))
+            return;
+        bool ok = false;
+        size = text.toLongLong(&ok, 10);
+        if (!ok || size < 0)
+            return fail(Malformed, QStringLiteral("\"%1\" is no size line").arg(text));
+    }
     // A longer frame is not a large message but a stream out of step; buffering it would hide that
     // until memory ran out.
     if (size > _maxPayload) {

@@ -56,6 +56,7 @@ private:
     void readLines();
     bool takeLine(QString &text);
     bool takeUsualHeader();
+    bool takeUsualSize(qint64 &size);
     void readHeader();
     void readSize();
     Status readPayload();
