@@ -56,6 +56,17 @@ QString peerOf(int descriptor)
     return QStringLiteral("%1:%2").arg(QHostAddress(address).toString()).arg(port);
 }
 
+/// How many bytes of a frame have left, from \a from on. In one call of the system and as a record
+/// of its own, which is not joined with the next: the paced reader of the message channel wants
+/// header and size of a frame together, and its system cuts what is joined wherever its buffer is
+/// full.
+int sendSome(int descriptor, const QByteArray &frame, int from)
+{
+    const ssize_t sent = ::send(descriptor, frame.constData() + from, size_t(frame.size() - from),
+                                MSG_EOR | MSG_NOSIGNAL);
+    return int(qMax<ssize_t>(sent, 0)); // an error shows when the socket is read
+}
+
 } // namespace
 
 BusConnection::BusConnection(Channel channel, ConnectionId id, int descriptor,
@@ -286,7 +297,7 @@ void BusConnection::send(const QByteArray &frame)
     if (_state == Closed)
         return;
     const bool isFirst = _leaving.isEmpty();
-    const int sent = isFirst ? sendSome(frame, 0) : 0;
+    const int sent = isFirst ? sendSome(_descriptor, frame, 0) : 0;
     if (sent == frame.size())
         return;
     if (isFirst)
@@ -296,21 +307,11 @@ void BusConnection::send(const QByteArray &frame)
     watchProgress();
 }
 
-/// In one call of the system and as a record of its own, which is not joined with the next: the
-/// paced reader of the message channel wants header and size of a frame together, and its system
-/// cuts what is joined wherever its buffer is full.
-int BusConnection::sendSome(const QByteArray &frame, int from)
-{
-    const ssize_t sent = ::send(_descriptor, frame.constData() + from, size_t(frame.size() - from),
-                                MSG_EOR | MSG_NOSIGNAL);
-    return int(qMax<ssize_t>(sent, 0)); // an error shows when the socket is read
-}
-
 /// There is room for the rest of a large frame, or for some of it.
 void BusConnection::sendRest()
 {
     while (!_leaving.isEmpty()) {
-        const int sent = sendSome(_leaving.first(), _sentOfFirst);
+        const int sent = sendSome(_descriptor, _leaving.first(), _sentOfFirst);
         _sentOfFirst += sent;
         if (sent > 0)
             watchProgress();

@@ -101,7 +101,6 @@ private:
     void goOn();
     int receive();
     void send(const QByteArray &frame);
-    int sendSome(const QByteArray &frame, int from);
     void sendRest();
     void endSending();
     void watch(quint32 events);

@@ -40,14 +40,14 @@ bool BusPoller::open()
     return true;
 }
 
-bool BusPoller::watch(int descriptor, ConnectionId id, quint32 events)
+bool BusPoller::watch(int descriptor, ConnectionId id, quint32 events) const
 {
     epoll_event event {events, {}};
     event.data.u64 = id;
     return ::epoll_ctl(_descriptor, EPOLL_CTL_ADD, descriptor, &event) == 0;
 }
 
-void BusPoller::change(int descriptor, ConnectionId id, quint32 events)
+void BusPoller::change(int descriptor, ConnectionId id, quint32 events) const
 {
     epoll_event event {events, {}};
     event.data.u64 = id;
@@ -55,7 +55,7 @@ void BusPoller::change(int descriptor, ConnectionId id, quint32 events)
 }
 
 /// Closing alone would not do while a child process has the descriptor, too.
-void BusPoller::forget(int descriptor)
+void BusPoller::forget(int descriptor) const
 {
     ::epoll_ctl(_descriptor, EPOLL_CTL_DEL, descriptor, nullptr);
 }

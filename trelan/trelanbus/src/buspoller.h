@@ -33,10 +33,10 @@ public:
     bool open();
 
     /// False, with errno, if the system has no room for it.
-    bool watch(int descriptor, ConnectionId id, quint32 events);
-    void change(int descriptor, ConnectionId id, quint32 events);
+    bool watch(int descriptor, ConnectionId id, quint32 events) const;
+    void change(int descriptor, ConnectionId id, quint32 events) const;
     /// Before the descriptor is closed.
-    void forget(int descriptor);
+    void forget(int descriptor) const;
 
     /// Room for what is read in one go, by whoever reads.
     QByteArray &buffer();
