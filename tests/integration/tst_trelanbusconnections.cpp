@@ -148,17 +148,15 @@ private Q_SLOTS:
         // An answer leaves in pieces, and what is asked meanwhile waits for it.
         TestBus server;
         RawPeer peer(server, "me"), other(server, "other");
-        QVERIFY(peer.send(publishNoise("large", 8000000)));
+        QVERIFY(peer.send(publishNoise("large", 6000000)));
         QCOMPARE(peer.receive(), "0 ");
         const QByteArray load = RawPeer::frame("loadObject {'nm':'large'}");
-        for (int i = 0; i < 3; ++i) {
-            QVERIFY(peer.send(load + LOAD) && peer.hasInput(30000));
-            QVERIFY(peer.send(LOAD) && isServed(other));
-            QCOMPARE(peer.receive(), "0 ");
-            QCOMPARE(peer.data().value("nm").toString(), "large");
-            for (int answer = 0; answer < 2; ++answer)
-                QCOMPARE(peer.receive(), "2 there is no object \"no.such\"");
-        }
+        QVERIFY(peer.send(load + LOAD) && peer.hasInput(30000));
+        QVERIFY(peer.send(LOAD) && isServed(other));
+        QCOMPARE(peer.receive(), "0 ");
+        QCOMPARE(peer.data().value("nm").toString(), "large");
+        for (int answer = 0; answer < 2; ++answer)
+            QCOMPARE(peer.receive(), "2 there is no object \"no.such\"");
     }
 
     void takenOverInOneTurn()
@@ -168,15 +166,15 @@ private Q_SLOTS:
         TestBus server;
         RawPeer busy(server, "busy");
         QByteArray objects, wildcards("*.0");
-        for (int i = 1; i < 1000; ++i) {
+        for (int i = 1; i < 500; ++i) {
             objects += RawPeer::frame("pub {'opt':2,'nm':'a.b" + QByteArray::number(i) + "'}");
             wildcards += "::*." + QByteArray::number(i);
         }
         QVERIFY(busy.send(objects));
-        for (int i = 1; i < 1000; ++i)
+        for (int i = 1; i < 500; ++i)
             QCOMPARE(busy.receive(), "0 ");
         const QByteArray work = RawPeer::frame("sub {'now':true,'wcs':'" + wildcards + "'}");
-        for (int i = 0; i < 5; ++i) {
+        for (int i = 0; i < 3; ++i) {
             RawPeer older(server, "me"), newer(server);
             newer.ask("none {}"); // it has been taken
             QVERIFY(busy.send(work) && newer.send(RawPeer::frame("handshake {'name':'me'}")) &&
