@@ -574,12 +574,20 @@ QByteArray write(const QVariantMap &map, QJsonDocument::JsonFormat format)
 
 bool parse(const QByteArray &text, const std::function<bool(simdjson::dom::element)> &read)
 {
+    return parse(text, [&](simdjson::dom::element root, const Tokens &) { return read(root); });
+}
+
+bool parse(const QByteArray &text,
+           const std::function<bool(simdjson::dom::element, const Tokens &)> &read)
+{
     const auto parseWith = [&](simdjson::dom::parser &parser) {
         const bool mustCopy = text.capacity() - text.size() < SPARE;
         simdjson::dom::element root;
-        return parser.parse(text.constData(), size_t(text.size()), mustCopy).get(root) ==
-                   simdjson::SUCCESS &&
-               read(root);
+        if (parser.parse(text.constData(), size_t(text.size()), mustCopy).get(root) !=
+            simdjson::SUCCESS)
+            return false;
+        const auto &found = *parser.implementation;
+        return read(root, {found.structural_indexes.get(), found.n_structural_indexes});
     };
     if (text.size() > LARGEST_OF_KEPT_PARSER) {
         simdjson::dom::parser parser;
