@@ -281,6 +281,7 @@ private:
     void array(const QStringList &list, int level);
     void integer(qint64 number);
     void number(double number);
+    bool shortFraction(double number);
     void fraction(double number);
     void rare(double number, char form);
     void other(const QVariant &value, int level);
@@ -496,16 +497,45 @@ void Writer::number(double number)
         integer(qint64(number));
     else if (!qIsFinite(number))
         append("null");
-    else if (std::abs(number) < INTEGERS_END)
-        fraction(number);
-    else
+    else if (std::abs(number) >= INTEGERS_END)
         rare(number, std::abs(number) < BEYOND_QUINT64 ? 'f' : 'g');
+    else if (!shortFraction(number))
+        fraction(number);
 }
 
 void Writer::rare(double number, char form)
 {
     const QByteArray text = QByteArray::number(number, form, QLocale::FloatingPointShortest);
     append({text.constData(), size_t(text.size())});
+}
+
+/// A number of few digits behind the point, as most have that somebody measured: false for others.
+bool Writer::shortFraction(double number)
+{
+    // Of so many digits no two texts are the same number, so that the one found is the shortest;
+    // and a division of two exact numbers is rounded as reading the text is.
+    constexpr double MOST = 1e15;
+    constexpr std::array<int, 4> SCALES {10, 100, 1000, 10000};
+    const double absolute = std::abs(number);
+    for (const int scale : SCALES) {
+        if (absolute * scale >= MOST)
+            return false;
+        const auto digits = qint64(absolute * scale + 0.5);
+        if (double(digits) / scale != absolute)
+            continue;
+        if (number < 0)
+            append("-");
+        integer(digits / scale);
+        append(".");
+        // Those behind the point have zeros in front, of which a one keeps the place.
+        const qint64 behind = digits % scale + scale;
+        constexpr int MOST_DIGITS = 5;
+        std::array<char, MOST_DIGITS> text {};
+        const char *const end = std::to_chars(text.data(), text.data() + MOST_DIGITS, behind).ptr;
+        append({text.data() + 1, size_t(end - text.data()) - 1});
+        return true;
+    }
+    return false;
 }
 
 /// The shortest text that is the same number again, in the form that Qt prefers.
