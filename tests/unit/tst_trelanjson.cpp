@@ -262,8 +262,9 @@ private slots:
             QString("ab\"\\/\b\n\t\x1f\x7f%1").arg(QString::fromUtf8("\u00e4\u20ac\U0001f600"));
         for (int round = 0; round < 2000; ++round) {
             QString text;
+            const quint32 kinds = round % 2 ? 5 : 11; // without or with what takes long escapes
             for (quint32 count = random() % 40; count > 0; --count)
-                text += characters.mid(int(random() % 11), 1);
+                text += characters.mid(int(random() % kinds), 1);
             text += characters.right(int(2 * (random() % 2)));
             QByteArray expected = "in front", written = expected;
             json::appendString(expected, text);

@@ -1,18 +1,18 @@
 #include "trelanbase64.h"
 
+#include "trelanvectors.h"
+
 #include <array>
 #include <cstring>
 #include <string_view>
-
-#ifdef __x86_64__
-#include <tmmintrin.h>
-#endif
 
 namespace bus::base64
 {
 
 namespace
 {
+
+using namespace vectors;
 
 constexpr std::string_view ALPHABET =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -56,23 +56,11 @@ struct Position
 
 // The same for sixteen characters at a time, in a fifth of the time: characters are told apart by
 // the four bits in front.
-#define VECTORS __attribute__((target("ssse3")))
 constexpr int BLOCK = 16;
 constexpr int PACKED = 12;
 
 template <typename Byte>
 using Table = std::array<Byte, BLOCK>;
-
-template <typename Byte>
-VECTORS __m128i load(const Byte *from)
-{
-    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(from));
-}
-
-VECTORS void store(uchar *to, __m128i bytes)
-{
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(to), bytes);
-}
 
 /// By the front half of a character: a bit of its own where some characters are known, and one that
 /// stands for unknown ones.
@@ -121,7 +109,7 @@ constexpr Table<signed char> characterShifts()
 }
 
 /// Stops before what is foreign, and before the last groups, since it writes more than it decodes.
-VECTORS Position decodeBlocks(Position at, const uchar *end)
+TRELAN_VECTORS Position decodeBlocks(Position at, const uchar *end)
 {
     static constexpr auto FRONTS = frontBits();
     static constexpr auto FOREIGNS = foreignBits();
@@ -148,7 +136,7 @@ VECTORS Position decodeBlocks(Position at, const uchar *end)
 }
 
 /// Stops before the last groups, since it reads more than it encodes.
-VECTORS Position encodeBlocks(Position at, const uchar *end)
+TRELAN_VECTORS Position encodeBlocks(Position at, const uchar *end)
 {
     static constexpr auto SHIFTS = characterShifts();
     const __m128i order = _mm_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10);
@@ -169,12 +157,6 @@ VECTORS Position encodeBlocks(Position at, const uchar *end)
     return at;
 }
 
-bool hasVectors()
-{
-    static const bool _has = __builtin_cpu_supports("ssse3") != 0;
-    return _has;
-}
-
 #else
 
 Position decodeBlocks(Position at, const uchar * /*end*/)
@@ -185,11 +167,6 @@ Position decodeBlocks(Position at, const uchar * /*end*/)
 Position encodeBlocks(Position at, const uchar * /*end*/)
 {
     return at;
-}
-
-bool hasVectors()
-{
-    return false;
 }
 
 #endif
