@@ -189,6 +189,31 @@ private slots:
         QVERIFY2(accepted > 2500 && accepted < 7500, qPrintable(QString::number(accepted)));
     }
 
+    void storedBlocksAsZlibReadsThem()
+    {
+        const LogCapture quiet;
+        std::mt19937 random(7);
+        int accepted = 0, different = 0;
+        for (int round = 0; round < 4000; ++round) {
+            // Of high bytes, whose sums are the first that would not fit.
+            const int size = round % 40 ? int(random() % 300) : 60000 + int(random() % 20000);
+            const QByteArray text = round % 2 ? QByteArray(size, '\xff') : someBytes(random, size);
+            QByteArray bytes = TrelanFrame::compressLightly(text);
+            bytes += QByteArray(int(random() % 2), 'x'); // which means nothing
+            for (quint32 edits = random() % 2; edits > 0; --edits)
+                bytes[1 + int(random() % quint32(qMin(bytes.size() - 1, 40)))] = char(random());
+            for (quint32 cuts = random() % 5; cuts == 1; --cuts)
+                bytes.chop(int(random() % 8));
+            TrelanFrame::Fault fault = TrelanFrame::NotJson;
+            const QByteArray inflated = TrelanFrame::uncompress(bytes, 1 << 20, &fault);
+            const QByteArray expected = qUncompress(bytes);
+            different += inflated != expected;
+            accepted += fault == TrelanFrame::NoFault;
+        }
+        QCOMPARE(different, 0);
+        QVERIFY2(accepted > 1000 && accepted < 3500, qPrintable(QString::number(accepted)));
+    }
+
     void stopsAtTheLimit()
     {
         for (const int limit : {1, 1023, 1024, 1025, 4096, 1000000}) {
