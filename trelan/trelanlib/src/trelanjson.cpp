@@ -49,16 +49,21 @@ QString fromUtf8(std::string_view utf8)
     return QString::fromUtf8(utf8.data(), int(utf8.size()));
 }
 
-/// The keys seen last: most come again with the next entry of a list or the next message, and need
-/// neither memory nor conversion then.
-class Keys
+/// The texts seen last: most keys, and many short values as units and states, come again with the
+/// next entry of a list or the next message, and need neither memory nor conversion then.
+class Texts
 {
 public:
+    explicit Texts(size_t longest)
+        : _longest(longest)
+    {}
+
     QString text(std::string_view utf8)
     {
-        if (utf8.empty() || utf8.size() > LONGEST)
+        if (utf8.empty() || utf8.size() > _longest)
             return fromUtf8(utf8);
-        const size_t hash = utf8.size() * 37 + uchar(utf8.front()) * 7U + uchar(utf8.back());
+        const size_t hash = utf8.size() * 37 + uchar(utf8.front()) * 7U +
+                            uchar(utf8[utf8.size() / 2]) * 3U + uchar(utf8.back());
         Known &known = _known.at(hash % _known.size());
         if (known.utf8 != utf8) {
             known.utf8 = utf8;
@@ -68,7 +73,7 @@ public:
     }
 
 private:
-    static constexpr size_t LONGEST = 32;
+    const size_t _longest;
     struct Known
     {
         std::string utf8;
@@ -81,8 +86,9 @@ private:
 class Reader
 {
 public:
-    explicit Reader(Keys &keys)
+    Reader(Texts &keys, Texts &values)
         : _keys(keys)
+        , _values(values)
     {}
 
     bool object(simdjson::dom::object from, QVariantMap &map)
@@ -136,12 +142,12 @@ private:
         return false;
     }
 
-    static bool string(std::string_view utf8, QVariant &to)
+    bool string(std::string_view utf8, QVariant &to)
     {
         // Qt drops the mark, but not if there is an escape in the same string.
         if (beginsWithMark(utf8))
             return false;
-        to = QVariant(fromUtf8(utf8));
+        to = QVariant(_values.text(utf8));
         return true;
     }
 
@@ -164,7 +170,8 @@ private:
         return true;
     }
 
-    Keys &_keys;
+    Texts &_keys;
+    Texts &_values;
     bool _hasZero = false;
 };
 
@@ -692,10 +699,13 @@ bool parse(const QByteArray &text,
 
 bool convert(const QByteArray &text, simdjson::dom::element root, QVariantMap &object)
 {
-    static thread_local Keys _keys;
+    constexpr size_t LONGEST_KEY = 32;
+    constexpr size_t LONGEST_VALUE = 12; // what is longer is mostly new
+    static thread_local Texts _keys(LONGEST_KEY);
+    static thread_local Texts _values(LONGEST_VALUE);
     if (!root.is_object())
         return root.is_array(); // anything else is no document to Qt
-    Reader reader(_keys);
+    Reader reader(_keys, _values);
     return reader.object(root.get_object().value_unsafe(), object) &&
            !(reader.hasZero() && mayHaveTinyNumber(text));
 }
