@@ -161,13 +161,86 @@ private:
     {
         QVariantList list;
         list.reserve(int(from.size()));
+        Like like;
+        like.isWorthIt = from.size() >= ENTRIES_ALIKE;
         for (const simdjson::dom::element element : from) {
             list.append(QVariant());
-            if (!value(element, list.last()))
+            if (!entry(element, like, list))
                 return false;
         }
         to = QVariant(list);
         return true;
+    }
+
+    static constexpr size_t ENTRIES_ALIKE = 4;
+
+    /// An object of a list, and from the second one on a map that has its keys, without values.
+    struct Like
+    {
+        bool isWorthIt = false;
+        simdjson::dom::object object;
+        int place = -1;
+        bool hasMap = false;
+        QVariantMap map;
+    };
+
+    /// Most objects of a list have the same keys: copying a map with them takes less time than
+    /// inserting one after the other.
+    bool entry(simdjson::dom::element from, Like &like, QVariantList &list)
+    {
+        simdjson::dom::object object;
+        if (!like.isWorthIt || from.get(object) != simdjson::SUCCESS)
+            return value(from, list.last());
+        QVariantMap map;
+        const bool isLike = like.place >= 0 && haveSameKeys(object, like.object) &&
+                            (like.hasMap || takeKeys(like, list));
+        if (isLike)
+            map = like.map;
+        else
+            like = {true, object, list.size() - 1, false, {}};
+        const bool isUsual = isLike ? values(object, map) : this->object(object, map);
+        list.last() = QVariant(map);
+        return isUsual;
+    }
+
+    /// False if the keys are not in the order of maps.
+    bool takeKeys(Like &like, const QVariantList &list)
+    {
+        QVariantMap map = list.at(like.place).toMap();
+        auto at = map.cbegin();
+        for (const auto member : like.object) {
+            if (at.key() != _keys.text(member.key))
+                return false;
+            ++at;
+        }
+        for (QVariant &value : map)
+            value = QVariant();
+        like.map = map;
+        like.hasMap = true;
+        return true;
+    }
+
+    /// Goes into a map that has the keys.
+    bool values(simdjson::dom::object from, QVariantMap &map)
+    {
+        auto at = map.begin();
+        for (const auto member : from) {
+            if (!value(member.value, *at))
+                return false;
+            ++at;
+        }
+        return true;
+    }
+
+    static bool haveSameKeys(simdjson::dom::object a, simdjson::dom::object b)
+    {
+        auto one = a.begin();
+        auto other = b.begin();
+        while (one != a.end() && other != b.end() && one.key() == other.key()) {
+            ++one;
+            ++other;
+        }
+        return !(one != a.end()) && !(other != b.end());
     }
 
     Texts &_keys;
