@@ -660,7 +660,7 @@ bool Writer::shortFraction(double number)
     for (const int scale : SCALES) {
         if (absolute * scale >= MOST)
             return false;
-        const auto digits = qint64(absolute * scale + 0.5);
+        const qint64 digits = std::llround(absolute * scale);
         if (double(digits) / scale != absolute)
             continue;
         if (number < 0)
