@@ -1,5 +1,6 @@
 #include "content.h"
 
+#include <busrequest.h>
 #include <trelanframe.h>
 #include <trelanframereader.h>
 #include <trelanjson.h>
@@ -86,6 +87,24 @@ void frameDecode(benchmark::State &state, TrelanTransport::Coding coding)
 }
 BENCHMARK_CAPTURE(frameDecode, classic, TrelanTransport::Classic)->Apply(sizes);
 BENCHMARK_CAPTURE(frameDecode, light, TrelanTransport::Light)->Apply(sizes);
+
+/// The payload of a publish, as the bus looks into it.
+void requestCheck(benchmark::State &state)
+{
+    QVector<QByteArray> payloads;
+    for (const QVariantMap &envelope : publishRequests(int(state.range(0))))
+        payloads.append(TrelanFrame::encodePayload(envelope, TrelanTransport::Light));
+    const qint64 limit = TrelanFrame::maxInflatedSize();
+    int next = 0;
+    for (auto _ : state) {
+        const QByteArray &payload = payloads.at(next++ % payloads.size());
+        const bus::BusRequest request = bus::BusRequest::parse(payload, limit);
+        if (request.operation != bus::BusRequest::Publish)
+            state.SkipWithError("no publish");
+    }
+    state.SetBytesProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(requestCheck)->Apply(sizes);
 
 void jsonWriteQt(benchmark::State &state)
 {

@@ -40,6 +40,12 @@ private Q_SLOTS:
             published.arg("a.b|u|12|6|{'k':[1,'2',null]}"));
         row("blanks", "{ 'nm' : 'a',\n'dt':'1', 'cnt' : { 'k\\'{' : 'a b' } }",
             published.arg("a||1|0|{'k\\'{':'a b'}"));
+        row("blanks in texts", "{'nm':'a','dt':'1','cnt':{'k ':' a ','l':['\\\\ ']}}",
+            published.arg("a||1|0|{'k ':' a ','l':['\\\\ ']}"));
+        row("one blank", "{'nm':'a','dt':'1','cnt':{'k':[1,[2],{} ]}}",
+            published.arg("a||1|0|{'k':[1,[2],{}]}"));
+        row("others in front", "{'a':{'cnt':{}},'b':[1,{'cnt':2}],'cnt':{'k':1},'nm':'a','dt':'1'}",
+            published.arg("a||1|0|{'k':1}"));
         row("no content", "{'nm':'a','dt':'1'}", published.arg("a||1|0|{}"));
         row("content in front", "{'cnt':{'cnt':{}},'nm':'a','dt':'1'}",
             published.arg("a||1|0|{'cnt':{}}"));

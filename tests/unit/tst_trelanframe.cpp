@@ -12,6 +12,8 @@
 
 using namespace bus;
 
+Q_DECLARE_METATYPE(base64::Way)
+
 namespace
 {
 
@@ -131,21 +133,37 @@ private slots:
         }
     }
 
+    void base64AsQtDoesIt_data()
+    {
+        const TestTable<base64::Way> row("way");
+        row("fastest", base64::Fastest);
+        row("portable", base64::Portable);
+    }
+
     void base64AsQtDoesIt()
     {
+        QFETCH(const base64::Way, way);
         std::mt19937 random(6);
         const QByteArray characters = "AZaz09+/=-_ \r\n\xff";
         for (int round = 0; round < 20000; ++round) {
-            const QByteArray bytes = someBytes(random, int(random() % 50));
+            const QByteArray bytes = someBytes(random, int(random() % 90));
             QByteArray text = "in front";
-            base64::append(text, bytes);
+            base64::append(text, bytes, way);
             QCOMPARE(text, "in front" + bytes.toBase64());
             QCOMPARE(text.size(), 8 + base64::encodedSize(bytes.size()));
             text.remove(0, 8);
             for (quint32 edits = random() % 3; edits > 0 && !text.isEmpty(); --edits)
                 text.replace(int(random() % quint32(text.size())), int(random() % 3),
                              characters.mid(int(random() % quint32(characters.size())), 1));
-            QCOMPARE(base64::decode(text), QByteArray::fromBase64(text));
+            QCOMPARE(base64::decode(text, way), QByteArray::fromBase64(text));
+        }
+        // Every byte at every place of a block.
+        for (int place = 0; place < 64; ++place) {
+            for (int byte = 0; byte < 256; ++byte) {
+                QByteArray text = QByteArray("AZaz09+/").repeated(8);
+                text[place] = char(byte);
+                QCOMPARE(base64::decode(text, way), QByteArray::fromBase64(text));
+            }
         }
     }
 
@@ -169,6 +187,31 @@ private slots:
         }
         QCOMPARE(different, 0);
         QVERIFY2(accepted > 2500 && accepted < 7500, qPrintable(QString::number(accepted)));
+    }
+
+    void storedBlocksAsZlibReadsThem()
+    {
+        const LogCapture quiet;
+        std::mt19937 random(7);
+        int accepted = 0, different = 0;
+        for (int round = 0; round < 4000; ++round) {
+            // Of high bytes, whose sums are the first that would not fit.
+            const int size = round % 40 ? int(random() % 300) : 60000 + int(random() % 20000);
+            const QByteArray text = round % 2 ? QByteArray(size, '\xff') : someBytes(random, size);
+            QByteArray bytes = TrelanFrame::compressLightly(text);
+            bytes += QByteArray(int(random() % 2), 'x'); // which means nothing
+            for (quint32 edits = random() % 2; edits > 0; --edits)
+                bytes[1 + int(random() % quint32(qMin(bytes.size() - 1, 40)))] = char(random());
+            for (quint32 cuts = random() % 5; cuts == 1; --cuts)
+                bytes.chop(int(random() % 8));
+            TrelanFrame::Fault fault = TrelanFrame::NotJson;
+            const QByteArray inflated = TrelanFrame::uncompress(bytes, 1 << 20, &fault);
+            const QByteArray expected = qUncompress(bytes);
+            different += inflated != expected;
+            accepted += fault == TrelanFrame::NoFault;
+        }
+        QCOMPARE(different, 0);
+        QVERIFY2(accepted > 1000 && accepted < 3500, qPrintable(QString::number(accepted)));
     }
 
     void stopsAtTheLimit()

@@ -25,6 +25,12 @@ bool beginsWithMark(std::string_view utf8)
     return utf8.substr(0, 3) == "\xef\xbb\xbf";
 }
 
+struct Text
+{
+    const QByteArray &json;
+    const json::Tokens &tokens;
+};
+
 /// Looks at every value of a text: whether an object has a key twice, and how large it is when it
 /// is indented. Every function is false for what has to go the long way.
 class Inspector
@@ -51,18 +57,11 @@ public:
     /// Whether all keys of an object differ.
     bool keysDiffer(dom::object object)
     {
-        const size_t outer = _keys.size();
-        bool ascend = true;
-        for (const auto member : object) {
-            ascend = ascend && (_keys.size() == outer || _keys.back() < member.key);
+        _keys.clear();
+        for (const auto member : object)
             _keys.push_back(member.key);
-        }
-        const auto begin = _keys.begin() + std::ptrdiff_t(outer);
-        if (!ascend)
-            std::sort(begin, _keys.end());
-        const bool differ = ascend || std::adjacent_find(begin, _keys.end()) == _keys.end();
-        _keys.resize(outer);
-        return differ;
+        std::sort(_keys.begin(), _keys.end());
+        return std::adjacent_find(_keys.begin(), _keys.end()) == _keys.end();
     }
 
     int depth() const { return _depth; }
@@ -71,16 +70,25 @@ public:
 private:
     bool members(dom::object object, int level)
     {
-        if (!keysDiffer(object))
-            return false;
         int number = 0;
+        bool ascend = true; // as in most texts, so that they differ
+        std::string_view last;
         for (const auto member : object) {
+            ascend = ascend && (number == 0 || isBefore(last, member.key));
+            last = member.key;
             if (!value(member.value, level))
                 return false;
             ++number;
         }
         count(number, level);
-        return true;
+        return ascend || keysDiffer(object);
+    }
+
+    static bool isBefore(std::string_view a, std::string_view b)
+    {
+        // Mostly the first bytes say it, for less than a call.
+        const bool same = a.empty() || b.empty() || a.front() == b.front();
+        return same ? a < b : uchar(a.front()) < uchar(b.front());
     }
 
     bool entries(dom::array array, int level)
@@ -102,25 +110,36 @@ private:
         _indentation += (2 + qMax(0, values - 1)) * jsontext::indentation(level);
     }
 
-    std::vector<std::string_view> _keys; // of the objects that are open
+    std::vector<std::string_view> _keys; // of one object
     int _depth = 0;
     qint64 _indentation = 0;
 };
 
-/// Copies the value of "cnt" without its blanks.
-bool takeContent(const QByteArray &json, dom::element content, Request &request)
+/// Without its blanks; null if that is impossible.
+QByteArray copied(const jsontext::Piece &piece)
+{
+    if (!piece.hasBlanks)
+        return {piece.text.data(), int(piece.text.size())};
+    QByteArray compact(int(piece.text.size()), Qt::Uninitialized);
+    size_t size = 0;
+    if (simdjson::minify(piece.text.data(), piece.text.size(), compact.data(), size) !=
+        simdjson::SUCCESS)
+        return {};
+    compact.resize(int(size));
+    compact.squeeze(); // the blanks would be kept as memory that nobody counts
+    return compact;
+}
+
+/// Copies the value of "cnt".
+bool takeContent(const Text &text, dom::element content, Request &request)
 {
     Inspector inspector;
-    const QByteArray text = jsontext::member(json, "data", "cnt");
-    if (text.isEmpty() || !content.is_object() || !inspector.value(content, 0))
+    const jsontext::Piece piece = jsontext::member(text.json, text.tokens, "\"data\"", "\"cnt\"");
+    if (piece.text.empty() || !inspector.value(content, 0))
         return false;
-    QByteArray compact(text.size(), Qt::Uninitialized);
-    size_t size = 0;
-    if (simdjson::minify(text.constData(), size_t(text.size()), compact.data(), size) !=
-        simdjson::SUCCESS)
+    const QByteArray compact = copied(piece);
+    if (compact.isNull())
         return false;
-    compact.resize(int(size));
-    compact.squeeze(); // its blanks would be kept as memory that nobody counts
     request.record.contentJson = compact;
     request.measure = {inspector.depth(), compact.size() + inspector.indentation()};
     return true;
@@ -136,20 +155,20 @@ bool takeText(dom::element element, QString &text)
 }
 
 /// A value of the data of a publish. False for what has to go the long way.
-bool takeMember(const QByteArray &json, std::string_view key, dom::element value, Request &request)
+bool takeMember(const Text &text, std::string_view key, dom::element value, Request &request)
 {
     ObjectHead &head = request.record.head;
     if (key == "cnt")
-        return takeContent(json, value, request);
+        return takeContent(text, value, request);
     if (key == "nm")
         return takeText(value, head.name);
     if (key == "uid")
         return takeText(value, head.uid) && head.uid.size() <= MAX_UID;
     if (key == "dt") {
-        QString text;
-        const bool isText = takeText(value, text);
-        request.hasTime = !text.isEmpty();
-        head.time = text.toLongLong(nullptr, 10);
+        QString time;
+        const bool isText = takeText(value, time);
+        request.hasTime = !time.isEmpty();
+        head.time = time.toLongLong(nullptr, 10);
         return isText;
     }
     if (key == "opt") {
@@ -161,7 +180,7 @@ bool takeMember(const QByteArray &json, std::string_view key, dom::element value
     return !beginsWithMark(key); // others mean nothing
 }
 
-bool readPublish(const QByteArray &json, dom::object envelope, dom::object data, Request &request)
+bool readPublish(const Text &text, dom::object envelope, dom::object data, Request &request)
 {
     Inspector inspector;
     std::string_view name;
@@ -170,7 +189,7 @@ bool readPublish(const QByteArray &json, dom::object envelope, dom::object data,
         return false;
     request.record.contentJson = "{}";
     for (const auto member : data) {
-        if (!takeMember(json, member.key, member.value, request))
+        if (!takeMember(text, member.key, member.value, request))
             return false;
     }
     request.isPublish = true;
@@ -178,7 +197,7 @@ bool readPublish(const QByteArray &json, dom::object envelope, dom::object data,
 }
 
 /// A request as clients usually send it. False for any other, of which nothing is known then.
-bool readFast(const QByteArray &json, dom::element root, Request &request)
+bool readFast(const Text &text, dom::element root, Request &request)
 {
     dom::object envelope;
     dom::object data;
@@ -188,10 +207,10 @@ bool readFast(const QByteArray &json, dom::element root, Request &request)
         return false;
     if (operation == "pub") {
         return envelope["data"].get(data) == simdjson::SUCCESS &&
-               readPublish(json, envelope, data, request);
+               readPublish(text, envelope, data, request);
     }
     Inspector inspector;
-    return inspector.value(root, 0) && json::convert(json, root, request.envelope);
+    return inspector.value(root, 0) && json::convert(text.json, root, request.envelope);
 }
 
 TrelanFrame::Payload readSlowly(const QByteArray &json)
@@ -218,7 +237,9 @@ Request decodeRequest(const QByteArray &payload, qint64 maxInflatedSize)
     Request request;
     const QByteArray json = inflate(payload, maxInflatedSize, request.fault);
     if (request.fault != TrelanFrame::NoFault ||
-        json::parse(json, [&](dom::element root) { return readFast(json, root, request); }))
+        json::parse(json, [&](dom::element root, const json::Tokens &tokens) {
+            return readFast({json, tokens}, root, request);
+        }))
         return request;
 
     const TrelanFrame::Payload decoded = readSlowly(json);

@@ -4,6 +4,7 @@
 #include <QtCore/QJsonDocument>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <functional>
 #include <string_view>
@@ -56,49 +57,76 @@ bool isKey(const QByteArray &json, int end)
     return end < json.size() && json.at(end) == ':';
 }
 
-/// Behind the value that begins at \a begin.
-int endOfValue(const QByteArray &json, int begin)
+constexpr std::array<signed char, 256> makeDepths()
 {
-    int depth = 0;
-    for (int at = begin; at < json.size();) {
-        const char c = json.at(at);
-        if (c == '"') {
-            at = endOfString(json, at);
-            if (depth == 0)
-                return at;
-            continue;
-        }
-        if (depth == 0 && (c == ',' || c == '}' || c == ']' || isBlank(c)))
-            return at; // of a number or a word
-        depth += int(c == '{' || c == '[') - int(c == '}' || c == ']');
-        ++at;
-        if (depth == 0 && (c == '}' || c == ']'))
-            return at;
-    }
-    return json.size();
+    std::array<signed char, 256> depths {};
+    depths['{'] = depths['['] = 1;
+    depths['}'] = depths[']'] = -1;
+    return depths;
 }
 
-/// Where the value of a key of the object that begins at \a begin begins; negative if it is not
-/// there.
-int findMember(const QByteArray &json, int begin, const QByteArray &quotedKey)
+/// Passes over the values of a sound text by its tokens.
+class Cursor
 {
-    int at = skipBlanks(json, begin);
-    if (at >= json.size() || json.at(at) != '{')
-        return -1;
-    for (;;) {
-        at = skipBlanks(json, at + 1);
-        if (at >= json.size() || json.at(at) != '"')
-            return -1;
-        const int end = endOfString(json, at);
-        const bool found = json.mid(at, end - at) == quotedKey;
-        const int value = skipBlanks(json, skipBlanks(json, end) + 1);
-        if (found)
-            return value;
-        at = skipBlanks(json, endOfValue(json, value));
-        if (at >= json.size() || json.at(at) != ',')
-            return -1;
+public:
+    Cursor(const QByteArray &json, const json::Tokens &tokens)
+        : _text(json.constData(), size_t(json.size()))
+        , _next(tokens.positions)
+        , _end(tokens.positions + tokens.count)
+    {}
+
+    /// Goes to the value of a key of the object that is next; false if it is not there.
+    bool enter(std::string_view quotedKey)
+    {
+        if (byte() != '{')
+            return false;
+        do {
+            ++_next;
+            if (byte() != '"')
+                return false;
+            const bool isFound = _text.substr(*_next, quotedKey.size()) == quotedKey;
+            _next += 2; // and the colon
+            if (isFound)
+                return true;
+            pass();
+        } while (byte() == ',');
+        return false;
     }
-}
+
+    /// The object that is next.
+    Piece object()
+    {
+        if (byte() != '{')
+            return {};
+        const quint32 begin = *_next;
+        const bool hasBlanks = pass();
+        return {_text.substr(begin, *(_next - 1) + 1 - begin), hasBlanks};
+    }
+
+private:
+    char byte() const { return _next < _end ? _text[*_next] : '\0'; }
+
+    /// Leaves a value behind. Returns whether there are blanks between its tokens.
+    bool pass()
+    {
+        static constexpr auto DEPTHS = makeDepths();
+        int depth = 0;
+        bool hasBlanks = false;
+        for (const quint32 *const first = _next; _next < _end;) {
+            const quint32 at = *_next;
+            hasBlanks |= _next > first && isBlank(_text[at - 1]);
+            depth += DEPTHS[uchar(_text[at])];
+            ++_next;
+            if (depth == 0)
+                break;
+        }
+        return hasBlanks;
+    }
+
+    const std::string_view _text;
+    const quint32 *_next;
+    const quint32 *const _end;
+};
 
 struct Key
 {
@@ -179,12 +207,11 @@ qint64 indentation(int level)
     return 1 + INDENTATION * (level + OUTER_LEVELS);
 }
 
-QByteArray member(const QByteArray &json, const char *outer, const char *inner)
+Piece member(const QByteArray &json, const json::Tokens &tokens, std::string_view outer,
+             std::string_view inner)
 {
-    const auto quoted = [](const char *key) { return '"' + QByteArray(key) + '"'; };
-    const int object = findMember(json, 0, quoted(outer));
-    const int begin = object < 0 ? -1 : findMember(json, object, quoted(inner));
-    return begin < 0 ? QByteArray() : json.mid(begin, endOfValue(json, begin) - begin);
+    Cursor cursor(json, tokens);
+    return cursor.enter(outer) && cursor.enter(inner) ? cursor.object() : Piece();
 }
 
 } // namespace bus::jsontext

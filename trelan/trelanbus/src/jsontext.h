@@ -1,6 +1,10 @@
 #pragma once
 
+#include <trelanjsondom.h>
+
 #include <QtCore/QByteArray>
+
+#include <string_view>
 
 /// What can be said of a JSON text without taking it apart. Pure.
 namespace bus::jsontext
@@ -20,8 +24,16 @@ Measure measure(const QByteArray &json);
 /// What one bracket of this level, or one comma inside, adds to the indented size.
 qint64 indentation(int level);
 
-/// The value of a key, of \a inner in the object under \a outer, as it stands in \a json, which has
-/// to be an object that is sound. Null if it is not there, or not found as keys are escaped.
-QByteArray member(const QByteArray &json, const char *outer, const char *inner);
+/// A part of a text.
+struct Piece
+{
+    std::string_view text;
+    bool hasBlanks = false; ///< between its tokens
+};
+/// The object under a key, \a inner in the object under \a outer, both with their quotes, as it
+/// stands in \a json, which has to be sound. Empty if it is not there or no object, or not found as
+/// keys are escaped.
+Piece member(const QByteArray &json, const json::Tokens &tokens, std::string_view outer,
+             std::string_view inner);
 
 } // namespace bus::jsontext

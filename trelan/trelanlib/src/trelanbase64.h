@@ -12,10 +12,13 @@ namespace bus::base64
 /// The size of QByteArray::toBase64() of that many bytes.
 TRELAN_EXPORT int encodedSize(int bytes);
 
+/// What the processor offers, or what any has. The result is the same.
+enum Way { Fastest, Portable };
+
 /// Appends what \a bytes.toBase64() returns.
-TRELAN_EXPORT void append(QByteArray &out, const QByteArray &bytes);
+TRELAN_EXPORT void append(QByteArray &out, const QByteArray &bytes, Way way = Fastest);
 
 /// What QByteArray::fromBase64(\a text) returns, whatever the text.
-TRELAN_EXPORT QByteArray decode(const QByteArray &text);
+TRELAN_EXPORT QByteArray decode(const QByteArray &text, Way way = Fastest);
 
 } // namespace bus::base64

@@ -3,6 +3,7 @@
 #include "trelanbase64.h"
 #include "trelanerror.h"
 #include "trelanjson.h"
+#include "trelanstored.h"
 #include "trelanzstream.h"
 
 #include <atomic>
@@ -145,8 +146,12 @@ QByteArray TrelanFrame::compressLightly(const QByteArray &bytes)
 
 QByteArray TrelanFrame::uncompress(const QByteArray &bytes, qint64 maxInflatedSize, Fault *fault)
 {
-    static thread_local zstream::Inflater _inflater;
     QByteArray inflated;
+    if (stored::read(bytes, maxInflatedSize, inflated)) {
+        *fault = NoFault;
+        return inflated;
+    }
+    static thread_local zstream::Inflater _inflater;
     switch (_inflater.uncompress(bytes, maxInflatedSize, inflated)) {
     case zstream::Inflater::Done:
         *fault = NoFault;

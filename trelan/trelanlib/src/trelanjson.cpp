@@ -1,6 +1,7 @@
 #include "trelanjson.h"
 
 #include "trelanjsondom.h"
+#include "trelanvectors.h"
 
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
@@ -48,16 +49,21 @@ QString fromUtf8(std::string_view utf8)
     return QString::fromUtf8(utf8.data(), int(utf8.size()));
 }
 
-/// The keys seen last: most come again with the next entry of a list or the next message, and need
-/// neither memory nor conversion then.
-class Keys
+/// The texts seen last: most keys, and many short values as units and states, come again with the
+/// next entry of a list or the next message, and need neither memory nor conversion then.
+class Texts
 {
 public:
+    explicit Texts(size_t longest)
+        : _longest(longest)
+    {}
+
     QString text(std::string_view utf8)
     {
-        if (utf8.empty() || utf8.size() > LONGEST)
+        if (utf8.empty() || utf8.size() > _longest)
             return fromUtf8(utf8);
-        const size_t hash = utf8.size() * 37 + uchar(utf8.front()) * 7U + uchar(utf8.back());
+        const size_t hash = utf8.size() * 37 + uchar(utf8.front()) * 7U +
+                            uchar(utf8[utf8.size() / 2]) * 3U + uchar(utf8.back());
         Known &known = _known.at(hash % _known.size());
         if (known.utf8 != utf8) {
             known.utf8 = utf8;
@@ -67,7 +73,7 @@ public:
     }
 
 private:
-    static constexpr size_t LONGEST = 32;
+    const size_t _longest;
     struct Known
     {
         std::string utf8;
@@ -80,8 +86,9 @@ private:
 class Reader
 {
 public:
-    explicit Reader(Keys &keys)
+    Reader(Texts &keys, Texts &values)
         : _keys(keys)
+        , _values(values)
     {}
 
     bool object(simdjson::dom::object from, QVariantMap &map)
@@ -135,12 +142,12 @@ private:
         return false;
     }
 
-    static bool string(std::string_view utf8, QVariant &to)
+    bool string(std::string_view utf8, QVariant &to)
     {
         // Qt drops the mark, but not if there is an escape in the same string.
         if (beginsWithMark(utf8))
             return false;
-        to = QVariant(fromUtf8(utf8));
+        to = QVariant(_values.text(utf8));
         return true;
     }
 
@@ -154,16 +161,90 @@ private:
     {
         QVariantList list;
         list.reserve(int(from.size()));
+        Like like;
+        like.isWorthIt = from.size() >= ENTRIES_ALIKE;
         for (const simdjson::dom::element element : from) {
             list.append(QVariant());
-            if (!value(element, list.last()))
+            if (!entry(element, like, list))
                 return false;
         }
         to = QVariant(list);
         return true;
     }
 
-    Keys &_keys;
+    static constexpr size_t ENTRIES_ALIKE = 4;
+
+    /// An object of a list, and from the second one on a map that has its keys, without values.
+    struct Like
+    {
+        bool isWorthIt = false;
+        simdjson::dom::object object;
+        int place = -1;
+        bool hasMap = false;
+        QVariantMap map;
+    };
+
+    /// Most objects of a list have the same keys: copying a map with them takes less time than
+    /// inserting one after the other.
+    bool entry(simdjson::dom::element from, Like &like, QVariantList &list)
+    {
+        simdjson::dom::object object;
+        if (!like.isWorthIt || from.get(object) != simdjson::SUCCESS)
+            return value(from, list.last());
+        QVariantMap map;
+        const bool isLike = like.place >= 0 && haveSameKeys(object, like.object) &&
+                            (like.hasMap || takeKeys(like, list));
+        if (isLike)
+            map = like.map;
+        else
+            like = {true, object, list.size() - 1, false, {}};
+        const bool isUsual = isLike ? values(object, map) : this->object(object, map);
+        list.last() = QVariant(map);
+        return isUsual;
+    }
+
+    /// False if the keys are not in the order of maps.
+    bool takeKeys(Like &like, const QVariantList &list)
+    {
+        QVariantMap map = list.at(like.place).toMap();
+        auto at = map.cbegin();
+        for (const auto member : like.object) {
+            if (at.key() != _keys.text(member.key))
+                return false;
+            ++at;
+        }
+        for (QVariant &value : map)
+            value = QVariant();
+        like.map = map;
+        like.hasMap = true;
+        return true;
+    }
+
+    /// Goes into a map that has the keys.
+    bool values(simdjson::dom::object from, QVariantMap &map)
+    {
+        auto at = map.begin();
+        for (const auto member : from) {
+            if (!value(member.value, *at))
+                return false;
+            ++at;
+        }
+        return true;
+    }
+
+    static bool haveSameKeys(simdjson::dom::object a, simdjson::dom::object b)
+    {
+        auto one = a.begin();
+        auto other = b.begin();
+        while (one != a.end() && other != b.end() && one.key() == other.key()) {
+            ++one;
+            ++other;
+        }
+        return !(one != a.end()) && !(other != b.end());
+    }
+
+    Texts &_keys;
+    Texts &_values;
     bool _hasZero = false;
 };
 
@@ -191,6 +272,65 @@ std::array<Escape, 256> makeEscapes()
     }
     return escapes;
 }
+
+#ifdef __x86_64__
+
+// Of text with a quote every few bytes, where a branch for each would be a wrong guess.
+constexpr int BLOCK = 8;
+constexpr signed char SLASH = BLOCK; // where a slash is, behind the bytes of a block
+
+/// Where each byte of a block with slashes comes from, by the set of those that get one.
+constexpr auto makePlaces()
+{
+    std::array<std::array<signed char, size_t(2 * BLOCK)>, 256> places {};
+    for (size_t set = 0; set < places.size(); ++set) {
+        size_t to = 0;
+        for (int byte = 0; byte < BLOCK; ++byte) {
+            if ((set >> byte & 1U) != 0)
+                places[set][to++] = SLASH;
+            places[set][to++] = static_cast<signed char>(byte);
+        }
+    }
+    return places;
+}
+
+constexpr auto makeSizes()
+{
+    std::array<uchar, 256> sizes {};
+    for (size_t set = 0; set < sizes.size(); ++set) {
+        sizes[set] = BLOCK;
+        for (size_t rest = set; rest != 0; rest >>= 1U)
+            sizes[set] = uchar(sizes[set] + (rest & 1U));
+    }
+    return sizes;
+}
+
+/// Puts slashes in front of quotes and slashes, up to a block with a byte that takes more. There
+/// has to be room for two bytes of each.
+TRELAN_VECTORS void escapeBlocks(const char *&from, const char *end, char *&to)
+{
+    static constexpr auto PLACES = makePlaces();
+    static constexpr auto SIZES = makeSizes();
+    const __m128i slashes = _mm_set1_epi8('\\');
+    for (; end - from >= BLOCK; from += BLOCK) {
+        const __m128i bytes =
+            _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(from)), slashes);
+        const __m128i marked =
+            _mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')), _mm_cmpeq_epi8(bytes, slashes));
+        const __m128i low = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(' ' - 1)), bytes);
+        if (_mm_movemask_epi8(low) != 0)
+            break;
+        const auto set = size_t(_mm_movemask_epi8(marked) & 0xff);
+        vectors::store(to, _mm_shuffle_epi8(bytes, vectors::load(PLACES[set].data())));
+        to += SIZES[set];
+    }
+}
+
+#else
+
+void escapeBlocks(const char *& /*from*/, const char * /*end*/, char *& /*to*/) {}
+
+#endif
 
 /// Whether a number may be written with a negative exponent, or with so many digits that it needs
 /// none to be too small.
@@ -281,6 +421,7 @@ private:
     void array(const QStringList &list, int level);
     void integer(qint64 number);
     void number(double number);
+    bool shortFraction(double number);
     void fraction(double number);
     void rare(double number, char form);
     void other(const QVariant &value, int level);
@@ -496,16 +637,45 @@ void Writer::number(double number)
         integer(qint64(number));
     else if (!qIsFinite(number))
         append("null");
-    else if (std::abs(number) < INTEGERS_END)
-        fraction(number);
-    else
+    else if (std::abs(number) >= INTEGERS_END)
         rare(number, std::abs(number) < BEYOND_QUINT64 ? 'f' : 'g');
+    else if (!shortFraction(number))
+        fraction(number);
 }
 
 void Writer::rare(double number, char form)
 {
     const QByteArray text = QByteArray::number(number, form, QLocale::FloatingPointShortest);
     append({text.constData(), size_t(text.size())});
+}
+
+/// A number of few digits behind the point, as most have that somebody measured: false for others.
+bool Writer::shortFraction(double number)
+{
+    // Of so many digits no two texts are the same number, so that the one found is the shortest;
+    // and a division of two exact numbers is rounded as reading the text is.
+    constexpr double MOST = 1e15;
+    constexpr std::array<int, 4> SCALES {10, 100, 1000, 10000};
+    const double absolute = std::abs(number);
+    for (const int scale : SCALES) {
+        if (absolute * scale >= MOST)
+            return false;
+        const qint64 digits = std::llround(absolute * scale);
+        if (double(digits) / scale != absolute)
+            continue;
+        if (number < 0)
+            append("-");
+        integer(digits / scale);
+        append(".");
+        // Those behind the point have zeros in front, of which a one keeps the place.
+        const qint64 behind = digits % scale + scale;
+        constexpr int MOST_DIGITS = 5;
+        std::array<char, MOST_DIGITS> text {};
+        const char *const end = std::to_chars(text.data(), text.data() + MOST_DIGITS, behind).ptr;
+        append({text.data() + 1, size_t(end - text.data()) - 1});
+        return true;
+    }
+    return false;
 }
 
 /// The shortest text that is the same number again, in the form that Qt prefers.
@@ -574,12 +744,20 @@ QByteArray write(const QVariantMap &map, QJsonDocument::JsonFormat format)
 
 bool parse(const QByteArray &text, const std::function<bool(simdjson::dom::element)> &read)
 {
+    return parse(text, [&](simdjson::dom::element root, const Tokens &) { return read(root); });
+}
+
+bool parse(const QByteArray &text,
+           const std::function<bool(simdjson::dom::element, const Tokens &)> &read)
+{
     const auto parseWith = [&](simdjson::dom::parser &parser) {
         const bool mustCopy = text.capacity() - text.size() < SPARE;
         simdjson::dom::element root;
-        return parser.parse(text.constData(), size_t(text.size()), mustCopy).get(root) ==
-                   simdjson::SUCCESS &&
-               read(root);
+        if (parser.parse(text.constData(), size_t(text.size()), mustCopy).get(root) !=
+            simdjson::SUCCESS)
+            return false;
+        const auto &found = *parser.implementation;
+        return read(root, {found.structural_indexes.get(), found.n_structural_indexes});
     };
     if (text.size() > LARGEST_OF_KEPT_PARSER) {
         simdjson::dom::parser parser;
@@ -594,10 +772,13 @@ bool parse(const QByteArray &text, const std::function<bool(simdjson::dom::eleme
 
 bool convert(const QByteArray &text, simdjson::dom::element root, QVariantMap &object)
 {
-    static thread_local Keys _keys;
+    constexpr size_t LONGEST_KEY = 32;
+    constexpr size_t LONGEST_VALUE = 12; // what is longer is mostly new
+    static thread_local Texts _keys(LONGEST_KEY);
+    static thread_local Texts _values(LONGEST_VALUE);
     if (!root.is_object())
         return root.is_array(); // anything else is no document to Qt
-    Reader reader(_keys);
+    Reader reader(_keys, _values);
     return reader.object(root.get_object().value_unsafe(), object) &&
            !(reader.hasZero() && mayHaveTinyNumber(text));
 }
@@ -652,23 +833,28 @@ void appendString(QByteArray &out, const QString &text)
 
 void appendString(QByteArray &out, const QByteArray &utf8)
 {
-    // JSON inside of a string has so many quotes, where no processor can predict them, that
-    // a branch for each of them would take most of the time.
+    // Without a branch for each byte, which no processor can predict in JSON inside of a string.
     static const std::array<Escape, 256> _escapes = makeEscapes();
     constexpr int QUOTES = 2;
+    constexpr int AT_ONCE = 8;
     const int before = out.size();
     out.resize(before + 2 * utf8.size() + QUOTES + LONGEST_ESCAPE);
     char *at = out.data() + before;
     *at++ = '"';
-    for (int i = 0; i < utf8.size(); ++i) {
-        const Escape &escape = _escapes[uchar(utf8.at(i))];
-        *at = '\\';
-        at += int(escape.hasSlash);
-        *at++ = escape.byte;
-        if (Q_UNLIKELY(escape.isLong)) {
+    const char *const end = utf8.constData() + utf8.size();
+    for (const char *from = utf8.constData(); from != end;) {
+        if (vectors::hasVectors())
+            escapeBlocks(from, end, at);
+        for (const char *const next = from + qMin<qint64>(AT_ONCE, end - from); from != next;) {
+            const Escape &escape = _escapes[uchar(*from++)];
+            *at = '\\';
+            at += int(escape.hasSlash);
+            *at++ = escape.byte;
+            if (Q_LIKELY(!escape.isLong))
+                continue;
             const char rest[] = {'u', '0', '0', HEX[escape.byte >> 4], HEX[escape.byte & 0xf]};
             const int used = int(at - out.constData()) - 1;
-            out.resize(used + LONGEST_ESCAPE * 2 + 2 * (utf8.size() - i) + QUOTES);
+            out.resize(used + LONGEST_ESCAPE * 2 + 2 * int(end - from) + QUOTES);
             at = std::copy(std::begin(rest), std::end(rest), out.data() + used);
         }
     }

@@ -20,6 +20,19 @@ namespace bus::json
 TRELAN_EXPORT bool parse(const QByteArray &text,
                          const std::function<bool(simdjson::dom::element)> &read);
 
+/// Where the tokens of a text begin: its brackets, commas and colons, its strings, keys among them,
+/// and its other values.
+struct Tokens
+{
+    const quint32 *positions = nullptr;
+    size_t count = 0;
+};
+
+/// The same with the tokens, which the parser has found anyway.
+TRELAN_EXPORT bool
+parse(const QByteArray &text,
+      const std::function<bool(simdjson::dom::element, const Tokens &tokens)> &read);
+
 /// What read() makes of a text that is parsed already. False if it is left to Qt; \a object may
 /// hold anything then.
 TRELAN_EXPORT bool convert(const QByteArray &text, simdjson::dom::element root,

@@ -1,6 +1,7 @@
 #include "trelansharedpayload.h"
 
 #include "trelanbase64.h"
+#include "trelanstored.h"
 #include "trelanzstream.h"
 
 namespace bus
@@ -61,7 +62,7 @@ private:
 
 TrelanSharedPayload::TrelanSharedPayload(const QByteArray &beginning)
     : _size(beginning.size())
-    , _sum(quint32(adler32(1, bytesOf(beginning), uInt(beginning.size()))))
+    , _sum(stored::sum(beginning))
 {
     QByteArray blocks;
     if (beginning.size() > zstream::STORED_SIZE) {

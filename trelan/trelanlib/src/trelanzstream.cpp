@@ -1,6 +1,7 @@
 #include "trelanzstream.h"
 
 #include "trelanjson.h"
+#include "trelanstored.h"
 
 #include <QtCore/QtEndian>
 
@@ -90,7 +91,7 @@ QByteArray store(const QByteArray &bytes)
     appendBigEndian(out, quint32(bytes.size()));
     out += STORED_HEADER;
     appendStored(out, bytes, true);
-    appendBigEndian(out, quint32(adler32(1, input(bytes.constData()), uInt(bytes.size()))));
+    appendBigEndian(out, stored::sum(bytes));
     return out;
 }
 
