@@ -4,6 +4,9 @@
 #include <QtCore/QJsonDocument>
 
 #include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
 #include <cstring>
 #include <functional>
 #include <string_view>
@@ -129,7 +132,161 @@ int repeatedIn(Keys &keys)
     return found == keys.end() ? -1 : found->position;
 }
 
+/// Whether Qt would write this number as it stands.
+bool isUsualNumber(std::string_view text)
+{
+    constexpr size_t EXACT_DIGITS = 15;
+    constexpr double LARGEST = 1e15; // Qt may write exponents above, and below this:
+    constexpr double SMALLEST = 1e-4;
+    const std::string_view digits = text.substr(text.substr(0, 1) == "-" ? 1 : 0);
+    if (digits.find_first_not_of("0123456789") == std::string_view::npos) {
+        return !digits.empty() && digits.size() <= EXACT_DIGITS &&
+               (digits.front() != '0' || text == "0");
+    }
+    double number = 0;
+    const char *const end = text.data() + text.size();
+    const auto read = std::from_chars(text.data(), end, number);
+    if (read.ec != std::errc() || read.ptr != end || !(std::abs(number) >= SMALLEST) ||
+        !(std::abs(number) < LARGEST))
+        return false;
+    std::array<char, 64> again {};
+    const char *const written =
+        std::to_chars(again.data(), again.data() + again.size(), number, std::chars_format::fixed)
+            .ptr;
+    return text == std::string_view(again.data(), size_t(written - again.data()));
+}
+
+/// Writes blanks between the tokens of a text, as long as Qt would not change any of them.
+class Indenter
+{
+public:
+    Indenter(QByteArray &out, const QByteArray &compact, int level)
+        : _out(out)
+        , _at(compact.constData())
+        , _end(_at + compact.size())
+        , _level(level)
+    {}
+
+    bool value()
+    {
+        if (_at == _end)
+            return false;
+        switch (*_at) {
+        case '{':
+            return entries('}');
+        case '[':
+            return entries(']');
+        case '"':
+            return append(string());
+        default:
+            return append(word());
+        }
+    }
+
+    bool isAtEnd() const { return _at == _end; }
+
+private:
+    bool entries(char closing)
+    {
+        if (++_level > MAX_LEVEL)
+            return false;
+        _out.append(*_at++).append('\n');
+        const bool isEmpty = _at != _end && *_at == closing;
+        std::string_view last;
+        while (!isEmpty) {
+            indent();
+            if ((closing == '}' && !key(last)) || !value() || _at == _end)
+                return false;
+            if (*_at == closing)
+                break;
+            if (*_at++ != ',')
+                return false;
+            _out.append(",\n", 2);
+        }
+        if (!isEmpty)
+            _out.append('\n');
+        --_level;
+        indent();
+        _out.append(*_at++);
+        return true;
+    }
+
+    /// A key behind the one before. Qt sorts them by their UTF-16, which is another order than that
+    /// of the bytes, but not of ASCII.
+    bool key(std::string_view &last)
+    {
+        const std::string_view key = string();
+        const auto isOdd = [](char c) { return (uchar(c) & 0x80) != 0 || c == '\\'; };
+        if (key.empty() || _at == _end || *_at++ != ':' ||
+            std::any_of(key.cbegin(), key.cend(), isOdd))
+            return false;
+        // Without the quotes, which are no part of the order.
+        const std::string_view text = key.substr(1, key.size() - 2);
+        if (last.data() && last >= text)
+            return false;
+        last = text;
+        append(key);
+        _out.append(": ", 2);
+        return true;
+    }
+
+    /// With its quotes; empty if Qt would write it differently.
+    std::string_view string()
+    {
+        constexpr std::string_view MARKED = "\"\xef\xbb\xbf"; // Qt drops the mark
+        const char *const begin = _at;
+        const std::string_view rest(_at, size_t(_end - _at));
+        if (rest.substr(0, 1) != "\"" || rest.substr(0, MARKED.size()) == MARKED)
+            return {};
+        while (++_at != _end && *_at != '"') {
+            constexpr std::string_view SHORT = "\"\\bfnrt";
+            if (*_at == '\\' && (++_at == _end || SHORT.find(*_at) == std::string_view::npos))
+                return {};
+        }
+        if (_at == _end)
+            return {};
+        ++_at;
+        return {begin, size_t(_at - begin)};
+    }
+
+    std::string_view word()
+    {
+        const char *const begin = _at;
+        while (_at != _end && *_at != ',' && *_at != '}' && *_at != ']')
+            ++_at;
+        const std::string_view word(begin, size_t(_at - begin));
+        const bool isUsual =
+            word == "true" || word == "false" || word == "null" || isUsualNumber(word);
+        return isUsual ? word : std::string_view();
+    }
+
+    bool append(std::string_view token)
+    {
+        _out.append(token.data(), int(token.size()));
+        return !token.empty();
+    }
+
+    void indent()
+    {
+        static const QByteArray _blanks(INDENTATION * MAX_LEVEL, ' ');
+        _out.append(_blanks.constData(), INDENTATION * _level);
+    }
+
+    static constexpr int MAX_LEVEL = 100;
+
+    QByteArray &_out;
+    const char *_at;
+    const char *const _end;
+    int _level;
+};
+
 } // namespace
+
+bool appendIndented(QByteArray &out, const QByteArray &compact, int level)
+{
+    Indenter indenter(out, compact, level);
+    return indenter.value() && indenter.isAtEnd();
+}
 
 QByteArray repeatedKey(const QByteArray &json)
 {

@@ -20,6 +20,11 @@ Measure measure(const QByteArray &json);
 /// What one bracket of this level, or one comma inside, adds to the indented size.
 qint64 indentation(int level);
 
+/// Appends a text without blanks as QJsonDocument::toJson() writes it inside of \a level others,
+/// line breaks and all. False if that would write something else of it than the same with blanks,
+/// as of keys that are not sorted: what is appended is of no use then.
+bool appendIndented(QByteArray &out, const QByteArray &compact, int level);
+
 /// The value of a key, of \a inner in the object under \a outer, as it stands in \a json, which has
 /// to be an object that is sound. Null if it is not there, or not found as keys are escaped.
 QByteArray member(const QByteArray &json, const char *outer, const char *inner);
