@@ -44,8 +44,8 @@ int compressedOtherwise(quint32 seed)
 QVector<int> sizesAroundWindows()
 {
     QVector<int> sizes {0, 1, 2047, 2048, 2049, 5000, 16383, 20000};
-    for (const int end : {1 << 15, 1 << 16, 3 << 15, 1 << 17})
-        for (const int more : {-262, -261, -2, -1, 0, 1, 2, 261, 262})
+    for (const int end : {1 << 15, 1 << 16, 3 << 15})
+        for (const int more : {-262, -261, -1, 0, 1, 262})
             sizes.append(end + more);
     return sizes;
 }
@@ -62,9 +62,9 @@ QByteArray bytesOfKind(int kind, std::mt19937 &random, int size)
 /// Frames of a beginning with several endings that are not those of the whole texts.
 int framesOtherwise(const QByteArray &beginning, std::mt19937 &random)
 {
-    const TrelanClassicPayload shared;
+    const TrelanClassicPayload shared(random() % 2 == 0);
     int otherwise = 0;
-    for (const int more : {100, 0, 1, 99, 20000}) {
+    for (const int more : {100, 0, 1, 20000}) {
         const QByteArray ending = someBytes(random, more);
         const QByteArray expected = qCompress(beginning + ending, -1).toBase64();
         const auto frame = shared.frame(
@@ -173,6 +173,16 @@ private slots:
                 QCOMPARE(framesOtherwise(bytesOfKind(kind, random, size), random), 0);
         for (int round = 0; round < 40; ++round)
             QCOMPARE(framesOtherwise(someBytes(random, int(random() % 70000)), random), 0);
+    }
+
+    /// Here zlib finds a match that it does not find when its input ends just there for a while.
+    void sharedBeginningsAtTheEndOfTheWindow()
+    {
+        constexpr int PLACE = 32764, DISTANCE = 32506;
+        std::mt19937 random(PLACE);
+        QByteArray bytes = bytesOfKind(0, random, 65535);
+        bytes.replace(PLACE + DISTANCE, 40, bytes.mid(PLACE, 40));
+        QCOMPARE(framesOtherwise(bytes, random), 0);
     }
 
     void sharedBeginningsInTurns()

@@ -14,11 +14,12 @@ namespace
 constexpr int FIXED_TEXT = 256; // of the keys around a text
 } // namespace
 
-DeliveryBody::DeliveryBody(const QByteArray &text, const QString &sender, qint64 time)
+DeliveryBody::DeliveryBody(const QByteArray &text, const QString &sender, qint64 time, bool forMany)
     : _text(text)
     , _sender(sender)
     , _time(time)
     , _digest(std::hash<std::string_view>()({text.constData(), size_t(text.size())}))
+    , _classic(forMany)
 {}
 
 DeliveryBody::DeliveryBody(const TrelanMessage &message)

@@ -24,7 +24,7 @@ public:
     using Ref = std::shared_ptr<const DeliveryBody>;
 
     /// Of a notification, with a \a text in UTF-8.
-    DeliveryBody(const QByteArray &text, const QString &sender, qint64 time);
+    DeliveryBody(const QByteArray &text, const QString &sender, qint64 time, bool forMany = false);
     explicit DeliveryBody(const TrelanMessage &message);
     Ref withoutText() const;
 

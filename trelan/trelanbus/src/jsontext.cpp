@@ -132,17 +132,37 @@ int repeatedIn(Keys &keys)
     return found == keys.end() ? -1 : found->position;
 }
 
+constexpr size_t EXACT_DIGITS = 15; // as many a double always keeps
+
+size_t countDigits(std::string_view text)
+{
+    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    return size_t(std::find_if_not(text.cbegin(), text.cend(), isDigit) - text.cbegin());
+}
+
+/// Whether a number is the shortest text of a double, without looking at that: all of its digits
+/// are kept, and none is too much.
+bool isShortNumber(std::string_view digits)
+{
+    const size_t whole = countDigits(digits);
+    if (whole == 0 || (whole > 1 && digits.front() == '0') || digits.size() > EXACT_DIGITS + 1)
+        return false;
+    if (whole == digits.size())
+        return whole <= EXACT_DIGITS;
+    const std::string_view fraction = digits.substr(whole + 1);
+    constexpr std::string_view TINY = "0000"; // which may be written with an exponent
+    return digits[whole] == '.' && !fraction.empty() && countDigits(fraction) == fraction.size() &&
+           fraction.back() != '0' &&
+           (digits.front() != '0' || fraction.substr(0, TINY.size()) != TINY);
+}
+
 /// Whether Qt would write this number as it stands.
 bool isUsualNumber(std::string_view text)
 {
-    constexpr size_t EXACT_DIGITS = 15;
     constexpr double LARGEST = 1e15; // Qt may write exponents above, and below this:
     constexpr double SMALLEST = 1e-4;
-    const std::string_view digits = text.substr(text.substr(0, 1) == "-" ? 1 : 0);
-    if (digits.find_first_not_of("0123456789") == std::string_view::npos) {
-        return !digits.empty() && digits.size() <= EXACT_DIGITS &&
-               (digits.front() != '0' || text == "0");
-    }
+    if (isShortNumber(text.substr(text.substr(0, 1) == "-" ? 1 : 0)))
+        return text != "-0";
     double number = 0;
     const char *const end = text.data() + text.size();
     const auto read = std::from_chars(text.data(), end, number);
@@ -165,6 +185,8 @@ public:
         , _at(compact.constData())
         , _end(_at + compact.size())
         , _level(level)
+        , _to(out.data() + out.size())
+        , _room(_to)
     {}
 
     bool value()
@@ -183,14 +205,20 @@ public:
         }
     }
 
-    bool isAtEnd() const { return _at == _end; }
+    /// False if there is more.
+    bool finish()
+    {
+        _out.resize(int(_to - _out.constData()));
+        return _at == _end;
+    }
 
 private:
     bool entries(char closing)
     {
         if (++_level > MAX_LEVEL)
             return false;
-        _out.append(*_at++).append('\n');
+        put({_at++, 1});
+        put("\n");
         const bool isEmpty = _at != _end && *_at == closing;
         std::string_view last;
         while (!isEmpty) {
@@ -201,13 +229,13 @@ private:
                 break;
             if (*_at++ != ',')
                 return false;
-            _out.append(",\n", 2);
+            put(",\n");
         }
         if (!isEmpty)
-            _out.append('\n');
+            put("\n");
         --_level;
         indent();
-        _out.append(*_at++);
+        put({_at++, 1});
         return true;
     }
 
@@ -225,8 +253,8 @@ private:
         if (last.data() && last >= text)
             return false;
         last = text;
-        append(key);
-        _out.append(": ", 2);
+        put(key);
+        put(": ");
         return true;
     }
 
@@ -256,20 +284,42 @@ private:
             ++_at;
         const std::string_view word(begin, size_t(_at - begin));
         const bool isUsual =
-            word == "true" || word == "false" || word == "null" || isUsualNumber(word);
+            isUsualNumber(word) || word == "true" || word == "false" || word == "null";
         return isUsual ? word : std::string_view();
     }
 
     bool append(std::string_view token)
     {
-        _out.append(token.data(), int(token.size()));
+        put(token);
         return !token.empty();
+    }
+
+    void put(std::string_view text)
+    {
+        _to = std::copy(text.cbegin(), text.cend(), room(text.size()));
     }
 
     void indent()
     {
-        static const QByteArray _blanks(INDENTATION * MAX_LEVEL, ' ');
-        _out.append(_blanks.constData(), INDENTATION * _level);
+        const size_t blanks = size_t(INDENTATION) * size_t(_level);
+        _to = std::fill_n(room(blanks), blanks, ' ');
+    }
+
+    /// Where the next bytes go; there is room for that many.
+    char *room(size_t bytes)
+    {
+        if (size_t(_room - _to) < bytes)
+            grow(bytes);
+        return _to;
+    }
+
+    void grow(size_t bytes)
+    {
+        constexpr int LEAST = 256;
+        const auto used = int(_to - _out.constData());
+        _out.resize(qMax(_out.capacity(), 2 * used + int(bytes) + LEAST));
+        _to = _out.data() + used;
+        _room = _out.data() + _out.size();
     }
 
     static constexpr int MAX_LEVEL = 100;
@@ -278,6 +328,8 @@ private:
     const char *_at;
     const char *const _end;
     int _level;
+    char *_to;   // behind what is written
+    char *_room; // behind what may be
 };
 
 } // namespace
@@ -285,7 +337,8 @@ private:
 bool appendIndented(QByteArray &out, const QByteArray &compact, int level)
 {
     Indenter indenter(out, compact, level);
-    return indenter.value() && indenter.isAtEnd();
+    const bool isUsual = indenter.value();
+    return indenter.finish() && isUsual;
 }
 
 QByteArray repeatedKey(const QByteArray &json)

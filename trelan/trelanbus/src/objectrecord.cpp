@@ -64,7 +64,7 @@ QByteArray ObjectRecord::toJson() const
     return text;
 }
 
-DeliveryBody::Ref ObjectRecord::notification(TrelanTransport::Coding coding) const
+DeliveryBody::Ref ObjectRecord::notification(TrelanTransport::Coding coding, bool forMany) const
 {
     QByteArray text;
     if (coding == TrelanTransport::Classic) {
@@ -76,7 +76,7 @@ DeliveryBody::Ref ObjectRecord::notification(TrelanTransport::Coding coding) con
         json::appendString(text, head.name);
         text += ",\"__reason__\":\"sub\"}";
     }
-    return std::make_shared<const DeliveryBody>(text, head.publisher, head.time);
+    return std::make_shared<const DeliveryBody>(text, head.publisher, head.time, forMany);
 }
 
 QString ObjectRecord::notificationUid() const

@@ -129,8 +129,9 @@ Branch &branch()
 
 } // namespace
 
-TrelanClassicPayload::TrelanClassicPayload()
+TrelanClassicPayload::TrelanClassicPayload(bool forMany)
     : _number(++_lastNumber)
+    , _isForMany(forMany)
 {}
 
 TrelanClassicPayload::~TrelanClassicPayload() = default;
@@ -139,7 +140,7 @@ QByteArray TrelanClassicPayload::frame(TrelanFrame::Kind kind,
                                        const std::function<QByteArray()> &beginning,
                                        const QByteArray &ending) const
 {
-    const CommonRef common = isFirst() ? CommonRef() : commonOf(beginning);
+    const CommonRef common = isForOne() ? CommonRef() : commonOf(beginning);
     if (!common)
         return whole(kind, beginning() + ending);
     QByteArray tail = common->rest;
@@ -158,10 +159,10 @@ QByteArray TrelanClassicPayload::frame(TrelanFrame::Kind kind,
 }
 
 /// Most messages have one receiver, for whom a state would be made for nothing.
-bool TrelanClassicPayload::isFirst() const
+bool TrelanClassicPayload::isForOne() const
 {
     const std::lock_guard lock(_mutex);
-    return !std::exchange(_wasAsked, true);
+    return !std::exchange(_isForMany, true);
 }
 
 /// With the state of this thread's compressor behind it; null where that does not pay.

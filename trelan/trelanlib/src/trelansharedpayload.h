@@ -35,12 +35,13 @@ private:
 /// \brief The same in the Classic coding, whose bytes are not for us to choose: each frame is the
 /// one that TrelanFrame::encode() makes of the whole text.
 ///
-/// The state of the compressor behind a large beginning is kept from the second frame on, in each
-/// thread for the last beginning only; others are compressed anew. Making frames is thread-safe.
+/// The state of the compressor behind a large beginning is kept, in each thread for the last
+/// beginning only; others are compressed anew. Making frames is thread-safe.
 class TRELAN_EXPORT TrelanClassicPayload
 {
 public:
-    TrelanClassicPayload();
+    /// The state is kept from the first frame on if there are to be many, or else from the second.
+    explicit TrelanClassicPayload(bool forMany = false);
     ~TrelanClassicPayload();
     Q_DISABLE_COPY(TrelanClassicPayload)
 
@@ -55,11 +56,11 @@ private:
 
     CommonRef commonOf(const std::function<QByteArray()> &beginning) const;
     static QByteArray whole(TrelanFrame::Kind kind, const QByteArray &text);
-    bool isFirst() const;
+    bool isForOne() const;
 
     const quint64 _number;
     mutable std::mutex _mutex; // of:
-    mutable bool _wasAsked = false;
+    mutable bool _isForMany;
     mutable CommonRef _common;
 };
 
