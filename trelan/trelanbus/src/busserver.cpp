@@ -34,13 +34,12 @@ QByteArray replyFrame(const QString &word, const TrelanError &error, TrelanTrans
     static thread_local QHash<QPair<QString, int>, QByteArray> _done;
     if (error.error() != TrelanError::NoError || !error.description().isEmpty())
         return encodedReply(word, error, coding);
+    if (_done.size() >= MOST_KEPT)
+        _done.clear();
     QByteArray &frame = _done[{word, int(coding)}];
     if (frame.isEmpty())
         frame = encodedReply(word, error, coding);
-    const QByteArray result = frame;
-    if (_done.size() > MOST_KEPT)
-        _done.clear();
-    return result;
+    return frame;
 }
 
 /// The frame around an answer, or of what is said in its place when it is above the limit.
