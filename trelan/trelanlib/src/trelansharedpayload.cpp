@@ -140,7 +140,7 @@ QByteArray TrelanClassicPayload::frame(TrelanFrame::Kind kind,
                                        const std::function<QByteArray()> &beginning,
                                        const QByteArray &ending) const
 {
-    const CommonRef common = isForOne() ? CommonRef() : commonOf(beginning);
+    const CommonRef common = isAlone() ? CommonRef() : commonOf(beginning);
     if (!common)
         return whole(kind, beginning() + ending);
     QByteArray tail = common->rest;
@@ -159,10 +159,10 @@ QByteArray TrelanClassicPayload::frame(TrelanFrame::Kind kind,
 }
 
 /// Most messages have one receiver, for whom a state would be made for nothing.
-bool TrelanClassicPayload::isForOne() const
+bool TrelanClassicPayload::isAlone() const
 {
     const std::lock_guard lock(_mutex);
-    return !std::exchange(_isForMany, true);
+    return !std::exchange(_isForMany, true) || _isSmall;
 }
 
 /// With the state of this thread's compressor behind it; null where that does not pay.
@@ -176,8 +176,11 @@ TrelanClassicPayload::commonOf(const std::function<QByteArray()> &beginning) con
             return _common;
     }
     const QByteArray text = beginning();
-    if (text.size() < SMALLEST_SHARED)
+    if (text.size() < SMALLEST_SHARED) {
+        const std::lock_guard lock(_mutex);
+        _isSmall = true;
         return {};
+    }
     branch().number = 0;
     const int even = text.size() / 2 * 2;
     QByteArray bytes;

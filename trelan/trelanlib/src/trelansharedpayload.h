@@ -56,11 +56,12 @@ private:
 
     CommonRef commonOf(const std::function<QByteArray()> &beginning) const;
     static QByteArray whole(TrelanFrame::Kind kind, const QByteArray &text);
-    bool isForOne() const;
+    bool isAlone() const;
 
     const quint64 _number;
     mutable std::mutex _mutex; // of:
     mutable bool _isForMany;
+    mutable bool _isSmall = false; // as far as is known
     mutable CommonRef _common;
 };
 
