@@ -365,7 +365,7 @@ void BusCore::deliver(const PublishOrder::Publish &publish)
                         receivers.end());
     }
     _delivery.beginNotification();
-    Notification notification(publish.record, _coding);
+    Notification notification(publish.record, _coding, receivers.size() > 1);
     QMap<QString, QString> overruns; // by client
     for (const QString &client : std::as_const(receivers)) {
         const QString overrun = _delivery.notify(client, notification);

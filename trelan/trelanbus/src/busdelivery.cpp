@@ -55,9 +55,10 @@ void warnGivenUp(const QString &name, const QList<Delivery> &deliveries)
 
 } // namespace
 
-Notification::Notification(const ObjectRecord &record, TrelanTransport::Coding coding)
+Notification::Notification(const ObjectRecord &record, TrelanTransport::Coding coding, bool forMany)
     : _record(record)
     , _coding(coding)
+    , _isForMany(forMany)
 {}
 
 bool Notification::isKept() const
@@ -78,7 +79,7 @@ qint64 Notification::cost() const
 Delivery Notification::delivery(const QString &receiver)
 {
     if (!_body)
-        _body = _record.notification(_coding);
+        _body = _record.notification(_coding, _isForMany);
     Delivery delivery(_body, receiver, _record.notificationUid());
     delivery.kind = isKept() ? Delivery::Value : Delivery::Event;
     delivery.object = name();

@@ -22,7 +22,7 @@ namespace bus
 class Notification
 {
 public:
-    Notification(const ObjectRecord &record, TrelanTransport::Coding coding);
+    Notification(const ObjectRecord &record, TrelanTransport::Coding coding, bool forMany = false);
 
     /// Whether the value can be taken from the storage later, since it is kept there.
     bool isKept() const;
@@ -35,6 +35,7 @@ public:
 private:
     const ObjectRecord &_record;
     const TrelanTransport::Coding _coding;
+    const bool _isForMany;
     DeliveryBody::Ref _body;
 };
 

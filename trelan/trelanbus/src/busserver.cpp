@@ -5,6 +5,8 @@
 #include <trelanframe.h>
 #include <trelanjson.h>
 
+#include <QtCore/QPair>
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,9 +26,25 @@ constexpr qint64 SMALL_INFLATED = 512 * 1024;
 constexpr qint64 SMALL_ANSWER = 64 * 1024;
 constexpr int TIMES_INTERVAL_MS = 1000;
 
-QByteArray replyFrame(const QString &word, const TrelanError &error, TrelanTransport::Coding coding)
+QByteArray encodedReply(const QString &word, const TrelanError &error,
+                        TrelanTransport::Coding coding)
 {
     return TrelanFrame::encode(TrelanFrame::Reply, TrelanFrame::reply(word, error), coding);
+}
+
+/// Most say no more than that it is done, which takes as many frames as there are words.
+QByteArray replyFrame(const QString &word, const TrelanError &error, TrelanTransport::Coding coding)
+{
+    constexpr int MOST_KEPT = 32;
+    static thread_local QHash<QPair<QString, int>, QByteArray> _done;
+    if (error.error() != TrelanError::NoError || !error.description().isEmpty())
+        return encodedReply(word, error, coding);
+    if (_done.size() >= MOST_KEPT)
+        _done.clear();
+    QByteArray &frame = _done[{word, int(coding)}];
+    if (frame.isEmpty())
+        frame = encodedReply(word, error, coding);
+    return frame;
 }
 
 /// The frame around an answer, or of what is said in its place when it is above the limit.

@@ -9,11 +9,17 @@
 namespace bus
 {
 
-DeliveryBody::DeliveryBody(const QByteArray &text, const QString &sender, qint64 time)
+namespace
+{
+constexpr int FIXED_TEXT = 256; // of the keys around a text
+} // namespace
+
+DeliveryBody::DeliveryBody(const QByteArray &text, const QString &sender, qint64 time, bool forMany)
     : _text(text)
     , _sender(sender)
     , _time(time)
     , _digest(std::hash<std::string_view>()({text.constData(), size_t(text.size())}))
+    , _classic(forMany)
 {}
 
 DeliveryBody::DeliveryBody(const TrelanMessage &message)
@@ -53,24 +59,28 @@ size_t DeliveryBody::digest() const
 QByteArray DeliveryBody::frame(const QString &reciever, const QString &uid,
                                TrelanTransport::Coding coding) const
 {
-    if (coding == TrelanTransport::Classic) {
-        return TrelanFrame::encode(
-            TrelanFrame::Request,
-            TrelanFrame::request(
-                QStringLiteral("sendMessage"),
-                {{QStringLiteral("dt"), QString::number(_time)},
-                 {QStringLiteral("msg"), _text.isEmpty() ? _message : QString::fromUtf8(_text)},
-                 {QStringLiteral("ops"), int(_options)},
-                 {QStringLiteral("r"), reciever},
-                 {QStringLiteral("s"), _sender},
-                 {QStringLiteral("uid"), uid}}));
-    }
+    if (coding == TrelanTransport::Classic)
+        return classicFrame(reciever, uid);
     QByteArray ending("\"r\":");
     json::appendString(ending, reciever);
     ending += ",\"uid\":";
     json::appendString(ending, uid);
     ending += "}}";
     return shared().frame(TrelanFrame::Request, ending);
+}
+
+/// To the byte what TrelanFrame::encode() makes of the same.
+QByteArray DeliveryBody::classicFrame(const QString &reciever, const QString &uid) const
+{
+    QByteArray ending;
+    json::appendString(ending, reciever);
+    ending += ",\n        \"s\": ";
+    json::appendString(ending, _sender);
+    ending += ",\n        \"uid\": ";
+    json::appendString(ending, uid);
+    ending += "\n    },\n    \"operation\": \"sendMessage\"\n}\n";
+    return _classic.frame(
+        TrelanFrame::Request, [this] { return classicBeginning(); }, ending);
 }
 
 bool DeliveryBody::isEncoded() const
@@ -90,22 +100,38 @@ const TrelanSharedPayload &DeliveryBody::shared() const
     return *_shared;
 }
 
+QByteArray DeliveryBody::classicBeginning() const
+{
+    QByteArray text;
+    text.reserve(FIXED_TEXT + 2 * textSize());
+    text += "{\n    \"data\": {\n        \"dt\": \"" + QByteArray::number(_time);
+    text += "\",\n        \"msg\": ";
+    appendText(text);
+    text += ",\n        \"ops\": " + QByteArray::number(int(_options));
+    text += ",\n        \"r\": ";
+    return text;
+}
+
 QByteArray DeliveryBody::beginning() const
 {
     QByteArray text;
-    constexpr int FIXED = 256;
-    text.reserve(FIXED + 2 * textSize());
+    text.reserve(FIXED_TEXT + 2 * textSize());
     text += R"({"operation":"sendMessage","data":{"dt":")" + QByteArray::number(_time);
     text += R"(","msg":)";
-    if (_text.isEmpty())
-        json::appendString(text, _message);
-    else
-        json::appendString(text, _text);
+    appendText(text);
     text += ",\"ops\":" + QByteArray::number(int(_options));
     text += ",\"s\":";
     json::appendString(text, _sender);
     text += ',';
     return text;
+}
+
+void DeliveryBody::appendText(QByteArray &out) const
+{
+    if (_text.isEmpty())
+        json::appendString(out, _message);
+    else
+        json::appendString(out, _text);
 }
 
 } // namespace bus

@@ -16,7 +16,7 @@ namespace bus
 
 /// \brief What a delivery says to each of its receivers: everything but the receiver and the uid.
 ///
-/// Made once for a publish, and shared by the queues of all its receivers. In the Light coding the
+/// Made once for a publish, and shared by the queues of all its receivers. The
 /// frames of all of them share their beginning, too. Nothing of it changes; thread-safe.
 class DeliveryBody
 {
@@ -24,7 +24,7 @@ public:
     using Ref = std::shared_ptr<const DeliveryBody>;
 
     /// Of a notification, with a \a text in UTF-8.
-    DeliveryBody(const QByteArray &text, const QString &sender, qint64 time);
+    DeliveryBody(const QByteArray &text, const QString &sender, qint64 time, bool forMany = false);
     explicit DeliveryBody(const TrelanMessage &message);
     Ref withoutText() const;
 
@@ -36,11 +36,15 @@ public:
 
     QByteArray frame(const QString &reciever, const QString &uid,
                      TrelanTransport::Coding coding) const;
-    /// Whether making a frame takes no longer for a large text than for a small one.
+    /// Whether, in the Light coding, making a frame takes no longer for a large text than for a
+    /// small one.
     bool isEncoded() const;
 
 private:
+    QByteArray classicFrame(const QString &reciever, const QString &uid) const;
+    QByteArray classicBeginning() const;
     QByteArray beginning() const;
+    void appendText(QByteArray &out) const;
     const TrelanSharedPayload &shared() const;
 
     const QByteArray _text; // or
@@ -49,6 +53,7 @@ private:
     const qint64 _time;
     const TrelanMessage::Options _options;
     const size_t _digest;
+    const TrelanClassicPayload _classic;
     mutable std::mutex _mutex; // of the making of:
     mutable std::unique_ptr<TrelanSharedPayload> _shared;
     mutable std::atomic<bool> _isEncoded {false};

@@ -1,5 +1,7 @@
 #include "objectrecord.h"
 
+#include "jsontext.h"
+
 #include <trelanjson.h>
 
 namespace bus
@@ -10,6 +12,25 @@ namespace
 // Headers, hash node and allocator, measured roughly: small objects must not come for free.
 constexpr qint64 FIXED_COST = 256;
 constexpr int FIXED_TEXT = 128; // of the keys around a content
+
+/// What toMessage() says of a record, in UTF-8.
+QByteArray classicText(const ObjectRecord &record)
+{
+    QByteArray text;
+    text.reserve(2 * (record.contentJson.size() + FIXED_TEXT + record.head.name.size()));
+    text += "{\n    \"__context__\": ";
+    if (!jsontext::appendIndented(text, record.contentJson, 1)) {
+        text = record.toObject().toMessage(QString()).message().toUtf8();
+        text.squeeze(); // of three times its size
+        return text;
+    }
+    text += ",\n    \"__name__\": ";
+    json::appendString(text, record.head.name);
+    text += ",\n    \"__reason__\": \"sub\"\n}\n";
+    text.squeeze();
+    return text;
+}
+
 } // namespace
 
 TrelanObject ObjectRecord::toObject() const
@@ -43,12 +64,11 @@ QByteArray ObjectRecord::toJson() const
     return text;
 }
 
-DeliveryBody::Ref ObjectRecord::notification(TrelanTransport::Coding coding) const
+DeliveryBody::Ref ObjectRecord::notification(TrelanTransport::Coding coding, bool forMany) const
 {
     QByteArray text;
     if (coding == TrelanTransport::Classic) {
-        text = toObject().toMessage(QString()).message().toUtf8();
-        text.squeeze(); // of three times its size
+        text = classicText(*this);
     } else {
         text.reserve(contentJson.size() + FIXED_TEXT + 2 * head.name.size());
         text += "{\"__context__\":" + contentJson;
@@ -56,7 +76,7 @@ DeliveryBody::Ref ObjectRecord::notification(TrelanTransport::Coding coding) con
         json::appendString(text, head.name);
         text += ",\"__reason__\":\"sub\"}";
     }
-    return std::make_shared<const DeliveryBody>(text, head.publisher, head.time);
+    return std::make_shared<const DeliveryBody>(text, head.publisher, head.time, forMany);
 }
 
 QString ObjectRecord::notificationUid() const

@@ -39,7 +39,7 @@ struct ObjectRecord
     QByteArray toJson() const;
 
     /// The notification of it, for all receivers, and its uid.
-    DeliveryBody::Ref notification(TrelanTransport::Coding coding) const;
+    DeliveryBody::Ref notification(TrelanTransport::Coding coding, bool forMany = false) const;
     QString notificationUid() const;
 
     /// What keeping it takes, in bytes.
