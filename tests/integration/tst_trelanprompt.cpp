@@ -260,6 +260,61 @@ private Q_SLOTS:
         QVERIFY(reciever.isOpen());
     }
 
+    void deliveriesAreReadAsMaps()
+    {
+        const QByteArrayList data {
+            "{'dt':'170','msg':'\\'b\\'\\n\\u00e4','ops':6,'r':'me','s':'al','uid':'u'}",
+            "{'uid':'u','s':'','r':'me','ops':-1,'msg':'','dt':'-1500'}",
+            "{'dt':'12 ','msg':'m','ops':0,'r':'me','s':'al','uid':'u'}",
+            "{'dt':'99999999999999999999','msg':'m','ops':0,'r':'me','s':'al','uid':'u'}",
+            "{'dt':12,'msg':'m','ops':1e0,'r':'me','s':'al','uid':'u'}",
+            "{'dt':'12','msg':'m','ops':4294967297,'r':'me','s':'al','uid':'u'}",
+            "{'dt':'12','msg':'m','ops':1.5,'r':'me','s':'al','uid':'u'}",
+            "{'dt':'12','msg':'m','ops':0,'r':'me','s':'al','s':'bo','uid':'u'}",
+            "{'dt':'12','msg':'m','ops':0,'r':'me','s':'al','uid':'u','more':{}}",
+            "{'dt':'12','msg':'\xef\xbb\xbfm','ops':0,'r':'me','s':'al','uid':'u'}",
+            "{'dt':'12','msg':'\\ud800','ops':0,'r':'me','s':'al','uid':'u'}",
+            "{'dt':'12','msg':'m','ops':0,'r':'me','s':'al','uid':77}",
+        };
+        QByteArray stream = HELLO;
+        QList<TrelanMessage> expected;
+        for (int i = 0; i < data.size(); ++i) {
+            QByteArray json = "{\"operation\":\"sendMessage\",\"data\":" + data[i] + "}";
+            json.replace('\'', '"').replace("\"u\"", '"' + QByteArray::number(i) + '"');
+            stream += Server::frame("[-REQUEST-]", Server::payload(json));
+            const QJsonObject envelope = QJsonDocument::fromJson(json).object();
+            expected << TrelanMessage::fromVariantMap(envelope["data"].toVariant().toMap());
+        }
+        serve([stream](ScriptedPeer &peer) {
+            peer.readFrame();
+            peer.send(stream);
+            peer.awaitEnd();
+        });
+        TrelanMessageReciever reciever("me");
+        QList<TrelanMessage> messages;
+        connect(&reciever, &TrelanMessageReciever::incomingMessage, this,
+                [&messages](const TrelanMessage &msg) { messages << msg; });
+        QVERIFY(reciever.open());
+        QTRY_COMPARE(messages.size(), expected.size());
+        QCOMPARE(messages, expected);
+    }
+
+    void acknowledgedWhileASlotBlocks()
+    {
+        QSemaphore acknowledged;
+        serve([&acknowledged](ScriptedPeer &peer) {
+            if (peer.readFrame() && peer.send(HELLO + push(1)) && peer.readFrame())
+                acknowledged.release();
+        });
+        TrelanMessageReciever reciever("me");
+        QList<bool> results;
+        connect(&reciever, &TrelanMessageReciever::incomingMessage, this,
+                [&](const TrelanMessage &) { results << acknowledged.tryAcquire(1, 30000); });
+        QVERIFY(reciever.open());
+        QTRY_COMPARE(results, QList<bool>({true}));
+        _server.reset(); // it uses what ends here
+    }
+
     void acknowledgedTogether()
     {
         // The slot for the second of three has an event loop of its own: what it has of them is

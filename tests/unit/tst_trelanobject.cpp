@@ -68,6 +68,9 @@ private slots:
         const QDateTime expected = QDateTime::fromMSecsSinceEpoch(qint64(row[u"ms"].toDouble()));
         QCOMPARE(TrelanObject::fromVariantMap(map).dt(), expected);
         QCOMPARE(TrelanMessage::fromVariantMap(map).dt(), expected);
+        const TrelanTimestamp timestamp = TrelanObject::fromVariantMap(map).timestamp();
+        QCOMPARE(timestamp.toIsoText(), expected.toString(Qt::ISODate));
+        QVERIFY(timestamp == TrelanTimestamp(expected) && timestamp != TrelanTimestamp());
     }
 
     void notification()

@@ -25,7 +25,7 @@ DeliveryBody::DeliveryBody(const QByteArray &text, const QString &sender, qint64
 DeliveryBody::DeliveryBody(const TrelanMessage &message)
     : _message(message.message())
     , _sender(message.sender())
-    , _time(message.dt().toMSecsSinceEpoch())
+    , _time(message.timestamp().toMSecsSinceEpoch())
     , _options(message.options())
     , _digest(std::hash<std::u16string_view>()(
           {reinterpret_cast<const char16_t *>(_message.utf16()), size_t(_message.size())}))

@@ -37,8 +37,7 @@ TrelanObject ObjectRecord::toObject() const
 {
     QVariantMap content;
     json::read(contentJson, content);
-    TrelanObject object(
-        QDateTime::fromMSecsSinceEpoch(head.time, Qt::UTC)); // which needs no time zone
+    TrelanObject object {TrelanTimestamp(head.time)};
     object.setName(head.name);
     object.setPublisher(head.publisher);
     object.setUid(head.uid);

@@ -432,7 +432,7 @@ bool PermanentStore::put(sqlite3_stmt *statement, const StoredMessage &stored)
     const QByteArray sender = exactBytes(stored.message.sender());
     const QByteArray reciever = exactBytes(stored.message.reciever());
     const QByteArray uid = exactBytes(stored.message.uid());
-    const qint64 time = stored.message.dt().toMSecsSinceEpoch();
+    const qint64 time = stored.message.timestamp().toMSecsSinceEpoch();
     const int options = int(stored.message.options());
     const QByteArray text = exactBytes(stored.message.message());
 

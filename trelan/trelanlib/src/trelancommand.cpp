@@ -27,8 +27,9 @@ TrelanCommand &TrelanCommand::operator=(TrelanCommand &&other) noexcept = defaul
 bool TrelanCommand::operator==(const TrelanCommand &other) const
 {
     return _name == other._name && _params == other._params && _uid == other._uid &&
-           _dt == other._dt && _sender == other._sender && _reciever == other._reciever &&
-           _needAnswer == other._needAnswer && _parentUid == other._parentUid;
+           _timestamp == other._timestamp && _sender == other._sender &&
+           _reciever == other._reciever && _needAnswer == other._needAnswer &&
+           _parentUid == other._parentUid;
 }
 
 bool TrelanCommand::operator!=(const TrelanCommand &other) const
@@ -68,12 +69,17 @@ void TrelanCommand::setUid(const QString &uid)
 
 QDateTime TrelanCommand::dt() const
 {
-    return _dt;
+    return _timestamp.toDateTime();
 }
 
 void TrelanCommand::setDt(const QDateTime &dt)
 {
-    _dt = dt;
+    _timestamp = dt;
+}
+
+void TrelanCommand::setTimestamp(const TrelanTimestamp &timestamp)
+{
+    _timestamp = timestamp;
 }
 
 QString TrelanCommand::sender() const
@@ -134,7 +140,7 @@ bool TrelanCommand::hasDestination() const
 QString TrelanCommand::genUid() const
 {
     const QString text = QStringLiteral("TrelanCommand") + _sender + _reciever +
-                         _dt.toString(Qt::ISODate) + _name + value::nowText();
+                         _timestamp.toIsoText() + _name + value::nowText();
     return value::digest(text.toUtf8() + json::compact(_params));
 }
 
@@ -145,9 +151,8 @@ QString TrelanCommand::createObjectName(const QString &name)
 
 bool TrelanCommand::toTrelanObject(TrelanObject &object) const
 {
-    object = TrelanObject();
+    object = TrelanObject(sendTime());
     fillUid();
-    object.setDt(sendTime());
     object.setLogged(_isLogged);
     object.setStored(false);
     // Meant so: without a receiver, which is how toVariant() comes here, the publisher stays empty
@@ -163,12 +168,11 @@ bool TrelanCommand::toTrelanObject(TrelanObject &object) const
 
 bool TrelanCommand::toTrelanMessage(TrelanMessage &message) const
 {
-    message = TrelanMessage();
+    message = TrelanMessage(sendTime());
     if (!hasDestination())
         return false;
 
     fillUid();
-    message.setDt(sendTime());
     message.setLogged(_isLogged);
     message.setStored(true);
     message.setNeedAnswer(_needAnswer);
@@ -202,9 +206,9 @@ void TrelanCommand::fillUid() const
         _uid = genUid();
 }
 
-QDateTime TrelanCommand::sendTime() const
+TrelanTimestamp TrelanCommand::sendTime() const
 {
-    return _dt.isValid() ? _dt : QDateTime::currentDateTime();
+    return _timestamp.isValid() ? _timestamp : TrelanTimestamp::now();
 }
 
 } // namespace bus

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "trelanglobal.h"
+#include "trelantimestamp.h"
 
 #include <QtCore/QDateTime>
 #include <QtCore/QMetaType>
@@ -59,6 +60,8 @@ public:
 
     QDateTime dt() const;
     void setDt(const QDateTime &dt);
+    /// The same of a time as it travels.
+    void setTimestamp(const TrelanTimestamp &timestamp);
 
     QString sender() const;
     void setSender(const QString &sender);
@@ -102,12 +105,12 @@ public:
 
 private:
     void fillUid() const;
-    QDateTime sendTime() const;
+    TrelanTimestamp sendTime() const;
 
     QString _name;
     QVariantMap _params;
     mutable QString _uid;
-    QDateTime _dt;
+    TrelanTimestamp _timestamp;
     QString _sender;
     QString _reciever;
     QString _parentUid;

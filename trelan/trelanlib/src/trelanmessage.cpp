@@ -16,11 +16,11 @@ const QString KEY_UID = QStringLiteral("uid");
 } // namespace
 
 TrelanMessage::TrelanMessage()
-    : TrelanMessage(QDateTime::currentDateTime())
+    : TrelanMessage(TrelanTimestamp::now())
 {}
 
-TrelanMessage::TrelanMessage(const QDateTime &dt)
-    : _dt(dt)
+TrelanMessage::TrelanMessage(const TrelanTimestamp &timestamp)
+    : _timestamp(timestamp)
 {}
 
 TrelanMessage::TrelanMessage(const TrelanMessage &other) = default;
@@ -32,7 +32,7 @@ TrelanMessage &TrelanMessage::operator=(TrelanMessage &&other) noexcept = defaul
 bool TrelanMessage::operator==(const TrelanMessage &other) const
 {
     return _sender == other._sender && _reciever == other._reciever && _options == other._options &&
-           _dt == other._dt && _message == other._message && _uid == other._uid;
+           _timestamp == other._timestamp && _message == other._message && _uid == other._uid;
 }
 
 bool TrelanMessage::operator!=(const TrelanMessage &other) const
@@ -72,12 +72,17 @@ void TrelanMessage::setOptions(const QFlags<Option> &options)
 
 QDateTime TrelanMessage::dt() const
 {
-    return _dt;
+    return _timestamp.toDateTime();
 }
 
 void TrelanMessage::setDt(const QDateTime &dt)
 {
-    _dt = dt;
+    _timestamp = dt;
+}
+
+const TrelanTimestamp &TrelanMessage::timestamp() const
+{
+    return _timestamp;
 }
 
 QString TrelanMessage::message() const
@@ -133,8 +138,7 @@ void TrelanMessage::setNeedAnswer(bool needAnswer)
 QString TrelanMessage::genUid() const
 {
     const QString text = QStringLiteral("TrelanMessage") + _sender + _reciever + _message +
-                         _dt.toString(Qt::ISODate) + QString::number(int(_options)) +
-                         value::nowText();
+                         _timestamp.toIsoText() + QString::number(int(_options)) + value::nowText();
     return value::digest(text.toUtf8());
 }
 
@@ -151,7 +155,7 @@ QString TrelanMessage::msgKey() const
 QVariantMap TrelanMessage::toVariantMap() const
 {
     return {
-        {KEY_DT, value::timeToWire(_dt)},
+        {KEY_DT, value::timeToWire(_timestamp)},
         {KEY_MESSAGE, _message},
         {KEY_RECIEVER, _reciever},
         {KEY_SENDER, _sender},

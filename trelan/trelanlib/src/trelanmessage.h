@@ -1,6 +1,7 @@
 #pragma once
 
 #include "trelanglobal.h"
+#include "trelantimestamp.h"
 
 #include <QtCore/QDateTime>
 #include <QtCore/QFlags>
@@ -32,8 +33,8 @@ public:
 
     /// An empty message without flags, with the current time as its time stamp.
     TrelanMessage();
-    /// One of another time, for which neither clock nor time zone are asked.
-    explicit TrelanMessage(const QDateTime &dt);
+    /// One of another time.
+    explicit TrelanMessage(const TrelanTimestamp &timestamp);
     TrelanMessage(const TrelanMessage &other);
     TrelanMessage(TrelanMessage &&other) noexcept;
     virtual ~TrelanMessage();
@@ -59,6 +60,8 @@ public:
     /// Time stamp; travels with millisecond resolution and comes back in local time.
     QDateTime dt() const;
     void setDt(const QDateTime &dt);
+    /// The same as it travels, without asking the clock for local time.
+    const TrelanTimestamp &timestamp() const;
 
     /// The text, often JSON.
     QString message() const;
@@ -99,7 +102,7 @@ private:
     QString _sender;
     QString _reciever;
     QFlags<Option> _options;
-    QDateTime _dt;
+    TrelanTimestamp _timestamp;
     QString _message;
     QString _uid;
 };

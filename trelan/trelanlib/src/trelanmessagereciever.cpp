@@ -1,5 +1,6 @@
 #include "trelanmessagereciever.h"
 
+#include "trelandelivery.h"
 #include "trelanframe.h"
 #include "trelanjson.h"
 #include "trelansocket.h"
@@ -42,7 +43,7 @@ const QString OPERATION_SEND_MESSAGE = QStringLiteral("sendMessage");
 
 TrelanObject objectOf(const TrelanMessage &msg, const QVariantMap &notification)
 {
-    TrelanObject object(msg.dt());
+    TrelanObject object(msg.timestamp());
     object.setContent(notification.value(TrelanObject::MSG_CONTEXT_HD).toMap());
     object.setName(notification.value(TrelanObject::MSG_NAME_HD).toString());
     object.setPublisher(msg.sender());
@@ -53,7 +54,7 @@ TrelanObject objectOf(const TrelanMessage &msg, const QVariantMap &notification)
 TrelanCommand commandOf(const TrelanMessage &msg, const QVariantMap &call)
 {
     TrelanCommand command;
-    command.setDt(msg.dt());
+    command.setTimestamp(msg.timestamp());
     command.setName(call.value(TrelanCommand::MSG_NAME_HD).toString());
     command.setParams(call.value(TrelanCommand::MSG_PARAMS_HD).toMap());
     if (call.contains(TrelanCommand::PARENT_UID_HD))
@@ -177,7 +178,7 @@ void TrelanMessageReciever::processObject(const TrelanObject &obj)
         return;
     }
     TrelanCommand command;
-    command.setDt(obj.dt());
+    command.setTimestamp(obj.timestamp());
     command.setName(obj.name().mid(CMD_PREFIX.size()));
     command.setParams(obj.content());
     command.setSender(obj.publisher());
@@ -204,6 +205,7 @@ bool TrelanMessageReciever::open()
     _coding = TrelanTransport::coding();
     _reader.reset(_prompt ? new TrelanFrameReader(TrelanTransport::maxPayload()) : nullptr);
     _unsent.clear();
+    _isHeld = false;
     // A slot with an event loop of its own keeps this from reading, but not the socket.
     _socket->setReadBufferSize(_prompt ? READ_CHUNK : 0);
     _socket->blockSignals(false);
@@ -231,6 +233,7 @@ void TrelanMessageReciever::close()
         return;
     _socket->blockSignals(true);
     sendAll();
+    letGo();
     _stall.stop();
     _answer.stop();
     if (!_prompt)
@@ -294,6 +297,7 @@ bool TrelanMessageReciever::request(QString cmd, QVariantMap data)
     if (!isConnected(_socket))
         return false;
     write(TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(cmd, data), _coding));
+    letGo();
     return true;
 }
 
@@ -319,7 +323,7 @@ void TrelanMessageReciever::write(const QByteArray &frame)
         wait::bytesWritten(*socket, WAIT_MS);
 }
 
-/// At once, unless there is more to come soon.
+/// Goes to the system at once, unless there is more to come soon.
 void TrelanMessageReciever::writeLater(const QByteArray &frame)
 {
     if (_unsent.isEmpty())
@@ -336,6 +340,7 @@ void TrelanMessageReciever::writeLater(const QByteArray &frame)
     const auto send = [this] {
         _sendsLater = false;
         sendAll();
+        letGo();
     };
     QMetaObject::invokeMethod(this, send, Qt::QueuedConnection);
 }
@@ -343,13 +348,32 @@ void TrelanMessageReciever::writeLater(const QByteArray &frame)
 void TrelanMessageReciever::sendAll()
 {
     const QByteArray frames = std::exchange(_unsent, {});
-    if (!frames.isEmpty() && isConnected(_socket))
-        direct::send(*_socket, frames);
+    if (frames.isEmpty() || !isConnected(_socket))
+        return;
+    direct::sendSoon(*_socket, frames);
+    _isHeld = true;
+}
+
+/// The system holds acknowledgements until what they acknowledge is handed on, since the bus would
+/// take its turn before the application; but for no more than 200 ms, whatever a slot does, and not
+/// beyond the end of the process.
+void TrelanMessageReciever::letGo()
+{
+    if (std::exchange(_isHeld, false) && isConnected(_socket))
+        direct::letGo(*_socket);
+}
+
+void TrelanMessageReciever::takeFrames()
+{
+    const QPointer<TrelanMessageReciever> self(this);
+    readFrames();
+    if (self)
+        letGo();
 }
 
 /// What has arrived, frame by frame. What a frame leads to may delete this receiver, close it, or
 /// open it again.
-void TrelanMessageReciever::takeFrames()
+void TrelanMessageReciever::readFrames()
 {
     const QPointer<TrelanMessageReciever> self(this);
     bool progress = false;
@@ -381,10 +405,8 @@ bool TrelanMessageReciever::takeFrame()
 {
     const QPointer<TrelanMessageReciever> self(this);
     const TrelanFrame::Kind kind = _reader->kind();
-    QVariant envelope;
-    const bool done =
-        decode(_reader->payload(), envelope) &&
-        (kind == TrelanFrame::Request ? processRequest(envelope) : processReply(envelope));
+    const bool done = kind == TrelanFrame::Request ? takeRequest(_reader->payload())
+                                                   : takeReply(_reader->payload());
     if (!self)
         return false;
     if (!done && kind == TrelanFrame::Request)
@@ -410,6 +432,7 @@ void TrelanMessageReciever::breakOff(const QString &reason)
     qWarning().noquote() << "The message channel is closed:" << reason;
     const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
     sendAll();
+    letGo();
     if (!self || !isConnected(_socket))
         return;
     _stall.stop();
@@ -493,6 +516,22 @@ QByteArray TrelanMessageReciever::readPayload(qint32 size)
     return self ? payload : QByteArray(); // a whole one has nobody left to process it
 }
 
+bool TrelanMessageReciever::takeRequest(const QByteArray &payload)
+{
+    if (const auto message = delivery::decode(payload)) {
+        takeMessage(*message);
+        return true;
+    }
+    QVariant envelope;
+    return decode(payload, envelope) && processRequest(envelope);
+}
+
+bool TrelanMessageReciever::takeReply(const QByteArray &payload)
+{
+    QVariant envelope;
+    return decode(payload, envelope) && processReply(envelope);
+}
+
 bool TrelanMessageReciever::processRequest(const QVariant &envelope)
 {
     const QVariantMap request = envelope.toMap();
@@ -502,16 +541,18 @@ bool TrelanMessageReciever::processRequest(const QVariant &envelope)
         return false;
     }
 
-    const TrelanMessage msg =
-        TrelanMessage::fromVariantMap(request.value(QStringLiteral("data")).toMap());
+    takeMessage(TrelanMessage::fromVariantMap(request.value(QStringLiteral("data")).toMap()));
+    return true;
+}
+
+void TrelanMessageReciever::takeMessage(const TrelanMessage &msg)
+{
     // Repeated ones too, so that the bus stops sending them.
     const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
-    reply(OPERATION_SEND_MESSAGE, TrelanError(),
-          {{QStringLiteral("sender"), msg.sender()},
-           {QStringLiteral("reciever"), msg.reciever()},
-           {QStringLiteral("uid"), msg.uid()}});
+    if (isConnected(_socket))
+        write(delivery::acknowledgement(msg, _coding));
     if (!self)
-        return true;
+        return;
 
     const QString key = msg.msgKey();
     // contains() and never object(), which would count as a use: the oldest key goes first.
@@ -519,11 +560,10 @@ bool TrelanMessageReciever::processRequest(const QVariant &envelope)
         qWarning().noquote().nospace()
             << tr("Message repeating: ") << logtab << msg.sender() << "\t" << msg.reciever() << "\t"
             << msg.uid() << logtab << loglist(msg.message().split(QLatin1Char('\n')));
-        return true;
+        return;
     }
     _cache->insert(key, new TrelanMessage(msg));
     processMessage(msg);
-    return true;
 }
 
 bool TrelanMessageReciever::processReply(const QVariant &envelope)

@@ -122,19 +122,24 @@ private Q_SLOTS:
 
 private:
     void takeFrames();
+    void readFrames();
     bool takeFrame();
     void watchStall(bool progress);
     void breakOff(const QString &reason);
     void write(const QByteArray &frame);
     void writeLater(const QByteArray &frame);
     void sendAll();
+    void letGo();
     void prepareRequest();
     void prepareReply();
     qint32 readSize();
-    bool readData(qint32 size, QVariant &out);
     QByteArray readPayload(qint32 size);
+    bool readData(qint32 size, QVariant &out);
     bool decode(const QByteArray &payload, QVariant &out);
+    bool takeRequest(const QByteArray &payload);
+    bool takeReply(const QByteArray &payload);
     bool processRequest(const QVariant &envelope);
+    void takeMessage(const TrelanMessage &msg);
     bool processReply(const QVariant &envelope);
 
     QPointer<QTcpSocket> _socket;
@@ -148,6 +153,7 @@ private:
     QByteArray _unsent;                         // likewise: acknowledgements, which leave together
     QElapsedTimer _sinceUnsent;                 // likewise: since the first of these
     bool _sendsLater = false;
+    bool _isHeld = false; // likewise: the system may hold some of them
     Filter _cache;
 
     static std::atomic<quint16> _msgPort;

@@ -26,11 +26,11 @@ const QString KEY_OPTIONS = QStringLiteral("opt");
 } // namespace
 
 TrelanObject::TrelanObject()
-    : TrelanObject(QDateTime::currentDateTime())
+    : TrelanObject(TrelanTimestamp::now())
 {}
 
-TrelanObject::TrelanObject(const QDateTime &dt)
-    : _dt(dt)
+TrelanObject::TrelanObject(const TrelanTimestamp &timestamp)
+    : _timestamp(timestamp)
     , _options(Stored)
 {}
 
@@ -43,7 +43,7 @@ TrelanObject &TrelanObject::operator=(TrelanObject &&other) noexcept
 {
     std::swap(_publisher, other._publisher);
     std::swap(_name, other._name);
-    std::swap(_dt, other._dt);
+    std::swap(_timestamp, other._timestamp);
     std::swap(_content, other._content);
     std::swap(_uid, other._uid);
     _options = other._options;
@@ -52,8 +52,9 @@ TrelanObject &TrelanObject::operator=(TrelanObject &&other) noexcept
 
 bool TrelanObject::operator==(const TrelanObject &other) const
 {
-    return _publisher == other._publisher && _name == other._name && _dt == other._dt &&
-           _content == other._content && _uid == other._uid && int(_options) == int(other._options);
+    return _publisher == other._publisher && _name == other._name &&
+           _timestamp == other._timestamp && _content == other._content && _uid == other._uid &&
+           int(_options) == int(other._options);
 }
 
 bool TrelanObject::operator!=(const TrelanObject &other) const
@@ -83,12 +84,17 @@ void TrelanObject::setName(const QString &name)
 
 QDateTime TrelanObject::dt() const
 {
-    return _dt;
+    return _timestamp.toDateTime();
 }
 
 void TrelanObject::setDt(const QDateTime &dt)
 {
-    _dt = dt;
+    _timestamp = dt;
+}
+
+const TrelanTimestamp &TrelanObject::timestamp() const
+{
+    return _timestamp;
 }
 
 QVariantMap TrelanObject::content() const
@@ -158,15 +164,14 @@ void TrelanObject::setPermanent(bool permanent)
 QString TrelanObject::genUid() const
 {
     const QString text = QStringLiteral("TrelanObject") + _publisher + _name +
-                         _dt.toString(Qt::ISODate) + QString::number(int(_options)) +
-                         value::nowText();
+                         _timestamp.toIsoText() + QString::number(int(_options)) + value::nowText();
     return value::digest(text.toUtf8() + json::compact(_content));
 }
 
 QVariantMap TrelanObject::toVariantMap() const
 {
     return {
-        {KEY_PUBLISHER, _publisher}, {KEY_NAME, _name}, {KEY_DT, value::timeToWire(_dt)},
+        {KEY_PUBLISHER, _publisher}, {KEY_NAME, _name}, {KEY_DT, value::timeToWire(_timestamp)},
         {KEY_CONTENT, _content},     {KEY_UID, _uid},   {KEY_OPTIONS, int(_options)},
     };
 }
@@ -189,7 +194,7 @@ TrelanMessage TrelanObject::toMessage(const QString &reciever) const
         {MSG_NAME_HD, _name},
         {MSG_CONTEXT_HD, _content},
     };
-    TrelanMessage message(_dt);
+    TrelanMessage message(_timestamp);
     // Indented, unlike a command's body: readers of the bus compare these bytes.
     message.setMessage(QString::fromUtf8(json::indented(notification)));
     message.setOptions({});

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "trelanglobal.h"
+#include "trelantimestamp.h"
 
 #include <QtCore/QDateTime>
 #include <QtCore/QFlags>
@@ -45,9 +46,8 @@ public:
 
     /// An object without name, content and uid, Stored, with the current time as its time stamp.
     TrelanObject();
-    /// One of another time. The clock and the time zone, which take longer than all else, are not
-    /// asked for it.
-    explicit TrelanObject(const QDateTime &dt);
+    /// One of another time.
+    explicit TrelanObject(const TrelanTimestamp &timestamp);
     TrelanObject(const TrelanObject &other);
     /// Leaves \a other without its values, its time included; the flag word is copied.
     TrelanObject(TrelanObject &&other);
@@ -72,6 +72,8 @@ public:
     /// Time stamp; travels with millisecond resolution and comes back in local time.
     QDateTime dt() const;
     void setDt(const QDateTime &dt);
+    /// The same as it travels, without asking the clock for local time.
+    const TrelanTimestamp &timestamp() const;
 
     QVariantMap content() const;
     void setContent(const QVariantMap &content);
@@ -122,7 +124,7 @@ public:
 private:
     QString _publisher;
     QString _name;
-    QDateTime _dt;
+    TrelanTimestamp _timestamp;
     QVariantMap _content;
     QString _uid;
     QFlags<Option> _options;

@@ -3,6 +3,7 @@
 #include "trelanframe.h"
 #include "trelanframereader.h"
 #include "trelanjson.h"
+#include "trelanrequests.h"
 #include "trelansocket.h"
 #include "trelanuids.h"
 
@@ -40,6 +41,7 @@ constexpr int ATTEMPTS_WITHOUT_WAIT = 2;
 // read.
 constexpr int MAX_AHEAD = 64;
 constexpr qint64 MAX_BYTES_AHEAD = 256 * 1024;
+constexpr int MAX_REMEMBERED = 512;   // of a reply
 constexpr int MAX_UNSENT = 16 * 1024; // of small requests, which leave together
 
 const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
@@ -136,6 +138,7 @@ bool TrelanQueryHandler::open()
 
     ++_connection;
     _unsent.clear();
+    _lastDone.clear();
     _prompt = TrelanTransport::mode() == TrelanTransport::Prompt;
     _coding = TrelanTransport::coding();
     _reader.reset(_prompt ? new TrelanFrameReader(TrelanTransport::maxPayload()) : nullptr);
@@ -176,7 +179,9 @@ bool TrelanQueryHandler::rmPersistent(const QStringList &names)
 bool TrelanQueryHandler::publish(TrelanObject object)
 {
     const json::Keep keep; // of the content, which the id is made of, too
-    return request(OPERATION_PUBLISH, completed(std::move(object)).toVariantMap());
+    object = completed(std::move(object));
+    return _reader ? promptRequest(publishFrame(object))
+                   : request(OPERATION_PUBLISH, object.toVariantMap());
 }
 
 bool TrelanQueryHandler::publish(QList<TrelanObject> objects)
@@ -296,16 +301,8 @@ bool TrelanQueryHandler::handshake()
 
 bool TrelanQueryHandler::request(QVariantMap &answer, QString operation, QVariantMap data)
 {
-    if (_reader) {
-        bool done = false;
-        ask(operation, data, [&](bool success, const QVariantMap &reply) {
-            done = success;
-            if (success)
-                answer = reply;
-        });
-        takeReplies();
-        return done;
-    }
+    if (_reader)
+        return promptRequest(frameOf(operation, data), answer);
     resetFailure();
     // The handshake comes this way too, so that being handshaked is no condition here.
     if (!canRequest())
@@ -317,11 +314,8 @@ bool TrelanQueryHandler::request(QVariantMap &answer, QString operation, QVarian
 
 bool TrelanQueryHandler::request(QString operation, QVariantMap data)
 {
-    // Only this one: who is told of something meanwhile may request as ever.
-    if (std::exchange(_goesAhead, false)) {
-        askLater(operation, data, [](bool, const QVariantMap &) {});
-        return true;
-    }
+    if (_reader)
+        return promptRequest(frameOf(operation, data));
     QVariantMap ignored;
     return request(ignored, std::move(operation), std::move(data));
 }
@@ -375,8 +369,7 @@ bool TrelanQueryHandler::failUnlessLost(Failure failure)
 
 void TrelanQueryHandler::sendRequest(const QString &operation, const QVariantMap &data)
 {
-    _socket->write(
-        TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(operation, data), _coding));
+    _socket->write(frameOf(operation, data));
     _socket->flush();
     if (canRequest()) // the flush notices a connection that is gone
         wait::bytesWritten(*_socket, WAIT_MS);
@@ -442,6 +435,10 @@ bool TrelanQueryHandler::readReply(QVariantMap &answer)
 
 bool TrelanQueryHandler::takePayload(const QByteArray &payload, QVariantMap &answer)
 {
+    if (!_lastDone.isEmpty() && payload == _lastDone) {
+        answer.clear();
+        return true;
+    }
     const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(payload);
     if (decoded.fault != TrelanFrame::NoFault) {
         qWarning().noquote().nospace()
@@ -455,6 +452,9 @@ bool TrelanQueryHandler::takePayload(const QByteArray &payload, QVariantMap &ans
     if (!processReply(operation, data, result))
         return false;
     answer = data;
+    // Most replies say nothing but yes, in the same bytes each time.
+    if (_reader && data.isEmpty() && operation != OPERATION_HANDSHAKE)
+        _lastDone = payload.size() <= MAX_REMEMBERED ? payload : QByteArray();
     return true;
 }
 
@@ -483,7 +483,7 @@ TrelanObject TrelanQueryHandler::completed(TrelanObject object) const
     object.setPublisher(_clientName);
     if (object.uid().isEmpty())
         object.setUid(_reader ? uids::unique(object) : object.genUid());
-    if (!object.dt().isValid())
+    if (!object.timestamp().isValid())
         object.setDt(QDateTime::currentDateTime());
     return object;
 }
@@ -503,7 +503,7 @@ bool TrelanQueryHandler::publishAhead(const QList<TrelanObject> &objects)
     const json::Keep keep;
     for (const TrelanObject &object : objects) {
         if (_connection == connection && !wait::isInterrupted()) {
-            ask(OPERATION_PUBLISH, completed(object).toVariantMap(), note);
+            ask(publishFrame(completed(object)), note);
         } else {
             takeReplies();
             note(fail(NotOpen), {});
@@ -524,15 +524,52 @@ void TrelanQueryHandler::loadObject(const QString &name,
     };
     const QVariantMap data {{KEY_NAME, name}};
     if (_reader) {
-        askLater(OPERATION_LOAD, data, taken);
+        askLater(frameOf(OPERATION_LOAD, data), taken);
         return;
     }
     QVariantMap answer;
     taken(request(answer, OPERATION_LOAD, data), answer);
 }
 
+QByteArray TrelanQueryHandler::frameOf(const QString &operation, const QVariantMap &data) const
+{
+    return TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(operation, data),
+                               _coding);
+}
+
+QByteArray TrelanQueryHandler::publishFrame(const TrelanObject &object) const
+{
+    return _coding == TrelanTransport::Light
+               ? TrelanFrame::frame(TrelanFrame::Request, requests::publish(object))
+               : frameOf(OPERATION_PUBLISH, object.toVariantMap());
+}
+
+/// Sends a request and waits for its reply, or goes ahead with it if that is wanted.
+bool TrelanQueryHandler::promptRequest(const QByteArray &frame)
+{
+    // Only this one: who is told of something meanwhile may request as ever.
+    if (std::exchange(_goesAhead, false)) {
+        askLater(frame, [](bool, const QVariantMap &) {});
+        return true;
+    }
+    QVariantMap ignored;
+    return promptRequest(frame, ignored);
+}
+
+bool TrelanQueryHandler::promptRequest(const QByteArray &frame, QVariantMap &answer)
+{
+    bool done = false;
+    ask(frame, [&](bool success, const QVariantMap &reply) {
+        done = success;
+        if (success)
+            answer = reply;
+    });
+    takeReplies();
+    return done;
+}
+
 /// Sends a request, or says that it cannot be sent, after what came of those before it.
-void TrelanQueryHandler::ask(const QString &operation, const QVariantMap &data, const Taken &taken)
+void TrelanQueryHandler::ask(const QByteArray &frame, const Taken &taken)
 {
     const int connection = _connection;
     while (_asked.size() >= MAX_AHEAD || _bytesAsked >= MAX_BYTES_AHEAD)
@@ -541,8 +578,6 @@ void TrelanQueryHandler::ask(const QString &operation, const QVariantMap &data, 
     // is for nobody to say while there are replies to come.
     const bool inStep = !canRequest() || !_asked.isEmpty() || !isOutOfStep();
     if (_connection == connection && canRequest() && inStep) {
-        const QByteArray frame = TrelanFrame::encode(
-            TrelanFrame::Request, TrelanFrame::request(operation, data), _coding);
         _unsent += frame;
         if (_asked.isEmpty() || _unsent.size() >= MAX_UNSENT)
             sendAhead();
@@ -557,10 +592,9 @@ void TrelanQueryHandler::ask(const QString &operation, const QVariantMap &data, 
     taken(isOut ? breakOff(Framing) : fail(NotOpen), {});
 }
 
-void TrelanQueryHandler::askLater(const QString &operation, const QVariantMap &data,
-                                  const Taken &taken)
+void TrelanQueryHandler::askLater(const QByteArray &frame, const Taken &taken)
 {
-    ask(operation, data, taken);
+    ask(frame, taken);
     takeReplyLater();
 }
 

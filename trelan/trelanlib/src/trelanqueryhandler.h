@@ -197,8 +197,8 @@ private:
         _goesAhead = false;
     }
     void loadObject(const QString &name, const std::function<void(const TrelanObject &)> &loaded);
-    void ask(const QString &operation, const QVariantMap &data, const Taken &taken);
-    void askLater(const QString &operation, const QVariantMap &data, const Taken &taken);
+    void ask(const QByteArray &frame, const Taken &taken);
+    void askLater(const QByteArray &frame, const Taken &taken);
     void takeReply();
     void takeReplies();
     void takeReplyLater();
@@ -215,6 +215,10 @@ private:
     QByteArray readPayload(int size);
     TrelanObject completed(TrelanObject object) const;
     bool publishAhead(const QList<TrelanObject> &objects);
+    QByteArray frameOf(const QString &operation, const QVariantMap &data) const;
+    QByteArray publishFrame(const TrelanObject &object) const;
+    bool promptRequest(const QByteArray &frame);
+    bool promptRequest(const QByteArray &frame, QVariantMap &answer);
     bool promptReply(QVariantMap &answer);
     TrelanFrameReader::Status awaitFrame(int milliseconds);
     bool isOutOfStep();
@@ -231,6 +235,7 @@ private:
     QQueue<Asked> _asked;                       // likewise: what has no reply yet
     qint64 _bytesAsked = 0;                     // of all these
     QByteArray _unsent;                         // the last of these
+    QByteArray _lastDone; // likewise: the last reply that said nothing but yes
     bool _goesAhead = false;
     bool _takesLater = false;
     Failure _lastFailure = None;

@@ -5,6 +5,8 @@
 #include <QtCore/QThread>
 #include <QtNetwork/QTcpSocket>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -30,6 +32,20 @@ short look(const QTcpSocket &socket, int milliseconds)
 {
     pollfd descriptor {int(socket.socketDescriptor()), POLLIN | POLLRDHUP, 0};
     return ::poll(&descriptor, 1, milliseconds) > 0 ? descriptor.revents : short(0);
+}
+
+void sendWith(QTcpSocket &socket, const QByteArray &bytes, int flags)
+{
+    qint64 sent = 0;
+    if (socket.bytesToWrite() == 0 && socket.state() == QAbstractSocket::ConnectedState) {
+        const int descriptor = int(socket.socketDescriptor());
+        sent = qMax<qint64>(0, ::send(descriptor, bytes.constData(), size_t(bytes.size()),
+                                      MSG_NOSIGNAL | MSG_DONTWAIT | flags));
+    }
+    if (sent < bytes.size()) {
+        socket.write(bytes.constData() + sent, bytes.size() - sent);
+        socket.flush();
+    }
 }
 
 } // namespace
@@ -95,16 +111,18 @@ namespace direct
 
 void send(QTcpSocket &socket, const QByteArray &bytes)
 {
-    qint64 sent = 0;
-    if (socket.bytesToWrite() == 0 && socket.state() == QAbstractSocket::ConnectedState) {
-        const int descriptor = int(socket.socketDescriptor());
-        sent = qMax<qint64>(0, ::send(descriptor, bytes.constData(), size_t(bytes.size()),
-                                      MSG_NOSIGNAL | MSG_DONTWAIT));
-    }
-    if (sent < bytes.size()) {
-        socket.write(bytes.constData() + sent, bytes.size() - sent);
-        socket.flush();
-    }
+    sendWith(socket, bytes, 0);
+}
+
+void sendSoon(QTcpSocket &socket, const QByteArray &bytes)
+{
+    sendWith(socket, bytes, MSG_MORE);
+}
+
+void letGo(QTcpSocket &socket)
+{
+    const int on = 1; // to say it again sends what is held
+    ::setsockopt(int(socket.socketDescriptor()), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 QByteArray read(QTcpSocket &socket, const QDeadlineTimer &deadline)

@@ -32,6 +32,11 @@ namespace bus::direct
 /// Sends \a bytes; what does not leave at once follows as Qt gets at it.
 void send(QTcpSocket &socket, const QByteArray &bytes);
 
+/// The same, but the system may hold them until letGo(), more is sent, or the end of the
+/// connection; for 200 ms at the longest.
+void sendSoon(QTcpSocket &socket, const QByteArray &bytes);
+void letGo(QTcpSocket &socket);
+
 /// Some of what has arrived; if there is nothing, what comes within a tenth of a second. Empty
 /// before that at the deadline, if the connection is lost, or if the thread is asked to end.
 QByteArray read(QTcpSocket &socket, const QDeadlineTimer &deadline);

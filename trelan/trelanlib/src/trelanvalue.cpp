@@ -16,14 +16,14 @@ QString nowText()
     return QString::number(QDateTime::currentMSecsSinceEpoch());
 }
 
-QString timeToWire(const QDateTime &dt)
+QString timeToWire(const TrelanTimestamp &time)
 {
-    return QString::number(dt.toMSecsSinceEpoch());
+    return QString::number(time.toMSecsSinceEpoch());
 }
 
-QDateTime timeFromWire(const QVariant &wire)
+TrelanTimestamp timeFromWire(const QVariant &wire)
 {
-    return QDateTime::fromMSecsSinceEpoch(wire.toString().toLongLong(nullptr, 10));
+    return TrelanTimestamp(wire.toString().toLongLong(nullptr, 10));
 }
 
 } // namespace bus::value

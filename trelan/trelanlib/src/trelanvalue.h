@@ -1,7 +1,8 @@
 #pragma once
 
+#include "trelantimestamp.h"
+
 #include <QtCore/QByteArray>
-#include <QtCore/QDateTime>
 #include <QtCore/QString>
 #include <QtCore/QVariant>
 
@@ -16,9 +17,9 @@ QString digest(const QByteArray &bytes);
 QString nowText();
 
 /// A time as it travels: a string of decimal milliseconds since the epoch.
-QString timeToWire(const QDateTime &dt);
+QString timeToWire(const TrelanTimestamp &time);
 
-/// A travelling time as local time; what is not a decimal integer in its string form is the epoch.
-QDateTime timeFromWire(const QVariant &wire);
+/// A travelling time; what is not a decimal integer in its string form is the epoch.
+TrelanTimestamp timeFromWire(const QVariant &wire);
 
 } // namespace bus::value
