@@ -141,7 +141,7 @@ QString TrelanCommand::genUid() const
 {
     const QString text = QStringLiteral("TrelanCommand") + _sender + _reciever +
                          _timestamp.toIsoText() + _name + value::nowText();
-    return value::digest(text.toUtf8() + json::compact(_params));
+    return value::digest(text.toUtf8(), json::compact(_params));
 }
 
 QString TrelanCommand::createObjectName(const QString &name)

@@ -165,7 +165,7 @@ QString TrelanObject::genUid() const
 {
     const QString text = QStringLiteral("TrelanObject") + _publisher + _name +
                          _timestamp.toIsoText() + QString::number(int(_options)) + value::nowText();
-    return value::digest(text.toUtf8() + json::compact(_content));
+    return value::digest(text.toUtf8(), json::compact(_content));
 }
 
 QVariantMap TrelanObject::toVariantMap() const

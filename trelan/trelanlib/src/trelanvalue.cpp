@@ -1,13 +1,21 @@
 #include "trelanvalue.h"
 
-#include <QtCore/QCryptographicHash>
+#include <nettle/sha1.h>
 
 namespace bus::value
 {
 
-QString digest(const QByteArray &bytes)
+/// By nettle, since Qt takes three times as long.
+QString digest(const QByteArray &first, const QByteArray &second)
 {
-    const QByteArray hash = QCryptographicHash::hash(bytes, QCryptographicHash::Sha1);
+    sha1_ctx context {};
+    sha1_init(&context);
+    for (const QByteArray &bytes : {first, second}) {
+        sha1_update(&context, size_t(bytes.size()),
+                    reinterpret_cast<const uint8_t *>(bytes.constData()));
+    }
+    QByteArray hash(SHA1_DIGEST_SIZE, Qt::Uninitialized);
+    sha1_digest(&context, size_t(hash.size()), reinterpret_cast<uint8_t *>(hash.data()));
     return QString::fromLatin1(hash.toBase64());
 }
 

@@ -10,8 +10,8 @@
 namespace bus::value
 {
 
-/// SHA-1 of \a bytes as 28 characters of standard base64.
-QString digest(const QByteArray &bytes);
+/// SHA-1 of \a first and \a second, one behind the other, as 28 characters of standard base64.
+QString digest(const QByteArray &first, const QByteArray &second = QByteArray());
 
 /// The current time as decimal milliseconds since the epoch.
 QString nowText();
