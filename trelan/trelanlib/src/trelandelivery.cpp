@@ -138,9 +138,7 @@ QByteArray acknowledgement(const TrelanMessage &message, TrelanTransport::Coding
     text += R"(,"uid":)";
     json::appendString(text, message.uid());
     text += R"(},"operation":"sendMessage","result":{"code":0,"description":""}})";
-    QByteArray payload;
-    base64::append(payload, TrelanFrame::compressLightly(text));
-    return TrelanFrame::frame(TrelanFrame::Reply, payload);
+    return TrelanFrame::encodeText(TrelanFrame::Reply, text);
 }
 
 } // namespace bus::delivery

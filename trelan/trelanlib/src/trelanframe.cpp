@@ -3,6 +3,7 @@
 #include "trelanbase64.h"
 #include "trelanerror.h"
 #include "trelanjson.h"
+#include "trelanscratch.h"
 #include "trelanstored.h"
 #include "trelanzstream.h"
 
@@ -84,9 +85,24 @@ quint16 TrelanFrame::replyCode(const QVariantMap &result)
 QByteArray TrelanFrame::encode(Kind kind, const QVariantMap &envelope,
                                TrelanTransport::Coding coding)
 {
+    if (coding == TrelanTransport::Light)
+        return encodeText(kind, json::compact(envelope));
     const QByteArray bytes = compressed(envelope, coding);
     QByteArray frame = lines(kind, base64::encodedSize(bytes.size()));
     base64::append(frame, bytes);
+    return frame;
+}
+
+QByteArray TrelanFrame::encodeText(Kind kind, const QByteArray &json)
+{
+    static thread_local QByteArray _bytes;
+    const Scratch scratch(_bytes);
+    if (json.size() <= zstream::STORED_SIZE)
+        zstream::store(json, _bytes);
+    else
+        _bytes = compressLightly(json);
+    QByteArray frame = lines(kind, base64::encodedSize(_bytes.size()));
+    base64::append(frame, _bytes);
     return frame;
 }
 

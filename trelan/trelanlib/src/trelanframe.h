@@ -79,6 +79,9 @@ public:
     static QByteArray encodePayload(const QVariantMap &envelope,
                                     TrelanTransport::Coding coding = TrelanTransport::Classic);
 
+    /// A whole frame in the coding Light, of an envelope that is text already.
+    static QByteArray encodeText(Kind kind, const QByteArray &json);
+
     /// A whole frame around a payload.
     static QByteArray frame(Kind kind, const QByteArray &payload);
 

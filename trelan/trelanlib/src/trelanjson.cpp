@@ -1,6 +1,7 @@
 #include "trelanjson.h"
 
 #include "trelanjsondom.h"
+#include "trelanscratch.h"
 #include "trelanvectors.h"
 
 #include <QtCore/QJsonDocument>
@@ -728,16 +729,19 @@ void Writer::other(const QVariant &value, int level)
     append({text.constData(), size_t(text.size())});
 }
 
-QByteArray write(const QVariantMap &map, QJsonDocument::JsonFormat format)
+/// Appends a document.
+void write(const QVariantMap &map, QJsonDocument::JsonFormat format, QByteArray &out)
 {
-    QByteArray text;
-    Writer writer(text, format);
-    if (!writer.object(map, 0))
-        return QJsonDocument::fromVariant(map).toJson(format);
+    const int before = out.size();
+    Writer writer(out, format);
+    if (!writer.object(map, 0)) {
+        out.resize(before);
+        out += QJsonDocument::fromVariant(map).toJson(format);
+        return;
+    }
     if (format == QJsonDocument::Indented)
         writer.append("\n");
     writer.finish();
-    return text;
 }
 
 } // namespace
@@ -801,17 +805,30 @@ bool read(const QByteArray &text, QVariantMap &object, QString *errorText)
 
 QByteArray indented(const QVariantMap &map)
 {
-    return write(map, QJsonDocument::Indented);
+    QByteArray text;
+    write(map, QJsonDocument::Indented, text);
+    return text;
 }
 
 QByteArray compact(const QVariantMap &map)
 {
-    QByteArray text = write(map, QJsonDocument::Compact);
+    QByteArray text;
     if (_kept.wanted) {
-        _kept.map = map;
-        _kept.text = text;
+        if (_kept.text.isDetached())
+            text.swap(_kept.text);
+        _kept = Kept();
+        const Scratch scratch(text);
+        write(map, QJsonDocument::Compact, text);
+        _kept = {true, map, text};
+        return _kept.text;
     }
+    write(map, QJsonDocument::Compact, text);
     return text;
+}
+
+void appendCompact(QByteArray &out, const QVariantMap &map)
+{
+    write(map, QJsonDocument::Compact, out);
 }
 
 Keep::Keep()
@@ -821,7 +838,9 @@ Keep::Keep()
 
 Keep::~Keep()
 {
-    _kept = Kept();
+    _kept.wanted = false;
+    _kept.map.clear();
+    const Scratch scratch(_kept.text);
 }
 
 void appendString(QByteArray &out, const QString &text)

@@ -26,6 +26,8 @@ TRELAN_EXPORT bool read(const QByteArray &text, QVariantMap &object, QString *er
 TRELAN_EXPORT QByteArray indented(const QVariantMap &map);
 /// The same of toJson(QJsonDocument::Compact).
 TRELAN_EXPORT QByteArray compact(const QVariantMap &map);
+/// The same, appended.
+TRELAN_EXPORT void appendCompact(QByteArray &out, const QVariantMap &map);
 
 /// Appends \a text as a string of such a document, with its quotes.
 TRELAN_EXPORT void appendString(QByteArray &out, const QString &text);

@@ -539,9 +539,8 @@ QByteArray TrelanQueryHandler::frameOf(const QString &operation, const QVariantM
 
 QByteArray TrelanQueryHandler::publishFrame(const TrelanObject &object) const
 {
-    return _coding == TrelanTransport::Light
-               ? TrelanFrame::frame(TrelanFrame::Request, requests::publish(object))
-               : frameOf(OPERATION_PUBLISH, object.toVariantMap());
+    return _coding == TrelanTransport::Light ? requests::publish(object)
+                                             : frameOf(OPERATION_PUBLISH, object.toVariantMap());
 }
 
 /// Sends a request and waits for its reply, or goes ahead with it if that is wanted.

@@ -1,29 +1,29 @@
 #include "trelanrequests.h"
 
-#include "trelanbase64.h"
 #include "trelanframe.h"
 #include "trelanjson.h"
 #include "trelanobject.h"
+#include "trelanscratch.h"
 
 namespace bus::requests
 {
 
 QByteArray publish(const TrelanObject &object)
 {
-    QByteArray text(R"({"data":{"cnt":)");
-    text += json::compact(object.content());
-    text += R"(,"dt":")" + QByteArray::number(object.timestamp().toMSecsSinceEpoch());
-    text += R"(","nm":)";
-    json::appendString(text, object.name());
-    text += R"(,"opt":)" + QByteArray::number(int(object.options()));
-    text += R"(,"p":)";
-    json::appendString(text, object.publisher());
-    text += R"(,"uid":)";
-    json::appendString(text, object.uid());
-    text += R"(},"operation":"pub"})";
-    QByteArray payload;
-    base64::append(payload, TrelanFrame::compressLightly(text));
-    return payload;
+    static thread_local QByteArray _text;
+    const Scratch scratch(_text);
+    _text += R"({"data":{"cnt":)";
+    json::appendCompact(_text, object.content());
+    _text += R"(,"dt":")" + QByteArray::number(object.timestamp().toMSecsSinceEpoch());
+    _text += R"(","nm":)";
+    json::appendString(_text, object.name());
+    _text += R"(,"opt":)" + QByteArray::number(int(object.options()));
+    _text += R"(,"p":)";
+    json::appendString(_text, object.publisher());
+    _text += R"(,"uid":)";
+    json::appendString(_text, object.uid());
+    _text += R"(},"operation":"pub"})";
+    return TrelanFrame::encodeText(TrelanFrame::Request, _text);
 }
 
 } // namespace bus::requests

@@ -7,7 +7,7 @@ namespace bus
 
 class TrelanObject;
 
-/// Payloads in the coding Light, written without making maps of what is no map. Internal to the
+/// Frames in the coding Light, written without making maps of what is no map. Internal to the
 /// library; thread-safe.
 namespace requests
 {

@@ -177,15 +177,20 @@ void appendBigEndian(QByteArray &out, quint32 number)
 
 QByteArray store(const QByteArray &bytes)
 {
+    QByteArray out;
+    store(bytes, out);
+    return out;
+}
+
+void store(const QByteArray &bytes, QByteArray &out)
+{
     constexpr int AROUND = 64;
     constexpr int SHARE = 8192; // more bytes than that for each block header
-    QByteArray out;
-    out.reserve(bytes.size() + bytes.size() / SHARE + AROUND);
+    out.reserve(out.size() + bytes.size() + bytes.size() / SHARE + AROUND);
     appendBigEndian(out, quint32(bytes.size()));
     out += STORED_HEADER;
     appendStored(out, bytes, true);
     appendBigEndian(out, stored::sum(bytes));
-    return out;
 }
 
 Inflater::Inflater()

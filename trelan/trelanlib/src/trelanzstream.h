@@ -78,6 +78,8 @@ private:
 
 /// The same form around bytes that are not compressed.
 QByteArray store(const QByteArray &bytes);
+/// The same, appended.
+void store(const QByteArray &bytes, QByteArray &out);
 
 /// What it consists of: the length, the header, blocks, of nothing one that is empty, and the sum.
 constexpr char STORED_HEADER[] = "\x78\x01";
