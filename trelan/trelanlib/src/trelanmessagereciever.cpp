@@ -359,8 +359,9 @@ void TrelanMessageReciever::sendAll()
 }
 
 /// The system holds acknowledgements until what they acknowledge is handed on, since the bus would
-/// take its turn before the application; but for no more than 200 ms, whatever a slot does, and not
-/// beyond the end of the process.
+/// take its turn before the application; but for little more than 200 ms, whatever a slot does, and
+/// not beyond the end of the process. If it ends with something unread, that is a reset, and what
+/// is held then is lost: those messages come again.
 void TrelanMessageReciever::letGo()
 {
     if (std::exchange(_isHeld, false) && isConnected(_socket))
