@@ -316,6 +316,38 @@ private Q_SLOTS:
         QVERIFY(openOn([=](ScriptedPeer &peer) { peer.readFrame() && peer.send(bytes); }));
         QTRY_VERIFY(!_reciever && !socket);
     }
+
+    void deletedByALossWhileItWrites_data()
+    {
+        // What is written first is the first thing to notice that the connection is lost.
+        const TestTable<QByteArray, bool> row("bytes", "hasEvents");
+        row("answer", HELLO + push("a") + push("b"), false);
+        row("answer in the slot", HELLO + push("a") + push("b"), true);
+        row("handshake", {}, false);
+    }
+    void deletedByALossWhileItWrites()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(bool, hasEvents);
+        static QSemaphore _isReset; // the script may still be in it
+        const QPointer<QTcpSocket> socket = this->socket();
+        const auto lose = [this, hasEvents] {
+            _server->release();
+            _isReset.acquire();
+            if (hasEvents)
+                QCoreApplication::processEvents();
+        };
+        connect(_reciever, &R::incomingMessage, this, lose);
+        if (bytes.isEmpty())
+            connect(socket, &QTcpSocket::connected, this, lose);
+        connect(_reciever, SIGNAL(busDisconnected()), this, SLOT(deleteReciever()));
+        openOn([bytes](ScriptedPeer &peer) {
+            if ((bytes.isEmpty() || (peer.readFrame() && peer.send(bytes))) && peer.awaitRelease())
+                peer.close(true);
+            _isReset.release();
+        });
+        QTRY_VERIFY(!_reciever && !socket);
+    }
 };
 
 QTEST_GUILESS_MAIN(tst_TrelanMessageReciever)

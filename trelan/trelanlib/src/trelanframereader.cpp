@@ -95,10 +95,10 @@ bool TrelanFrameReader::takeUsualHeader()
     return true;
 }
 
-/// Likewise, of a size that is no number too large for it.
+/// Likewise, of a size that is no longer than a line may be.
 bool TrelanFrameReader::takeUsualSize(qint64 &size)
 {
-    constexpr int MAX_DIGITS = 18;
+    constexpr int MAX_DIGITS = TrelanFrame::MAX_LINE_LENGTH - 2;
     const char *const text = _buffer.constData() + _position;
     const int length = _buffer.size() - _position;
     int digits = 0;

@@ -296,8 +296,10 @@ bool TrelanMessageReciever::request(QString cmd, QVariantMap data)
 {
     if (!isConnected(_socket))
         return false;
+    const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
     write(TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(cmd, data), _coding));
-    letGo();
+    if (self)
+        letGo();
     return true;
 }
 
@@ -339,8 +341,10 @@ void TrelanMessageReciever::writeLater(const QByteArray &frame)
         return;
     const auto send = [this] {
         _sendsLater = false;
+        const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
         sendAll();
-        letGo();
+        if (self)
+            letGo();
     };
     QMetaObject::invokeMethod(this, send, Qt::QueuedConnection);
 }
@@ -350,13 +354,14 @@ void TrelanMessageReciever::sendAll()
     const QByteArray frames = std::exchange(_unsent, {});
     if (frames.isEmpty() || !isConnected(_socket))
         return;
-    direct::sendSoon(*_socket, frames);
     _isHeld = true;
+    direct::sendSoon(*_socket, frames); // last: a connection lost here is a signal
 }
 
 /// The system holds acknowledgements until what they acknowledge is handed on, since the bus would
-/// take its turn before the application; but for no more than 200 ms, whatever a slot does, and not
-/// beyond the end of the process.
+/// take its turn before the application; but for little more than 200 ms, whatever a slot does, and
+/// not beyond the end of the process. If it ends with something unread, that is a reset, and what
+/// is held then is lost: those messages come again.
 void TrelanMessageReciever::letGo()
 {
     if (std::exchange(_isHeld, false) && isConnected(_socket))
@@ -432,9 +437,9 @@ void TrelanMessageReciever::breakOff(const QString &reason)
     qWarning().noquote() << "The message channel is closed:" << reason;
     const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
     sendAll();
-    letGo();
     if (!self || !isConnected(_socket))
         return;
+    letGo();
     _stall.stop();
     _answer.stop();
     _opened = false;
