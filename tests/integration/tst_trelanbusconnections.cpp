@@ -5,8 +5,10 @@
 
 #include <QtCore/QTemporaryDir>
 
+#include <dlfcn.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <atomic>
 #include <ctime>
@@ -31,7 +33,17 @@ QByteArray publishNoise(const QString &name, int bytes, int options = TrelanObje
     return RawPeer::frame("pub", {{"nm", name}, {"opt", options}, {"cnt", noise(bytes)}});
 }
 
+std::atomic_int _largeCompressed {0};
+
 } // namespace
+
+extern "C" Q_DECL_EXPORT int deflate(z_streamp stream, int flush)
+{
+    static const auto _next =
+        reinterpret_cast<int (*)(z_streamp, int)>(::dlsym(RTLD_NEXT, "deflate"));
+    _largeCompressed += int(stream->avail_in > 1000000);
+    return _next(stream, flush);
+}
 
 /// Connections that send anything, nothing or too much, and end at any time.
 class tst_TrelanBusConnections : public QObject
@@ -157,6 +169,24 @@ private Q_SLOTS:
         QCOMPARE(peer.data().value("nm").toString(), "large");
         for (int answer = 0; answer < 2; ++answer)
             QCOMPARE(peer.receive(), "2 there is no object \"no.such\"");
+    }
+
+    void nothingIsMadeForWhoHasGone()
+    {
+        constexpr int PEERS = 20;
+        TestBus server;
+        RawPeer staying(server, "me");
+        QVERIFY(staying.send(publishNoise("large", 6000000)) && staying.receive() == "0 ");
+        const QByteArray load = RawPeer::frame("loadObject {'nm':'large'}");
+        _largeCompressed = 0;
+        for (int i = 0; i < PEERS; ++i) {
+            RawPeer leaving(server, "leaving");
+            leaving.endWithReset();
+            QVERIFY(leaving.send(load));
+        }
+        QVERIFY(staying.send(load));
+        QCOMPARE(staying.receive(), "0 ");
+        QVERIFY2(_largeCompressed <= PEERS / 2, qPrintable(QString::number(_largeCompressed)));
     }
 
     void takenOverInOneTurn()

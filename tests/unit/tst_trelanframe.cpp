@@ -187,6 +187,22 @@ private slots:
         QCOMPARE(framesOtherwise(bytes, random), 0);
     }
 
+    /// The same of one to which another one leads.
+    void sharedBeginningsShortOfTheEnd()
+    {
+        constexpr int WINDOW = 65536, PLACE = 32768, DISTANCE = 32506, EARLIER = 40000;
+        std::mt19937 random(PLACE);
+        for (const int length : {5, 100, 258}) {
+            QByteArray bytes = bytesOfKind(0, random, WINDOW);
+            for (char &byte : bytes)
+                byte = char(byte & 0x3f); // or nothing of it would be compressed
+            bytes.replace(PLACE + DISTANCE - length, length, bytes.mid(EARLIER, length));
+            bytes.replace(PLACE + DISTANCE, 40, bytes.mid(PLACE, 40));
+            for (int missing = 1; missing < length; missing += qMax(1, length / 9))
+                QCOMPARE(framesOtherwise(bytes.chopped(missing), random), 0);
+        }
+    }
+
     void sharedBeginningsInTurns()
     {
         std::mt19937 random(10);

@@ -182,7 +182,8 @@ void BusConnection::handle(quint32 events)
     if ((events & EPOLLOUT) != 0)
         sendRest();
     const bool isOver = (events & AT_END) != 0;
-    if (_state == Closed || (!isOver && (events & EPOLLIN) == 0))
+    // Who has a turn coming is not to have two for one of the others.
+    if (_state == Closed || _nextTurn.isActive() || (!isOver && (events & EPOLLIN) == 0))
         return;
     if (_state >= Ending)
         receive();

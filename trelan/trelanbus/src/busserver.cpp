@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 #include <utility>
 
 namespace bus
@@ -321,7 +322,7 @@ void BusServer::onRequest(ConnectionId id, const QByteArray &payload)
             return;
         }
     }
-    _codec.add([this, id, payload, limit] {
+    addJob(id, [this, id, payload, limit] {
         return [this, id, request = BusRequest::parse(payload, limit)] {
             // A late handshake of a client that has gone must not take over one that is there.
             if (_connections.contains(id))
@@ -365,15 +366,36 @@ void BusServer::onFrameTooLarge(ConnectionId id, const QString &fault)
 
 void BusServer::onClosed(ConnectionId id)
 {
+    _jobs.remove(id);
     _core.connectionClosed(id);
     if (BusConnection *connection = _connections.take(id))
         connection->deleteLater();
 }
 
+/// The job ends with its connection: those of clients that come, ask and go would pile up.
+void BusServer::addJob(ConnectionId id, const Job &job)
+{
+    if (!_connections.contains(id))
+        return;
+    const auto kept = std::make_shared<const Job>(job);
+    _jobs.insert(id, kept);
+    _codec.add([this, id, waiting = std::weak_ptr<const Job>(kept)]() -> Completion {
+        const std::shared_ptr<const Job> due = waiting.lock();
+        if (!due)
+            return {};
+        return [this, id, complete = (*due)()] {
+            _jobs.remove(id);
+            complete();
+        };
+    });
+}
+
 void BusServer::handleCodecResults()
 {
-    for (const Completion &complete : _codec.takeResults())
-        complete();
+    for (const Completion &complete : _codec.takeResults()) {
+        if (complete)
+            complete();
+    }
 }
 
 void BusServer::handleStorageResults()
@@ -402,7 +424,7 @@ void BusServer::answerEncoded(ConnectionId id, qint64 cost,
         answer(id, encode());
         return;
     }
-    _codec.add([this, id, encode] { return [this, id, frame = encode()] { answer(id, frame); }; });
+    addJob(id, [this, id, encode] { return [this, id, frame = encode()] { answer(id, frame); }; });
 }
 
 void BusServer::answer(ConnectionId id, const QByteArray &frame)

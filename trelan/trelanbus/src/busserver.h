@@ -12,6 +12,7 @@
 #include <QtCore/QTimer>
 
 #include <functional>
+#include <memory>
 
 namespace bus
 {
@@ -68,6 +69,7 @@ private:
     bool listen(BusListener &listener, int descriptor, quint16 port);
     void onDescriptor(BusConnection::Channel channel, int descriptor);
     void handle(ConnectionId id, const BusRequest &request);
+    void addJob(ConnectionId id, const Job &job);
     void handleCodecResults();
     void handleStorageResults();
     void watchTimes();
@@ -82,7 +84,8 @@ private:
     BusStorage _storage;
     BusCore _core;
     BusPoller _poller;
-    QHash<ConnectionId, BusConnection *> _connections; // children of this
+    QHash<ConnectionId, BusConnection *> _connections;     // children of this
+    QHash<ConnectionId, std::shared_ptr<const Job>> _jobs; // of the codec; one each at a time
     ConnectionId _lastId = 0;
     QHash<QString, QByteArray> _doneFrames; // by operation: its answer when there is nothing to say
     WarningLimiter _warnings;

@@ -183,9 +183,9 @@ TrelanClassicPayload::commonOf(const std::function<QByteArray()> &beginning) con
         return {};
     }
     branch().number = 0;
-    const int even = text.size() / 2 * 2;
+    const int safe = zstream::BranchingDeflater::safePart(text.size());
     QByteArray bytes;
-    if (!branch().deflater.begin(text.left(even), bytes) || bytes.size() < STREAM_HEADER_SIZE)
+    if (!branch().deflater.begin(text.left(safe), bytes) || bytes.size() < STREAM_HEADER_SIZE)
         return {};
     branch().number = _number;
     const int whole = (bytes.size() - STREAM_HEADER_SIZE) / GROUP * GROUP;
@@ -193,7 +193,7 @@ TrelanClassicPayload::commonOf(const std::function<QByteArray()> &beginning) con
     common->header = bytes.left(STREAM_HEADER_SIZE);
     base64::append(common->base64, bytes.mid(STREAM_HEADER_SIZE, whole));
     common->rest = bytes.mid(STREAM_HEADER_SIZE + whole);
-    common->last = text.mid(even);
+    common->last = text.mid(safe);
     common->size = text.size();
     const std::lock_guard lock(_mutex);
     _common = common; // another thread makes the same of it

@@ -116,9 +116,17 @@ BranchingDeflater::~BranchingDeflater()
     deflateEnd(&_stream);
 }
 
+int BranchingDeflater::safePart(int size)
+{
+    constexpr int HALF_WINDOW = 1 << MAX_WBITS; // filled at a time
+    constexpr int LONGEST_MATCH = 258;
+    const int filled = size % HALF_WINDOW;
+    return filled > HALF_WINDOW - LONGEST_MATCH ? size - LONGEST_MATCH : size;
+}
+
 bool BranchingDeflater::begin(const QByteArray &bytes, QByteArray &out)
 {
-    Q_ASSERT(bytes.size() % 2 == 0);
+    Q_ASSERT(safePart(bytes.size()) == bytes.size());
     if (!_ready || deflateReset(&_stream) != Z_OK)
         return false;
     out.resize(int(deflateBound(&_stream, uLong(bytes.size()))));

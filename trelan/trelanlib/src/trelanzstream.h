@@ -63,9 +63,11 @@ public:
     ~BranchingDeflater();
     Q_DISABLE_COPY(BranchingDeflater)
 
-    /// Takes the beginning of the streams that follow, of which the size has to be even: zlib makes
-    /// room in its window earlier where its input ends one byte before it is full. What it has
-    /// written of it so far goes into \a out. False if there is no memory.
+    /// How much of a beginning of that size begin() may be given. Where its input ends less than a
+    /// match before its window is full, zlib may make room in there earlier than it would have.
+    static int safePart(int size);
+    /// Takes the beginning of the streams that follow. What it has written of it so far goes into
+    /// \a out. False if there is no memory.
     bool begin(const QByteArray &bytes, QByteArray &out);
     /// Appends what is behind that if \a ending follows.
     bool finish(const QByteArray &ending, QByteArray &out);
