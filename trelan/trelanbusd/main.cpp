@@ -131,9 +131,6 @@ int main(int argc, char **argv)
         return fail(fault);
 
     const int signalFd = openSignals();
-    // The event loop of GLib does nothing here but cost more with every request.
-    if (!qEnvironmentVariableIsSet("QT_NO_GLIB"))
-        qputenv("QT_NO_GLIB", "1");
     QCoreApplication app(argc, argv);
     // Paths and log lines are UTF-8 also in the C locale that a service starts in.
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));

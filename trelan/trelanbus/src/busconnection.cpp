@@ -3,9 +3,7 @@
 #include "buslog.h"
 #include "busnames.h"
 
-#include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QElapsedTimer>
-#include <QtCore/QThread>
 #include <QtNetwork/QHostAddress>
 
 #include <netinet/in.h>
@@ -15,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 
 namespace bus
@@ -31,6 +30,9 @@ constexpr int PUSH_BUFFER = 256 * 1024;
 // Of a client that asks and does not read.
 constexpr int MAX_ANSWERS_LEAVING = 16;
 
+constexpr int READ_CHUNK = 64 * 1024;
+thread_local std::array<char, READ_CHUNK> _chunk;
+
 constexpr quint32 AT_END = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 
 void setOption(int descriptor, int level, int option, int value)
@@ -42,6 +44,12 @@ void setOption(int descriptor, int level, int option, int value)
 bool isPassing(int error)
 {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+/// Into the chunk; below zero, with errno, if there is nothing or never will be.
+ssize_t readSome(int descriptor)
+{
+    return ::recv(descriptor, _chunk.data(), _chunk.size(), 0);
 }
 
 QString peerOf(int descriptor)
@@ -209,11 +217,8 @@ void BusConnection::onStalled()
 /// come before the sockets of the others.
 void BusConnection::scheduleTurn()
 {
-    if (_nextTurn.isActive())
-        return;
-    _nextTurn.start(0);
-    // Some event loops run timers only when no socket has anything, unless they are woken.
-    thread()->eventDispatcher()->wakeUp();
+    if (!_nextTurn.isActive())
+        _nextTurn.start(0);
 }
 
 void BusConnection::takeTurn(bool isReadable)
@@ -236,7 +241,7 @@ void BusConnection::takeRequests(bool isReadable)
         if (status != TrelanFrameReader::NeedMoreData) {
             takeRequest(status);
         } else if (isReadable) {
-            isReadable = receive() == _poller.buffer().size(); // less was all there is
+            isReadable = receive() == READ_CHUNK; // less was all there is
         } else {
             return;
         }
@@ -284,10 +289,9 @@ void BusConnection::goOn()
 /// Returns how many bytes came; what comes after the last request is thrown away.
 int BusConnection::receive()
 {
-    QByteArray &buffer = _poller.buffer();
-    const ssize_t size = ::recv(_descriptor, buffer.data(), size_t(buffer.size()), 0);
+    const ssize_t size = readSome(_descriptor);
     if (size > 0 && _state == Reading)
-        _reader.feed(QByteArray(buffer.constData(), int(size)));
+        _reader.feed(QByteArray(_chunk.data(), int(size)));
     else if (size == 0 || (size < 0 && !isPassing(errno)))
         close();
     return int(size);
@@ -372,8 +376,7 @@ void BusConnection::release()
     if (_descriptor < 0)
         return;
     _poller.forget(_descriptor);
-    QByteArray &buffer = _poller.buffer();
-    ::recv(_descriptor, buffer.data(), size_t(buffer.size()), 0);
+    readSome(_descriptor);
     ::close(_descriptor);
     _descriptor = -1;
     _leaving.clear();

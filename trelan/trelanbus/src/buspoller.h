@@ -1,53 +1,45 @@
 #pragma once
 
-#include "busoutput.h"
+#include <QtCore/QtGlobal>
 
-#include <QtCore/QByteArray>
-#include <QtCore/QObject>
-#include <QtCore/QSocketNotifier>
+#include <sys/epoll.h>
 
-#include <functional>
-#include <memory>
+#include <array>
 
 namespace bus
 {
 
-/// \brief Watches the descriptors of all connections, and is one descriptor to the event loop.
+/// \brief Waits for any of many descriptors at once, however many there are.
 ///
-/// The event loop goes through all that it has on each of its turns, which the bus would pay for
-/// with every request: here it has one, however many clients there are.
-///
-/// It tells ids, not descriptors or pointers: whoever handles one event may end any connection, and
-/// what was found of that one means nothing to anybody then. A connection that stays ready is told
-/// of again. One thread.
-class BusPoller : public QObject
+/// It tells tokens, not descriptors or pointers: whoever handles one event may end any connection,
+/// and what was found of that one means nothing to anybody then. What stays ready is told of again.
+/// One thread.
+class BusPoller
 {
 public:
-    /// Called with what is ready, in the bits of epoll.
-    using Handler = std::function<void(ConnectionId id, quint32 events)>;
+    // At once. Those beyond come before these the next time, and timers and other threads in
+    // between.
+    static constexpr int MAX_EVENTS = 64;
+    using Events = std::array<epoll_event, MAX_EVENTS>;
 
-    explicit BusPoller(Handler handler);
-    ~BusPoller() override;
+    BusPoller() = default;
+    ~BusPoller();
+    Q_DISABLE_COPY(BusPoller)
 
     /// False, with errno, if the system has no descriptor left. To be called first.
     bool open();
 
-    /// False, with errno, if the system has no room for it.
-    bool watch(int descriptor, ConnectionId id, quint32 events) const;
-    void change(int descriptor, ConnectionId id, quint32 events) const;
+    /// False, with errno, if the system has no room for it. \a events in the bits of epoll.
+    bool watch(int descriptor, quint64 token, quint32 events) const;
+    void change(int descriptor, quint64 token, quint32 events) const;
     /// Before the descriptor is closed.
     void forget(int descriptor) const;
 
-    /// Room for what is read in one go, by whoever reads.
-    QByteArray &buffer();
+    /// How many are ready; zero after \a milliseconds, which are endless below zero, or a signal.
+    int wait(Events &events, int milliseconds) const;
 
 private:
-    void takeTurn();
-
-    const Handler _handler;
     int _descriptor = -1;
-    std::unique_ptr<QSocketNotifier> _arrival;
-    QByteArray _buffer;
 };
 
 } // namespace bus

@@ -107,7 +107,7 @@ qint64 totalCost(const QVector<ObjectRecord> &records)
 
 } // namespace
 
-BusServer::BusServer(const TrelanBusSettings &settings)
+BusServer::BusServer(const TrelanBusSettings &settings, BusEventDispatcher &dispatcher)
     : _settings(settings)
     , _storage(settings,
                [this] {
@@ -115,10 +115,7 @@ BusServer::BusServer(const TrelanBusSettings &settings)
                                              Qt::QueuedConnection);
                })
     , _core(settings, _storage, *this)
-    , _poller([this](ConnectionId id, quint32 events) {
-        if (BusConnection *connection = _connections.value(id))
-            connection->handle(events);
-    })
+    , _poller(dispatcher.poller())
     , _codec(
           [](const std::vector<Job> &jobs) {
               std::vector<Completion> completions;
@@ -135,6 +132,10 @@ BusServer::BusServer(const TrelanBusSettings &settings)
             [this](qintptr descriptor) { onDescriptor(BusConnection::Query, int(descriptor)); });
     connect(&_msgListener, &BusListener::descriptorArrived, this,
             [this](qintptr descriptor) { onDescriptor(BusConnection::Messages, int(descriptor)); });
+    dispatcher.setHandler([this](ConnectionId id, quint32 events) {
+        if (BusConnection *connection = _connections.value(id))
+            connection->handle(events);
+    });
     _times.setInterval(TIMES_INTERVAL_MS);
     connect(&_times, &QTimer::timeout, this, &BusServer::checkTimes);
 }
@@ -159,10 +160,6 @@ bool BusServer::start()
     }
     _core.restoreMessages();
     watchTimes();
-    if (!_poller.open()) {
-        _errorString = QStringLiteral("cannot watch connections: %1").arg(qt_error_string(errno));
-        return false;
-    }
     return listen(_queryListener, _settings.queryDescriptor, _settings.queryPort) &&
            listen(_msgListener, _settings.msgDescriptor, _settings.msgPort);
 }

@@ -3,8 +3,8 @@
 #include "backgroundworker.h"
 #include "busconnection.h"
 #include "buscore.h"
+#include "buseventdispatcher.h"
 #include "buslistener.h"
-#include "buspoller.h"
 #include "busstorage.h"
 
 #include <QtCore/QHash>
@@ -26,7 +26,8 @@ class BusServer : public QObject, private BusOutput, private BusConnection::Owne
     Q_OBJECT
 
 public:
-    explicit BusServer(const TrelanBusSettings &settings);
+    /// \a dispatcher is the one of the current thread and stays longer than this.
+    BusServer(const TrelanBusSettings &settings, BusEventDispatcher &dispatcher);
     /// Waits for the disk, sends what it has to answer, and closes everything.
     ~BusServer() override;
 
@@ -83,7 +84,7 @@ private:
     BusListener _msgListener;
     BusStorage _storage;
     BusCore _core;
-    BusPoller _poller;
+    BusPoller &_poller;
     QHash<ConnectionId, BusConnection *> _connections;     // children of this
     QHash<ConnectionId, std::shared_ptr<const Job>> _jobs; // of the codec; one each at a time
     ConnectionId _lastId = 0;

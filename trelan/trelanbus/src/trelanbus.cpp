@@ -1,9 +1,13 @@
 #include "trelanbus.h"
 
+#include "buseventdispatcher.h"
 #include "busserver.h"
 
 #include <QtCore/QSemaphore>
 #include <QtCore/QThread>
+
+#include <cerrno>
+#include <memory>
 
 namespace bus
 {
@@ -20,6 +24,13 @@ public:
     /// Returns when the server listens or has failed.
     bool startServer()
     {
+        auto dispatcher = std::make_unique<BusEventDispatcher>();
+        if (!dispatcher->open()) {
+            _errorString = QStringLiteral("cannot watch anything: %1").arg(qt_error_string(errno));
+            return false;
+        }
+        _dispatcher = dispatcher.get();
+        setEventDispatcher(dispatcher.release());
         start();
         _settled.acquire();
         return _listening;
@@ -33,7 +44,7 @@ public:
 protected:
     void run() override
     {
-        BusServer server(_settings);
+        BusServer server(_settings, *_dispatcher);
         _listening = server.start();
         _queryPort = server.queryPort();
         _msgPort = server.msgPort();
@@ -47,6 +58,7 @@ protected:
 
 private:
     const TrelanBusSettings _settings;
+    BusEventDispatcher *_dispatcher = nullptr; // belongs to the thread
     QSemaphore _settled;
     bool _listening = false;
     quint16 _queryPort = 0;

@@ -1,0 +1,277 @@
+#include "buseventdispatcher.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QSocketNotifier>
+#include <QtCore/QThread>
+#include <QtCore/QTimer>
+#include <QtTest/QtTest>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+#include <utility>
+#include <vector>
+
+using bus::BusEventDispatcher;
+
+namespace
+{
+
+/// The one that this program runs on.
+BusEventDispatcher *_dispatcher = nullptr;
+
+/// Two ends of a connection.
+struct Pair
+{
+    Pair() { ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends); }
+    ~Pair()
+    {
+        closeEnd(0);
+        closeEnd(1);
+    }
+    Q_DISABLE_COPY(Pair)
+
+    void closeEnd(int end)
+    {
+        if (ends[end] >= 0)
+            ::close(std::exchange(ends[end], -1));
+    }
+    void write(int end) const { QCOMPARE(::write(ends[end], "x", 1), 1); }
+    void read(int end) const
+    {
+        char byte = 0;
+        QCOMPARE(::read(ends[end], &byte, 1), 1);
+    }
+
+    int ends[2] {-1, -1};
+};
+
+/// One turn of the loop, which does not wait.
+void turn()
+{
+    QCoreApplication::processEvents();
+}
+
+} // namespace
+
+class tst_BusEventDispatcher : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void timersInTheirOrder()
+    {
+        QVector<int> order;
+        QElapsedTimer clock;
+        clock.start();
+        QEventLoop loop;
+        for (const int milliseconds : {30, 0, 20, 10}) {
+            QTimer::singleShot(milliseconds, Qt::PreciseTimer, this, [&, milliseconds] {
+                order.append(milliseconds);
+                QVERIFY(clock.elapsed() >= milliseconds);
+                if (milliseconds == 30)
+                    loop.quit();
+            });
+        }
+        loop.exec();
+        QCOMPARE(order, QVector<int>({0, 10, 20, 30}));
+    }
+
+    void timersAreToldOf()
+    {
+        QTimer timer;
+        timer.start(50000);
+        QVERIFY(timer.remainingTime() > 40000 && timer.remainingTime() <= 50000);
+        QCOMPARE(_dispatcher->registeredTimers(&timer).size(), 1);
+        QCOMPARE(_dispatcher->registeredTimers(&timer).first().interval, 50000);
+        const int id = timer.timerId();
+        timer.stop();
+        QCOMPARE(_dispatcher->remainingTime(id), -1);
+        QVERIFY(_dispatcher->registeredTimers(&timer).isEmpty());
+
+        auto object = std::make_unique<QObject>();
+        object->startTimer(1);
+        object->startTimer(50000);
+        QVERIFY(_dispatcher->unregisterTimers(object.get()));
+        QVERIFY(!_dispatcher->unregisterTimers(object.get()));
+    }
+
+    void aTimerOfNoTimeRunsOnceATurn()
+    {
+        int runs = 0;
+        QTimer again;
+        connect(&again, &QTimer::timeout, this, [&runs] { ++runs; });
+        again.start(0);
+        for (int turns = 1; turns <= 5; ++turns) {
+            QVERIFY(_dispatcher->hasPendingEvents());
+            turn();
+            QCOMPARE(runs, turns);
+        }
+    }
+
+    void timersThatOthersEnd()
+    {
+        QTimer first;
+        std::unique_ptr<QTimer> second = std::make_unique<QTimer>();
+        int runs = 0;
+        const auto endTheOther = [&] {
+            ++runs;
+            second.reset();
+            first.stop();
+        };
+        connect(&first, &QTimer::timeout, this, endTheOther);
+        connect(second.get(), &QTimer::timeout, this, endTheOther);
+        first.start(0);
+        second->start(0);
+        turn();
+        turn();
+        QCOMPARE(runs, 1);
+    }
+
+    void aTimerThatWasMissedDoesNotMakeUpForIt()
+    {
+        int runs = 0;
+        QTimer timer;
+        connect(&timer, &QTimer::timeout, this, [&runs] { ++runs; });
+        timer.start(400);
+        QElapsedTimer clock;
+        clock.start();
+        while (!clock.hasExpired(900)) // the loop does not run
+            QThread::yieldCurrentThread();
+        turn();
+        turn();
+        QCOMPARE(runs, 1);
+    }
+
+    void notifiersOfOneDescriptor()
+    {
+        Pair pair;
+        QString told;
+        QSocketNotifier read(pair.ends[0], QSocketNotifier::Read);
+        QSocketNotifier write(pair.ends[0], QSocketNotifier::Write);
+        connect(&read, &QSocketNotifier::activated, this, [&told] { told += 'r'; });
+        connect(&write, &QSocketNotifier::activated, this, [&told] { told += 'w'; });
+        const auto afterATurn = [&told] {
+            told.clear();
+            turn();
+            return told;
+        };
+
+        QCOMPARE(afterATurn(), "w");
+        pair.write(1);
+        QCOMPARE(afterATurn(), "rw");
+        QCOMPARE(afterATurn(), "rw"); // nobody has read it
+        write.setEnabled(false);
+        QCOMPARE(afterATurn(), "r");
+        pair.read(0);
+        QCOMPARE(afterATurn(), "");
+        read.setEnabled(false);
+        pair.write(1);
+        QCOMPARE(afterATurn(), "");
+        read.setEnabled(true);
+        QCOMPARE(afterATurn(), "r");
+        pair.read(0);
+        pair.closeEnd(1); // an end is something to read
+        QCOMPARE(afterATurn(), "r");
+    }
+
+    void notifiersThatOthersEnd()
+    {
+        Pair one;
+        Pair other;
+        one.write(1);
+        other.write(1);
+        int told = 0;
+        std::vector<std::unique_ptr<QSocketNotifier>> notifiers;
+        for (const Pair *pair : {&one, &other}) {
+            for (const auto type : {QSocketNotifier::Read, QSocketNotifier::Write}) {
+                notifiers.push_back(std::make_unique<QSocketNotifier>(pair->ends[0], type));
+                connect(notifiers.back().get(), &QSocketNotifier::activated, this, [&] {
+                    ++told;
+                    for (auto &notifier : notifiers)
+                        notifier->setEnabled(false);
+                });
+            }
+        }
+        turn();
+        turn();
+        QCOMPARE(told, 1);
+    }
+
+    void whatIsWatchedWithoutNotifiers()
+    {
+        Pair pair;
+        QVector<QPair<quint64, quint32>> told;
+        _dispatcher->setHandler([&](quint64 id, quint32 events) {
+            told.append({id, events});
+            pair.read(0);
+        });
+        QVERIFY(_dispatcher->poller().watch(pair.ends[0], 7, EPOLLIN));
+        turn();
+        QVERIFY(told.isEmpty());
+        pair.write(1);
+        turn();
+        _dispatcher->poller().change(pair.ends[0], 8, EPOLLIN | EPOLLOUT);
+        pair.write(1);
+        turn();
+        _dispatcher->poller().forget(pair.ends[0]);
+        pair.write(1);
+        turn();
+        QCOMPARE(told, (QVector<QPair<quint64, quint32>> {{7, EPOLLIN}, {8, EPOLLIN | EPOLLOUT}}));
+    }
+
+    void eventsOfOtherThreadsWakeIt()
+    {
+        constexpr int THREADS = 4;
+        constexpr int EACH = 2000;
+        int arrived = 0;
+        QEventLoop loop;
+        std::vector<std::unique_ptr<QThread>> threads;
+        for (int i = 0; i < THREADS; ++i) {
+            threads.emplace_back(QThread::create([&] {
+                for (int n = 0; n < EACH; ++n) {
+                    const auto arrive = [&] {
+                        if (++arrived == THREADS * EACH)
+                            loop.quit();
+                    };
+                    QMetaObject::invokeMethod(this, arrive, Qt::QueuedConnection);
+                    if (n % 16 == 0) // so that it falls asleep in between
+                        QThread::yieldCurrentThread();
+                }
+            }));
+            threads.back()->start();
+        }
+        loop.exec(); // sleeps for good if one wake-up is lost
+        for (const auto &thread : threads)
+            QVERIFY(thread->wait());
+        QCOMPARE(arrived, THREADS * EACH);
+    }
+
+    void aThreadOfItsOwnEnds()
+    {
+        for (int i = 0; i < 200; ++i) {
+            auto dispatcher = std::make_unique<BusEventDispatcher>();
+            QVERIFY(dispatcher->open());
+            QThread thread;
+            thread.setEventDispatcher(dispatcher.release());
+            thread.start();
+            thread.quit(); // whether it waits already or has not begun
+            QVERIFY(thread.wait());
+        }
+    }
+};
+
+int main(int argc, char *argv[])
+{
+    _dispatcher = new BusEventDispatcher; // belongs to the application
+    if (!_dispatcher->open())
+        return 1;
+    QCoreApplication::setEventDispatcher(_dispatcher);
+    QCoreApplication app(argc, argv);
+    tst_BusEventDispatcher test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_buseventdispatcher.moc"
