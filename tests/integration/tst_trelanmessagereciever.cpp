@@ -90,6 +90,13 @@ class tst_TrelanMessageReciever : public QObject
         return text;
     }
 
+    bool eventFilter(QObject *watched, QEvent *event) override
+    {
+        if (event->type() == QEvent::SockAct)
+            release();
+        return QObject::eventFilter(watched, event);
+    }
+
 public Q_SLOTS: // not tests
     void deleteReciever() { delete _reciever; }
     void release() { _server->release(); }
@@ -192,6 +199,11 @@ private Q_SLOTS:
         connect(socket(), SIGNAL(readyRead()), this, SLOT(release()));
         connect(socket(), SIGNAL(readyRead()), _reciever, SLOT(onSocketReadyRead()));
         QVERIFY(openOn(pieces));
+        const auto notifiers = PROMPT // which takes what comes before the socket knows of it
+                                   ? socket()->findChildren<QSocketNotifier *>()
+                                   : QList<QSocketNotifier *>();
+        for (QSocketNotifier *notifier : notifiers)
+            notifier->installEventFilter(this);
         QVERIFY(!_reciever->isOpen() && _events == "|connected");
         QTRY_COMPARE(this->log(), log);
         QTEST(_events + (_reciever->isOpen() ? "|open" : ""), "events");

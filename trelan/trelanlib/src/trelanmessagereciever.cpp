@@ -9,6 +9,7 @@
 
 #include <QtCore/QDateTime>
 #include <QtCore/QDebug>
+#include <QtCore/QEvent>
 #include <QtCore/QThread>
 #include <QtNetwork/QHostAddress>
 #include <QtNetwork/QTcpSocket>
@@ -104,7 +105,7 @@ TrelanMessageReciever::~TrelanMessageReciever()
 {
     close();
     // Deleted by what a signal led to, perhaps one of the socket's own: it has to outlive that.
-    if (_socket && sender()) {
+    if (_socket && (sender() || _isReading)) {
         _socket->setParent(nullptr);
         _socket->deleteLater();
     }
@@ -282,11 +283,33 @@ void TrelanMessageReciever::onSocketReadyRead()
     }
 }
 
+bool TrelanMessageReciever::eventFilter(QObject *watched, QEvent *event)
+{
+    if (event->type() == QEvent::SockAct && takeArrival())
+        return true;
+    return QObject::eventFilter(watched, event);
+}
+
+/// Past Qt, which asks for the size before it reads and keeps what it reads in a buffer of its own.
+/// False if Qt has to see to it.
+bool TrelanMessageReciever::takeArrival()
+{
+    if (!_reader || _isReading || wait::isInterrupted())
+        return false;
+    const QByteArray bytes = direct::take(*_socket);
+    if (bytes.isEmpty())
+        return false;
+    _reader->feed(bytes);
+    takeFrames();
+    return true;
+}
+
 bool TrelanMessageReciever::handshake()
 {
     QVariantMap data {{QStringLiteral("name"), _clientName}};
     if (_reader) {
         _socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+        direct::watchArrivals(*_socket, this);
         data.insert(QStringLiteral("prompt"), true); // the bus may send more ahead
     }
     return request(OPERATION_HANDSHAKE, data);
@@ -370,10 +393,15 @@ void TrelanMessageReciever::letGo()
 
 void TrelanMessageReciever::takeFrames()
 {
+    if (_isReading) // in an event loop of a slot: what has come has to wait until that returns
+        return;
     const QPointer<TrelanMessageReciever> self(this);
+    _isReading = true;
     readFrames();
-    if (self)
-        letGo();
+    if (!self)
+        return;
+    _isReading = false;
+    letGo();
 }
 
 /// What has arrived, frame by frame. What a frame leads to may delete this receiver, close it, or

@@ -91,6 +91,8 @@ public:
     /// Hands an object on by its signal; one under the reserved prefix is a command.
     virtual void processObject(const TrelanObject &obj);
 
+    bool eventFilter(QObject *watched, QEvent *event) override;
+
 Q_SIGNALS:
     void incomingMessage(TrelanMessage msg);
     void incomingObject(TrelanObject msg);
@@ -121,6 +123,7 @@ private Q_SLOTS:
     bool reply(QString cmd, TrelanError error, QVariantMap data = QVariantMap());
 
 private:
+    bool takeArrival();
     void takeFrames();
     void readFrames();
     bool takeFrame();
@@ -153,7 +156,8 @@ private:
     QByteArray _unsent;                         // likewise: acknowledgements, which leave together
     QElapsedTimer _sinceUnsent;                 // likewise: since the first of these
     bool _sendsLater = false;
-    bool _isHeld = false; // likewise: the system may hold some of them
+    bool _isHeld = false;    // likewise: the system may hold some of them
+    bool _isReading = false; // likewise: what has come is being handed on
     Filter _cache;
 
     static std::atomic<quint16> _msgPort;

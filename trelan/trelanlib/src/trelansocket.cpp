@@ -48,6 +48,15 @@ void sendWith(QTcpSocket &socket, const QByteArray &bytes, int flags)
     }
 }
 
+/// Some of what has arrived, without waiting.
+QByteArray receive(const QTcpSocket &socket)
+{
+    static thread_local std::array<char, READ_CHUNK> _bytes;
+    const auto count =
+        ::recv(int(socket.socketDescriptor()), _bytes.data(), _bytes.size(), MSG_DONTWAIT);
+    return count > 0 ? QByteArray(_bytes.data(), int(count)) : QByteArray();
+}
+
 } // namespace
 
 namespace wait
@@ -127,20 +136,34 @@ void letGo(QTcpSocket &socket)
 
 QByteArray read(QTcpSocket &socket, const QDeadlineTimer &deadline)
 {
-    static thread_local std::array<char, READ_CHUNK> _bytes;
     if (socket.bytesAvailable() == 0 && !wait::isOver(socket, deadline)) {
         const bool isWriting = socket.bytesToWrite() > 0; // which Qt goes on with while it waits
         const short events = isWriting ? short(0) : look(socket, slice(deadline));
         if (events == POLLIN) {
-            const auto count =
-                ::recv(int(socket.socketDescriptor()), _bytes.data(), _bytes.size(), MSG_DONTWAIT);
-            if (count > 0)
-                return {_bytes.data(), int(count)};
+            QByteArray bytes = receive(socket);
+            if (!bytes.isEmpty())
+                return bytes;
         }
         if (isWriting || events != 0)
             socket.waitForReadyRead(isWriting ? slice(deadline) : 0);
     }
     return socket.bytesAvailable() > 0 ? socket.read(READ_CHUNK) : QByteArray();
+}
+
+QByteArray take(QTcpSocket &socket)
+{
+    const bool isNext =
+        socket.bytesAvailable() == 0 && socket.state() == QAbstractSocket::ConnectedState;
+    return isNext ? receive(socket) : QByteArray();
+}
+
+void watchArrivals(QTcpSocket &socket, QObject *filter)
+{
+    const auto notifiers = socket.findChildren<QSocketNotifier *>();
+    for (QSocketNotifier *notifier : notifiers) {
+        if (notifier->type() == QSocketNotifier::Read)
+            notifier->installEventFilter(filter);
+    }
 }
 
 bool hasArrived(QTcpSocket &socket)

@@ -3,6 +3,7 @@
 #include <QtCore/QByteArray>
 
 class QDeadlineTimer;
+class QObject;
 class QTcpSocket;
 
 /// Blocking waits on a socket, as long as Qt's own, but left within a tenth of a second once the
@@ -40,6 +41,14 @@ void letGo(QTcpSocket &socket);
 /// Some of what has arrived; if there is nothing, what comes within a tenth of a second. Empty
 /// before that at the deadline, if the connection is lost, or if the thread is asked to end.
 QByteArray read(QTcpSocket &socket, const QDeadlineTimer &deadline);
+
+/// What has just arrived, if Qt has nothing that came before it; empty, too, at the end of the
+/// connection, which is left for Qt to notice.
+QByteArray take(QTcpSocket &socket);
+
+/// Shows \a filter what the event loop is told of arrivals, before Qt reads them; until the end of
+/// the connection.
+void watchArrivals(QTcpSocket &socket, QObject *filter);
 
 /// Whether something has arrived that was not read. It may notice that the connection is lost.
 bool hasArrived(QTcpSocket &socket);
