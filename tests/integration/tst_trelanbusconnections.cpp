@@ -6,6 +6,7 @@
 #include <QtCore/QTemporaryDir>
 
 #include <dlfcn.h>
+#include <link.h>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -44,6 +45,23 @@ extern "C" Q_DECL_EXPORT int deflate(z_streamp stream, int flush)
     _largeCompressed += int(stream->avail_in > 1000000);
     return _next(stream, flush);
 }
+
+namespace
+{
+
+/// For dl_iterate_phdr(): what the library of the bus takes of the stack of every thread.
+int addThreadLocal(dl_phdr_info *library, size_t /*size*/, void *sum)
+{
+    if (!QByteArray(library->dlpi_name).contains("libtrelanbus.so"))
+        return 0;
+    for (int i = 0; i < library->dlpi_phnum; ++i) {
+        if (library->dlpi_phdr[i].p_type == PT_TLS)
+            *static_cast<quint64 *>(sum) += library->dlpi_phdr[i].p_memsz;
+    }
+    return 0;
+}
+
+} // namespace
 
 /// Connections that send anything, nothing or too much, and end at any time.
 class tst_TrelanBusConnections : public QObject
@@ -258,6 +276,14 @@ private Q_SLOTS:
         QCOMPARE(answers.takeFirst() + answers.takeLast(), "0 0 ");
         for (int i = 0; i < 3000; ++i)
             QCOMPARE(answers.at(i), QString("2 there is no object \"n%1\"").arg(i));
+    }
+
+    /// Programs that embed a bus may have threads with small stacks.
+    void otherThreadsKeepTheirStack()
+    {
+        quint64 bytes = 0;
+        ::dl_iterate_phdr(addThreadLocal, &bytes);
+        QVERIFY2(bytes > 0 && bytes < 1024, qPrintable(QString::number(bytes)));
     }
 
     void connectionLimit()

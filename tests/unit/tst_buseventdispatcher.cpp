@@ -1,10 +1,12 @@
 #include "buseventdispatcher.h"
+#include "buslistener.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QThread>
 #include <QtCore/QTimer>
+#include <QtNetwork/QTcpSocket>
 #include <QtTest/QtTest>
 
 #include <sys/socket.h>
@@ -15,6 +17,7 @@
 #include <vector>
 
 using bus::BusEventDispatcher;
+using bus::BusListener;
 
 namespace
 {
@@ -220,6 +223,40 @@ private slots:
         pair.write(1);
         turn();
         QCOMPARE(told, (QVector<QPair<quint64, quint32>> {{7, EPOLLIN}, {8, EPOLLIN | EPOLLOUT}}));
+    }
+
+    /// A listener is told of its connections no more often than each that is ready of its own.
+    void aCrowdIsTakenAmongBusyConnections()
+    {
+        constexpr int CROWD = 8;
+        Pair busy;
+        busy.write(1);
+        _dispatcher->setHandler([](quint64, quint32) {});
+        std::vector<int> ready;
+        for (int i = 0; i < 2 * bus::BusPoller::MAX_EVENTS; ++i) {
+            ready.push_back(::dup(busy.ends[0]));
+            QVERIFY(_dispatcher->poller().watch(ready.back(), quint64(i), EPOLLIN));
+        }
+
+        BusListener listener;
+        int taken = 0;
+        connect(&listener, &BusListener::descriptorArrived, this, [&taken](qintptr descriptor) {
+            ++taken;
+            ::close(int(descriptor));
+        });
+        QVERIFY(listener.listen(QHostAddress::LocalHost, 0));
+        std::array<QTcpSocket, CROWD> crowd;
+        for (QTcpSocket &one : crowd) {
+            one.connectToHost(QHostAddress::LocalHost, listener.serverPort());
+            QVERIFY(one.waitForConnected());
+        }
+        for (int turns = 0; turns < 4; ++turns)
+            turn();
+        for (const int descriptor : ready) {
+            _dispatcher->poller().forget(descriptor);
+            ::close(descriptor);
+        }
+        QCOMPARE(taken, CROWD);
     }
 
     void eventsOfOtherThreadsWakeIt()

@@ -13,8 +13,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
+#include <vector>
 
 namespace bus
 {
@@ -31,7 +31,8 @@ constexpr int PUSH_BUFFER = 256 * 1024;
 constexpr int MAX_ANSWERS_LEAVING = 16;
 
 constexpr int READ_CHUNK = 64 * 1024;
-thread_local std::array<char, READ_CHUNK> _chunk;
+// Not an array: that would be a part of the stack of every thread of the program.
+thread_local std::vector<char> _chunk(READ_CHUNK);
 
 constexpr quint32 AT_END = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 

@@ -16,6 +16,8 @@ namespace
 // A connection that waits cannot be taken and cannot be refused: looking at it without a pause
 // would use a whole processor until a descriptor is free.
 constexpr int RETRY_MS = 500;
+// At once. Among hundreds of busy connections it may be long until it is told of the next.
+constexpr int MAX_TAKEN = 16;
 
 /// Whether there is just no connection, or no more; anything else will not pass by looking again.
 bool isPassing(int error)
@@ -114,15 +116,20 @@ QString BusListener::errorString() const
     return _errorString;
 }
 
-/// Takes one connection: those that have been taken come first.
+/// Takes a few connections: those that have been taken come before all others that wait.
 void BusListener::accept()
 {
-    const int descriptor =
-        ::accept4(int(_server.socketDescriptor()), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (descriptor >= 0)
-        emit descriptorArrived(descriptor);
-    else if (!isPassing(errno))
-        pause(qt_error_string(errno));
+    for (int i = 0; i < MAX_TAKEN; ++i) {
+        const int descriptor = ::accept4(int(_server.socketDescriptor()), nullptr, nullptr,
+                                         SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (descriptor >= 0) {
+            emit descriptorArrived(descriptor);
+            continue;
+        }
+        if (!isPassing(errno))
+            pause(qt_error_string(errno));
+        return;
+    }
 }
 
 void BusListener::pause(const QString &reason)
