@@ -6,9 +6,10 @@ using namespace bus;
 
 /// Runs a script of steps. "+a" queues the message with the uid a, "+a?" one that needs an answer,
 /// "n" instead of "+" a notification (see append()), "3" one of 3 * 9 KB on the wire; "~a" is
-/// acknowledged; "t60000" is the time; "restart", "drop" and "check" are the queue's; "send" sends
-/// what may be sent. "@x" queues the name of the object x, whose newest value "$x" changes and "-x"
-/// removes. What is sent and what is given up ("!a") is the outcome.
+/// acknowledged; "t60000" is the time; "prompt" is how the client reads; "restart", "drop" and
+/// "check" are the queue's; "send" sends what may be sent. "@x" queues the name of the object x,
+/// whose newest value "$x" changes and "-x" removes. What is sent and what is given up ("!a") is
+/// the outcome.
 class tst_DeliveryQueue : public QObject
 {
     Q_OBJECT
@@ -53,6 +54,9 @@ private Q_SLOTS:
     void steps_data()
     {
         const TestTable<QString, QString, int> row("script", "expected", "left");
+        const QString large = "3a 3b 3c 3d 3e 3f 3g 3h 3i 3j 3k send ~a send";
+        row("window of bytes", large, "a b", 10);
+        row("window of more bytes", "prompt " + large, "a b c d e f g h i j", 10);
         row("early, unknown, twice", "+a ~a send ~x ~a ~a", "a", 0);
         row("earlier one dropped", "+a +b +c send ~b send ~c ~a", "a b c a", 0);
         row("again before newer", "+a +b +c send +d ~c send ~a ~b ~d", "a b c a b d", 0);
@@ -105,7 +109,9 @@ private Q_SLOTS:
         qint64 now = 0;
         for (const QString &text : script.split(' ')) {
             const QString rest = text.mid(1);
-            if (text == "restart")
+            if (text == "prompt")
+                queue.setMode(TrelanTransport::Prompt);
+            else if (text == "restart")
                 queue.restart();
             else if (text == "drop")
                 queue.dropNotifications();

@@ -67,7 +67,7 @@ public:
     static constexpr int MAX_IN_FLIGHT = 64;
     static constexpr qint64 MAX_BYTES_IN_FLIGHT = 32 * 1024; ///< or one larger frame alone
     /// Likewise, for a reader that takes what has arrived whatever its pieces.
-    static constexpr qint64 MAX_BYTES_IN_FLIGHT_PROMPT = 1024 * 1024;
+    static constexpr qint64 MAX_BYTES_IN_FLIGHT_PROMPT = 256 * 1024;
     static constexpr int LARGE_TEXT = 128 * 1024; ///< of a message, in bytes
     static constexpr int MAX_RESENDS = 3;
     static constexpr qint64 SILENCE_MS = 60000;

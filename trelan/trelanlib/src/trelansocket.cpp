@@ -10,8 +10,8 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <array>
 #include <cerrno>
+#include <vector>
 
 namespace bus
 {
@@ -51,7 +51,8 @@ void sendWith(QTcpSocket &socket, const QByteArray &bytes, int flags)
 /// Some of what has arrived, without waiting.
 QByteArray receive(const QTcpSocket &socket)
 {
-    static thread_local std::array<char, READ_CHUNK> _bytes;
+    // Not an array: that would be a part of the stack of every thread of the program.
+    static thread_local std::vector<char> _bytes(READ_CHUNK);
     const auto count =
         ::recv(int(socket.socketDescriptor()), _bytes.data(), _bytes.size(), MSG_DONTWAIT);
     return count > 0 ? QByteArray(_bytes.data(), int(count)) : QByteArray();
