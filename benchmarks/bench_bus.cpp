@@ -116,10 +116,7 @@ public:
     /// Milliseconds until it is acknowledged; negative if it is not.
     double publish(int size)
     {
-        object.setName(NAME + QString::number(++_number));
-        object.setContent(content::ofSize(size));
-        object.setStored(false);
-        object.setUid(QString());
+        prepare(size);
         QElapsedTimer timer;
         timer.start();
         return _publisher.publish(object) ? double(timer.nsecsElapsed()) / 1e6 : -1;
@@ -128,9 +125,10 @@ public:
     /// Milliseconds from the call until the last receiver has it.
     double publishToAll(int size)
     {
+        prepare(size);
         QElapsedTimer timer;
         timer.start();
-        const bool done = publish(size) >= 0 && _arrivals.wait(object.name(), receivers());
+        const bool done = _publisher.publish(object) && _arrivals.wait(object.name(), receivers());
         return done ? double(timer.nsecsElapsed()) / 1e6 : -1;
     }
 
@@ -141,6 +139,15 @@ public:
     bus::TrelanObject object;
 
 private:
+    /// To make a large one takes longer than to publish it.
+    void prepare(int size)
+    {
+        object.setName(NAME + QString::number(++_number));
+        object.setContent(content::ofSize(size));
+        object.setStored(false);
+        object.setUid(QString());
+    }
+
     /// What is published before a receiver has subscribed does not reach it.
     bool awaitReceivers(int number)
     {
