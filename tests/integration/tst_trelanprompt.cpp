@@ -379,6 +379,44 @@ private Q_SLOTS:
         QVERIFY2(warning.contains(reason) && !warning.contains('\n'), qPrintable(warning));
     }
 
+    void reopenedWhenBrokenOff_data()
+    {
+        const TestTable<QByteArray> row("stream");
+        row("out of step", HELLO + "hello\r\n");
+        row("lost meanwhile", HELLO + push(1) + "hello\r\n");
+    }
+
+    void reopenedWhenBrokenOff()
+    {
+        QFETCH(QByteArray, stream);
+        static QSemaphore _isReset; // the script may still be in it
+        serve([stream](ScriptedPeer &peer) {
+            if (peer.readFrame() && peer.send(peer.number > 0 ? HELLO + push(2) : stream) &&
+                peer.awaitRelease()) {
+                peer.close(true);
+                _isReset.release();
+            }
+        });
+        TrelanMessageReciever reciever("me");
+        QSignalSpy lost(&reciever, &TrelanMessageReciever::busDisconnected);
+        QStringList uids;
+        connect(&reciever, &TrelanMessageReciever::incomingMessage, this, [&](TrelanMessage msg) {
+            uids += msg.uid();
+            if (msg.uid() == "1") {
+                _server->release();
+                _isReset.acquire();
+            }
+        });
+        const auto *socket = reciever.findChild<QTcpSocket *>();
+        connect(&reciever, &TrelanMessageReciever::busDisconnected, this, [&] {
+            QVERIFY(reciever.open());
+            QTRY_VERIFY(socket->bytesAvailable() > 0); // and nothing comes after
+        });
+        QVERIFY(reciever.open());
+        QTRY_VERIFY(reciever.isOpen() && uids.endsWith("2"));
+        QCOMPARE(lost.count(), 1);
+    }
+
     void aNewConnectionHasItsOwnTime()
     {
         serve([](ScriptedPeer &peer) {

@@ -10,6 +10,7 @@
 #include <QtCore/QDateTime>
 #include <QtCore/QDebug>
 #include <QtCore/QEvent>
+#include <QtCore/QSignalBlocker>
 #include <QtCore/QThread>
 #include <QtNetwork/QHostAddress>
 #include <QtNetwork/QTcpSocket>
@@ -428,7 +429,10 @@ void TrelanMessageReciever::readFrames()
         case TrelanFrameReader::Malformed:
         case TrelanFrameReader::TooLarge:
             breakOff(_reader->faultText());
-            return;
+            if (!self || !isConnected(_socket))
+                return;
+            progress = false; // a slot has opened it again, and may have kept it from reading
+            break;
         }
     }
 }
@@ -463,15 +467,17 @@ void TrelanMessageReciever::watchStall(bool progress)
 void TrelanMessageReciever::breakOff(const QString &reason)
 {
     qWarning().noquote() << "The message channel is closed:" << reason;
-    const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
-    sendAll();
-    if (!self || !isConnected(_socket))
+    if (!isConnected(_socket))
         return;
-    letGo();
-    _stall.stop();
-    _answer.stop();
+    {
+        // A slot that was told of a loss in between may open again, and that must not be aborted.
+        const QSignalBlocker blocker(_socket);
+        sendAll();
+        letGo();
+        _socket->abort();
+    }
     _opened = false;
-    _socket->abort();
+    socketDisconnected();
 }
 
 void TrelanMessageReciever::prepareRequest()
