@@ -63,7 +63,6 @@ void BusEventDispatcher::setHandler(const Handler &handler)
 
 bool BusEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
 {
-    emit awake();
     QCoreApplication::sendPostedEvents(); // what they post in turn wakes this up again
     const bool canWait = flags.testFlag(QEventLoop::WaitForMoreEvents);
     if (canWait)
