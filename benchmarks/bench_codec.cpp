@@ -1,9 +1,10 @@
 #include "content.h"
+#include "request/busrequest.h"
 
-#include <busrequest.h>
+#include <jsonreader.h>
+#include <jsonwriter.h>
 #include <trelanframe.h>
 #include <trelanframereader.h>
-#include <trelanjson.h>
 #include <trelanobject.h>
 
 #include <QtCore/QJsonObject>

@@ -1,4 +1,4 @@
-#include "subscriptionindex.h"
+#include "rules/subscriptionindex.h"
 
 #include <QtCore/QStringList>
 

@@ -1,5 +1,7 @@
 #include "qtleaks.h"
-#include "trelanjson.h"
+
+#include <jsonreader.h>
+#include <jsonwriter.h>
 
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>

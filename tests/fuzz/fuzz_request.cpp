@@ -1,7 +1,8 @@
-#include "busrequest.h"
-#include "jsontext.h"
 #include "qtleaks.h"
-#include "trelanjson.h"
+#include "request/busrequest.h"
+#include "request/jsontext.h"
+
+#include <jsonwriter.h>
 
 #include <QtCore/QDateTime>
 #include <QtCore/QJsonDocument>

@@ -1,4 +1,4 @@
-#include "trelanwildcard.h"
+#include "values/wildcard.h"
 #include "wildcardreference.h"
 
 /// Name and wildcard, separated by the first line break.

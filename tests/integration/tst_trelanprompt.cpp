@@ -1,7 +1,8 @@
+#include "channel/reconnection.h"
+
 #include <logcapture.h>
 #include <scriptedserver.h>
 #include <testtable.h>
-#include <trelanchannelworker.h>
 #include <trelanmessagereciever.h>
 #include <trelanqueryhandler.h>
 #include <trelanqueryworker.h>

@@ -1,4 +1,4 @@
-#include <backgroundworker.h>
+#include "storage/backgroundworker.h"
 
 #include <QtTest/QtTest>
 

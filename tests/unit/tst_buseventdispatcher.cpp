@@ -1,5 +1,5 @@
-#include "buseventdispatcher.h"
-#include "buslistener.h"
+#include "net/buseventdispatcher.h"
+#include "net/buslistener.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>

@@ -1,5 +1,6 @@
-#include <buspayload.h>
-#include <busrequest.h>
+#include "request/buspayload.h"
+#include "request/busrequest.h"
+
 #include <testtable.h>
 
 using namespace bus;

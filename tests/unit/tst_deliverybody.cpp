@@ -1,8 +1,9 @@
-#include <jsontext.h>
-#include <objectrecord.h>
+#include "request/jsontext.h"
+#include "values/objectrecord.h"
+
+#include <jsonwriter.h>
 #include <testtable.h>
 #include <trelanframe.h>
-#include <trelanjson.h>
 
 #include <cmath>
 #include <random>

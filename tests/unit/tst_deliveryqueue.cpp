@@ -1,4 +1,5 @@
-#include <deliveryqueue.h>
+#include "delivery/deliveryqueue.h"
+
 #include <testtable.h>
 #include <trelanframereader.h>
 

@@ -1,4 +1,5 @@
-#include <publishorder.h>
+#include "rules/publishorder.h"
+
 #include <testtable.h>
 
 using namespace bus;

@@ -1,11 +1,11 @@
+#include "delivery/sharedpayload.h"
 #include "logcapture.h"
 #include "testsupport.h"
 #include "testtable.h"
 
-#include <trelanbase64.h>
+#include <base64.h>
 #include <trelanerror.h>
 #include <trelanframereader.h>
-#include <trelansharedpayload.h>
 
 #include <future>
 #include <random>

@@ -1,4 +1,5 @@
-#include <trelanjson.h>
+#include <jsonreader.h>
+#include <jsonwriter.h>
 
 #include <QtCore/QDateTime>
 #include <QtCore/QJsonDocument>

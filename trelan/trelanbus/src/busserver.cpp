@@ -1,9 +1,9 @@
 #include "busserver.h"
 
-#include "buspayload.h"
+#include "request/buspayload.h"
 
+#include <jsonwriter.h>
 #include <trelanframe.h>
-#include <trelanjson.h>
 
 #include <QtCore/QPair>
 

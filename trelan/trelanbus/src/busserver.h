@@ -1,11 +1,11 @@
 #pragma once
 
-#include "backgroundworker.h"
-#include "busconnection.h"
-#include "buscore.h"
-#include "buseventdispatcher.h"
-#include "buslistener.h"
-#include "busstorage.h"
+#include "net/busconnection.h"
+#include "net/buseventdispatcher.h"
+#include "net/buslistener.h"
+#include "rules/buscore.h"
+#include "storage/backgroundworker.h"
+#include "storage/busstorage.h"
 
 #include <QtCore/QHash>
 #include <QtCore/QObject>

@@ -1,7 +1,7 @@
 #include "trelanbus.h"
 
-#include "buseventdispatcher.h"
 #include "busserver.h"
+#include "net/buseventdispatcher.h"
 
 #include <QtCore/QSemaphore>
 #include <QtCore/QThread>

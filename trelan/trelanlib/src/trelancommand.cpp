@@ -1,9 +1,10 @@
 #include "trelancommand.h"
 
-#include "trelanjson.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
-#include "trelanvalue.h"
+#include "values/wirevalue.h"
+
+#include <jsonwriter.h>
 
 #include <QtCore/QDebug>
 

@@ -1,11 +1,13 @@
 #include "trelanframe.h"
 
-#include "trelanbase64.h"
 #include "trelanerror.h"
-#include "trelanjson.h"
-#include "trelanscratch.h"
-#include "trelanstored.h"
-#include "trelanzstream.h"
+
+#include <base64.h>
+#include <jsonreader.h>
+#include <jsonwriter.h>
+#include <scratch.h>
+#include <storedstream.h>
+#include <zstream.h>
 
 #include <atomic>
 

@@ -1,9 +1,8 @@
 #include "trelanlogcreator.h"
 
-#include "trelantransport.h"
-#include "trelanuids.h"
-
 #include "trelancommand.h"
+#include "trelantransport.h"
+#include "values/uids.h"
 
 #include <QtCore/QMutexLocker>
 #include <QtCore/QWaitCondition>

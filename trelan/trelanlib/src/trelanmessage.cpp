@@ -1,6 +1,6 @@
 #include "trelanmessage.h"
 
-#include "trelanvalue.h"
+#include "values/wirevalue.h"
 
 namespace bus
 {

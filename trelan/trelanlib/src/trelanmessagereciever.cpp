@@ -1,10 +1,10 @@
 #include "trelanmessagereciever.h"
 
-#include "trelandelivery.h"
+#include "channel/socketwait.h"
+#include "codec/push.h"
 #include "trelanframe.h"
-#include "trelanjson.h"
-#include "trelansocket.h"
 
+#include <jsonreader.h>
 #include <loghelpers.h>
 
 #include <QtCore/QDateTime>

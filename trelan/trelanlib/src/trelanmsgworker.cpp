@@ -1,6 +1,6 @@
 #include "trelanmsgworker.h"
 
-#include "trelanchannelworker.h"
+#include "channel/reconnection.h"
 
 namespace bus
 {

@@ -1,9 +1,10 @@
 #include "trelanobject.h"
 
-#include "trelanjson.h"
 #include "trelanmessage.h"
-#include "trelanvalue.h"
-#include "trelanwildcard.h"
+#include "values/wildcard.h"
+#include "values/wirevalue.h"
+
+#include <jsonwriter.h>
 
 #include <utility>
 

@@ -1,12 +1,12 @@
 #include "trelanqueryhandler.h"
 
+#include "channel/socketwait.h"
+#include "codec/publishrequest.h"
 #include "trelanframe.h"
 #include "trelanframereader.h"
-#include "trelanjson.h"
-#include "trelanrequests.h"
-#include "trelansocket.h"
-#include "trelanuids.h"
+#include "values/uids.h"
 
+#include <jsonwriter.h>
 #include <loghelpers.h>
 
 #include <QtCore/QDateTime>

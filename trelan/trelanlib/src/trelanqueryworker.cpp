@@ -1,7 +1,7 @@
 #include "trelanqueryworker.h"
 
-#include "trelanchannelworker.h"
-#include "trelanuids.h"
+#include "channel/reconnection.h"
+#include "values/uids.h"
 
 #include <loghelpers.h>
 

@@ -1,0 +1,488 @@
+#include "delivery/busdelivery.h"
+
+#include "values/busnames.h"
+
+#include <algorithm>
+
+namespace bus
+{
+
+namespace
+{
+
+const QString LOGGER_NAME = QStringLiteral("logger");
+constexpr qint64 LOG_WARNING_INTERVAL_MS = 60LL * 60 * 1000;
+constexpr int CONFLATED_BYTES_SHARE = 16; // of a client's bytes
+constexpr qint64 NOTIFICATION_COST = 512; // beside the content
+
+TrelanError boundFault(const QString &description)
+{
+    return {TrelanError::StorageAccessError, description};
+}
+
+QString totalFault(qint64 maxBytes)
+{
+    return QStringLiteral("the bus queues %1 bytes at most").arg(maxBytes);
+}
+
+qint64 costOf(const TrelanMessage &message)
+{
+    return Delivery(std::make_shared<const DeliveryBody>(message), message.reciever(),
+                    message.uid())
+        .cost();
+}
+
+void warnGivenUp(const QString &name, const QList<Delivery> &deliveries)
+{
+    int outlived = 0;
+    for (const Delivery &delivery : deliveries) {
+        if (delivery.outlived) {
+            ++outlived;
+            continue;
+        }
+        qCWarning(BUS_LOG).noquote()
+            << QStringLiteral("message %1 of %2 for %3 is given up")
+                   .arg(names::quoted(delivery.uid), names::quoted(delivery.body->sender()),
+                        names::quoted(name));
+    }
+    if (outlived > 0) {
+        qCWarning(BUS_LOG).noquote()
+            << QStringLiteral("%1 messages for %2 have waited too long and are given up")
+                   .arg(outlived)
+                   .arg(names::quoted(name));
+    }
+}
+
+} // namespace
+
+Notification::Notification(const ObjectRecord &record, TrelanTransport::Coding coding, bool forMany)
+    : _record(record)
+    , _coding(coding)
+    , _isForMany(forMany)
+{}
+
+bool Notification::isKept() const
+{
+    return _record.head.isStored() && !names::isCommandName(_record.head.name);
+}
+
+QString Notification::name() const
+{
+    return _record.head.name;
+}
+
+qint64 Notification::cost() const
+{
+    return NOTIFICATION_COST + qint64(_record.contentJson.size()) * qint64(sizeof(QChar));
+}
+
+Delivery Notification::delivery(const QString &receiver)
+{
+    if (!_body)
+        _body = _record.notification(_coding, _isForMany);
+    Delivery delivery(_body, receiver, _record.notificationUid());
+    delivery.kind = isKept() ? Delivery::Value : Delivery::Event;
+    delivery.object = name();
+    return delivery;
+}
+
+BusDelivery::BusDelivery(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output,
+                         const std::function<void(const QString &client)> &ready)
+    : _settings(settings)
+    , _storage(storage)
+    , _output(output)
+    , _ready(ready)
+{
+    _clock.start();
+}
+
+void BusDelivery::restore()
+{
+    const qint64 wallClock = QDateTime::currentMSecsSinceEpoch();
+    const QVector<StoredMessage> messages = _storage.takeLoadedMessages();
+    for (const StoredMessage &stored : messages) {
+        // The clock of the machine may have been set back or far ahead meanwhile.
+        const qint64 age =
+            qBound<qint64>(0, wallClock - stored.queuedAt, _settings.messageLifetime);
+        const QString name = stored.message.reciever();
+        append(stored.message, now() - age, stored.id);
+    }
+    // A client may be there at once, and must not get what is out of date.
+    checkTimes();
+}
+
+void BusDelivery::accept(const TrelanMessage &message, const Done &done)
+{
+    const QString name = message.reciever();
+    const auto known = _clients.constFind(name);
+    const bool connected = known != _clients.constEnd() && known->connection != 0;
+    if (!connected && !message.isStored() && name != LOGGER_NAME) {
+        done({TrelanError::UnregisteredClient,
+              QStringLiteral("client %1 is not connected").arg(names::quoted(name))});
+        return;
+    }
+    const qint64 cost = costOf(message);
+    const TrelanError fault = roomFault(name, cost);
+    // A log line is not worth the wait for the disk; and the ring that takes it has no bound there.
+    if (fault.error() == TrelanError::NoError && message.isStored() && name != LOGGER_NAME) {
+        keep(message, cost, done);
+        return;
+    }
+    if (fault.error() == TrelanError::NoError)
+        append(message, now());
+    done(fault);
+}
+
+/// The room is taken before the disk has the message, so that what was accepted always fits.
+void BusDelivery::keep(const TrelanMessage &message, qint64 cost, const Done &done)
+{
+    reserve(message.reciever(), 1, cost);
+    _storage.keepMessage(message, [this, message, cost, done](const TrelanError &error, qint64 id) {
+        reserve(message.reciever(), -1, -cost);
+        if (error.error() == TrelanError::NoError)
+            append(message, now(), id);
+        changed(message.reciever());
+        done(error);
+    });
+}
+
+void BusDelivery::reserve(const QString &name, int messages, qint64 bytes)
+{
+    Client &reserving = client(name);
+    reserving.reservedMessages += messages;
+    reserving.reservedBytes += bytes;
+    _bytes += bytes;
+}
+
+QString BusDelivery::notify(const QString &client, Notification &notification, bool fresh)
+{
+    if (notification.isKept() && isBehind(client, notification))
+        return appendName(client, notification.name(), fresh);
+    Delivery delivery = notification.delivery(client);
+    if (fresh)
+        delivery.setUid(names::freshUid());
+    append(client, delivery, now());
+    return {};
+}
+
+void BusDelivery::dropNotifications(const QString &client)
+{
+    const auto known = _clients.find(client);
+    if (known == _clients.end())
+        return;
+    known->queue.dropNotifications();
+    if (known->lostEvents > 0)
+        warnOfLostEvents(client, *known);
+    changed(client);
+}
+
+void BusDelivery::attach(const QString &name, ConnectionId id, TrelanTransport::Mode mode)
+{
+    Client &attached = client(name);
+    _absent -= int(attached.connection == 0);
+    attached.connection = id;
+    attached.queue.setMode(mode);
+}
+
+void BusDelivery::detach(const QString &client)
+{
+    const auto known = _clients.find(client);
+    if (known == _clients.end() || known->connection == 0)
+        return;
+    known->connection = 0;
+    ++_absent;
+    known->queue.restart();
+    changed(client);
+}
+
+void BusDelivery::acknowledge(const QString &client, const QString &sender, const QString &reciever,
+                              const QString &uid)
+{
+    const auto known = _clients.find(client);
+    if (known == _clients.end())
+        return;
+    known->queue.acknowledge(sender, reciever, uid, now());
+    changed(client);
+}
+
+int BusDelivery::pump(const QString &client)
+{
+    const auto newest = [this, &client](const QString &object) { return newestOf(client, object); };
+    int pushed = 0;
+    for (;;) {
+        // Anew each time: what is pushed may find the connection at its end.
+        const auto known = _clients.find(client);
+        if (known == _clients.end() || known->connection == 0 || !known->queue.hasNext() ||
+            !_output.canPush(known->connection) || encodesLarge(client, *known, newest))
+            return pushed;
+        const QByteArray frame = known->queue.takeFrame(now(), newest, _settings.coding);
+        const ConnectionId connection = known->connection;
+        changed(client); // names have become messages
+        if (frame.isEmpty())
+            return pushed;
+        _output.push(connection, frame);
+        ++pushed;
+    }
+}
+
+void BusDelivery::checkTimes()
+{
+    const QStringList names = _clients.keys();
+    for (const QString &name : names) {
+        Client &client = _clients[name];
+        if (client.connection != 0 && !_output.canPush(client.connection))
+            client.queue.heard(now()); // a large frame is still leaving
+        client.queue.checkTimes(now(), _settings.messageLifetime);
+        if (client.lostEvents > 0 && _warnings.allows(name))
+            warnOfLostEvents(name, client);
+        changed(name);
+    }
+}
+
+bool BusDelivery::hasQueues() const
+{
+    return _bytes > 0 || _nameBytes > 0;
+}
+
+bool BusDelivery::hasDeadline() const
+{
+    return std::any_of(_clients.cbegin(), _clients.cend(), [](const Client &client) {
+        return client.queue.hasDeadline() || client.lostEvents > 0;
+    });
+}
+
+QStringList BusDelivery::names() const
+{
+    return _clients.keys();
+}
+
+int BusDelivery::queuedMessages(const QString &client) const
+{
+    const auto known = _clients.constFind(client);
+    return known == _clients.constEnd() ? 0 : known->queue.count() + known->queue.nameCount();
+}
+
+qint64 BusDelivery::queuedBytes(const QString &client) const
+{
+    const auto known = _clients.constFind(client);
+    return known == _clients.constEnd() ? 0 : known->queue.bytes() + known->queue.nameBytes();
+}
+
+/// The queue of a client, made if it has none.
+BusDelivery::Client &BusDelivery::client(const QString &name)
+{
+    const auto known = _clients.find(name);
+    if (known != _clients.end())
+        return *known;
+    ++_absent;
+    return *_clients.insert(name, Client());
+}
+
+TrelanError BusDelivery::roomFault(const QString &name, qint64 cost) const
+{
+    if (name == LOGGER_NAME)
+        return TrelanError(); // see dropExcess()
+    const auto known = _clients.constFind(name);
+    const bool isNew = known == _clients.constEnd();
+    if (isNew && _absent >= _settings.maxQueues) {
+        return boundFault(QStringLiteral("the bus has %1 queues for absent clients at most")
+                              .arg(_settings.maxQueues));
+    }
+    if (_bytes + cost > _settings.maxQueuedBytes)
+        return boundFault(totalFault(_settings.maxQueuedBytes));
+    const Client nothing;
+    const Client &client = isNew ? nothing : *known;
+    if (isFull(client, 1, 0)) {
+        return boundFault(QStringLiteral("client %1 has %2 messages waiting at most")
+                              .arg(names::quoted(name))
+                              .arg(_settings.maxClientMessages));
+    }
+    if (isFull(client, 1, cost)) {
+        return boundFault(QStringLiteral("client %1 has %2 bytes waiting at most")
+                              .arg(names::quoted(name))
+                              .arg(_settings.maxClientBytes));
+    }
+    return TrelanError();
+}
+
+/// Whether a queue is past a bound, with so much on top.
+bool BusDelivery::isFull(const Client &client, int messages, qint64 bytes) const
+{
+    return client.queue.count() + client.reservedMessages + messages >
+               _settings.maxClientMessages ||
+           client.queue.bytes() + client.reservedBytes + bytes > _settings.maxClientBytes;
+}
+
+/// Whether a stored object is to wait as its name only.
+bool BusDelivery::isBehind(const QString &name, const Notification &notification) const
+{
+    const qint64 cost = notification.cost();
+    if (_bytes + cost > _settings.maxQueuedBytes)
+        return true;
+    const auto known = _clients.constFind(name);
+    if (known == _clients.constEnd())
+        return cost > _settings.maxClientBytes / CONFLATED_BYTES_SHARE;
+    const DeliveryQueue &queue = known->queue;
+    const int most = qMin(_settings.conflateAbove, _settings.maxClientMessages);
+    return queue.hasName(notification.name()) || queue.count() + queue.nameCount() >= most ||
+           queue.bytes() + cost > _settings.maxClientBytes / CONFLATED_BYTES_SHARE;
+}
+
+QString BusDelivery::appendName(const QString &name, const QString &object, bool fresh)
+{
+    DeliveryQueue &queue = client(name).queue;
+    if (!queue.hasName(object)) {
+        if (queue.nameCount() >= _settings.maxClientNames)
+            return QStringLiteral("%1 objects wait for it at most").arg(_settings.maxClientNames);
+        // Past the bound in all it is those with more than their share who have to go.
+        if (_nameBytes > _settings.maxQueuedBytes &&
+            queue.nameBytes() > _nameBytes / _clients.size())
+            return totalFault(_settings.maxQueuedBytes);
+    }
+    const ObjectRecord *record = _storage.find(object);
+    queue.appendName(record ? record->head.name : object, fresh);
+    changed(name);
+    return {};
+}
+
+void BusDelivery::append(const QString &name, Delivery delivery, qint64 queuedAt)
+{
+    delivery.queuedAt = queuedAt;
+    client(name).queue.append(std::move(delivery));
+    changed(name);
+}
+
+void BusDelivery::append(const TrelanMessage &message, qint64 queuedAt, qint64 storedId)
+{
+    Delivery delivery(std::make_shared<const DeliveryBody>(message), message.reciever(),
+                      message.uid());
+    delivery.storedId = storedId;
+    append(message.reciever(), delivery, queuedAt);
+}
+
+void BusDelivery::trim(const QString &client)
+{
+    const auto known = _clients.find(client);
+    if (known == _clients.end())
+        return;
+    dropExcess(client, *known, Delivery::Event);
+    if (client == LOGGER_NAME)
+        dropExcess(client, *known, Delivery::Addressed);
+    changed(client);
+}
+
+/// While a publish is notified of, many ask for the same value, one after the other.
+Delivery BusDelivery::newestOf(const QString &receiver, const QString &object)
+{
+    const ObjectRecord *record = _storage.find(object);
+    if (!record)
+        return {};
+    if (!_notifies)
+        return Notification(*record, _settings.coding).delivery(receiver);
+    if (_newest.first.isEmpty() || !_newest.first.isSharedWith(record->contentJson))
+        _newest = {record->contentJson, record->notification(_settings.coding)};
+    return {_newest.second, receiver, record->notificationUid()};
+}
+
+void BusDelivery::beginNotification()
+{
+    _notifies = true;
+}
+
+void BusDelivery::endNotification()
+{
+    _notifies = false;
+    _newest = {}; // it may be large
+}
+
+/// Whether the next frame of a client is large, and is being made.
+bool BusDelivery::encodesLarge(const QString &name, Client &client,
+                               const DeliveryQueue::Newest &newest)
+{
+    if (client.encoding)
+        return true;
+    const Delivery *next = client.queue.largeToEncode(newest);
+    if (!next)
+        return false;
+    changed(name); // names have become messages
+    client.encoding = true;
+    const auto encode = [delivery = *next, coding = _settings.coding] {
+        return delivery.frame(coding);
+    };
+    _output.encode(encode, [this, name, key = next->key](const QByteArray &frame) {
+        const auto known = _clients.find(name);
+        if (known == _clients.end())
+            return;
+        known->encoding = false;
+        known->queue.setFrame(key, frame);
+        _ready(name);
+    });
+    return true;
+}
+
+/// An event that nobody fetches makes room for the next; so does a log line, which must not be
+/// refused either: the refusal would be logged, and come back as the next line.
+void BusDelivery::dropExcess(const QString &name, Client &client, Delivery::Kind kind)
+{
+    const qint64 others = _bytes - client.accounted;
+    qint64 dropped = 0;
+    while ((isFull(client, 0, 0) || others + client.queue.bytes() > _settings.maxQueuedBytes) &&
+           client.queue.dropOldest(kind, client.encoding)) // whose frame is on its way
+        ++dropped;
+    if (dropped == 0)
+        return;
+    if (kind == Delivery::Addressed) {
+        countLostLogLines(dropped);
+        return;
+    }
+    client.lostEvents += dropped;
+    if (_warnings.allows(name))
+        warnOfLostEvents(name, client);
+}
+
+void BusDelivery::warnOfLostEvents(const QString &name, Client &client)
+{
+    qCWarning(BUS_LOG).noquote() << QStringLiteral(
+                                        "%1 notifications for %2 are dropped: its queue is full")
+                                        .arg(client.lostEvents)
+                                        .arg(names::quoted(name));
+    client.lostEvents = 0;
+}
+
+void BusDelivery::countLostLogLines(qint64 lines)
+{
+    _lostLogLines += lines;
+    if (_logWarning.isValid() && !_logWarning.hasExpired(LOG_WARNING_INTERVAL_MS))
+        return;
+    qCWarning(BUS_LOG) << "log lines are lost, since no client \"logger\" fetches them:"
+                       << _lostLogLines;
+    _logWarning.start();
+    _lostLogLines = 0;
+}
+
+/// Settles the account of a queue that was changed, and drops it when nothing is left to keep.
+void BusDelivery::changed(const QString &name)
+{
+    const auto known = _clients.find(name);
+    if (known == _clients.end())
+        return;
+    _bytes += known->queue.bytes() - known->accounted;
+    known->accounted = known->queue.bytes();
+    _nameBytes += known->queue.nameBytes() - known->accountedNames;
+    known->accountedNames = known->queue.nameBytes();
+    warnGivenUp(name, known->queue.takeGivenUp());
+    _storage.removeMessages(known->queue.takeSettled());
+    if (known->queue.isEmpty() && known->connection == 0 && known->reservedMessages == 0) {
+        if (known->lostEvents > 0)
+            warnOfLostEvents(name, *known);
+        _clients.erase(known);
+        --_absent;
+    }
+}
+
+qint64 BusDelivery::now() const
+{
+    return _clock.elapsed();
+}
+
+} // namespace bus

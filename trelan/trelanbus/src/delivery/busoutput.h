@@ -1,0 +1,55 @@
+#pragma once
+
+#include "values/connectionid.h"
+#include "values/objectrecord.h"
+
+#include <trelanerror.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
+#include <QtCore/QVariantMap>
+#include <QtCore/QVector>
+
+#include <functional>
+
+namespace bus
+{
+
+/// \brief What the rules of the bus need of whoever owns the connections.
+class BusOutput
+{
+public:
+    virtual ~BusOutput() = default;
+
+    /// Answers the request of \a id that is being handled. Ignored when it is gone.
+    virtual void reply(ConnectionId id, const QString &word, const TrelanError &error) = 0;
+    /// Answers with one object as the data.
+    virtual void replyObject(ConnectionId id, const QString &word, const ObjectRecord &record) = 0;
+    /// Answers with the objects by name.
+    virtual void replyObjects(ConnectionId id, const QString &word,
+                              const QVector<ObjectRecord> &records) = 0;
+
+    /// Answers with \a data, which takes about \a cost bytes.
+    virtual void replyData(ConnectionId id, const QString &word, const QVariantMap &data,
+                           qint64 cost) = 0;
+
+    /// Whether everything sent so far has left, so that push() may be called.
+    virtual bool canPush(ConnectionId id) const = 0;
+    /// Sends a frame that answers nothing, in a block of its own.
+    virtual void push(ConnectionId id, const QByteArray &frame) = 0;
+
+    /// Has the frame of a large delivery made where nobody waits for it, and hands it to \a done
+    /// later.
+    virtual void encode(const std::function<QByteArray()> &make,
+                        const std::function<void(const QByteArray &)> &done) = 0;
+
+    virtual void closeConnection(ConnectionId id) = 0;
+    /// Whether the connection takes no more requests, be it unnoticed so far.
+    virtual bool isAtEnd(ConnectionId id) const = 0;
+    /// Address and port of the other side.
+    virtual QString peer(ConnectionId id) const = 0;
+    /// The client has named itself.
+    virtual void setRegistered(ConnectionId id) = 0;
+};
+
+} // namespace bus

@@ -1,0 +1,386 @@
+#include "net/busconnection.h"
+
+#include "values/buslog.h"
+#include "values/busnames.h"
+
+#include <QtCore/QElapsedTimer>
+#include <QtNetwork/QHostAddress>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <vector>
+
+namespace bus
+{
+
+namespace
+{
+
+// More from one client in one go would make the others wait. A time and not a number, since one
+// request may take as long as a hundred others.
+constexpr qint64 TURN_MS = 2;
+// Room for all that may be pushed without an acknowledgement, with what the system adds to a frame.
+constexpr int PUSH_BUFFER = 256 * 1024;
+// Of a client that asks and does not read.
+constexpr int MAX_ANSWERS_LEAVING = 16;
+
+constexpr int READ_CHUNK = 64 * 1024;
+// Not an array: that would be a part of the stack of every thread of the program.
+thread_local std::vector<char> _chunk(READ_CHUNK);
+
+constexpr quint32 AT_END = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
+
+void setOption(int descriptor, int level, int option, int value)
+{
+    ::setsockopt(descriptor, level, option, &value, sizeof(value));
+}
+
+/// Whether a call of a socket that does not block has just found nothing, or no room.
+bool isPassing(int error)
+{
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+/// Into the chunk; below zero, with errno, if there is nothing or never will be.
+ssize_t readSome(int descriptor)
+{
+    return ::recv(descriptor, _chunk.data(), _chunk.size(), 0);
+}
+
+QString peerOf(int descriptor)
+{
+    sockaddr_storage storage {};
+    socklen_t size = sizeof(storage);
+    auto *address = reinterpret_cast<sockaddr *>(&storage);
+    if (::getpeername(descriptor, address, &size) != 0)
+        return QStringLiteral("unknown");
+    // The port stands in the same place in either.
+    const quint16 port = ntohs(reinterpret_cast<const sockaddr_in *>(address)->sin_port);
+    return QStringLiteral("%1:%2").arg(QHostAddress(address).toString()).arg(port);
+}
+
+/// How many bytes of a frame have left, from \a from on. In one call of the system and as a record
+/// of its own, which is not joined with the next: the paced reader of the message channel wants
+/// header and size of a frame together, and its system cuts what is joined wherever its buffer is
+/// full.
+int sendSome(int descriptor, const QByteArray &frame, int from)
+{
+    const ssize_t sent = ::send(descriptor, frame.constData() + from, size_t(frame.size() - from),
+                                MSG_EOR | MSG_NOSIGNAL);
+    return int(qMax<ssize_t>(sent, 0)); // an error shows when the socket is read
+}
+
+} // namespace
+
+BusConnection::BusConnection(Channel channel, ConnectionId id, int descriptor,
+                             const TrelanBusSettings &settings, BusPoller &poller, Owner &owner)
+    : _channel(channel)
+    , _connectionId(id)
+    , _settings(settings)
+    , _poller(poller)
+    , _owner(owner)
+    , _descriptor(descriptor)
+    , _events(EPOLLIN | EPOLLRDHUP)
+    , _reader(settings.maxFrameSize)
+    , _peer(peerOf(descriptor))
+{
+    // A frame has to start a segment of its own: the paced reader of the message channel wants
+    // header and size together.
+    setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
+    if (channel == Messages)
+        setOption(descriptor, SOL_SOCKET, SO_SNDBUF, PUSH_BUFFER);
+
+    _nextTurn.setSingleShot(true);
+    connect(&_nextTurn, &QTimer::timeout, this, [this] { takeTurn(false); });
+    _stall.setSingleShot(true);
+    connect(&_stall, &QTimer::timeout, this, &BusConnection::onStalled);
+    _handshake.setSingleShot(true);
+    connect(&_handshake, &QTimer::timeout, this,
+            [this] { closeWith(QStringLiteral("sent no handshake in time")); });
+}
+
+BusConnection::~BusConnection()
+{
+    release();
+}
+
+bool BusConnection::open()
+{
+    _handshake.start(_settings.handshakeTimeout);
+    return _poller.watch(_descriptor, _connectionId, _events);
+}
+
+BusConnection::Channel BusConnection::channel() const
+{
+    return _channel;
+}
+
+QString BusConnection::peer() const
+{
+    return _peer;
+}
+
+bool BusConnection::isAtEnd() const
+{
+    if (_state >= Ending)
+        return true;
+    pollfd descriptor {_descriptor, POLLRDHUP, 0};
+    return ::poll(&descriptor, 1, 0) > 0 &&
+           (descriptor.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+}
+
+void BusConnection::setRegistered()
+{
+    _handshake.stop();
+}
+
+void BusConnection::answer(const QByteArray &frame)
+{
+    if (_state != Answering)
+        return;
+    _state = Reading;
+    send(frame);
+    _answersLeaving = _leaving.isEmpty() ? 0 : _answersLeaving + 1;
+    // It may come while its request is being handed over; the turn goes on then.
+    if (!_inTurn)
+        goOn();
+}
+
+void BusConnection::answerAndEnd(const QByteArray &frame)
+{
+    if (_state != Answering)
+        return;
+    _state = Ending;
+    _handshake.stop();
+    watch(_events | EPOLLIN);
+    send(frame);
+    if (_leaving.isEmpty())
+        endSending();
+}
+
+bool BusConnection::canPush() const
+{
+    return _state < Ending && _leaving.isEmpty();
+}
+
+void BusConnection::push(const QByteArray &frame)
+{
+    send(frame);
+}
+
+void BusConnection::close()
+{
+    if (_state == Closed)
+        return;
+    _state = Closed;
+    _nextTurn.stop();
+    _stall.stop();
+    _handshake.stop();
+    release();
+    _owner.onClosed(_connectionId);
+}
+
+void BusConnection::handle(quint32 events)
+{
+    if ((events & EPOLLOUT) != 0)
+        sendRest();
+    const bool isOver = (events & AT_END) != 0;
+    // Who has a turn coming is not to have two for one of the others.
+    if (_state == Closed || _nextTurn.isActive() || (!isOver && (events & EPOLLIN) == 0))
+        return;
+    if (_state >= Ending)
+        receive();
+    else if (_state == Reading && mayTakeRequest())
+        takeTurn(true);
+    else if (isOver)
+        close();
+    else // what has come waits in the socket of the sender, not in our memory
+        watch(_events & ~quint32(EPOLLIN));
+}
+
+void BusConnection::onStalled()
+{
+    if (_state == Discarding)
+        close();
+    else if (!_leaving.isEmpty())
+        closeWith(QStringLiteral("does not read its answer"));
+    else
+        closeWith(QStringLiteral("stopped in the middle of a frame"));
+}
+
+/// A timer, and not an event posted to ourselves: events that are posted while events are handled
+/// come before the sockets of the others.
+void BusConnection::scheduleTurn()
+{
+    if (!_nextTurn.isActive())
+        _nextTurn.start(0);
+}
+
+void BusConnection::takeTurn(bool isReadable)
+{
+    _nextTurn.stop();
+    _inTurn = true;
+    takeRequests(isReadable);
+    _inTurn = false;
+    goOn();
+}
+
+/// Hands requests over until there is none, one is not answered yet, an answer has not left, or
+/// the turn is over.
+void BusConnection::takeRequests(bool isReadable)
+{
+    QElapsedTimer turn;
+    turn.start();
+    while (_state == Reading && mayTakeRequest()) {
+        const TrelanFrameReader::Status status = _reader.next();
+        if (status != TrelanFrameReader::NeedMoreData) {
+            takeRequest(status);
+        } else if (isReadable) {
+            isReadable = receive() == READ_CHUNK; // less was all there is
+        } else {
+            return;
+        }
+        if (turn.hasExpired(TURN_MS))
+            return;
+    }
+}
+
+/// On the message channel acknowledgements are read while something leaves: both sides would wait
+/// for the other to read.
+bool BusConnection::mayTakeRequest() const
+{
+    return _leaving.isEmpty() || (_channel == Messages && _answersLeaving < MAX_ANSWERS_LEAVING);
+}
+
+void BusConnection::takeRequest(TrelanFrameReader::Status status)
+{
+    if (status == TrelanFrameReader::TooLarge) {
+        _state = Answering;
+        _owner.onFrameTooLarge(_connectionId, _reader.faultText());
+    } else if (status == TrelanFrameReader::Malformed) {
+        closeWith(names::printable(_reader.faultText()));
+    } else if (_reader.kind() == TrelanFrame::Reply && _channel == Messages) {
+        _owner.onReply(_connectionId, _reader.payload());
+    } else if (_reader.kind() == TrelanFrame::Reply) {
+        closeWith(QStringLiteral("sent a reply that nobody asked for"));
+    } else {
+        _state = Answering;
+        _owner.onRequest(_connectionId, _reader.payload());
+    }
+}
+
+/// With what is here already, in a turn of its own, or when more comes.
+void BusConnection::goOn()
+{
+    watchProgress();
+    if (_state != Reading || !mayTakeRequest())
+        return;
+    if (_reader.hasNext())
+        scheduleTurn();
+    else
+        watch(_events | EPOLLIN);
+}
+
+/// Returns how many bytes came; what comes after the last request is thrown away.
+int BusConnection::receive()
+{
+    const ssize_t size = readSome(_descriptor);
+    if (size > 0 && _state == Reading)
+        _reader.feed(QByteArray(_chunk.data(), int(size)));
+    else if (size == 0 || (size < 0 && !isPassing(errno)))
+        close();
+    return int(size);
+}
+
+void BusConnection::send(const QByteArray &frame)
+{
+    if (_state == Closed)
+        return;
+    const bool isFirst = _leaving.isEmpty();
+    const int sent = isFirst ? sendSome(_descriptor, frame, 0) : 0;
+    if (sent == frame.size())
+        return;
+    if (isFirst)
+        _sentOfFirst = sent;
+    _leaving.append(frame);
+    watch(_events | EPOLLOUT);
+    watchProgress();
+}
+
+/// There is room for the rest of a large frame, or for some of it.
+void BusConnection::sendRest()
+{
+    while (!_leaving.isEmpty()) {
+        const int sent = sendSome(_descriptor, _leaving.first(), _sentOfFirst);
+        _sentOfFirst += sent;
+        if (sent > 0)
+            watchProgress();
+        if (_sentOfFirst < _leaving.first().size())
+            return;
+        _leaving.removeFirst();
+        _sentOfFirst = 0;
+    }
+    _answersLeaving = 0;
+    watch(_events & ~quint32(EPOLLOUT));
+    if (_state == Ending) {
+        endSending();
+    } else {
+        goOn();
+        _owner.onDrained(_connectionId);
+    }
+}
+
+void BusConnection::endSending()
+{
+    _state = Discarding;
+    ::shutdown(_descriptor, SHUT_WR);
+    _stall.start(_settings.discardTime);
+}
+
+void BusConnection::watch(quint32 events)
+{
+    if (_events == events)
+        return;
+    _events = events;
+    _poller.change(_descriptor, _connectionId, events);
+}
+
+/// The clock runs while the other side owes us something: the rest of a frame, or its reading.
+void BusConnection::watchProgress()
+{
+    const bool owesBytes = _state == Reading && _reader.isInsideFrame();
+    if (_state == Closed || _state == Discarding)
+        return;
+    if (owesBytes || !_leaving.isEmpty())
+        _stall.start(_settings.stallTimeout);
+    else
+        _stall.stop();
+}
+
+void BusConnection::closeWith(const QString &reason)
+{
+    qCWarning(BUS_LOG).noquote()
+        << QStringLiteral("connection from %1 is closed: %2").arg(_peer, reason);
+    close();
+}
+
+/// What has not been read is read before: closing would make the system of the other side report a
+/// broken connection in place of an ended one.
+void BusConnection::release()
+{
+    if (_descriptor < 0)
+        return;
+    _poller.forget(_descriptor);
+    readSome(_descriptor);
+    ::close(_descriptor);
+    _descriptor = -1;
+    _leaving.clear();
+}
+
+} // namespace bus

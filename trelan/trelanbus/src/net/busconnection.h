@@ -1,0 +1,130 @@
+#pragma once
+
+#include "net/buspoller.h"
+#include "trelanbussettings.h"
+#include "values/connectionid.h"
+
+#include <trelanframereader.h>
+
+#include <QtCore/QList>
+#include <QtCore/QObject>
+#include <QtCore/QTimer>
+
+namespace bus
+{
+
+/// \brief One connection of a client: bytes in and out, and how long they may take.
+///
+/// It hands over one request at a time and reads the next when that one is answered and the answer
+/// has left, so that what one client can make the bus keep is bounded by one frame each way,
+/// however fast it sends and however slowly it reads. It works in short turns, between which all
+/// others have theirs. Lives in the thread of the bus.
+class BusConnection : public QObject
+{
+public:
+    enum Channel {
+        Query,   ///< requests and answers in turn
+        Messages ///< frames are pushed, and their replies arrive at any time
+    };
+
+    /// What a connection tells whoever has it.
+    class Owner
+    {
+    public:
+        virtual ~Owner() = default;
+
+        /// A request has arrived; answer() is due.
+        virtual void onRequest(ConnectionId id, const QByteArray &payload) = 0;
+        /// A reply has arrived, on the message channel.
+        virtual void onReply(ConnectionId id, const QByteArray &payload) = 0;
+        /// What was sent has left, and canPush() is true again.
+        virtual void onDrained(ConnectionId id) = 0;
+        /// A frame above the limit has been announced; answerAndEnd() is due.
+        virtual void onFrameTooLarge(ConnectionId id, const QString &fault) = 0;
+        /// The connection has ended. The last thing it tells, and it is told once; the connection
+        /// may be in the middle of something, and must not be destroyed at once.
+        virtual void onClosed(ConnectionId id) = 0;
+    };
+
+    /// Takes \a descriptor, a connected socket that does not block. Nothing is told before open().
+    BusConnection(Channel channel, ConnectionId id, int descriptor,
+                  const TrelanBusSettings &settings, BusPoller &poller, Owner &owner);
+    ~BusConnection() override;
+
+    /// Begins to read. False, with errno, if the system cannot watch one more.
+    bool open();
+
+    Channel channel() const;
+    /// Address and port of the other side.
+    QString peer() const;
+    /// Whether it takes no more requests: the other side has ended it, be it unnoticed so far, or
+    /// it was sent its last frame.
+    bool isAtEnd() const;
+
+    /// Ends the wait for the handshake.
+    void setRegistered();
+
+    /// Sends the answer to the request handed over last, and goes on reading.
+    void answer(const QByteArray &frame);
+
+    /// Sends a last frame, ends the sending side, and reads on without looking for a while: were
+    /// the connection closed at once, what the client still sends would make its system throw the
+    /// answer away.
+    void answerAndEnd(const QByteArray &frame);
+
+    /// Whether everything sent so far has left, so that push() may be called.
+    bool canPush() const;
+    /// Sends a frame that answers nothing.
+    void push(const QByteArray &frame);
+
+    /// Ends the connection; Owner::onClosed() follows.
+    void close();
+
+    /// What the poller has found of this connection.
+    void handle(quint32 events);
+
+private:
+    enum State {
+        Reading,    ///< taking requests
+        Answering,  ///< one was handed over
+        Ending,     ///< the last answer is leaving
+        Discarding, ///< the last answer has left
+        Closed
+    };
+
+    void onStalled();
+    void scheduleTurn();
+    void takeTurn(bool isReadable);
+    void takeRequests(bool isReadable);
+    bool mayTakeRequest() const;
+    void takeRequest(TrelanFrameReader::Status status);
+    void goOn();
+    int receive();
+    void send(const QByteArray &frame);
+    void sendRest();
+    void endSending();
+    void watch(quint32 events);
+    void watchProgress();
+    void closeWith(const QString &reason);
+    void release();
+
+    const Channel _channel;
+    const ConnectionId _connectionId;
+    const TrelanBusSettings _settings;
+    BusPoller &_poller;
+    Owner &_owner;
+    int _descriptor;
+    quint32 _events; // that are watched
+    TrelanFrameReader _reader;
+    State _state = Reading;
+    bool _inTurn = false;
+    QList<QByteArray> _leaving; // frames that have not left, or not as a whole
+    int _sentOfFirst = 0;       // of them
+    int _answersLeaving = 0;
+    QTimer _nextTurn;
+    QTimer _stall;
+    QTimer _handshake;
+    const QString _peer;
+};
+
+} // namespace bus

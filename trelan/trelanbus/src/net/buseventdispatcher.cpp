@@ -1,0 +1,243 @@
+#include "net/buseventdispatcher.h"
+
+#include "values/buslog.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QSocketNotifier>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <limits>
+#include <vector>
+
+namespace bus
+{
+
+namespace
+{
+
+constexpr quint64 WAKE_TOKEN = BusEventDispatcher::OWN_TOKENS;
+constexpr quint64 NOTIFIER_TOKENS = BusEventDispatcher::OWN_TOKENS + 1; // and the descriptor
+constexpr int MAX_WAIT_MS = 3600 * 1000;                                // it just looks again then
+
+// By QSocketNotifier::Type: what is asked for, and what is told of it.
+constexpr std::array<quint32, 3> ASKED {EPOLLIN, EPOLLOUT, EPOLLPRI};
+constexpr std::array<quint32, 3> TOLD {
+    EPOLLIN | EPOLLHUP | EPOLLERR, EPOLLOUT | EPOLLHUP | EPOLLERR, EPOLLPRI | EPOLLHUP | EPOLLERR};
+
+quint32 askedBy(const std::array<QSocketNotifier *, 3> &notifiers)
+{
+    quint32 events = 0;
+    for (size_t type = 0; type < notifiers.size(); ++type)
+        events |= notifiers.at(type) ? ASKED.at(type) : 0;
+    return events;
+}
+
+} // namespace
+
+BusEventDispatcher::~BusEventDispatcher()
+{
+    if (_wakeDescriptor >= 0)
+        ::close(_wakeDescriptor);
+}
+
+bool BusEventDispatcher::open()
+{
+    if (!_poller.open())
+        return false;
+    _wakeDescriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return _wakeDescriptor >= 0 && _poller.watch(_wakeDescriptor, WAKE_TOKEN, EPOLLIN);
+}
+
+BusPoller &BusEventDispatcher::poller()
+{
+    return _poller;
+}
+
+void BusEventDispatcher::setHandler(const Handler &handler)
+{
+    _handler = handler;
+}
+
+bool BusEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
+{
+    QCoreApplication::sendPostedEvents(); // what they post in turn wakes this up again
+    const bool canWait = flags.testFlag(QEventLoop::WaitForMoreEvents);
+    if (canWait)
+        emit aboutToBlock();
+    BusPoller::Events events;
+    const int count = _poller.wait(events, canWait ? patience() : 0);
+    if (canWait)
+        emit awake();
+    const bool timersRan = activateTimers();
+    for (int i = 0; i < count; ++i)
+        activate(events.at(size_t(i)));
+    return timersRan || count > 0;
+}
+
+bool BusEventDispatcher::hasPendingEvents()
+{
+    BusPoller::Events events;
+    return patience() == 0 || _poller.wait(events, 0) > 0;
+}
+
+void BusEventDispatcher::registerSocketNotifier(QSocketNotifier *notifier)
+{
+    const int descriptor = int(notifier->socket());
+    const bool isKnown = _notifiers.contains(descriptor);
+    Notifiers &notifiers = _notifiers[descriptor];
+    notifiers.at(notifier->type()) = notifier;
+    const quint64 token = NOTIFIER_TOKENS + quint64(descriptor);
+    if (isKnown)
+        _poller.change(descriptor, token, askedBy(notifiers));
+    else if (!_poller.watch(descriptor, token, askedBy(notifiers)))
+        qCWarning(BUS_LOG).noquote()
+            << "cannot watch descriptor" << descriptor << ':' << qt_error_string(errno);
+}
+
+void BusEventDispatcher::unregisterSocketNotifier(QSocketNotifier *notifier)
+{
+    const int descriptor = int(notifier->socket());
+    const auto notifiers = _notifiers.find(descriptor);
+    if (notifiers == _notifiers.end() || notifiers->at(notifier->type()) != notifier)
+        return;
+    notifiers->at(notifier->type()) = nullptr;
+    const quint32 events = askedBy(*notifiers);
+    if (events != 0) {
+        _poller.change(descriptor, NOTIFIER_TOKENS + quint64(descriptor), events);
+        return;
+    }
+    _notifiers.erase(notifiers);
+    _poller.forget(descriptor);
+}
+
+void BusEventDispatcher::registerTimer(int id, int milliseconds, Qt::TimerType type,
+                                       QObject *object)
+{
+    const Clock::time_point due = Clock::now() + std::chrono::milliseconds(milliseconds);
+    _timers.insert(id, {object, milliseconds, type, due});
+    _schedule.emplace(due, id);
+}
+
+bool BusEventDispatcher::unregisterTimer(int id)
+{
+    const auto timer = _timers.find(id);
+    if (timer == _timers.end())
+        return false;
+    _schedule.erase({timer->due, id});
+    _timers.erase(timer);
+    return true;
+}
+
+bool BusEventDispatcher::unregisterTimers(QObject *object)
+{
+    const QList<TimerInfo> timers = registeredTimers(object);
+    for (const TimerInfo &timer : timers)
+        unregisterTimer(timer.timerId);
+    return !timers.isEmpty();
+}
+
+QList<QAbstractEventDispatcher::TimerInfo>
+BusEventDispatcher::registeredTimers(QObject *object) const
+{
+    QList<TimerInfo> timers;
+    for (auto timer = _timers.begin(); timer != _timers.end(); ++timer) {
+        if (timer->object == object)
+            timers.append(TimerInfo(timer.key(), timer->milliseconds, timer->type));
+    }
+    return timers;
+}
+
+int BusEventDispatcher::remainingTime(int id)
+{
+    const auto timer = _timers.constFind(id);
+    if (timer == _timers.constEnd())
+        return -1;
+    const auto remaining =
+        std::chrono::ceil<std::chrono::milliseconds>(timer->due - Clock::now()).count();
+    return int(qBound<qint64>(0, remaining, std::numeric_limits<int>::max()));
+}
+
+void BusEventDispatcher::wakeUp()
+{
+    if (!_isWoken.exchange(true))
+        ::eventfd_write(_wakeDescriptor, 1);
+}
+
+/// The loop looks for its end whenever it has gone through what there is.
+void BusEventDispatcher::interrupt()
+{
+    wakeUp();
+}
+
+void BusEventDispatcher::flush() {}
+
+/// How long nothing has to be done, in milliseconds; below zero without end.
+int BusEventDispatcher::patience() const
+{
+    if (_schedule.empty())
+        return -1;
+    const auto remaining =
+        std::chrono::ceil<std::chrono::milliseconds>(_schedule.begin()->first - Clock::now());
+    return int(qBound<qint64>(0, remaining.count(), MAX_WAIT_MS));
+}
+
+/// Each that is due, once: one of no time at all is for the next turn again.
+bool BusEventDispatcher::activateTimers()
+{
+    if (_schedule.empty())
+        return false;
+    const Clock::time_point now = Clock::now();
+    std::vector<int> due;
+    for (auto next = _schedule.begin(); next != _schedule.end() && next->first <= now; ++next)
+        due.push_back(next->second);
+    for (const int id : due) {
+        const auto timer = _timers.find(id); // unless one before it has ended this one
+        if (timer == _timers.end() || timer->due > now)
+            continue;
+        _schedule.erase({timer->due, id});
+        const std::chrono::milliseconds interval(timer->milliseconds);
+        timer->due += interval;
+        if (timer->due < now) // those that were missed are not made up for
+            timer->due = now + interval;
+        _schedule.emplace(timer->due, id);
+        QTimerEvent event(id);
+        QCoreApplication::sendEvent(timer->object, &event);
+    }
+    return !due.empty();
+}
+
+void BusEventDispatcher::activate(const epoll_event &event)
+{
+    const quint64 token = event.data.u64;
+    if (token < OWN_TOKENS)
+        _handler(token, event.events);
+    else if (token == WAKE_TOKEN)
+        takeWakeUp();
+    else
+        activateNotifiers(int(token - NOTIFIER_TOKENS), event.events);
+}
+
+/// Any of them may take away the others.
+void BusEventDispatcher::activateNotifiers(int descriptor, quint32 events)
+{
+    for (size_t type = 0; type < TOLD.size(); ++type) {
+        QSocketNotifier *notifier = _notifiers.value(descriptor).at(type);
+        if (!notifier || (events & TOLD.at(type)) == 0)
+            continue;
+        QEvent event(QEvent::SockAct);
+        QCoreApplication::sendEvent(notifier, &event);
+    }
+}
+
+/// Who finds it woken does not write, so that the descriptor has to be empty before.
+void BusEventDispatcher::takeWakeUp()
+{
+    eventfd_t count = 0;
+    ::eventfd_read(_wakeDescriptor, &count);
+    _isWoken.exchange(false);
+}
+
+} // namespace bus

@@ -1,0 +1,93 @@
+#pragma once
+
+#include "net/buspoller.h"
+
+#include <QtCore/QAbstractEventDispatcher>
+#include <QtCore/QHash>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <set>
+#include <utility>
+
+namespace bus
+{
+
+/// \brief The event loop of the bus: one wait for connections, notifiers, timers and other threads.
+///
+/// Qt's own waits in one system call and would ask for the connections in a second one, and goes
+/// through all that it has in between, which the bus would pay for with every request.
+///
+/// It does what a thread of the bus needs: events, timers (all of them to the millisecond) and
+/// socket notifiers, several of one kind for a descriptor included if only one is enabled. There is
+/// no loop within a loop, and of the flags of processEvents() it knows WaitForMoreEvents alone.
+///
+/// Made and opened anywhere, given to its thread before that starts
+/// (QThread::setEventDispatcher()), and used by it alone from then on; but wakeUp() and interrupt()
+/// are for all threads.
+class BusEventDispatcher : public QAbstractEventDispatcher
+{
+public:
+    /// Called with what is ready of poller(), in the bits of epoll.
+    using Handler = std::function<void(quint64 id, quint32 events)>;
+
+    BusEventDispatcher() = default;
+    ~BusEventDispatcher() override;
+
+    /// False, with errno, if the system has no descriptor left. To be called first.
+    bool open();
+
+    /// For what is not worth a notifier each: tokens below OWN_TOKENS are told to the handler,
+    /// which has to stay until nothing is watched for it any more.
+    BusPoller &poller();
+    void setHandler(const Handler &handler);
+    static constexpr quint64 OWN_TOKENS = 1ULL << 63U;
+
+    bool processEvents(QEventLoop::ProcessEventsFlags flags) override;
+    bool hasPendingEvents() override;
+
+    void registerSocketNotifier(QSocketNotifier *notifier) override;
+    void unregisterSocketNotifier(QSocketNotifier *notifier) override;
+
+    void registerTimer(int id, int milliseconds, Qt::TimerType type, QObject *object) override;
+    bool unregisterTimer(int id) override;
+    bool unregisterTimers(QObject *object) override;
+    QList<TimerInfo> registeredTimers(QObject *object) const override;
+    int remainingTime(int id) override;
+
+    void wakeUp() override;
+    void interrupt() override;
+    void flush() override;
+
+private:
+    using Clock = std::chrono::steady_clock;
+    using Due = std::pair<Clock::time_point, int>; // with the id of the timer
+
+    struct Timer
+    {
+        QObject *object = nullptr;
+        int milliseconds = 0;
+        Qt::TimerType type = Qt::PreciseTimer;
+        Clock::time_point due;
+    };
+    /// By QSocketNotifier::Type.
+    using Notifiers = std::array<QSocketNotifier *, 3>;
+
+    int patience() const;
+    bool activateTimers();
+    void activate(const epoll_event &event);
+    void activateNotifiers(int descriptor, quint32 events);
+    void takeWakeUp();
+
+    BusPoller _poller;
+    Handler _handler;
+    QHash<int, Notifiers> _notifiers; // by descriptor
+    QHash<int, Timer> _timers;        // by id
+    std::set<Due> _schedule;
+    int _wakeDescriptor = -1;
+    std::atomic<bool> _isWoken {false};
+};
+
+} // namespace bus

@@ -1,0 +1,45 @@
+#include "net/buspoller.h"
+
+#include <unistd.h>
+
+namespace bus
+{
+
+BusPoller::~BusPoller()
+{
+    if (_descriptor >= 0)
+        ::close(_descriptor);
+}
+
+bool BusPoller::open()
+{
+    _descriptor = ::epoll_create1(EPOLL_CLOEXEC);
+    return _descriptor >= 0;
+}
+
+bool BusPoller::watch(int descriptor, quint64 token, quint32 events) const
+{
+    epoll_event event {events, {}};
+    event.data.u64 = token;
+    return ::epoll_ctl(_descriptor, EPOLL_CTL_ADD, descriptor, &event) == 0;
+}
+
+void BusPoller::change(int descriptor, quint64 token, quint32 events) const
+{
+    epoll_event event {events, {}};
+    event.data.u64 = token;
+    ::epoll_ctl(_descriptor, EPOLL_CTL_MOD, descriptor, &event);
+}
+
+/// Closing alone would not do while a child process has the descriptor, too.
+void BusPoller::forget(int descriptor) const
+{
+    ::epoll_ctl(_descriptor, EPOLL_CTL_DEL, descriptor, nullptr);
+}
+
+int BusPoller::wait(Events &events, int milliseconds) const
+{
+    return qMax(0, ::epoll_wait(_descriptor, events.data(), MAX_EVENTS, milliseconds));
+}
+
+} // namespace bus

@@ -1,0 +1,331 @@
+#include "request/busrequest.h"
+
+#include "request/buspayload.h"
+#include "values/busnames.h"
+
+#include <jsonwriter.h>
+#include <trelanframe.h>
+
+#include <QtCore/QHash>
+#include <QtCore/QVariantMap>
+
+#include <initializer_list>
+
+namespace bus
+{
+
+namespace
+{
+
+// Answers wrap a content into one level more than a publish did, and JSON parsers stop at 1024
+// levels: an object nested deeper could be published, but not be loaded back.
+constexpr int MAX_CONTENT_DEPTH = 1000;
+
+// Longer than any there is. The reply repeats the word, which must not take long to encode.
+constexpr int MAX_WORD = 64;
+
+const QString LIST_SEPARATOR = QStringLiteral("::");
+
+TrelanError dataFault(const QString &description)
+{
+    return {TrelanError::IncorrectRequestData, description};
+}
+
+bool isText(const QVariant &value)
+{
+    return value.userType() == QMetaType::QString;
+}
+
+bool isUid(const QVariant &value)
+{
+    return isText(value) && value.toString().size() <= payload::MAX_UID;
+}
+
+bool isNumber(const QVariant &value)
+{
+    const int type = value.userType();
+    return type == QMetaType::Double || type == QMetaType::LongLong || type == QMetaType::Int;
+}
+
+/// Takes the text under \a key, or sets the fault. Absent is not text.
+bool takeText(const QVariantMap &data, const char *key, QString &text, BusRequest &request)
+{
+    const QVariant value = data.value(QLatin1String(key));
+    if (!isText(value)) {
+        request.fault =
+            dataFault(QStringLiteral("\"%1\" has to be a string").arg(QLatin1String(key)));
+        return false;
+    }
+    text = value.toString();
+    return true;
+}
+
+// Notifications and answers may be indented, which makes a line of each value.
+constexpr qint64 MAX_INDENTED = 64 * 1024 * 1024;
+
+bool parseHandshake(const QVariantMap &data, BusRequest &request)
+{
+    // Not checked: clients may say there what they like.
+    request.prompt = data.value(QStringLiteral("prompt")).toBool();
+    return takeText(data, "name", request.name, request);
+}
+
+bool isObject(const QVariant &value)
+{
+    return value.userType() == QMetaType::QVariantMap;
+}
+
+bool isTruth(const QVariant &value)
+{
+    return value.userType() == QMetaType::Bool;
+}
+
+bool isTime(const QVariant &value)
+{
+    return isText(value) || isNumber(value);
+}
+
+/// What a value has to be if it is there.
+struct Type
+{
+    const char *key;
+    const char *text;
+    bool (*fits)(const QVariant &value);
+};
+
+constexpr Type UID {"uid", "a string of up to 1024 characters", isUid};
+constexpr Type TIME {"dt", "a string of milliseconds", isTime};
+
+/// The values that may be missing, but not be of another kind.
+bool checkTypes(const QVariantMap &data, std::initializer_list<Type> types, BusRequest &request)
+{
+    for (const Type &type : types) {
+        const auto value = data.constFind(QLatin1String(type.key));
+        if (value == data.constEnd() || type.fits(*value))
+            continue;
+        request.fault = dataFault(QStringLiteral("\"%1\" has to be %2")
+                                      .arg(QLatin1String(type.key), QLatin1String(type.text)));
+        return false;
+    }
+    return true;
+}
+
+/// What is wrong with the content of an object, for people; empty if nothing is.
+QString contentFault(const jsontext::Measure &measure, const QString &name)
+{
+    if (measure.indented > MAX_INDENTED) {
+        return QStringLiteral("content of %1 takes %2 bytes with its indentation, more than %3")
+            .arg(names::quoted(name))
+            .arg(measure.indented)
+            .arg(MAX_INDENTED);
+    }
+    if (measure.depth > MAX_CONTENT_DEPTH) {
+        return QStringLiteral("content of %1 is nested %2 levels deep, more than %3")
+            .arg(names::quoted(name))
+            .arg(measure.depth)
+            .arg(MAX_CONTENT_DEPTH);
+    }
+    return {};
+}
+
+/// Checks what is left when the values are those of an object.
+bool checkPublish(const jsontext::Measure &measure, BusRequest &request)
+{
+    const QString &name = request.record.head.name;
+    QString fault = names::objectNameFault(name);
+    if (fault.isEmpty())
+        fault = contentFault(measure, name);
+    if (!fault.isEmpty())
+        request.fault = dataFault(fault);
+    return fault.isEmpty();
+}
+
+bool parsePublish(const QVariantMap &data, BusRequest &request)
+{
+    ObjectHead &head = request.record.head;
+    if (!takeText(data, "nm", head.name, request) ||
+        !checkTypes(data,
+                    {UID, TIME, {"opt", "a number", isNumber}, {"cnt", "an object", isObject}},
+                    request))
+        return false;
+    head.uid = data.value(QStringLiteral("uid")).toString();
+    const QString time = data.value(QStringLiteral("dt")).toString();
+    head.time = time.isEmpty() ? QDateTime::currentMSecsSinceEpoch() : time.toLongLong(nullptr, 10);
+    head.options = TrelanObject::Options(QFlag(data.value(QStringLiteral("opt")).toInt()));
+    request.record.contentJson = json::compact(data.value(QStringLiteral("cnt")).toMap());
+    request.record.contentJson.squeeze();
+    return checkPublish(jsontext::measure(request.record.contentJson), request);
+}
+
+/// A publish of which everything is known but whether its name and its content will do.
+BusRequest takePublish(const payload::Request &decoded)
+{
+    BusRequest request;
+    request.word = QStringLiteral("pub");
+    request.record = decoded.record;
+    if (!decoded.hasTime)
+        request.record.head.time = QDateTime::currentMSecsSinceEpoch();
+    if (checkPublish(decoded.measure, request))
+        request.operation = BusRequest::Publish;
+    return request;
+}
+
+bool parseRemove(const QVariantMap &data, BusRequest &request)
+{
+    const QVariant objects = data.value(QStringLiteral("objects"));
+    const QVariantList list = objects.toList();
+    bool fits = objects.userType() == QMetaType::QVariantList;
+    for (const QVariant &entry : list) {
+        fits = fits && isText(entry);
+        request.names.append(entry.toString());
+    }
+    if (!fits)
+        request.fault = dataFault(QStringLiteral("\"objects\" has to be an array of strings"));
+    return fits;
+}
+
+bool parseLoadObject(const QVariantMap &data, BusRequest &request)
+{
+    return takeText(data, "nm", request.name, request);
+}
+
+bool parseLoadObjects(const QVariantMap &data, BusRequest &request)
+{
+    return takeText(data, "wc", request.name, request);
+}
+
+/// Either one wildcard under "wc", which may not be empty, or a list under "wcs", which may.
+bool takeWildcards(const QVariantMap &data, BusRequest &request)
+{
+    const bool one = data.contains(QStringLiteral("wc"));
+    if (one == data.contains(QStringLiteral("wcs"))) {
+        request.fault = dataFault(QStringLiteral("either \"wc\" or \"wcs\" has to be given"));
+        return false;
+    }
+    QString text;
+    if (!takeText(data, one ? "wc" : "wcs", text, request))
+        return false;
+    if (one)
+        request.names.append(text);
+    else if (!text.isEmpty())
+        request.names = text.split(LIST_SEPARATOR);
+    if (one && text.isEmpty()) {
+        request.fault = dataFault(names::wildcardFault(text));
+        return false;
+    }
+    return true;
+}
+
+bool parseSubscribe(const QVariantMap &data, BusRequest &request)
+{
+    if (!takeWildcards(data, request) ||
+        !checkTypes(data, {{"now", "true or false", isTruth}}, request))
+        return false;
+    request.now = data.value(QStringLiteral("now")).toBool();
+    for (const QString &wildcard : std::as_const(request.names)) {
+        const QString fault = names::wildcardFault(wildcard);
+        if (!fault.isEmpty()) {
+            request.fault = dataFault(fault);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool parseClients(const QVariantMap &, BusRequest &)
+{
+    return true;
+}
+
+bool parseSendMessage(const QVariantMap &data, BusRequest &request)
+{
+    if (!takeText(data, "r", request.name, request) ||
+        !checkTypes(data, {{"msg", "a string", isText}, UID, TIME, {"ops", "a number", isNumber}},
+                    request))
+        return false;
+    if (request.name.isEmpty()) {
+        request.fault = dataFault(QStringLiteral("a message without a receiver"));
+        return false;
+    }
+    const QString fault = names::clientNameFault(request.name);
+    if (!fault.isEmpty()) {
+        request.fault = dataFault(QStringLiteral("the receiver: %1").arg(fault));
+        return false;
+    }
+    request.message = TrelanMessage::fromVariantMap(data);
+    if (data.value(QStringLiteral("dt")).toString().isEmpty())
+        request.message->setDt(QDateTime::currentDateTime());
+    return true;
+}
+
+struct Parser
+{
+    BusRequest::Operation operation;
+    bool (*parse)(const QVariantMap &data, BusRequest &request);
+};
+
+const QHash<QString, Parser> PARSERS {
+    {QStringLiteral("handshake"), {BusRequest::Handshake, parseHandshake}},
+    {QStringLiteral("pub"), {BusRequest::Publish, parsePublish}},
+    {QStringLiteral("rm"), {BusRequest::Remove, parseRemove}},
+    {QStringLiteral("loadObject"), {BusRequest::LoadObject, parseLoadObject}},
+    {QStringLiteral("loadObjects"), {BusRequest::LoadObjects, parseLoadObjects}},
+    {QStringLiteral("sub"), {BusRequest::Subscribe, parseSubscribe}},
+    // No text is too long or too odd not to be subscribed: after a failure clients unsubscribe
+    // whole lists, the refused entry included.
+    {QStringLiteral("unsub"), {BusRequest::Unsubscribe, takeWildcards}},
+    {QStringLiteral("sendMessage"), {BusRequest::SendMessage, parseSendMessage}},
+    {QStringLiteral("clients"), {BusRequest::Clients, parseClients}},
+};
+
+QString payloadFaultText(const payload::Request &payload, qint64 maxInflatedSize)
+{
+    switch (payload.fault) {
+    case TrelanFrame::NotInflatable:
+        return QStringLiteral("payload is no base64 text of compressed data");
+    case TrelanFrame::TooLarge:
+        return QStringLiteral("payload inflates to more than %1 bytes").arg(maxInflatedSize);
+    case TrelanFrame::NotJson:
+        return QStringLiteral("payload is no JSON: %1").arg(payload.errorText);
+    case TrelanFrame::NoFault:
+        break;
+    }
+    return {};
+}
+
+} // namespace
+
+BusRequest BusRequest::parse(const QByteArray &payload, qint64 maxInflatedSize)
+{
+    BusRequest request;
+    const payload::Request decoded = payload::decodeRequest(payload, maxInflatedSize);
+    if (decoded.fault != TrelanFrame::NoFault) {
+        request.payloadFault = decoded.fault;
+        request.fault = dataFault(payloadFaultText(decoded, maxInflatedSize));
+        return request;
+    }
+    if (decoded.isPublish)
+        return takePublish(decoded);
+    const QVariant word = decoded.envelope.value(QStringLiteral("operation"));
+    const QVariant data = decoded.envelope.value(QStringLiteral("data"));
+    if (!isText(word)) {
+        request.fault = dataFault(
+            QStringLiteral("payload has to be an object with a string under \"operation\""));
+        return request;
+    }
+    request.word = word.toString().left(MAX_WORD);
+    const auto parser = PARSERS.constFind(request.word);
+    if (parser == PARSERS.constEnd()) {
+        request.fault = TrelanError(TrelanError::UnsupportedRequest);
+        return request;
+    }
+    if (data.isValid() && data.userType() != QMetaType::QVariantMap) {
+        request.fault = dataFault(QStringLiteral("\"data\" has to be an object"));
+        return request;
+    }
+    if (parser->parse(data.toMap(), request))
+        request.operation = parser->operation;
+    return request;
+}
+
+} // namespace bus

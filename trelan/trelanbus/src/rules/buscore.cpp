@@ -1,0 +1,425 @@
+#include "rules/buscore.h"
+
+#include "values/busnames.h"
+
+#include <algorithm>
+#include <functional>
+#include <string_view>
+
+namespace bus
+{
+
+namespace
+{
+
+constexpr int MAX_LAST_PUBLISHED = 10000;
+// Of a name against a wildcard, in one request: some tenths of a second, in which nobody else is
+// served.
+constexpr qint64 MAX_TESTS_AT_ONCE = 1000000;
+constexpr qint64 CLIENT_DATA_COST = 256; // in an answer, roughly
+
+void logPublish(const ObjectHead &object)
+{
+    if (object.isLogged()) {
+        qCInfo(BUS_LOG).noquote() << QStringLiteral("%1 is published by %2")
+                                         .arg(names::quoted(object.name),
+                                              names::quoted(object.publisher));
+    }
+}
+
+} // namespace
+
+BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output)
+    : _maxSubscriptions(settings.maxSubscriptions)
+    , _coding(settings.coding)
+    , _storage(storage)
+    , _output(output)
+    , _delivery(settings, storage, output, [this](const QString &client) { pump(client); })
+    , _queryClients(QStringLiteral("query"), output)
+    , _msgClients(QStringLiteral("message"), output)
+    , _order([this](const PublishOrder::Publish &publish) { deliver(publish); })
+    , _lastPublished(MAX_LAST_PUBLISHED)
+{}
+
+void BusCore::handle(ConnectionId id, const BusRequest &request)
+{
+    const bool isHandshake = request.word == QLatin1String("handshake");
+    // What could not be read at all has no operation to be refused.
+    if (!_queryClients.contains(id) && !isHandshake && !request.word.isNull()) {
+        _output.reply(id, request.word,
+                      {TrelanError::UnregisteredClient,
+                       QStringLiteral("the first request has to be \"handshake\"")});
+        return;
+    }
+    _queryClients.count(id);
+
+    switch (request.operation) {
+    case BusRequest::Invalid:
+        return _output.reply(id, request.word, request.fault);
+    case BusRequest::Handshake:
+        return handshake(_queryClients, id, request);
+    case BusRequest::Publish:
+        return publish(id, request);
+    case BusRequest::Remove:
+        return remove(id, request);
+    case BusRequest::LoadObject:
+        return loadObject(id, request);
+    case BusRequest::LoadObjects:
+        return loadObjects(id, request);
+    case BusRequest::Subscribe:
+        return subscribe(id, request);
+    case BusRequest::Unsubscribe:
+        return unsubscribe(id, request);
+    case BusRequest::SendMessage:
+        return sendMessage(id, request);
+    case BusRequest::Clients:
+        return listClients(id, request);
+    }
+}
+
+void BusCore::handleOnMessageChannel(ConnectionId id, const BusRequest &request)
+{
+    if (request.operation == BusRequest::Handshake)
+        handshake(_msgClients, id, request);
+    else if (request.word.isNull() || request.word == QLatin1String("handshake"))
+        _output.reply(id, request.word, request.fault);
+    else
+        _output.reply(id, request.word, TrelanError(TrelanError::UnsupportedRequest));
+}
+
+void BusCore::handleReply(ConnectionId id, const payload::Acknowledgement &acknowledgement)
+{
+    const QString client = _msgClients.name(id);
+    if (client.isEmpty() || acknowledgement.operation != QLatin1String("sendMessage"))
+        return;
+    _delivery.acknowledge(client, acknowledgement.sender, acknowledgement.reciever,
+                          acknowledgement.uid);
+    pump(client);
+}
+
+void BusCore::pushMore(ConnectionId id)
+{
+    const QString client = _msgClients.name(id);
+    if (!client.isEmpty())
+        pump(client);
+}
+
+void BusCore::connectionClosed(ConnectionId id)
+{
+    endQuery(id);
+    endMessages(id);
+}
+
+bool BusCore::checkTimes()
+{
+    _delivery.checkTimes();
+    const QStringList clients = _msgClients.names();
+    for (const QString &client : clients)
+        pump(client);
+    return _delivery.hasDeadline();
+}
+
+bool BusCore::hasQueues() const
+{
+    return _delivery.hasQueues();
+}
+
+void BusCore::restoreMessages()
+{
+    _delivery.restore();
+}
+
+/// A client must never be locked out by its own ghost, so that the newer connection wins.
+void BusCore::handshake(ClientRegistry &registry, ConnectionId id, const BusRequest &request)
+{
+    const QString fault = registry.handshakeFault(id, request.name);
+    if (!fault.isEmpty()) {
+        _output.reply(id, request.word, {TrelanError::UnregisteredClient, fault});
+        return;
+    }
+    if (registry.contains(id)) {
+        _output.reply(id, request.word, TrelanError());
+        return;
+    }
+    if (const ConnectionId older = registry.connection(request.name)) {
+        registry.warnOfTakeover(older, id, request.name);
+        connectionClosed(older);
+        _output.closeConnection(older);
+    }
+    registry.add(id, request.name);
+    _output.setRegistered(id);
+    const bool receives = &registry == &_msgClients;
+    // Before the reply, whose sending may find the connection at its end: then it is detached.
+    if (receives)
+        _delivery.attach(request.name, id,
+                         request.prompt ? TrelanTransport::Prompt : TrelanTransport::Paced);
+    _output.reply(id, request.word, TrelanError());
+    if (receives)
+        pump(request.name);
+}
+
+void BusCore::endQuery(ConnectionId id)
+{
+    const QString client = _queryClients.remove(id);
+    if (client.isEmpty())
+        return;
+    _subscriptions.removeClient(client);
+    _delivery.dropNotifications(client);
+}
+
+void BusCore::endMessages(ConnectionId id)
+{
+    const QString client = _msgClients.remove(id);
+    if (!client.isEmpty())
+        _delivery.detach(client);
+}
+
+void BusCore::publish(ConnectionId id, const BusRequest &request)
+{
+    ObjectRecord record = request.record;
+    record.head.publisher = _queryClients.name(id);
+    if (record.head.uid.isEmpty()) {
+        // An id over the content too: two values of one millisecond must not share it.
+        record.head.uid = record.toObject().genUid();
+    }
+    const quint64 place = _order.takePlace();
+    const auto done = [this, id, word = request.word, record, place](const TrelanError &error) {
+        const auto reply = [this, id, word, error] { _output.reply(id, word, error); };
+        if (error.error() != TrelanError::NoError) {
+            reply();
+            _order.leave(place);
+            return;
+        }
+        logPublish(record.head);
+        PublishOrder::Publish publish;
+        publish.record = record;
+        freshenUid(publish.record);
+        if (_order.isFull())
+            publish.reply = reply;
+        else
+            reply();
+        publish.receivers = _subscriptions.receivers(record.head.name);
+        _order.takeEffect(place, publish);
+    };
+    if (record.head.isStored() && !names::isCommandName(record.head.name))
+        _storage.publish(record, done);
+    else
+        done(TrelanError());
+}
+
+void BusCore::remove(ConnectionId id, const BusRequest &request)
+{
+    _storage.remove(request.names, [this, id, word = request.word](const TrelanError &error) {
+        _output.reply(id, word, error);
+    });
+}
+
+void BusCore::loadObject(ConnectionId id, const BusRequest &request)
+{
+    const ObjectRecord *record = _storage.find(request.name);
+    if (record) {
+        _output.replyObject(id, request.word, *record);
+        return;
+    }
+    _output.reply(id, request.word,
+                  {TrelanError::IncorrectRequestData,
+                   QStringLiteral("there is no object %1").arg(names::quoted(request.name))});
+}
+
+void BusCore::loadObjects(ConnectionId id, const BusRequest &request)
+{
+    _output.replyObjects(id, request.word, _storage.matching(request.name));
+}
+
+void BusCore::subscribe(ConnectionId id, const BusRequest &request)
+{
+    const QString client = _queryClients.name(id);
+    QSet<QString> added;
+    for (const QString &wildcard : request.names) {
+        if (!_subscriptions.contains(client, wildcard))
+            added.insert(wildcard);
+        if (_subscriptions.count(client) + added.size() > _maxSubscriptions)
+            break; // a frame has room for millions
+    }
+    if (_subscriptions.count(client) + added.size() > _maxSubscriptions) {
+        _output.reply(
+            id, request.word,
+            {TrelanError::IncorrectRequestData,
+             QStringLiteral("a client has %1 subscriptions at most").arg(_maxSubscriptions)});
+        return;
+    }
+    QStringList distinct; // it may be a million times the same
+    if (request.now) {
+        distinct = request.names;
+        distinct.removeDuplicates();
+        if (distinct.size() > 1 &&
+            qint64(distinct.size()) * _storage.objectCount() > MAX_TESTS_AT_ONCE) {
+            _output.reply(id, request.word,
+                          {TrelanError::IncorrectRequestData,
+                           QStringLiteral("%1 wildcards and %2 stored objects are too many at once")
+                               .arg(distinct.size())
+                               .arg(_storage.objectCount())});
+            return;
+        }
+    }
+    for (const QString &wildcard : std::as_const(added))
+        _subscriptions.add(client, wildcard);
+    _output.reply(id, request.word, TrelanError());
+    if (request.now)
+        notifyOfStored(_queryClients.name(id), distinct);
+}
+
+/// In one step with the subscription, so that every later change is notified of after it.
+void BusCore::notifyOfStored(const QString &client, const QStringList &wildcards)
+{
+    if (client.isEmpty())
+        return; // ended while it was answered
+    QStringList names = _storage.namesMatching(wildcards);
+    std::sort(names.begin(), names.end());
+    QString overrun;
+    for (const QString &name : std::as_const(names)) {
+        Notification notification(*_storage.find(name), _coding);
+        overrun = _delivery.notify(client, notification, true);
+        if (!overrun.isEmpty())
+            break;
+    }
+    _order.skip(client, QSet<QString>(names.cbegin(), names.cend()));
+    if (!overrun.isEmpty())
+        closeReceiver(client, overrun);
+    pump(client);
+}
+
+void BusCore::listClients(ConnectionId id, const BusRequest &request)
+{
+    QStringList names = _queryClients.names() + _msgClients.names() + _delivery.names();
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    QVariantList clients;
+    for (const QString &name : std::as_const(names))
+        clients.append(clientData(name));
+    _output.replyData(id, request.word, {{QStringLiteral("clients"), clients}},
+                      clients.size() * CLIENT_DATA_COST);
+}
+
+QVariantMap BusCore::clientData(const QString &name) const
+{
+    const ClientRegistry::Client query = _queryClients.client(name);
+    const ClientRegistry::Client messages = _msgClients.client(name);
+    QStringList connections;
+    if (!query.name.isEmpty())
+        connections.append(QStringLiteral("query"));
+    if (!messages.name.isEmpty())
+        connections.append(QStringLiteral("message"));
+    return {
+        {QStringLiteral("name"), name},
+        {QStringLiteral("address"), query.name.isEmpty() ? messages.peer : query.peer},
+        {QStringLiteral("connections"), connections},
+        {QStringLiteral("subscriptions"), _subscriptions.count(name)},
+        {QStringLiteral("queued"), _delivery.queuedMessages(name)},
+        {QStringLiteral("queuedBytes"), _delivery.queuedBytes(name)},
+        {QStringLiteral("in"), query.count},
+        {QStringLiteral("out"), messages.count},
+    };
+}
+
+void BusCore::unsubscribe(ConnectionId id, const BusRequest &request)
+{
+    const QString client = _queryClients.name(id);
+    for (const QString &wildcard : request.names)
+        _subscriptions.remove(client, wildcard);
+    _output.reply(id, request.word, TrelanError());
+}
+
+void BusCore::sendMessage(ConnectionId id, const BusRequest &request)
+{
+    TrelanMessage message = *request.message;
+    message.setSender(_queryClients.name(id));
+    if (message.uid().isEmpty())
+        message.setUid(message.genUid());
+    if (message.isLogged()) {
+        qCInfo(BUS_LOG).noquote() << QStringLiteral("%1 sends a message to %2")
+                                         .arg(names::quoted(message.sender()),
+                                              names::quoted(message.reciever()));
+    }
+    _delivery.accept(message, [this, id, word = request.word,
+                               receiver = message.reciever()](const TrelanError &error) {
+        _output.reply(id, word, error);
+        if (error.error() != TrelanError::NoError)
+            return;
+        pump(receiver);
+        _delivery.trim(receiver);
+    });
+}
+
+/// Once to each client with a wildcard that takes it in, however many of them do.
+void BusCore::deliver(const PublishOrder::Publish &publish)
+{
+    if (publish.reply)
+        publish.reply();
+    QStringList receivers = publish.receivers;
+    if (publish.waited) { // some may have gone, or unsubscribed
+        const QStringList present = _subscriptions.receivers(publish.record.head.name);
+        const QSet<QString> subscribed(present.cbegin(), present.cend());
+        const auto isGone = [&](const QString &client) { return !subscribed.contains(client); };
+        receivers.erase(std::remove_if(receivers.begin(), receivers.end(), isGone),
+                        receivers.end());
+    }
+    _delivery.beginNotification();
+    Notification notification(publish.record, _coding, receivers.size() > 1);
+    QMap<QString, QString> overruns; // by client
+    for (const QString &client : std::as_const(receivers)) {
+        const QString overrun = _delivery.notify(client, notification);
+        if (!overrun.isEmpty())
+            overruns.insert(client, overrun);
+        pump(client);
+        _delivery.trim(client);
+    }
+    _delivery.endNotification();
+    for (auto overrun = overruns.cbegin(); overrun != overruns.cend(); ++overrun)
+        closeReceiver(overrun.key(), *overrun);
+}
+
+/// A client that cannot be told of a change must not believe that it is.
+void BusCore::closeReceiver(const QString &client, const QString &reason)
+{
+    if (_warnings.allows(client)) {
+        qCWarning(BUS_LOG).noquote()
+            << QStringLiteral("client %1 loses its subscriptions and its message connection: %2")
+                   .arg(names::quoted(client), reason);
+    }
+    _subscriptions.removeClient(client);
+    _delivery.dropNotifications(client);
+    if (const ConnectionId id = _msgClients.connection(client)) {
+        endMessages(id);
+        _output.closeConnection(id);
+    }
+}
+
+/// Receivers drop a message whose key they know: a publisher that uses the same uid for another
+/// value would not be heard.
+void BusCore::freshenUid(ObjectRecord &record)
+{
+    const QString name = record.head.name;
+    const size_t digest = std::hash<std::string_view>()(
+        {record.contentJson.constData(), size_t(record.contentJson.size())});
+    const QString uid = record.head.uid;
+    QPair<QString, size_t> *const last = _lastPublished.object(name);
+    if (last && last->first == uid && last->second != digest) {
+        record.deliveryUid = names::freshUid();
+        if (record.head.isStored())
+            _storage.setDeliveryUid(name, record.deliveryUid);
+    }
+    if (last)
+        *last = {uid, digest};
+    else
+        _lastPublished.insert(name, new QPair<QString, size_t>(uid, digest));
+}
+
+void BusCore::pump(const QString &client)
+{
+    const ConnectionId id = _msgClients.connection(client);
+    for (int pushed = _delivery.pump(client); pushed > 0; --pushed)
+        _msgClients.count(id);
+}
+
+} // namespace bus

@@ -1,0 +1,80 @@
+#pragma once
+
+#include "delivery/busdelivery.h"
+#include "delivery/busoutput.h"
+#include "request/buspayload.h"
+#include "request/busrequest.h"
+#include "rules/clientregistry.h"
+#include "rules/publishorder.h"
+#include "rules/subscriptionindex.h"
+#include "storage/busstorage.h"
+
+#include <QtCore/QCache>
+#include <QtCore/QPair>
+#include <QtCore/QString>
+
+namespace bus
+{
+
+/// \brief The rules of the bus: who is registered, who subscribes to what, what a request does.
+///
+/// Knows no sockets and no frames. One thread.
+class BusCore
+{
+public:
+    BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output);
+
+    /// Handles one request of the query channel and sees to it that exactly one reply follows, now
+    /// or later.
+    void handle(ConnectionId id, const BusRequest &request);
+    /// Handles one request of the message channel, likewise.
+    void handleOnMessageChannel(ConnectionId id, const BusRequest &request);
+    /// Handles a reply on the message channel.
+    void handleReply(ConnectionId id, const payload::Acknowledgement &acknowledgement);
+    /// What was sent on a connection of the message channel has left.
+    void pushMore(ConnectionId id);
+
+    /// The connection has ended; what another connection registered under its name stays.
+    void connectionClosed(ConnectionId id);
+
+    /// To be called about once a second while hasQueues(), until it returns false: then time
+    /// alone changes nothing.
+    bool checkTimes();
+    bool hasQueues() const;
+
+    /// To be called once, when the storage is open.
+    void restoreMessages();
+
+private:
+    void handshake(ClientRegistry &registry, ConnectionId id, const BusRequest &request);
+    void endQuery(ConnectionId id);
+    void endMessages(ConnectionId id);
+    void publish(ConnectionId id, const BusRequest &request);
+    void remove(ConnectionId id, const BusRequest &request);
+    void loadObject(ConnectionId id, const BusRequest &request);
+    void loadObjects(ConnectionId id, const BusRequest &request);
+    void subscribe(ConnectionId id, const BusRequest &request);
+    void unsubscribe(ConnectionId id, const BusRequest &request);
+    void notifyOfStored(const QString &client, const QStringList &wildcards);
+    void listClients(ConnectionId id, const BusRequest &request);
+    QVariantMap clientData(const QString &name) const;
+    void sendMessage(ConnectionId id, const BusRequest &request);
+    void deliver(const PublishOrder::Publish &publish);
+    void closeReceiver(const QString &client, const QString &reason);
+    void freshenUid(ObjectRecord &record);
+    void pump(const QString &client);
+
+    const int _maxSubscriptions;
+    const TrelanTransport::Coding _coding;
+    BusStorage &_storage;
+    BusOutput &_output;
+    BusDelivery _delivery;
+    ClientRegistry _queryClients;
+    ClientRegistry _msgClients;
+    PublishOrder _order;
+    SubscriptionIndex _subscriptions; // of the clients with a query connection, by name
+    QCache<QString, QPair<QString, size_t>> _lastPublished; // uid and digest, by name
+    WarningLimiter _warnings;
+};
+
+} // namespace bus

@@ -1,0 +1,63 @@
+#pragma once
+
+#include "delivery/busoutput.h"
+#include "values/buslog.h"
+
+#include <QtCore/QHash>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+namespace bus
+{
+
+/// \brief Who is registered on one channel: one connection for a name, the newest.
+///
+/// One thread.
+class ClientRegistry
+{
+public:
+    /// \a channel is what the log calls it.
+    ClientRegistry(const QString &channel, BusOutput &output);
+
+    struct Client
+    {
+        QString name;
+        QString peer; ///< address and port
+        qint64 count = 0;
+    };
+
+    bool contains(ConnectionId id) const;
+    /// Empty if \a id is not registered.
+    QString name(ConnectionId id) const;
+    QStringList names() const;
+    /// What is known of the client registered under \a name; empty if there is none.
+    Client client(const QString &name) const;
+    /// 0 if nobody is registered under \a name.
+    ConnectionId connection(const QString &name) const;
+
+    /// What is wrong with a handshake, for people; empty if it can be accepted.
+    QString handshakeFault(ConnectionId id, const QString &name) const;
+
+    /// Registers \a id, under a name that nobody has.
+    void add(ConnectionId id, const QString &name);
+    /// Forgets \a id. Returns the name that it had, empty if none.
+    QString remove(ConnectionId id);
+
+    /// Says, at most once a minute for a name, that \a newer takes over from \a older; nothing if
+    /// the older one has ended by itself, since a client that comes back takes nothing over.
+    void warnOfTakeover(ConnectionId older, ConnectionId newer, const QString &name);
+
+    /// One request, or one delivery, for the count that is logged at the end.
+    void count(ConnectionId id);
+
+private:
+    bool isGhost(ConnectionId id, const QString &name) const;
+
+    const QString _channel;
+    BusOutput &_output;
+    QHash<ConnectionId, Client> _clients;
+    QHash<QString, ConnectionId> _ids;
+    WarningLimiter _takeoverWarnings;
+};
+
+} // namespace bus

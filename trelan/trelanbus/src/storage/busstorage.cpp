@@ -1,0 +1,247 @@
+#include "storage/busstorage.h"
+
+namespace bus
+{
+
+BusStorage::BusStorage(const TrelanBusSettings &settings, std::function<void()> wake)
+    : _folder(settings.dataFolder)
+    , _wake(std::move(wake))
+    , _objects(settings.maxObjects, settings.maxObjectBytes)
+{}
+
+BusStorage::~BusStorage() = default;
+
+bool BusStorage::open()
+{
+    if (_folder.isEmpty())
+        return true;
+    QVector<ObjectRecord> records;
+    if (!_permanent.open(_folder) || !_permanent.load(records, _loadedMessages)) {
+        _loadedMessages.clear();
+        _errorString = _permanent.errorString();
+        _permanent.close();
+        _state = TrelanBus::Unusable;
+        return false;
+    }
+    // What is on disk was acknowledged, so that it is taken even above a bound lowered since.
+    for (const ObjectRecord &record : std::as_const(records))
+        _objects.put(record);
+    if (!_loadedMessages.isEmpty())
+        _lastMessageId = _loadedMessages.constLast().id;
+    _state = TrelanBus::OnDisk;
+    _disk = std::make_unique<Disk>(
+        [this](std::vector<Job> jobs) { return write(_permanent, std::move(jobs)); }, _wake);
+    return true;
+}
+
+TrelanBus::Storage BusStorage::state() const
+{
+    return _state;
+}
+
+QString BusStorage::errorString() const
+{
+    return _errorString;
+}
+
+void BusStorage::publish(const ObjectRecord &record, const Done &done)
+{
+    const QString &name = record.head.name;
+    const bool permanent = record.head.isPermanent();
+    if (permanent && _state == TrelanBus::Unusable) {
+        done({TrelanError::InvalidDataStorage, _errorString});
+        return;
+    }
+    const QString fault = _objects.roomFault(record);
+    if (!fault.isEmpty()) {
+        done({TrelanError::StorageAccessError, fault});
+        return;
+    }
+    if (permanent && _state == TrelanBus::MemoryOnly)
+        warnMemoryOnly();
+
+    PermanentStore::Change toDisk;
+    if (permanent && _state == TrelanBus::OnDisk) {
+        toDisk.puts.append(record);
+    } else if (concernsDisk(name)) {
+        toDisk.removes.append(name);
+    } else {
+        _objects.put(record);
+        done(TrelanError());
+        return;
+    }
+    _objects.reserve(record);
+    change(toDisk, {name}, [this, record, done](const TrelanError &error) {
+        _objects.release(record);
+        if (error.error() == TrelanError::NoError)
+            _objects.put(record);
+        done(error);
+    });
+}
+
+void BusStorage::remove(const QStringList &names, const Done &done)
+{
+    PermanentStore::Change toDisk;
+    for (const QString &name : names) {
+        if (concernsDisk(name))
+            toDisk.removes.append(name);
+    }
+    const auto removeFromMemory = [this, names] {
+        for (const QString &name : names)
+            _objects.remove(name);
+    };
+    if (toDisk.removes.isEmpty()) {
+        removeFromMemory();
+        done(TrelanError());
+        return;
+    }
+    // All names wait, not only those on disk: a value published meanwhile must not be removed.
+    change(toDisk, names, [removeFromMemory, done](const TrelanError &error) {
+        if (error.error() == TrelanError::NoError)
+            removeFromMemory();
+        done(error);
+    });
+}
+
+void BusStorage::keepMessage(const TrelanMessage &message, const Kept &kept)
+{
+    if (_state == TrelanBus::Unusable) {
+        kept({TrelanError::InvalidDataStorage, _errorString}, 0);
+        return;
+    }
+    if (_state == TrelanBus::MemoryOnly) {
+        kept(TrelanError(), 0);
+        return;
+    }
+    PermanentStore::Change toDisk;
+    const qint64 id = ++_lastMessageId;
+    toDisk.messages.append({id, message, QDateTime::currentMSecsSinceEpoch()});
+    change(toDisk, {}, [id, kept](const TrelanError &error) { kept(error, id); });
+}
+
+/// Nobody waits for it: what is still there when the bus ends too soon is delivered once more.
+void BusStorage::removeMessages(const QVector<qint64> &ids)
+{
+    if (_state != TrelanBus::OnDisk || (ids.isEmpty() && _unremoved.isEmpty()))
+        return;
+    PermanentStore::Change toDisk;
+    toDisk.settledMessages = std::exchange(_unremoved, {}) + ids;
+    change(toDisk, {}, [this, removed = toDisk.settledMessages](const TrelanError &error) {
+        if (error.error() != TrelanError::NoError)
+            _unremoved += removed;
+    });
+}
+
+QVector<StoredMessage> BusStorage::takeLoadedMessages()
+{
+    return std::exchange(_loadedMessages, {});
+}
+
+void BusStorage::setDeliveryUid(const QString &name, const QString &uid)
+{
+    _objects.setDeliveryUid(name, uid);
+}
+
+const ObjectRecord *BusStorage::find(const QString &name) const
+{
+    return _objects.find(name);
+}
+
+QVector<ObjectRecord> BusStorage::matching(const QString &wildcard) const
+{
+    return _objects.matching(wildcard);
+}
+
+int BusStorage::objectCount() const
+{
+    return _objects.count();
+}
+
+QStringList BusStorage::namesMatching(const QStringList &wildcards) const
+{
+    return _objects.namesMatching(wildcards);
+}
+
+void BusStorage::handleResults()
+{
+    if (!_disk)
+        return;
+    for (const Result &result : _disk->takeResults()) {
+        const TrelanError error = result.fault.isEmpty()
+                                      ? TrelanError()
+                                      : TrelanError(TrelanError::StorageAccessError, result.fault);
+        // A full disk fails every publish: the log of it must not fill what is left.
+        if (!result.fault.isEmpty() && _warnings.allows(result.fault))
+            qCWarning(BUS_LOG).noquote() << result.fault;
+        _written.take(result.ticket)(error);
+    }
+}
+
+void BusStorage::finish()
+{
+    if (!_disk)
+        return;
+    removeMessages({});
+    _disk->finish();
+    handleResults();
+    _disk.reset();
+    _permanent.close();
+}
+
+std::vector<BusStorage::Result> BusStorage::write(PermanentStore &store, std::vector<Job> jobs)
+{
+    QVector<PermanentStore::Change> changes;
+    std::vector<Result> results;
+    for (const Job &job : jobs) {
+        changes.append(job.change);
+        results.push_back({job.ticket, QString()});
+    }
+    if (store.apply(changes))
+        return results;
+    // One change that cannot be made must not take others with it.
+    for (int i = 0; i < changes.size(); ++i) {
+        const bool written = changes.size() > 1 && store.apply({changes.at(i)});
+        results[size_t(i)].fault = written ? QString() : store.errorString();
+    }
+    return results;
+}
+
+/// Whether the disk holds a value of this name, or will: then a change of it has to go there too.
+bool BusStorage::concernsDisk(const QString &name) const
+{
+    if (_state != TrelanBus::OnDisk)
+        return false;
+    const ObjectRecord *record = _objects.find(name);
+    return _pending.contains(name) || (record && record->head.isPermanent());
+}
+
+void BusStorage::change(const PermanentStore::Change &change, const QStringList &names,
+                        const Written &written)
+{
+    for (const QString &name : names)
+        ++_pending[name];
+    const quint64 ticket = ++_lastTicket;
+    _written.insert(ticket, [this, names, written](const TrelanError &error) {
+        endPending(names);
+        written(error);
+    });
+    _disk->add({ticket, change});
+}
+
+void BusStorage::endPending(const QStringList &names)
+{
+    for (const QString &name : names) {
+        if (--_pending[name] == 0)
+            _pending.remove(name);
+    }
+}
+
+void BusStorage::warnMemoryOnly()
+{
+    if (_warnedMemoryOnly)
+        return;
+    _warnedMemoryOnly = true;
+    qCWarning(BUS_LOG) << "no data folder: permanent objects are kept in memory only";
+}
+
+} // namespace bus

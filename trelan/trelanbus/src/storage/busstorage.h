@@ -1,0 +1,112 @@
+#pragma once
+
+#include "storage/backgroundworker.h"
+#include "storage/objectstore.h"
+#include "storage/permanentstore.h"
+#include "trelanbus.h"
+#include "values/buslog.h"
+
+#include <trelanerror.h>
+
+#include <QtCore/QHash>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+#include <functional>
+
+namespace bus
+{
+
+/// \brief What the bus keeps: the values in memory, and the permanent ones on disk behind them.
+///
+/// The one door to both, and to the messages that wait on disk. A change that concerns the disk is
+/// made there first, in a thread of its own, and shows in memory when it is safe; changes of one
+/// name take effect in the order in which they were asked for, whether they concern the disk or
+/// not. Reads see what has taken effect.
+///
+/// One thread. The owner calls handleResults() in it after \a wake, which comes from another.
+class BusStorage
+{
+public:
+    using Done = std::function<void(const TrelanError &)>;
+
+    BusStorage(const TrelanBusSettings &settings, std::function<void()> wake);
+    ~BusStorage();
+    Q_DISABLE_COPY(BusStorage)
+
+    /// Loads what is on disk. False, with the reason in errorString(), leaves a storage that
+    /// refuses permanent objects and stored messages and is otherwise whole.
+    bool open();
+
+    TrelanBus::Storage state() const;
+    QString errorString() const;
+
+    /// Keeps a stored object. \a done is called with the outcome, at once or from handleResults().
+    void publish(const ObjectRecord &record, const Done &done);
+
+    /// Drops objects; names that are not there are no error. \a done as above.
+    void remove(const QStringList &names, const Done &done);
+
+    /// \a id is that of the message on disk, or 0 if it is not there.
+    using Kept = std::function<void(const TrelanError &, qint64 id)>;
+
+    /// Puts a message on disk, if there is one, until removeMessages(). \a kept is called with the
+    /// outcome, at once or from handleResults().
+    void keepMessage(const TrelanMessage &message, const Kept &kept);
+    void removeMessages(const QVector<qint64> &ids);
+    /// The messages that were on disk at the start, in the order in which they came.
+    QVector<StoredMessage> takeLoadedMessages();
+
+    void setDeliveryUid(const QString &name, const QString &uid);
+    const ObjectRecord *find(const QString &name) const;
+    QVector<ObjectRecord> matching(const QString &wildcard) const;
+    int objectCount() const;
+    QStringList namesMatching(const QStringList &wildcards) const;
+
+    void handleResults();
+
+    /// Waits for the disk, handles the results, and ends the disk's thread.
+    void finish();
+
+private:
+    struct Job
+    {
+        quint64 ticket = 0;
+        PermanentStore::Change change;
+    };
+    struct Result
+    {
+        quint64 ticket = 0;
+        QString fault; // empty: it is on disk
+    };
+    using Disk = BackgroundWorker<Job, Result>;
+    using Written = std::function<void(const TrelanError &)>;
+
+    /// Runs in the disk's thread.
+    static std::vector<Result> write(PermanentStore &store, std::vector<Job> jobs);
+
+    bool concernsDisk(const QString &name) const;
+    void change(const PermanentStore::Change &change, const QStringList &names,
+                const Written &written);
+    void endPending(const QStringList &names);
+    void warnMemoryOnly();
+
+    const QString _folder;
+    const std::function<void()> _wake;
+    ObjectStore _objects;
+    PermanentStore _permanent;
+    TrelanBus::Storage _state = TrelanBus::MemoryOnly;
+    QString _errorString;
+    QVector<StoredMessage> _loadedMessages;
+    qint64 _lastMessageId = 0;
+    QVector<qint64> _unremoved; // the disk did not take their removal
+    bool _warnedMemoryOnly = false;
+    WarningLimiter _warnings;
+
+    quint64 _lastTicket = 0;
+    QHash<quint64, Written> _written;
+    QHash<QString, int> _pending; // changes under way, by name
+    std::unique_ptr<Disk> _disk;  // last: its thread uses the database
+};
+
+} // namespace bus

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "values/objectrecord.h"
+
+#include <QtCore/QHash>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+#include <QtCore/QVector>
+
+namespace bus
+{
+
+/// \brief The last value of every stored object, in memory, within bounds.
+///
+/// A value that waits for the disk before it is put takes its room beforehand, so that what was
+/// accepted always fits; room that it is going to take over from the value of its name is not
+/// counted twice. One thread.
+class ObjectStore
+{
+public:
+    ObjectStore(int maxObjects, qint64 maxBytes);
+
+    /// Which bound \a record would pass, for people; empty if there is room. A value never passes
+    /// a bound by replacing one of the same name that is at least as large.
+    QString roomFault(const ObjectRecord &record) const;
+
+    /// Each reserve() is followed by one release() of the same record.
+    void reserve(const ObjectRecord &record);
+    void release(const ObjectRecord &record);
+
+    /// Keeps \a record in place of one of the same name; asks no bound.
+    void put(const ObjectRecord &record);
+    void remove(const QString &name);
+    /// Of the value that is kept, if there is one.
+    void setDeliveryUid(const QString &name, const QString &uid);
+
+    /// Null if there is none; valid until the next change.
+    const ObjectRecord *find(const QString &name) const;
+
+    QVector<ObjectRecord> matching(const QString &wildcard) const;
+    int count() const;
+    /// Of objects that any of \a wildcards takes in.
+    QStringList namesMatching(const QStringList &wildcards) const;
+
+private:
+    qint64 room(const QString &name) const;
+    void account(qint64 before, qint64 after);
+
+    const int _maxObjects;
+    const qint64 _maxBytes;
+    QHash<QString, ObjectRecord> _objects;
+    QHash<QString, QVector<qint64>> _reserved; // costs, by name
+    int _takenObjects = 0;
+    qint64 _takenBytes = 0;
+};
+
+} // namespace bus

@@ -1,0 +1,573 @@
+#include "storage/permanentstore.h"
+
+#include "values/buslog.h"
+#include "values/busnames.h"
+
+#include <QtCore/QCryptographicHash>
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QtEndian>
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <initializer_list>
+
+namespace bus
+{
+
+namespace
+{
+
+const QString FILE_NAME = QStringLiteral("trelan.db");
+const QString LOG_SUFFIX = QStringLiteral("-wal");
+constexpr int LOG_HEADER_SIZE = 32;
+constexpr quint32 LOG_MAGIC = 0x377f0682;
+constexpr int BUSY_TIMEOUT_MS = 500; // a server that is just ending may still hold the database
+constexpr qint64 APPLICATION_ID = 0x5472656c;
+constexpr qint64 SCHEMA_VERSION = 2;
+constexpr qint64 SCHEMA_WITHOUT_MESSAGES = 1;
+
+constexpr char SCHEMA_SQL[] = "CREATE TABLE objects("
+                              " name TEXT NOT NULL PRIMARY KEY,"
+                              " publisher TEXT NOT NULL,"
+                              " time INTEGER NOT NULL,"
+                              " uid TEXT NOT NULL,"
+                              " options INTEGER NOT NULL,"
+                              " content TEXT NOT NULL,"
+                              " digest BLOB NOT NULL);"
+                              "PRAGMA application_id = 1416783212;"
+                              "PRAGMA user_version = 1;";
+constexpr char UPGRADE_SQL[] = "CREATE TABLE messages("
+                               " id INTEGER NOT NULL PRIMARY KEY,"
+                               " sender TEXT NOT NULL,"
+                               " reciever TEXT NOT NULL,"
+                               " uid TEXT NOT NULL,"
+                               " time INTEGER NOT NULL,"
+                               " options INTEGER NOT NULL,"
+                               " text TEXT NOT NULL,"
+                               " queued INTEGER NOT NULL,"
+                               " digest BLOB NOT NULL);"
+                               "PRAGMA user_version = 2;";
+static_assert(APPLICATION_ID == 1416783212, "as in the schema");
+constexpr char LOAD_SQL[] =
+    "SELECT name, publisher, time, uid, options, content, digest FROM objects";
+constexpr char PUT_SQL[] = "INSERT OR REPLACE INTO objects VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)";
+constexpr char REMOVE_SQL[] = "DELETE FROM objects WHERE name = ?1";
+constexpr char LOAD_MESSAGES_SQL[] = "SELECT id, sender, reciever, uid, time, options, text, "
+                                     "queued, digest FROM messages ORDER BY id";
+constexpr char PUT_MESSAGE_SQL[] =
+    "INSERT INTO messages VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)";
+constexpr char REMOVE_MESSAGE_SQL[] = "DELETE FROM messages WHERE id = ?1";
+
+enum Column { Name, Publisher, Time, Uid, Options, Content, Digest };
+
+/// Columns of the messages.
+namespace msg
+{
+enum Column { Id, Sender, Reciever, Uid, Time, Options, Text, Queued, Digest };
+}
+
+void bindNumber(sqlite3_stmt *statement, int column, qint64 value)
+{
+    sqlite3_bind_int64(statement, column + 1, value);
+}
+
+void bindText(sqlite3_stmt *statement, int column, const QByteArray &text)
+{
+    sqlite3_bind_text64(statement, column + 1, text.constData(), sqlite3_uint64(text.size()),
+                        SQLITE_TRANSIENT, SQLITE_UTF8);
+}
+
+void bindBytes(sqlite3_stmt *statement, int column, const QByteArray &bytes)
+{
+    sqlite3_bind_blob(statement, column + 1, bytes.constData(), bytes.size(), SQLITE_TRANSIENT);
+}
+
+/// Over what a row holds: the database has no checksums of its own.
+QByteArray digestOf(std::initializer_list<QByteArray> texts, std::initializer_list<qint64> numbers)
+{
+    QCryptographicHash hash(QCryptographicHash::Sha1);
+    for (const QByteArray &text : texts) {
+        hash.addData(QByteArray::number(text.size()) + ':');
+        hash.addData(text);
+    }
+    QByteArrayList words;
+    for (const qint64 number : numbers)
+        words.append(QByteArray::number(number));
+    hash.addData(words.join(':'));
+    return hash.result();
+}
+
+/// As it is stored: what is no valid text comes as it is.
+QByteArray columnBytes(sqlite3_stmt *statement, int column)
+{
+    const auto *bytes = static_cast<const char *>(sqlite3_column_blob(statement, column));
+    return {bytes, sqlite3_column_bytes(statement, column)};
+}
+
+QString columnText(sqlite3_stmt *statement, int column)
+{
+    return QString::fromUtf8(columnBytes(statement, column));
+}
+
+/// A text of the client's choice, exactly. JSON escapes what UTF-8 has no form for (half a
+/// surrogate pair) and what readers of UTF-8 stop at (a NUL).
+QByteArray exactBytes(const QString &text)
+{
+    return QJsonDocument(QJsonArray {text}).toJson(QJsonDocument::Compact);
+}
+
+QString exactText(const QByteArray &bytes)
+{
+    return QJsonDocument::fromJson(bytes).array().first().toString();
+}
+
+/// What the operating system said to it, in brackets; empty if it was not asked.
+QString systemReason(sqlite3 *database)
+{
+    const int number = database ? sqlite3_system_errno(database) : 0;
+    return number == 0 ? QString() : QStringLiteral(" (%1)").arg(qt_error_string(number));
+}
+
+/// Whether \a header begins a write-ahead log: the magic, and the sums over what is before them,
+/// as the format of SQLite's files defines them.
+bool isLogHeader(const QByteArray &header)
+{
+    if (header.size() < LOG_HEADER_SIZE)
+        return true; // cut off while it was made; nothing can stand behind it
+    const auto word = [&header](int index) {
+        return qFromBigEndian<quint32>(header.constData() + 4 * index);
+    };
+    const bool bigEndianSums = word(0) == LOG_MAGIC + 1;
+    if (word(0) != LOG_MAGIC && !bigEndianSums)
+        return false;
+    const auto summand = [&](int index) {
+        return bigEndianSums ? word(index) : qbswap(word(index));
+    };
+    quint32 first = 0;
+    quint32 second = 0;
+    for (int index = 0; index < 6; index += 2) {
+        first += summand(index) + second;
+        second += summand(index + 1) + first;
+    }
+    return word(6) == first && word(7) == second;
+}
+
+} // namespace
+
+PermanentStore::PermanentStore() = default;
+PermanentStore::~PermanentStore() = default;
+
+void PermanentStore::CloseDatabase::operator()(sqlite3 *database) const
+{
+    sqlite3_close_v2(database);
+}
+
+void PermanentStore::Finalize::operator()(sqlite3_stmt *statement) const
+{
+    sqlite3_finalize(statement);
+}
+
+/// Those of a transaction.
+struct PermanentStore::Statements
+{
+    Statement putObject;
+    Statement removeObject;
+    Statement putMessage;
+    Statement removeMessage;
+};
+
+bool PermanentStore::open(const QString &folder)
+{
+    close();
+    if (!prepareFolder(folder))
+        return false;
+
+    sqlite3 *database = nullptr;
+    const int status = sqlite3_open_v2(QFile::encodeName(_path).constData(), &database,
+                                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    _database.reset(database);
+    const bool opened = status == SQLITE_OK ? prepareDatabase() : failDatabase();
+    if (!opened)
+        _database.reset();
+    return opened;
+}
+
+void PermanentStore::close()
+{
+    _database.reset();
+    _errorString.clear();
+}
+
+bool PermanentStore::load(QVector<ObjectRecord> &records, QVector<StoredMessage> &messages)
+{
+    if (!loadObjects(records) || !upgrade() || !loadMessages(messages))
+        return false;
+    keepLogOnClose(false);
+    return true;
+}
+
+bool PermanentStore::loadObjects(QVector<ObjectRecord> &records)
+{
+    const Statement statement = prepare(LOAD_SQL);
+    if (!statement)
+        return false;
+    int status = SQLITE_ROW;
+    while ((status = sqlite3_step(statement.get())) == SQLITE_ROW) {
+        ObjectRecord record;
+        if (!readRow(statement.get(), record))
+            return false;
+        records.append(record);
+    }
+    return status == SQLITE_DONE || failDatabase();
+}
+
+bool PermanentStore::loadMessages(QVector<StoredMessage> &messages)
+{
+    const Statement statement = prepare(LOAD_MESSAGES_SQL);
+    if (!statement)
+        return false;
+    int status = SQLITE_ROW;
+    while ((status = sqlite3_step(statement.get())) == SQLITE_ROW) {
+        StoredMessage message;
+        if (!readRow(statement.get(), message))
+            return false;
+        messages.append(message);
+    }
+    return status == SQLITE_DONE || failDatabase();
+}
+
+/// Gives a database of an older version what it misses.
+bool PermanentStore::upgrade()
+{
+    qint64 version = 0;
+    if (!number("PRAGMA user_version", version))
+        return false;
+    if (version == SCHEMA_VERSION)
+        return true;
+    if (!execute("BEGIN IMMEDIATE"))
+        return false;
+    return (execute(UPGRADE_SQL) && execute("COMMIT")) || failAndRollBack();
+}
+
+bool PermanentStore::apply(const QVector<Change> &changes)
+{
+    if (!_database)
+        return false;
+    // Not deferred: a lock that is not to be had shows before anything is written.
+    if (!execute("BEGIN IMMEDIATE"))
+        return false;
+    if (applyInTransaction(changes) && execute("COMMIT"))
+        return true;
+    return failAndRollBack();
+}
+
+bool PermanentStore::failAndRollBack()
+{
+    const QString reason = _errorString;
+    if (sqlite3_get_autocommit(_database.get()) == 0)
+        execute("ROLLBACK");
+    _errorString = reason;
+    return false;
+}
+
+QString PermanentStore::errorString() const
+{
+    return _errorString;
+}
+
+bool PermanentStore::prepareFolder(const QString &folder)
+{
+    const QDir dir(folder);
+    _path = dir.absoluteFilePath(FILE_NAME);
+    if (!dir.exists() && !QDir().mkpath(dir.absolutePath()))
+        return fail(QStringLiteral("the folder cannot be made"));
+    const QFileInfo file(_path);
+    const QFileInfo log(_path + LOG_SUFFIX);
+    const bool isEmpty = !file.exists() || file.size() == 0;
+    if (isEmpty && log.size() > 0) {
+        // The log is written after the database: it was lost, and opening would delete the log too.
+        return fail(QStringLiteral("the database is damaged: it is lost or empty, but its log %1 "
+                                   "is there")
+                        .arg(log.fileName()));
+    }
+    if (file.exists() && isEmpty) {
+        // Made by a server that ended before it wrote anything; or else everything in it is lost,
+        // which must not go unnoticed.
+        qCWarning(BUS_LOG).noquote()
+            << QStringLiteral("%1 is empty; no permanent objects are there").arg(_path);
+    }
+    return true;
+}
+
+bool PermanentStore::prepareDatabase()
+{
+    sqlite3_busy_timeout(_database.get(), BUSY_TIMEOUT_MS);
+    sqlite3_extended_result_codes(_database.get(), 1);
+    // A database that is refused, now or by load(), stays as it is to the byte, its log included.
+    keepLogOnClose(true);
+    // Exclusive before anything is read: from then on no other server gets in. With it the index
+    // of the log is in memory, so that a damaged one cannot be left behind.
+    return execute("PRAGMA locking_mode = EXCLUSIVE") && execute("BEGIN IMMEDIATE") && checkLog() &&
+           checkKind() && checkIntegrity() && execute("COMMIT") && useLog();
+}
+
+void PermanentStore::keepLogOnClose(bool keep)
+{
+    sqlite3_db_config(_database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, int(keep), nullptr);
+}
+
+/// A log that begins with anything else is taken for an empty one, and written over, by SQLite.
+/// What its end misses is not looked for: that is how a write looks that was never acknowledged.
+bool PermanentStore::checkLog()
+{
+    QFile log(_path + LOG_SUFFIX);
+    if (!log.exists() || log.size() == 0)
+        return true;
+    if (!log.open(QIODevice::ReadOnly))
+        return fail(QStringLiteral("its log cannot be read: %1").arg(log.errorString()));
+    if (isLogHeader(log.read(LOG_HEADER_SIZE)))
+        return true;
+    return fail(QStringLiteral("the log of the database is damaged"));
+}
+
+bool PermanentStore::checkIntegrity()
+{
+    // The quick check would not compare the index with the table: a name that only one of them
+    // knows could neither be replaced nor removed.
+    const Statement statement = prepare("PRAGMA integrity_check(1)");
+    if (!statement)
+        return false;
+    if (sqlite3_step(statement.get()) != SQLITE_ROW)
+        return failDatabase();
+    const QString verdict = columnText(statement.get(), 0);
+    if (verdict == QLatin1String("ok"))
+        return true;
+    return fail(QStringLiteral("the database is damaged: %1").arg(verdict));
+}
+
+/// Before anything is changed: the database may be somebody else's.
+bool PermanentStore::checkKind()
+{
+    qint64 tables = 0;
+    qint64 kind = 0;
+    qint64 version = 0;
+    if (!number("SELECT count(*) FROM sqlite_master", tables) ||
+        !number("PRAGMA application_id", kind) || !number("PRAGMA user_version", version))
+        return false;
+    if (tables == 0 && kind == 0 && version == 0)
+        return execute(SCHEMA_SQL) && execute(UPGRADE_SQL);
+    if (kind != APPLICATION_ID)
+        return fail(QStringLiteral("the database belongs to another application"));
+    if (version != SCHEMA_VERSION && version != SCHEMA_WITHOUT_MESSAGES)
+        return fail(QStringLiteral("the database has version %1, and %2 is understood")
+                        .arg(version)
+                        .arg(SCHEMA_VERSION));
+    return true;
+}
+
+bool PermanentStore::useLog()
+{
+    // Where it cannot be had, the answer is the mode that stays, and no error.
+    const Statement statement = prepare("PRAGMA journal_mode = WAL");
+    if (!statement)
+        return false;
+    if (sqlite3_step(statement.get()) != SQLITE_ROW)
+        return failDatabase();
+    if (columnText(statement.get(), 0) != QLatin1String("wal"))
+        return fail(QStringLiteral("the folder does not support a write-ahead log"));
+    return execute("PRAGMA synchronous = FULL");
+}
+
+bool PermanentStore::execute(const char *sql)
+{
+    return sqlite3_exec(_database.get(), sql, nullptr, nullptr, nullptr) == SQLITE_OK ||
+           failDatabase();
+}
+
+bool PermanentStore::number(const char *sql, qint64 &value)
+{
+    const Statement statement = prepare(sql);
+    if (!statement)
+        return false;
+    if (sqlite3_step(statement.get()) != SQLITE_ROW)
+        return failDatabase();
+    value = sqlite3_column_int64(statement.get(), 0);
+    return true;
+}
+
+PermanentStore::Statement PermanentStore::prepare(const char *sql)
+{
+    sqlite3_stmt *statement = nullptr;
+    if (sqlite3_prepare_v2(_database.get(), sql, -1, &statement, nullptr) != SQLITE_OK)
+        failDatabase();
+    return Statement(statement);
+}
+
+bool PermanentStore::put(sqlite3_stmt *statement, const ObjectRecord &record)
+{
+    const QByteArray name = record.head.name.toUtf8();
+    const QByteArray publisher = record.head.publisher.toUtf8();
+    const qint64 time = record.head.time;
+    const QByteArray uid = exactBytes(record.head.uid);
+    const int options = int(record.head.options);
+
+    bindText(statement, Name, name);
+    bindText(statement, Publisher, publisher);
+    bindNumber(statement, Time, time);
+    bindText(statement, Uid, uid);
+    bindNumber(statement, Options, options);
+    bindText(statement, Content, record.contentJson);
+    bindBytes(statement, Digest,
+              digestOf({name, publisher, uid, record.contentJson}, {time, options}));
+    return step(statement);
+}
+
+bool PermanentStore::put(sqlite3_stmt *statement, const StoredMessage &stored)
+{
+    const QByteArray sender = exactBytes(stored.message.sender());
+    const QByteArray reciever = exactBytes(stored.message.reciever());
+    const QByteArray uid = exactBytes(stored.message.uid());
+    const qint64 time = stored.message.timestamp().toMSecsSinceEpoch();
+    const int options = int(stored.message.options());
+    const QByteArray text = exactBytes(stored.message.message());
+
+    bindNumber(statement, msg::Id, stored.id);
+    bindText(statement, msg::Sender, sender);
+    bindText(statement, msg::Reciever, reciever);
+    bindText(statement, msg::Uid, uid);
+    bindNumber(statement, msg::Time, time);
+    bindNumber(statement, msg::Options, options);
+    bindText(statement, msg::Text, text);
+    bindNumber(statement, msg::Queued, stored.queuedAt);
+    bindBytes(statement, msg::Digest,
+              digestOf({sender, reciever, uid, text}, {stored.id, time, options, stored.queuedAt}));
+    return step(statement);
+}
+
+bool PermanentStore::remove(sqlite3_stmt *statement, const QString &name)
+{
+    bindText(statement, Name, name.toUtf8());
+    return step(statement);
+}
+
+bool PermanentStore::remove(sqlite3_stmt *statement, qint64 id)
+{
+    bindNumber(statement, msg::Id, id);
+    return step(statement);
+}
+
+bool PermanentStore::applyInTransaction(const QVector<Change> &changes)
+{
+    const Statements statements {prepare(PUT_SQL), prepare(REMOVE_SQL), prepare(PUT_MESSAGE_SQL),
+                                 prepare(REMOVE_MESSAGE_SQL)};
+    if (!statements.putObject || !statements.removeObject || !statements.putMessage ||
+        !statements.removeMessage)
+        return false;
+    return std::all_of(changes.cbegin(), changes.cend(),
+                       [&](const Change &change) { return apply(change, statements); });
+}
+
+bool PermanentStore::apply(const Change &change, const Statements &statements)
+{
+    const auto each = [](const auto &values, const auto &apply) {
+        return std::all_of(values.cbegin(), values.cend(), apply);
+    };
+    return each(change.removes,
+                [&](const QString &name) { return remove(statements.removeObject.get(), name); }) &&
+           each(change.puts,
+                [&](const ObjectRecord &record) {
+                    return put(statements.putObject.get(), record);
+                }) &&
+           each(change.messages,
+                [&](const StoredMessage &message) {
+                    return put(statements.putMessage.get(), message);
+                }) &&
+           each(change.settledMessages,
+                [&](qint64 id) { return remove(statements.removeMessage.get(), id); });
+}
+
+bool PermanentStore::step(sqlite3_stmt *statement)
+{
+    if (sqlite3_step(statement) != SQLITE_DONE)
+        return failDatabase();
+    sqlite3_reset(statement);
+    return true;
+}
+
+/// The database's own check does not look into texts.
+bool PermanentStore::readRow(sqlite3_stmt *statement, ObjectRecord &record)
+{
+    const QByteArray name = columnBytes(statement, Name);
+    const QByteArray publisher = columnBytes(statement, Publisher);
+    const qint64 time = sqlite3_column_int64(statement, Time);
+    const QByteArray uid = columnBytes(statement, Uid);
+    const int options = sqlite3_column_int(statement, Options);
+    const QByteArray content = columnBytes(statement, Content);
+    if (digestOf({name, publisher, uid, content}, {time, options}) !=
+        columnBytes(statement, Digest)) {
+        return fail(
+            QStringLiteral("the database is damaged: the object %1 is not as it was written")
+                .arg(names::quoted(QString::fromUtf8(name))));
+    }
+    record.head.name = QString::fromUtf8(name);
+    record.head.publisher = QString::fromUtf8(publisher);
+    record.head.time = time;
+    record.head.uid = exactText(uid);
+    record.head.options = TrelanObject::Options(QFlag(options));
+    record.contentJson = content;
+    return true;
+}
+
+bool PermanentStore::readRow(sqlite3_stmt *statement, StoredMessage &stored)
+{
+    stored.id = sqlite3_column_int64(statement, msg::Id);
+    const QByteArray sender = columnBytes(statement, msg::Sender);
+    const QByteArray reciever = columnBytes(statement, msg::Reciever);
+    const QByteArray uid = columnBytes(statement, msg::Uid);
+    const qint64 time = sqlite3_column_int64(statement, msg::Time);
+    const int options = sqlite3_column_int(statement, msg::Options);
+    const QByteArray text = columnBytes(statement, msg::Text);
+    stored.queuedAt = sqlite3_column_int64(statement, msg::Queued);
+    if (digestOf({sender, reciever, uid, text}, {stored.id, time, options, stored.queuedAt}) !=
+        columnBytes(statement, msg::Digest)) {
+        return fail(
+            QStringLiteral("the database is damaged: the message %1 is not as it was written")
+                .arg(stored.id));
+    }
+    stored.message.setSender(exactText(sender));
+    stored.message.setReciever(exactText(reciever));
+    stored.message.setUid(exactText(uid));
+    stored.message.setDt(QDateTime::fromMSecsSinceEpoch(time));
+    stored.message.setOptions(TrelanMessage::Options(QFlag(options)));
+    stored.message.setMessage(exactText(text));
+    return true;
+}
+
+bool PermanentStore::fail(const QString &reason)
+{
+    _errorString = QStringLiteral("%1: %2").arg(_path, reason);
+    return false;
+}
+
+bool PermanentStore::failDatabase()
+{
+    sqlite3 *database = _database.get();
+    switch (sqlite3_errcode(database) & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+        return fail(QStringLiteral("the database is in use by another server"));
+    case SQLITE_NOTADB:
+    case SQLITE_CORRUPT:
+        return fail(QStringLiteral("the database is damaged: %1")
+                        .arg(QString::fromUtf8(sqlite3_errmsg(database))));
+    default:
+        return fail(QString::fromUtf8(sqlite3_errmsg(database)) + systemReason(database));
+    }
+}
+
+} // namespace bus

@@ -1,0 +1,145 @@
+#include "codec/push.h"
+
+#include "trelanerror.h"
+#include "trelanframe.h"
+
+#include <base64.h>
+#include <jsondom.h>
+#include <jsonwriter.h>
+
+#include <charconv>
+#include <string_view>
+
+namespace bus::delivery
+{
+
+namespace
+{
+
+namespace dom = simdjson::dom;
+
+constexpr std::string_view OPERATION = "sendMessage";
+constexpr size_t ENVELOPE_FIELDS = 2;
+constexpr uint ALL_FIELDS = 0x3f;
+
+QString toText(std::string_view utf8)
+{
+    return QString::fromUtf8(utf8.data(), int(utf8.size()));
+}
+
+/// Only what a bus writes: others may have blanks or signs.
+bool takeTime(std::string_view text, qint64 &milliseconds)
+{
+    const auto [end, fault] =
+        std::from_chars(text.data(), text.data() + text.size(), milliseconds, 10);
+    return fault == std::errc() && end == text.data() + text.size();
+}
+
+/// The fields of a push, each of which has to be there once.
+class Reader
+{
+public:
+    std::optional<TrelanMessage> read(dom::object data)
+    {
+        for (const auto [key, value] : data) {
+            if (!field(key, value))
+                return {};
+        }
+        if (_found != ALL_FIELDS)
+            return {};
+        TrelanMessage message {TrelanTimestamp(_time)};
+        message.setMessage(toText(_text));
+        message.setSender(toText(_sender));
+        message.setReciever(toText(_reciever));
+        message.setUid(toText(_uid));
+        message.setOptions(TrelanMessage::Options(QFlag(int(_options))));
+        return message;
+    }
+
+private:
+    bool field(std::string_view key, dom::element value)
+    {
+        std::string_view time;
+        if (key == "dt")
+            return take(0, value, time) && takeTime(time, _time);
+        if (key == "msg")
+            return take(1, value, _text);
+        if (key == "ops")
+            return isNew(2) && value.get(_options) == simdjson::SUCCESS &&
+                   _options == int(_options);
+        if (key == "r")
+            return take(3, value, _reciever);
+        if (key == "s")
+            return take(4, value, _sender);
+        return key == "uid" && take(5, value, _uid);
+    }
+
+    bool take(int number, dom::element value, std::string_view &utf8)
+    {
+        // A byte order mark means different things to Qt in different strings.
+        return isNew(number) && value.get(utf8) == simdjson::SUCCESS &&
+               utf8.substr(0, 3) != "\xef\xbb\xbf";
+    }
+
+    bool isNew(int number)
+    {
+        const uint bit = 1U << number;
+        const bool isNew = (_found & bit) == 0;
+        _found |= bit;
+        return isNew;
+    }
+
+    uint _found = 0;
+    qint64 _time = 0;
+    int64_t _options = 0;
+    std::string_view _text;
+    std::string_view _reciever;
+    std::string_view _sender;
+    std::string_view _uid;
+};
+
+} // namespace
+
+std::optional<TrelanMessage> decode(const QByteArray &payload)
+{
+    TrelanFrame::Fault fault = TrelanFrame::NoFault;
+    const QByteArray json =
+        TrelanFrame::uncompress(base64::decode(payload), TrelanFrame::maxInflatedSize(), &fault);
+    std::optional<TrelanMessage> message;
+    if (fault != TrelanFrame::NoFault)
+        return message;
+    json::parse(json, [&message](dom::element root) {
+        dom::object envelope;
+        dom::object data;
+        std::string_view operation;
+        if (root.get(envelope) == simdjson::SUCCESS && envelope.size() == ENVELOPE_FIELDS &&
+            envelope["operation"].get(operation) == simdjson::SUCCESS && operation == OPERATION &&
+            envelope["data"].get(data) == simdjson::SUCCESS)
+            message = Reader().read(data);
+        return message.has_value();
+    });
+    return message;
+}
+
+QByteArray acknowledgement(const TrelanMessage &message, TrelanTransport::Coding coding)
+{
+    if (coding == TrelanTransport::Classic) {
+        return TrelanFrame::encode(
+            TrelanFrame::Reply,
+            TrelanFrame::reply(QStringLiteral("sendMessage"), TrelanError(),
+                               {{QStringLiteral("sender"), message.sender()},
+                                {QStringLiteral("reciever"), message.reciever()},
+                                {QStringLiteral("uid"), message.uid()}}),
+            coding);
+    }
+    QByteArray text(R"({"data":{"reciever":)");
+    json::appendString(text, message.reciever());
+    text += R"(,"sender":)";
+    json::appendString(text, message.sender());
+    text += R"(,"uid":)";
+    json::appendString(text, message.uid());
+    text += R"(},"operation":"sendMessage","result":{"code":0,"description":""}})";
+    return TrelanFrame::encodeText(TrelanFrame::Reply, text);
+}
+
+} // namespace bus::delivery

@@ -1,0 +1,589 @@
+#include "jsonwriter.h"
+
+#include "jsonnumber.h"
+#include "scratch.h"
+#include "vectors.h"
+
+#include <QtCore/QJsonDocument>
+#include <QtCore/QLocale>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string_view>
+
+namespace bus::json
+{
+
+namespace
+{
+
+constexpr qint64 MAX_EXACT = 1LL << 53; // the largest up to which a double has every integer
+
+constexpr char HEX[] = "0123456789abcdef";
+constexpr std::string_view ESCAPED = "\"\\\b\f\n\r\t";
+constexpr std::string_view LETTERS = "\"\\bfnrt";
+constexpr int LONGEST_ESCAPE = 6;
+
+/// What is written of a byte of UTF-8.
+struct Escape
+{
+    char byte = 0;
+    bool hasSlash = false;
+    bool isLong = false;
+};
+
+std::array<Escape, 256> makeEscapes()
+{
+    std::array<Escape, 256> escapes;
+    for (size_t byte = 0; byte < escapes.size(); ++byte) {
+        const auto found = byte < 0x80 ? ESCAPED.find(char(byte)) : std::string_view::npos;
+        const bool isShort = found != std::string_view::npos;
+        escapes.at(byte) = {isShort ? LETTERS[found] : char(byte), isShort || byte < ' ',
+                            !isShort && byte < ' '};
+    }
+    return escapes;
+}
+
+#ifdef __x86_64__
+
+// Of text with a quote every few bytes, where a branch for each would be a wrong guess.
+constexpr int BLOCK = 8;
+constexpr signed char SLASH = BLOCK; // where a slash is, behind the bytes of a block
+
+/// Where each byte of a block with slashes comes from, by the set of those that get one.
+constexpr auto makePlaces()
+{
+    std::array<std::array<signed char, size_t(2 * BLOCK)>, 256> places {};
+    for (size_t set = 0; set < places.size(); ++set) {
+        size_t to = 0;
+        for (int byte = 0; byte < BLOCK; ++byte) {
+            if ((set >> byte & 1U) != 0)
+                places[set][to++] = SLASH;
+            places[set][to++] = static_cast<signed char>(byte);
+        }
+    }
+    return places;
+}
+
+constexpr auto makeSizes()
+{
+    std::array<uchar, 256> sizes {};
+    for (size_t set = 0; set < sizes.size(); ++set) {
+        sizes[set] = BLOCK;
+        for (size_t rest = set; rest != 0; rest >>= 1U)
+            sizes[set] = uchar(sizes[set] + (rest & 1U));
+    }
+    return sizes;
+}
+
+/// Puts slashes in front of quotes and slashes, up to a block with a byte that takes more. There
+/// has to be room for two bytes of each.
+TRELAN_VECTORS void escapeBlocks(const char *&from, const char *end, char *&to)
+{
+    static constexpr auto PLACES = makePlaces();
+    static constexpr auto SIZES = makeSizes();
+    const __m128i slashes = _mm_set1_epi8('\\');
+    for (; end - from >= BLOCK; from += BLOCK) {
+        const __m128i bytes =
+            _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(from)), slashes);
+        const __m128i marked =
+            _mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')), _mm_cmpeq_epi8(bytes, slashes));
+        const __m128i low = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(' ' - 1)), bytes);
+        if (_mm_movemask_epi8(low) != 0)
+            break;
+        const auto set = size_t(_mm_movemask_epi8(marked) & 0xff);
+        vectors::store(to, _mm_shuffle_epi8(bytes, vectors::load(PLACES[set].data())));
+        to += SIZES[set];
+    }
+}
+
+#else
+
+void escapeBlocks(const char *& /*from*/, const char * /*end*/, char *& /*to*/) {}
+
+#endif
+
+/// Four UTF-16 units, if all of them are ASCII that is written as it is.
+bool narrowPlain(const QChar *from, char *to)
+{
+    constexpr quint64 EACH = 0x0001000100010001;
+    constexpr quint64 TOP = EACH * 0x8000;
+    quint64 units = 0;
+    std::memcpy(&units, from, sizeof units);
+    if ((units & (EACH * 0xff80)) != 0)
+        return false;
+    // A sum carries into the top bit of its unit, and no further, if the unit is at least a blank,
+    // is no quote, or is no backslash.
+    const quint64 plain = (units + EACH * (0x8000 - ' ')) &
+                          ((units ^ (EACH * '"')) + EACH * 0x7fff) &
+                          ((units ^ (EACH * '\\')) + EACH * 0x7fff);
+    if ((plain & TOP) != TOP)
+        return false;
+    units = (units | units >> 8) & 0x0000ffff0000ffff;
+    const auto bytes = quint32(units | units >> 16);
+    std::memcpy(to, &bytes, sizeof bytes);
+    return true;
+}
+
+/// What a thread has written last, if it wants to keep that.
+struct Kept
+{
+    bool wanted = false;
+    QVariantMap map; // a copy shares its data, which tells it from any other
+    QByteArray text;
+};
+thread_local Kept _kept;
+
+/// Writes a document as Qt's writer does.
+class Writer
+{
+public:
+    Writer(QByteArray &out, QJsonDocument::JsonFormat format)
+        : _out(out)
+        , _isCompact(format == QJsonDocument::Compact)
+        , _at(out.data() + out.size())
+        , _end(_at)
+    {}
+
+    /// False if it is nested too deeply; what is written is of no use then.
+    bool object(const QVariantMap &map, int level)
+    {
+        if (_isCompact && _kept.wanted && !map.isEmpty() && map.isSharedWith(_kept.map)) {
+            append({_kept.text.constData(), size_t(_kept.text.size())});
+            return true;
+        }
+        begin('{');
+        bool isUsual = level < MAX_DEPTH;
+        for (auto entry = map.cbegin(); isUsual && entry != map.cend(); ++entry) {
+            separate(entry == map.cbegin(), level + 1);
+            string(entry.key());
+            append(_isCompact ? ":" : ": ");
+            isUsual = value(entry.value(), level + 1);
+        }
+        end('}', map.isEmpty(), level);
+        return isUsual;
+    }
+
+    void string(const QString &text);
+
+    void append(std::string_view text)
+    {
+        char *const to = room(int(text.size()));
+        _at = std::copy(text.cbegin(), text.cend(), to);
+    }
+
+    void finish() { _out.resize(int(_at - _out.constData())); }
+
+private:
+    bool value(const QVariant &value, int level);
+    bool array(const QVariantList &list, int level);
+    void array(const QStringList &list, int level);
+    void integer(qint64 number);
+    void number(double number);
+    bool shortFraction(double number);
+    void fraction(double number);
+    void rare(double number, char form);
+    void other(const QVariant &value, int level);
+    const QChar *escape(const QChar *from, const QChar *end);
+
+    template <typename Integer>
+    void integer(Integer number)
+    {
+        constexpr int MOST_DIGITS = 20;
+        char *const to = room(MOST_DIGITS);
+        _at = std::to_chars(to, to + MOST_DIGITS, number).ptr;
+    }
+
+    void begin(char bracket)
+    {
+        append({&bracket, 1});
+        if (!_isCompact)
+            append("\n");
+    }
+
+    /// Before an entry.
+    void separate(bool isFirst, int level)
+    {
+        if (!isFirst)
+            append(_isCompact ? "," : ",\n");
+        indent(level);
+    }
+
+    void end(char bracket, bool isEmpty, int level)
+    {
+        if (!_isCompact && !isEmpty)
+            append("\n");
+        indent(level);
+        append({&bracket, 1});
+    }
+
+    void indent(int level)
+    {
+        const int blanks = _isCompact ? 0 : 4 * level;
+        _at = std::fill_n(room(blanks), blanks, ' ');
+    }
+
+    /// Where the next bytes go; there is room for that many.
+    char *room(qint64 bytes)
+    {
+        if (_end - _at < bytes)
+            grow(bytes);
+        return _at;
+    }
+
+    void grow(qint64 bytes);
+
+    QByteArray &_out;
+    const bool _isCompact;
+    char *_at; // behind what is written
+    char *_end;
+};
+
+void Writer::grow(qint64 bytes)
+{
+    constexpr qint64 FIRST = 512;
+    constexpr qint64 MOST = std::numeric_limits<int>::max() - 64;
+    const qint64 used = _at - _out.constData();
+    if (used + bytes > MOST)
+        qBadAlloc(); // as Qt does with what no QByteArray can hold
+    _out.resize(int(qBound(used + bytes, qMax(FIRST, used * 2), MOST)));
+    _at = _out.data() + used;
+    _end = _out.data() + _out.size();
+}
+
+void Writer::string(const QString &text)
+{
+    constexpr int QUOTES = 2;
+    const QChar *from = text.constData();
+    const QChar *const end = from + text.size();
+    *room(qint64(text.size()) + QUOTES) = '"';
+    ++_at;
+    // There is always room for what is left, as long as none of it takes more than a byte.
+    while (from != end) {
+        while (end - from >= 4 && narrowPlain(from, _at)) {
+            from += 4;
+            _at += 4;
+        }
+        const ushort unit = from == end ? '"' : from->unicode();
+        if (unit >= ' ' && unit < 0x80 && unit != '"' && unit != '\\') {
+            *_at++ = char(unit);
+            ++from;
+        } else if (from != end) {
+            from = escape(from, end);
+        }
+    }
+    *_at++ = '"';
+}
+
+/// Writes a character that takes more than a byte, and returns what is behind it.
+const QChar *Writer::escape(const QChar *from, const QChar *end)
+{
+    constexpr int QUOTE = 1;
+    room(LONGEST_ESCAPE + (end - from) + QUOTE);
+    const auto put = [this](uint byte) { *_at++ = char(byte); };
+    const auto putRest = [put](uint bits) { put(0x80 | (bits & 0x3f)); };
+
+    uint unit = from++->unicode();
+    if (unit >= 0x80 && unit < 0x800) {
+        put(0xc0 | unit >> 6);
+        putRest(unit);
+    } else if (unit >= 0x80 && !QChar::isSurrogate(unit)) {
+        put(0xe0 | unit >> 12);
+        putRest(unit >> 6);
+        putRest(unit);
+    } else if (QChar::isHighSurrogate(unit) && from != end && from->isLowSurrogate()) {
+        unit = QChar::surrogateToUcs4(ushort(unit), from++->unicode());
+        put(0xf0 | unit >> 18);
+        putRest(unit >> 12);
+        putRest(unit >> 6);
+        putRest(unit);
+    } else if (const auto found = ESCAPED.find(char(unit));
+               unit < 0x80 && found != std::string_view::npos) {
+        put('\\');
+        put(uchar(LETTERS[found]));
+    } else {
+        put('\\');
+        put('u');
+        for (const int shift : {12, 8, 4, 0})
+            put(uchar(HEX[unit >> shift & 0xf]));
+    }
+    return from;
+}
+
+template <typename Type>
+const Type &get(const QVariant &value)
+{
+    return *static_cast<const Type *>(value.constData());
+}
+
+bool Writer::value(const QVariant &value, int level)
+{
+    switch (value.userType()) {
+    case QMetaType::QString:
+        string(get<QString>(value));
+        return true;
+    case QMetaType::Int:
+        integer(get<int>(value));
+        return true;
+    case QMetaType::UInt:
+        integer(get<uint>(value));
+        return true;
+    case QMetaType::LongLong:
+        integer(get<qlonglong>(value));
+        return true;
+    case QMetaType::ULongLong:
+        number(double(get<qulonglong>(value)));
+        return true;
+    case QMetaType::Double:
+        number(get<double>(value));
+        return true;
+    case QMetaType::Bool:
+        append(get<bool>(value) ? "true" : "false");
+        return true;
+    case QMetaType::Nullptr:
+    case QMetaType::UnknownType:
+        append("null");
+        return true;
+    case QMetaType::QVariantMap:
+        return object(get<QVariantMap>(value), level);
+    case QMetaType::QVariantList:
+        return array(get<QVariantList>(value), level);
+    case QMetaType::QStringList:
+        array(get<QStringList>(value), level);
+        return true;
+    default:
+        other(value, level);
+        return true;
+    }
+}
+
+bool Writer::array(const QVariantList &list, int level)
+{
+    begin('[');
+    bool isUsual = level < MAX_DEPTH;
+    for (auto entry = list.cbegin(); isUsual && entry != list.cend(); ++entry) {
+        separate(entry == list.cbegin(), level + 1);
+        isUsual = value(*entry, level + 1);
+    }
+    end(']', list.isEmpty(), level);
+    return isUsual;
+}
+
+void Writer::array(const QStringList &list, int level)
+{
+    begin('[');
+    for (auto entry = list.cbegin(); entry != list.cend(); ++entry) {
+        separate(entry == list.cbegin(), level + 1);
+        string(*entry);
+    }
+    end(']', list.isEmpty(), level);
+}
+
+void Writer::integer(qint64 number)
+{
+    // Qt writes the double that is next to it.
+    if (number > MAX_EXACT || number < -MAX_EXACT)
+        return rare(double(number), 'f');
+    constexpr int MOST_DIGITS = 20;
+    char *const to = room(MOST_DIGITS);
+    _at = std::to_chars(to, to + MOST_DIGITS, number).ptr;
+}
+
+void Writer::number(double number)
+{
+    constexpr double BEYOND_QUINT64 = 2 * INTEGERS_END;
+    if (isInteger(number))
+        integer(qint64(number));
+    else if (!qIsFinite(number))
+        append("null");
+    else if (std::abs(number) >= INTEGERS_END)
+        rare(number, std::abs(number) < BEYOND_QUINT64 ? 'f' : 'g');
+    else if (!shortFraction(number))
+        fraction(number);
+}
+
+void Writer::rare(double number, char form)
+{
+    const QByteArray text = QByteArray::number(number, form, QLocale::FloatingPointShortest);
+    append({text.constData(), size_t(text.size())});
+}
+
+/// A number of few digits behind the point, as most have that somebody measured: false for others.
+bool Writer::shortFraction(double number)
+{
+    // Of so many digits no two texts are the same number, so that the one found is the shortest;
+    // and a division of two exact numbers is rounded as reading the text is.
+    constexpr double MOST = 1e15;
+    constexpr std::array<int, 4> SCALES {10, 100, 1000, 10000};
+    const double absolute = std::abs(number);
+    for (const int scale : SCALES) {
+        if (absolute * scale >= MOST)
+            return false;
+        const qint64 digits = std::llround(absolute * scale);
+        if (double(digits) / scale != absolute)
+            continue;
+        if (number < 0)
+            append("-");
+        integer(digits / scale);
+        append(".");
+        // Those behind the point have zeros in front, of which a one keeps the place.
+        const qint64 behind = digits % scale + scale;
+        constexpr int MOST_DIGITS = 5;
+        std::array<char, MOST_DIGITS> text {};
+        const char *const end = std::to_chars(text.data(), text.data() + MOST_DIGITS, behind).ptr;
+        append({text.data() + 1, size_t(end - text.data()) - 1});
+        return true;
+    }
+    return false;
+}
+
+/// The shortest text that is the same number again, in the form that Qt prefers.
+void Writer::fraction(double number)
+{
+    // Sign, digits with a point behind the first, exponent.
+    constexpr int LONGEST = 32;
+    std::array<char, LONGEST> buffer {};
+    const char *const end =
+        std::to_chars(buffer.data(), buffer.data() + LONGEST, number, std::chars_format::scientific)
+            .ptr;
+    std::string_view text(buffer.data(), size_t(end - buffer.data()));
+    const size_t mark = text.rfind('e');
+    int exponent = 0;
+    std::from_chars(&text[mark + 2], end, exponent);
+    if (text[mark + 1] == '-')
+        exponent = -exponent;
+
+    const bool isNegative = text.front() == '-';
+    text = text.substr(isNegative ? 1 : 0, mark - (isNegative ? 1 : 0));
+    const int digits = text.size() == 1 ? 1 : int(text.size()) - 1;
+    if (exponent < -4)
+        return rare(number, 'g');
+    if (isNegative)
+        append("-");
+    if (exponent < 0) {
+        append(std::string_view("0.000").substr(0, size_t(1 - exponent)));
+        append(text.substr(0, 1));
+        append(digits > 1 ? text.substr(2) : std::string_view());
+        return;
+    }
+    append(text.substr(0, 1));
+    append(text.substr(2, size_t(exponent)));
+    append(".");
+    append(text.substr(2 + size_t(exponent)));
+}
+
+/// Qt knows what becomes of the value: a list with nothing else is the least that it writes.
+void Writer::other(const QVariant &value, int level)
+{
+    const QJsonDocument document = QJsonDocument::fromVariant(QVariantList {value});
+    QByteArray text =
+        document.toJson(_isCompact ? QJsonDocument::Compact : QJsonDocument::Indented);
+    if (_isCompact) {
+        text = text.mid(1, text.size() - 2); // without the brackets
+    } else {
+        text = text.mid(6, text.size() - 9); // without their line breaks and the indent, too
+        text.replace("\n", "\n" + QByteArray(4 * (level - 1), ' '));
+    }
+    append({text.constData(), size_t(text.size())});
+}
+
+/// Appends a document.
+void write(const QVariantMap &map, QJsonDocument::JsonFormat format, QByteArray &out)
+{
+    const int before = out.size();
+    Writer writer(out, format);
+    if (!writer.object(map, 0)) {
+        out.resize(before);
+        out += QJsonDocument::fromVariant(map).toJson(format);
+        return;
+    }
+    if (format == QJsonDocument::Indented)
+        writer.append("\n");
+    writer.finish();
+}
+
+} // namespace
+
+QByteArray indented(const QVariantMap &map)
+{
+    QByteArray text;
+    write(map, QJsonDocument::Indented, text);
+    return text;
+}
+
+QByteArray compact(const QVariantMap &map)
+{
+    QByteArray text;
+    if (_kept.wanted) {
+        if (_kept.text.isDetached())
+            text.swap(_kept.text);
+        _kept = Kept();
+        const Scratch scratch(text);
+        write(map, QJsonDocument::Compact, text);
+        _kept = {true, map, text};
+        return _kept.text;
+    }
+    write(map, QJsonDocument::Compact, text);
+    return text;
+}
+
+void appendCompact(QByteArray &out, const QVariantMap &map)
+{
+    write(map, QJsonDocument::Compact, out);
+}
+
+Keep::Keep()
+{
+    _kept.wanted = true;
+}
+
+Keep::~Keep()
+{
+    _kept.wanted = false;
+    _kept.map.clear();
+    const Scratch scratch(_kept.text);
+}
+
+void appendString(QByteArray &out, const QString &text)
+{
+    Writer writer(out, QJsonDocument::Compact);
+    writer.string(text);
+    writer.finish();
+}
+
+void appendString(QByteArray &out, const QByteArray &utf8)
+{
+    // Without a branch for each byte, which no processor can predict in JSON inside of a string.
+    static const std::array<Escape, 256> _escapes = makeEscapes();
+    constexpr int QUOTES = 2;
+    constexpr int AT_ONCE = 8;
+    const int before = out.size();
+    out.resize(before + 2 * utf8.size() + QUOTES + LONGEST_ESCAPE);
+    char *at = out.data() + before;
+    *at++ = '"';
+    const char *const end = utf8.constData() + utf8.size();
+    for (const char *from = utf8.constData(); from != end;) {
+        if (vectors::hasVectors())
+            escapeBlocks(from, end, at);
+        for (const char *const next = from + qMin<qint64>(AT_ONCE, end - from); from != next;) {
+            const Escape &escape = _escapes[uchar(*from++)];
+            *at = '\\';
+            at += int(escape.hasSlash);
+            *at++ = escape.byte;
+            if (Q_LIKELY(!escape.isLong))
+                continue;
+            const char rest[] = {'u', '0', '0', HEX[escape.byte >> 4], HEX[escape.byte & 0xf]};
+            const int used = int(at - out.constData()) - 1;
+            out.resize(used + LONGEST_ESCAPE * 2 + 2 * int(end - from) + QUOTES);
+            at = std::copy(std::begin(rest), std::end(rest), out.data() + used);
+        }
+    }
+    *at++ = '"';
+    out.resize(int(at - out.constData()));
+}
+
+} // namespace bus::json

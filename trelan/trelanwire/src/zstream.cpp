@@ -1,0 +1,261 @@
+#include "zstream.h"
+
+#include "jsonreader.h"
+#include "storedstream.h"
+
+#include <QtCore/QtEndian>
+
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <new>
+
+namespace bus::zstream
+{
+
+namespace
+{
+
+constexpr int LENGTH_SIZE = 4;
+constexpr int FIRST_CHUNK = 1024;
+constexpr int SMALLEST_CHUNK = 64;
+// JSON usually inflates to four to eight times its size.
+constexpr qint64 USUAL_GROWTH = 4;
+// Qt refuses a declared length that a QByteArray could not hold, whatever the stream inflates to.
+constexpr quint32 MAX_DECLARED =
+    quint32(std::numeric_limits<int>::max()) - quint32(sizeof(QArrayData));
+
+/// zlib's interface knows no const for what it reads.
+Bytef *input(const char *bytes)
+{
+    return reinterpret_cast<Bytef *>(const_cast<char *>(bytes));
+}
+
+} // namespace
+
+Deflater::Deflater(int level)
+    : _level(level)
+    , _ready(deflateInit(&_stream, level) == Z_OK)
+{}
+
+Deflater::~Deflater()
+{
+    deflateEnd(&_stream);
+}
+
+QByteArray Deflater::compress(const QByteArray &bytes)
+{
+    if (!_ready || bytes.isEmpty() || deflateReset(&_stream) != Z_OK)
+        return qCompress(bytes, _level);
+
+    const uLong bound = deflateBound(&_stream, uLong(bytes.size()));
+    QByteArray out(LENGTH_SIZE + int(bound), Qt::Uninitialized);
+    qToBigEndian(quint32(bytes.size()), out.data());
+    _stream.next_in = input(bytes.constData());
+    _stream.avail_in = uInt(bytes.size());
+    _stream.next_out = reinterpret_cast<Bytef *>(out.data()) + LENGTH_SIZE;
+    _stream.avail_out = uInt(bound);
+    if (deflate(&_stream, Z_FINISH) != Z_STREAM_END)
+        return qCompress(bytes, _level);
+    out.resize(LENGTH_SIZE + int(_stream.total_out));
+    return out;
+}
+
+/// In front of what is handed out.
+struct alignas(std::max_align_t) Memory::Block
+{
+    size_t size;
+};
+
+Memory::~Memory()
+{
+    for (Block *block : _kept)
+        std::free(block);
+}
+
+void Memory::serve(z_stream &stream)
+{
+    stream.opaque = this;
+    stream.zalloc = &Memory::take;
+    stream.zfree = &Memory::giveBack;
+}
+
+void *Memory::take(void *memory, uInt items, uInt size)
+{
+    std::vector<Block *> &kept = static_cast<Memory *>(memory)->_kept;
+    const size_t bytes = size_t(items) * size;
+    const auto found = std::find_if(kept.begin(), kept.end(),
+                                    [bytes](const Block *block) { return block->size == bytes; });
+    if (found != kept.end()) {
+        Block *const block = *found;
+        kept.erase(found);
+        return block + 1;
+    }
+    void *const fresh = std::malloc(sizeof(Block) + bytes);
+    return fresh ? new (fresh) Block {bytes} + 1 : nullptr;
+}
+
+void Memory::giveBack(void *memory, void *address)
+{
+    std::vector<Block *> &kept = static_cast<Memory *>(memory)->_kept;
+    Block *const block = static_cast<Block *>(address) - 1;
+    if (kept.size() < MOST_KEPT)
+        kept.push_back(block);
+    else
+        std::free(block);
+}
+
+BranchingDeflater::BranchingDeflater()
+{
+    _memory.serve(_stream);
+    _ready = deflateInit(&_stream, Z_DEFAULT_COMPRESSION) == Z_OK;
+}
+
+BranchingDeflater::~BranchingDeflater()
+{
+    deflateEnd(&_stream);
+}
+
+int BranchingDeflater::safePart(int size)
+{
+    constexpr int HALF_WINDOW = 1 << MAX_WBITS; // filled at a time
+    constexpr int LONGEST_MATCH = 258;
+    const int filled = size % HALF_WINDOW;
+    return filled > HALF_WINDOW - LONGEST_MATCH ? size - LONGEST_MATCH : size;
+}
+
+bool BranchingDeflater::begin(const QByteArray &bytes, QByteArray &out)
+{
+    Q_ASSERT(safePart(bytes.size()) == bytes.size());
+    if (!_ready || deflateReset(&_stream) != Z_OK)
+        return false;
+    out.resize(int(deflateBound(&_stream, uLong(bytes.size()))));
+    _stream.next_in = input(bytes.constData());
+    _stream.avail_in = uInt(bytes.size());
+    _stream.next_out = reinterpret_cast<Bytef *>(out.data());
+    _stream.avail_out = uInt(out.size());
+    const bool done = deflate(&_stream, Z_NO_FLUSH) == Z_OK && _stream.avail_in == 0;
+    out.resize(int(_stream.total_out));
+    out.squeeze();
+    return done;
+}
+
+bool BranchingDeflater::finish(const QByteArray &ending, QByteArray &out)
+{
+    constexpr uLong UNWRITTEN = 64 * 1024; // more than zlib holds back
+    z_stream copy {};
+    if (deflateCopy(&copy, &_stream) != Z_OK)
+        return false;
+    const int before = out.size();
+    const int bound = int(deflateBound(&copy, uLong(ending.size()) + UNWRITTEN));
+    out.resize(before + bound);
+    copy.next_in = input(ending.constData());
+    copy.avail_in = uInt(ending.size());
+    copy.next_out = reinterpret_cast<Bytef *>(out.data()) + before;
+    copy.avail_out = uInt(bound);
+    const bool done = deflate(&copy, Z_FINISH) == Z_STREAM_END;
+    out.resize(before + int(uLong(bound) - copy.avail_out));
+    deflateEnd(&copy);
+    return done;
+}
+
+void appendStored(QByteArray &out, const QByteArray &bytes, bool last)
+{
+    constexpr int LARGEST_BLOCK = 65535;
+    constexpr int HEADER_SIZE = 5;
+    int done = 0;
+    do {
+        const auto size = quint16(qMin(bytes.size() - done, LARGEST_BLOCK));
+        const bool ends = last && done + size == bytes.size();
+        char header[HEADER_SIZE] = {char(ends)};
+        qToLittleEndian(size, header + 1);
+        qToLittleEndian(quint16(~size), header + 3);
+        out.append(header, HEADER_SIZE);
+        out.append(bytes.constData() + done, size);
+        done += size;
+    } while (done < bytes.size());
+}
+
+void appendBigEndian(QByteArray &out, quint32 number)
+{
+    char bytes[sizeof number];
+    qToBigEndian(number, bytes);
+    out.append(bytes, sizeof bytes);
+}
+
+QByteArray store(const QByteArray &bytes)
+{
+    QByteArray out;
+    store(bytes, out);
+    return out;
+}
+
+void store(const QByteArray &bytes, QByteArray &out)
+{
+    constexpr int AROUND = 64;
+    constexpr int SHARE = 8192; // more bytes than that for each block header
+    out.reserve(out.size() + bytes.size() + bytes.size() / SHARE + AROUND);
+    appendBigEndian(out, quint32(bytes.size()));
+    out += STORED_HEADER;
+    appendStored(out, bytes, true);
+    appendBigEndian(out, stored::sum(bytes));
+}
+
+Inflater::Inflater()
+    : _ready(inflateInit(&_stream) == Z_OK)
+{}
+
+Inflater::~Inflater()
+{
+    inflateEnd(&_stream);
+}
+
+Inflater::Outcome Inflater::uncompress(const QByteArray &bytes, qint64 limit, QByteArray &inflated)
+{
+    inflated.clear();
+    if (!_ready || bytes.size() <= LENGTH_SIZE || inflateReset(&_stream) != Z_OK)
+        return Damaged;
+    const auto declared = qFromBigEndian<quint32>(bytes.constData());
+    if (declared >= MAX_DECLARED)
+        return Damaged;
+
+    _stream.next_in = input(bytes.constData()) + LENGTH_SIZE;
+    _stream.avail_in = uInt(bytes.size() - LENGTH_SIZE);
+    return inflateAll(declared, qMin<qint64>(limit, MAX_DECLARED - 1), inflated);
+}
+
+Inflater::Outcome Inflater::inflateAll(qint64 declared, qint64 limit, QByteArray &inflated)
+{
+    // One byte beyond the limit is asked for, to tell a result that just fits from one that does
+    // not.
+    const qint64 most = limit + 1;
+    // The first guess is made from what has arrived, never from what it declares to be, which may
+    // only make it smaller.
+    const qint64 guess = qMax<qint64>(FIRST_CHUNK, _stream.avail_in * USUAL_GROWTH);
+    const qint64 first = qBound<qint64>(SMALLEST_CHUNK, declared + 1, guess);
+    int filled = 0;
+    int status = Z_OK;
+    while (status != Z_STREAM_END) {
+        if (filled == inflated.size()) {
+            if (filled > limit)
+                return TooLarge;
+            // Reserved first: resize() alone takes the next power of two, which is past the limit.
+            // What is behind it lets JSON be read where it is.
+            const int size = int(qMin<qint64>(most, qMax<qint64>(first, filled * 2LL)));
+            inflated.reserve(int(qMin<qint64>(size + qint64(json::SPARE), MAX_DECLARED)));
+            inflated.resize(size);
+        }
+        _stream.next_out = reinterpret_cast<Bytef *>(inflated.data()) + filled;
+        _stream.avail_out = uInt(inflated.size() - filled);
+        status = inflate(&_stream, Z_NO_FLUSH);
+        if (status != Z_OK && status != Z_STREAM_END)
+            return Damaged; // a stream that was cut off ends here too, as Z_BUF_ERROR
+        filled = inflated.size() - int(_stream.avail_out);
+    }
+    if (filled > limit)
+        return TooLarge;
+    inflated.resize(filled);
+    return Done;
+}
+
+} // namespace bus::zstream
