@@ -1,5 +1,6 @@
 #include "trelanqueryworker.h"
 
+#include "channel/laterqueryhandler.h"
 #include "channel/reconnection.h"
 #include "values/uids.h"
 
@@ -55,9 +56,10 @@ void TrelanQueryWorker::setOptions(const QFlags<Option> &options)
 bool TrelanQueryWorker::doStart()
 {
     doStop();
-    _handler = new TrelanQueryHandler(_clientName, this);
-    _restartTimer = channelworker::makeRestartTimer(
-        this, _handler.data(), &TrelanQueryHandler::kelbusConnected, *_reconnection);
+    _handler = new LaterQueryHandler(_clientName, this);
+    _restartTimer =
+        channelworker::makeRestartTimer(this, static_cast<TrelanQueryHandler *>(_handler),
+                                        &TrelanQueryHandler::kelbusConnected, *_reconnection);
 
     connect(_restartTimer, SIGNAL(timeout()), this, SLOT(restart()));
     connect(_handler, SIGNAL(busDisconnected()), _restartTimer, SLOT(start()));
@@ -78,7 +80,7 @@ bool TrelanQueryWorker::doStop()
 void TrelanQueryWorker::sendMessage(TrelanMessage msg)
 {
     if (isOpen())
-        _handler->ahead([&] { _handler->sendMessage(msg); });
+        _handler->sendMessageLater(msg);
 }
 
 void TrelanQueryWorker::publish(TrelanObject obj)
@@ -86,31 +88,31 @@ void TrelanQueryWorker::publish(TrelanObject obj)
     if (obj.name() == TRACED_OBJECT)
         traceContent(obj.content());
     if (isOpen())
-        _handler->ahead([&] { _handler->publish(obj); });
+        _handler->publishLater(obj);
 }
 
 void TrelanQueryWorker::subscribe(QStringList wildCards)
 {
     if (isOpen())
-        _handler->ahead([&] { _handler->subscribe(wildCards); });
+        _handler->subscribeLater(wildCards);
 }
 
 void TrelanQueryWorker::subscribe(QString wildCard)
 {
     if (isOpen())
-        _handler->ahead([&] { _handler->subscribe(wildCard); });
+        _handler->subscribeLater(wildCard);
 }
 
 void TrelanQueryWorker::unsubscribe(QString wildCard)
 {
     if (isOpen())
-        _handler->ahead([&] { _handler->unsubscribe(wildCard); });
+        _handler->unsubscribeLater(wildCard);
 }
 
 void TrelanQueryWorker::unsubscribe(QStringList wildCards)
 {
     if (isOpen())
-        _handler->ahead([&] { _handler->unsubscribe(wildCards); });
+        _handler->unsubscribeLater(wildCards);
 }
 
 void TrelanQueryWorker::sendCommand(TrelanCommand cmd)
@@ -124,14 +126,14 @@ void TrelanQueryWorker::sendCommand(TrelanCommand cmd)
                                                                           : cmd.genUid());
         _storage.storeCmd(cmd);
     }
-    _handler->ahead([&] { _handler->sendCommand(cmd); });
+    _handler->sendCommandLater(cmd);
 }
 
 void TrelanQueryWorker::loadObject(QString name)
 {
     if (!isOpen())
         return;
-    _handler->loadObject(name, [this](const TrelanObject &object) {
+    _handler->loadObjectLater(name, [this](const TrelanObject &object) {
         _storage.store(object);
         emit objectLoaded(object);
     });

@@ -20,6 +20,8 @@
 namespace bus
 {
 
+class LaterQueryHandler;
+
 namespace channelworker
 {
 class Reconnection;
@@ -86,7 +88,7 @@ private:
     void stopChannel();
 
     QString _clientName;
-    QPointer<TrelanQueryHandler> _handler;
+    QPointer<LaterQueryHandler> _handler;
     QPointer<QTimer> _restartTimer;
     QStringList _wildcards;
     QFlags<Option> _options;
