@@ -311,6 +311,48 @@ private Q_SLOTS:
         QVERIFY(!_events.contains("connected"));
     }
 
+    void reopenedByALoss_data()
+    {
+        // The connection that is lost sends this; nothing of it may count for the next one.
+        const TestTable<QByteArray> row("bytes");
+        row("handshake being written", {});
+        row("in a frame", CUT);
+    }
+    void reopenedByALoss()
+    {
+        QFETCH(QByteArray, bytes);
+        static QSemaphore _isReset; // the script may still be in it
+        const bool whileWriting = bytes.isEmpty();
+        bool isFirst = whileWriting;
+        connect(socket(), &QTcpSocket::connected, this, [&isFirst] {
+            if (std::exchange(isFirst, false))
+                _isReset.acquire();
+        });
+        connect(_reciever, &R::busDisconnected, this, [this] { QVERIFY(_reciever->open()); });
+        TrelanTransport::setPatience(300);
+        QElapsedTimer timer;
+        timer.start();
+        const bool opened = openOn([=](ScriptedPeer &peer) {
+            if (peer.number == 0) {
+                if (!whileWriting)
+                    peer.readFrame() && peer.send(bytes);
+                peer.close(true);
+                _isReset.release();
+            } else if (peer.readFrame() && peer.send(HELLO + push("m"))) {
+                peer.awaitEnd();
+            }
+        });
+        QVERIFY(opened);
+        QTRY_VERIFY(_reciever->isOpen() && _events.contains("|message al me u 5 m"));
+        QTRY_VERIFY(timer.elapsed() > 700); // past the time that the handshake may take
+        TrelanTransport::setPatience(30000);
+        QVERIFY(_reciever->isOpen());
+        const int connections = whileWriting && !_events.startsWith("|connected") ? 1 : 2;
+        QCOMPARE(_events.count("|connected"), connections);
+        QCOMPARE(_events.count("|lost"), 1);
+        QVERIFY2(!log().contains("Unknown request header"), qPrintable(log()));
+    }
+
     void deletedByASlot_data()
     {
         const TestTable<QByteArray, QByteArray> row("bytes", "signal");

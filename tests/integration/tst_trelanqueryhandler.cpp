@@ -432,6 +432,34 @@ private Q_SLOTS:
         QCOMPARE(log(), "critical: 1\ttoo large");
     }
 
+    void reopenedByALossWhileItOpens()
+    {
+        // The connection that was lost owes nobody an answer, and the next one is not to be ended.
+        static QSemaphore _isReset; // the script may still be in it
+        bool isFirst = true;
+        connect(_handler->findChild<QTcpSocket *>(), &QTcpSocket::connected, this, [&isFirst] {
+            if (std::exchange(isFirst, false))
+                _isReset.acquire();
+        });
+        QSignalSpy connected(_handler.get(), &Q::kelbusConnected);
+        connect(_handler.get(), &Q::busDisconnected, this, [this] { _handler->open(); });
+        serve([](ScriptedPeer &peer) {
+            if (peer.number == 0) {
+                peer.close(true);
+                _isReset.release();
+            } else if (peer.readFrame() && peer.send(HELLO)) {
+                answers({Server::reply("sub")})(peer);
+            }
+        });
+        QElapsedTimer timer;
+        timer.start();
+        QVERIFY(_handler->open());
+        QVERIFY(timer.elapsed() < 5000);
+        QCOMPARE(connected.count(), 1);
+        QVERIFY(_handler->isOpen() && _handler->lastFailure() == Q::None);
+        QVERIFY(_handler->subscribe("a"));
+    }
+
     void waitsInSpiteOfStaleBytes_data()
     {
         const TestTable<int> row("requestBytes");

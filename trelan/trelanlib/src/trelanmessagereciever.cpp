@@ -94,6 +94,7 @@ private:
     void onFrame(TrelanFrame::Kind kind, const QByteArray &payload) override;
     void onBroken(const QString &reason) override;
 
+    void makeSocket();
     void write(const QByteArray &frame);
     void prepareRequest();
     void prepareReply();
@@ -116,23 +117,15 @@ private:
 TrelanMessageReciever::TrelanMessageReciever(const QString &clientName, QObject *parent)
     : QObject(parent)
     , d(std::make_unique<Private>(*this, clientName))
-{
-    connect(d->_socket, SIGNAL(connected()), this, SLOT(socketConnected()));
-    connect(d->_socket, SIGNAL(disconnected()), this, SLOT(socketDisconnected()));
-    connect(d->_socket, SIGNAL(error(QAbstractSocket::SocketError)), this,
-            SLOT(socketError(QAbstractSocket::SocketError)));
-    connect(d->_socket, SIGNAL(readyRead()), this, SLOT(onSocketReadyRead()));
-}
+{}
 
 TrelanMessageReciever::~TrelanMessageReciever()
 {
     close();
     // A slot on a signal may delete the receiver, and the signal may be one of the socket's own:
     // the socket has to outlive that.
-    if (d->_socket && (sender() || d->_inbox->isHandingOn())) {
-        d->_socket->setParent(nullptr);
-        d->_socket->deleteLater();
-    }
+    if (d->_socket && (sender() || d->_inbox->isHandingOn()))
+        wait::retire(*d->_socket);
 }
 
 bool TrelanMessageReciever::isOpen() const
@@ -275,17 +268,27 @@ bool TrelanMessageReciever::reply(QString cmd, TrelanError error, QVariantMap da
 }
 
 TrelanMessageReciever::Private::Private(TrelanMessageReciever &receiver, const QString &clientName)
-    : _socket(new QTcpSocket(&receiver))
-    , _clientName(clientName)
+    : _clientName(clientName)
     , _cache(Filter::create(MAX_REMEMBERED))
     , _inbox(new PromptInbox(_socket, *this, &receiver))
     , _answer(&receiver)
     , _receiver(receiver)
     , _mode(TrelanTransport::mode())
 {
+    makeSocket();
     _answer.setSingleShot(true);
     connect(&_answer, &QTimer::timeout, &receiver,
             [this] { onBroken(QStringLiteral("the handshake is not answered")); });
+}
+
+void TrelanMessageReciever::Private::makeSocket()
+{
+    _socket = new QTcpSocket(&_receiver);
+    connect(_socket, SIGNAL(connected()), &_receiver, SLOT(socketConnected()));
+    connect(_socket, SIGNAL(disconnected()), &_receiver, SLOT(socketDisconnected()));
+    connect(_socket, SIGNAL(error(QAbstractSocket::SocketError)), &_receiver,
+            SLOT(socketError(QAbstractSocket::SocketError)));
+    connect(_socket, SIGNAL(readyRead()), &_receiver, SLOT(onSocketReadyRead()));
 }
 
 /// A QTcpSocket stays open as a device after its connection is gone, so that the state decides.
@@ -301,6 +304,10 @@ bool TrelanMessageReciever::Private::open()
     if (_socket->state() != QAbstractSocket::UnconnectedState) {
         _socket->blockSignals(true);
         _socket->abort();
+    }
+    if (_receiver.sender() == _socket) {
+        wait::retire(*_socket);
+        makeSocket();
     }
     _connections.next();
     const ConnectionCount::Mark here = _connections.mark();

@@ -86,8 +86,12 @@ public:
     virtual void processObject(const TrelanObject &obj);
 
 Q_SIGNALS:
+    /// A message that is neither a notification nor a command.
     void incomingMessage(TrelanMessage msg);
+    /// A published object that a subscription of this client takes in. Its flags are not part of a
+    /// notification, and are those of a default object.
     void incomingObject(TrelanObject msg);
+    /// A command to this client, a command to everybody, or an answer to a command of this client.
     void incomingCommand(TrelanCommand msg);
     /// The connection dropped by itself; never emitted by close().
     void busDisconnected();
@@ -95,6 +99,7 @@ Q_SIGNALS:
     void kelbusConnected();
     /// The bus has refused the handshake, and the connection is closed.
     void handshakeRefused();
+    /// The bus has accepted the handshake: isOpen() is true now.
     void handshakeAccepted();
 
 public Q_SLOTS:

@@ -56,12 +56,7 @@ std::atomic<quint32> TrelanQueryHandler::_queryHost {
 TrelanQueryHandler::TrelanQueryHandler(const QString &clientName, QObject *parent)
     : QObject(parent)
     , d(std::make_unique<Private>(*this, clientName))
-{
-    connect(d->_socket, SIGNAL(connected()), this, SLOT(socketConnected()));
-    connect(d->_socket, SIGNAL(disconnected()), this, SLOT(socketDisconnected()));
-    connect(d->_socket, SIGNAL(error(QAbstractSocket::SocketError)), this,
-            SLOT(socketError(QAbstractSocket::SocketError)));
-}
+{}
 
 TrelanQueryHandler::~TrelanQueryHandler()
 {
@@ -247,12 +242,22 @@ bool TrelanQueryHandler::subscribeNow(const QStringList &wildCards)
 }
 
 TrelanQueryHandler::Private::Private(TrelanQueryHandler &handler, const QString &clientName)
-    : _socket(new QTcpSocket(&handler))
-    , _clientName(clientName)
+    : _clientName(clientName)
     , _handler(handler)
     , _mode(TrelanTransport::mode())
     , _prompt(_socket, _connections, handler)
-{}
+{
+    makeSocket();
+}
+
+void TrelanQueryHandler::Private::makeSocket()
+{
+    _socket = new QTcpSocket(&_handler);
+    connect(_socket, SIGNAL(connected()), &_handler, SLOT(socketConnected()));
+    connect(_socket, SIGNAL(disconnected()), &_handler, SLOT(socketDisconnected()));
+    connect(_socket, SIGNAL(error(QAbstractSocket::SocketError)), &_handler,
+            SLOT(socketError(QAbstractSocket::SocketError)));
+}
 
 QByteArray TrelanQueryHandler::Private::frameOf(const QString &operation,
                                                 const QVariantMap &data) const
@@ -474,6 +479,10 @@ bool TrelanQueryHandler::Private::connectToBus()
     if (_socket->state() != QAbstractSocket::UnconnectedState) {
         _socket->blockSignals(true);
         _socket->abort();
+    }
+    if (_handler.sender() == _socket) {
+        wait::retire(*_socket);
+        makeSocket();
     }
     _handshaked = false;
     _socket->blockSignals(false);

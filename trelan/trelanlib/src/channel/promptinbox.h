@@ -36,7 +36,7 @@ public:
         virtual void onBroken(const QString &reason) = 0;
     };
 
-    /// The socket has to live as long as the inbox is used.
+    /// \a socket is what the owner has now, and may become another one with a new connection.
     PromptInbox(const QPointer<QTcpSocket> &socket, Owner &owner, QObject *parent);
 
     /// To be called before a connection is made: forgets what is left of the one before.
@@ -75,7 +75,7 @@ private:
     void watchStall(bool progress);
     void sendUnsent();
 
-    const QPointer<QTcpSocket> _socket;
+    const QPointer<QTcpSocket> &_socket;
     Owner &_owner;
     State _state = Waiting;
     std::unique_ptr<TrelanFrameReader> _reader;

@@ -39,8 +39,9 @@ public:
     };
     using Done = std::function<void(const Result &)>;
 
-    /// Replies that are not waited for are taken in the event loop of \a context. The connections
-    /// of \a socket are counted in \a connections.
+    /// Replies that are not waited for are taken in the event loop of \a context. \a socket is what
+    /// the caller has now, and may become another one with a new connection; these are counted in
+    /// \a connections.
     PromptQuery(const QPointer<QTcpSocket> &socket, const ConnectionCount &connections,
                 QObject &context);
 
@@ -78,7 +79,7 @@ private:
     Result awaitReply();
     TrelanFrameReader::Status awaitFrame(int milliseconds);
 
-    const QPointer<QTcpSocket> _socket;
+    const QPointer<QTcpSocket> &_socket;
     const ConnectionCount &_connections;
     QObject &_context;
     qint64 _maxPayload;

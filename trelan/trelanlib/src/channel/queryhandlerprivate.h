@@ -67,6 +67,7 @@ public:
     TrelanError _lastError;
 
 private:
+    void makeSocket();
     bool isPrompt() const;
     bool connectToBus();
     bool failUnlessLost(Failure failure, const ConnectionCount::Mark &connection);

@@ -64,6 +64,13 @@ bool isOver(const QTcpSocket &socket, const QDeadlineTimer &deadline)
            socket.state() == QAbstractSocket::UnconnectedState;
 }
 
+void retire(QTcpSocket &socket)
+{
+    socket.blockSignals(true);
+    socket.setParent(nullptr);
+    socket.deleteLater();
+}
+
 int slice(const QDeadlineTimer &deadline)
 {
     constexpr int SLICE_MS = 100;

@@ -23,6 +23,11 @@ bool isInterrupted();
 /// or the connection has ended.
 bool isOver(const QTcpSocket &socket, const QDeadlineTimer &deadline);
 
+/// To be called with a socket that is in the middle of one of its own signals before a new
+/// connection is made, with another socket: Qt goes on with this one when the slots have returned,
+/// and would take the write buffer of a connection that was made meanwhile.
+void retire(QTcpSocket &socket);
+
 /// How long one wait below Qt may take before isOver() is asked again, in milliseconds.
 int slice(const QDeadlineTimer &deadline);
 
