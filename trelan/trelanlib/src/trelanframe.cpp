@@ -1,5 +1,6 @@
 #include "trelanframe.h"
 
+#include "codec/replies.h"
 #include "trelanerror.h"
 
 #include <base64.h>
@@ -67,11 +68,7 @@ QVariantMap TrelanFrame::reply(const QString &operation, const TrelanError &erro
 
 quint16 TrelanFrame::replyCode(const QVariantMap &result)
 {
-    const QVariant code = result.value(keys::CODE);
-    // QVariant would make numbers of these too.
-    if (code.userType() == QMetaType::QString || code.userType() == QMetaType::Bool)
-        return TrelanError::NoError;
-    return quint16(code.toUInt());
+    return replies::error(result).error();
 }
 
 QByteArray TrelanFrame::encode(Kind kind, const QVariantMap &envelope,

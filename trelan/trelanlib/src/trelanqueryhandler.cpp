@@ -3,6 +3,7 @@
 #include "channel/queryhandlerprivate.h"
 #include "channel/socketwait.h"
 #include "codec/publishrequest.h"
+#include "codec/replies.h"
 #include "trelanframe.h"
 #include "values/uids.h"
 
@@ -443,11 +444,11 @@ bool TrelanQueryHandler::Private::fail(Failure failure)
 
 bool TrelanQueryHandler::Private::judge(const QString &operation, const QVariantMap &result)
 {
-    const quint16 code = TrelanFrame::replyCode(result);
-    const QString description = result.value(QStringLiteral("description")).toString();
+    const TrelanError error = replies::error(result);
+    const quint16 code = error.error();
     if (code != 0) {
         fail(Refused);
-        _lastError = TrelanError(TrelanError::Error(code), description);
+        _lastError = error;
     }
 
     if (operation == OPERATION_HANDSHAKE) {
@@ -458,7 +459,7 @@ bool TrelanQueryHandler::Private::judge(const QString &operation, const QVariant
     }
     if (code == 0)
         return true;
-    qCritical().noquote().nospace() << code << logtab << description;
+    qCritical().noquote().nospace() << code << logtab << error.description();
     return false;
 }
 
