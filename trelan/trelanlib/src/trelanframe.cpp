@@ -34,7 +34,7 @@ QString textOf(std::string_view word)
 
 QByteArray compressed(const QVariantMap &envelope, TrelanTransport::Coding coding)
 {
-    return coding == TrelanTransport::Light ? TrelanFrame::compressLightly(json::compact(envelope))
+    return coding == TrelanTransport::Light ? TrelanFrame::compressLightly(json::exact(envelope))
                                             : TrelanFrame::compress(json::indented(envelope));
 }
 
@@ -75,7 +75,7 @@ QByteArray TrelanFrame::encode(Kind kind, const QVariantMap &envelope,
                                TrelanTransport::Coding coding)
 {
     if (coding == TrelanTransport::Light)
-        return encodeText(kind, json::compact(envelope));
+        return encodeText(kind, json::exact(envelope));
     const QByteArray bytes = compressed(envelope, coding);
     QByteArray frame = frameformat::lines(wordOf(kind), base64::encodedSize(bytes.size()));
     base64::append(frame, bytes);

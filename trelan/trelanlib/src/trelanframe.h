@@ -72,7 +72,8 @@ public:
     /// number.
     static quint16 replyCode(const QVariantMap &result);
 
-    /// A whole frame, as it is handed to the socket in one write.
+    /// A whole frame, as it is handed to the socket in one write. Whole numbers above 2^53 are only
+    /// exact in the coding Light.
     static QByteArray encode(Kind kind, const QVariantMap &envelope,
                              TrelanTransport::Coding coding = TrelanTransport::Classic);
 

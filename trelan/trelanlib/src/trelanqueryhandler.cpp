@@ -7,7 +7,6 @@
 #include "trelanframe.h"
 #include "values/uids.h"
 
-#include <jsonwriter.h>
 #include <loghelpers.h>
 
 #include <QtCore/QDateTime>
@@ -264,15 +263,9 @@ QByteArray TrelanQueryHandler::Private::frameOf(const QString &operation,
 
 QByteArray TrelanQueryHandler::Private::publishFrame(TrelanObject object) const
 {
-    const json::Keep keep; // of the content, which the id is made of, too
     object.setPublisher(_clientName);
-    if (object.uid().isEmpty())
-        object.setUid(isPrompt() ? uids::unique(object) : object.genUid());
-    if (!object.timestamp().isValid())
-        object.setDt(QDateTime::currentDateTime());
-    return _coding == TrelanTransport::Light
-               ? requests::publish(object)
-               : frameOf(QStringLiteral("pub"), object.toVariantMap());
+    return requests::publish(std::move(object), _coding,
+                             isPrompt() ? requests::Unique : requests::Generated);
 }
 
 QByteArray TrelanQueryHandler::Private::messageFrame(TrelanMessage message) const

@@ -56,7 +56,7 @@ EnvelopeWriter &EnvelopeWriter::raw(std::string_view key, const QByteArray &json
 EnvelopeWriter &EnvelopeWriter::map(std::string_view key, const QVariantMap &value)
 {
     this->key(key);
-    json::appendCompact(_out, value);
+    json::appendExact(_out, value);
     return *this;
 }
 
