@@ -160,6 +160,14 @@ private Q_SLOTS:
         const QByteArray first = push("1", "a");
         const QString event = "|message al me a 5 1", done = acknowledged("a");
         row("low 16 bits", {Server::reply("handshake", 0x10000) + END}, ENDED, "|open");
+        const auto hello = [](const QByteArray &code) {
+            return Server::frame(
+                "[-REPLY-]",
+                Server::payload(R"({"operation":"handshake","result":{"code":)" + code + "}}"));
+        };
+        row("code 0 as a text", {hello(R"("0")") + END}, ENDED, "|open");
+        for (const char *code : {R"("3")", "true", "null", R"("none")"})
+            row(code, {hello(code) + END}, "|warning: Incorrect reply data", "|refused");
         const QByteArray bare = Server::payload(R"({"operation":"handshake"})");
         row("no result", {Server::frame("[-REPLY-]", bare) + END}, ENDED, "|open");
         row("accepted late", {first + HELLO + END}, ENDED, event + "|open", done);

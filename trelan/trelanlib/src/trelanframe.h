@@ -67,11 +67,13 @@ public:
     static QVariantMap reply(const QString &operation, const TrelanError &error,
                              const QVariantMap &data = QVariantMap());
 
-    /// The "code" under "result" of a reply, of which the low 16 bits count. 0 where there is none;
-    /// texts and truth values are no codes.
+    /// The "code" under "result" of a reply, as QVariant::toUInt() reads it, of which the low 16
+    /// bits count. 0 where there is none; \c TrelanError::IncorrectRequestData where it is no
+    /// number.
     static quint16 replyCode(const QVariantMap &result);
 
-    /// A whole frame, as it is handed to the socket in one write.
+    /// A whole frame, as it is handed to the socket in one write. Whole numbers above 2^53 are only
+    /// exact in the coding Light.
     static QByteArray encode(Kind kind, const QVariantMap &envelope,
                              TrelanTransport::Coding coding = TrelanTransport::Classic);
 

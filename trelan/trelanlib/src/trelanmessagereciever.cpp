@@ -4,6 +4,7 @@
 #include "channel/promptinbox.h"
 #include "channel/socketwait.h"
 #include "codec/push.h"
+#include "codec/replies.h"
 #include "trelanframe.h"
 #include "trelantransport.h"
 
@@ -561,7 +562,8 @@ bool TrelanMessageReciever::Private::processReply(const QVariant &envelope)
     const QVariantMap answer = envelope.toMap();
     const QString operation = answer.value(QStringLiteral("operation")).toString();
     const QVariantMap result = answer.value(QStringLiteral("result")).toMap();
-    const quint16 code = TrelanFrame::replyCode(result);
+    const TrelanError error = replies::error(result);
+    const quint16 code = error.error();
     if (operation == OPERATION_HANDSHAKE) {
         const bool accepted = code == 0;
         _opened = accepted;
@@ -575,8 +577,7 @@ bool TrelanMessageReciever::Private::processReply(const QVariant &envelope)
         return accepted;
     }
     if (code != 0) {
-        qCritical().noquote().nospace()
-            << code << logtab << result.value(QStringLiteral("description")).toString();
+        qCritical().noquote().nospace() << code << logtab << error.description();
     }
     return true;
 }

@@ -1,6 +1,7 @@
 #include "trelanobject.h"
 
 #include "trelanmessage.h"
+#include "values/uids.h"
 #include "values/wildcard.h"
 #include "values/wirevalue.h"
 
@@ -164,9 +165,7 @@ void TrelanObject::setPermanent(bool permanent)
 
 QString TrelanObject::genUid() const
 {
-    const QString text = QStringLiteral("TrelanObject") + _publisher + _name +
-                         _timestamp.toIsoText() + QString::number(int(_options)) + value::nowText();
-    return value::digest(text.toUtf8(), json::compact(_content));
+    return uids::of(*this, json::compact(_content));
 }
 
 QVariantMap TrelanObject::toVariantMap() const

@@ -3,10 +3,10 @@
 #include "channel/queryhandlerprivate.h"
 #include "channel/socketwait.h"
 #include "codec/publishrequest.h"
+#include "codec/replies.h"
 #include "trelanframe.h"
 #include "values/uids.h"
 
-#include <jsonwriter.h>
 #include <loghelpers.h>
 
 #include <QtCore/QDateTime>
@@ -268,15 +268,9 @@ QByteArray TrelanQueryHandler::Private::frameOf(const QString &operation,
 
 QByteArray TrelanQueryHandler::Private::publishFrame(TrelanObject object) const
 {
-    const json::Keep keep; // of the content, which the id is made of, too
     object.setPublisher(_clientName);
-    if (object.uid().isEmpty())
-        object.setUid(isPrompt() ? uids::unique(object) : object.genUid());
-    if (!object.timestamp().isValid())
-        object.setDt(QDateTime::currentDateTime());
-    return _coding == TrelanTransport::Light
-               ? requests::publish(object)
-               : frameOf(QStringLiteral("pub"), object.toVariantMap());
+    return requests::publish(std::move(object), _coding,
+                             isPrompt() ? requests::Unique : requests::Generated);
 }
 
 QByteArray TrelanQueryHandler::Private::messageFrame(TrelanMessage message) const
@@ -448,11 +442,11 @@ bool TrelanQueryHandler::Private::fail(Failure failure)
 
 bool TrelanQueryHandler::Private::judge(const QString &operation, const QVariantMap &result)
 {
-    const quint16 code = TrelanFrame::replyCode(result);
-    const QString description = result.value(QStringLiteral("description")).toString();
+    const TrelanError error = replies::error(result);
+    const quint16 code = error.error();
     if (code != 0) {
         fail(Refused);
-        _lastError = TrelanError(TrelanError::Error(code), description);
+        _lastError = error;
     }
 
     if (operation == OPERATION_HANDSHAKE) {
@@ -463,7 +457,7 @@ bool TrelanQueryHandler::Private::judge(const QString &operation, const QVariant
     }
     if (code == 0)
         return true;
-    qCritical().noquote().nospace() << code << logtab << description;
+    qCritical().noquote().nospace() << code << logtab << error.description();
     return false;
 }
 

@@ -1,7 +1,6 @@
 #include "jsonwriter.h"
 
 #include "jsonnumber.h"
-#include "scratch.h"
 #include "vectors.h"
 
 #include <QtCore/QJsonDocument>
@@ -129,22 +128,18 @@ bool narrowPlain(const QChar *from, char *to)
     return true;
 }
 
-/// What a thread has written last, if it wants to keep that.
-struct Kept
-{
-    bool wanted = false;
-    QVariantMap map; // a copy shares its data, which tells it from any other
-    QByteArray text;
-};
-thread_local Kept _kept;
+/// Which whole numbers above 2^53 are written: the double that is next to them, as Qt does, or
+/// themselves.
+enum Numbers { Nearest, Exact };
 
-/// Writes a document as Qt's writer does.
+/// Writes a document as Qt's writer does, but for large numbers that are to be exact.
 class Writer
 {
 public:
-    Writer(QByteArray &out, QJsonDocument::JsonFormat format)
+    Writer(QByteArray &out, QJsonDocument::JsonFormat format, Numbers numbers)
         : _out(out)
         , _isCompact(format == QJsonDocument::Compact)
+        , _numbers(numbers)
         , _at(out.data() + out.size())
         , _end(_at)
     {}
@@ -152,10 +147,6 @@ public:
     /// False if it is nested too deeply; what is written is of no use then.
     bool object(const QVariantMap &map, int level)
     {
-        if (_isCompact && _kept.wanted && !map.isEmpty() && map.isSharedWith(_kept.map)) {
-            append({_kept.text.constData(), size_t(_kept.text.size())});
-            return true;
-        }
         begin('{');
         bool isUsual = level < MAX_DEPTH;
         for (auto entry = map.cbegin(); isUsual && entry != map.cend(); ++entry) {
@@ -178,12 +169,17 @@ public:
 
     void finish() { _out.resize(int(_at - _out.constData())); }
 
+    /// Whether all numbers are those that were to be written.
+    bool isExact() const { return _isExact; }
+
 private:
     bool value(const QVariant &value, int level);
     bool array(const QVariantList &list, int level);
     void array(const QStringList &list, int level);
-    void integer(qint64 number);
+    template <typename Integer>
+    void integer(Integer number);
     void number(double number);
+    void whole(qint64 number);
     bool shortFraction(double number);
     void fraction(double number);
     void rare(double number, char form);
@@ -191,7 +187,7 @@ private:
     const QChar *escape(const QChar *from, const QChar *end);
 
     template <typename Integer>
-    void integer(Integer number)
+    void digits(Integer number)
     {
         constexpr int MOST_DIGITS = 20;
         char *const to = room(MOST_DIGITS);
@@ -239,6 +235,8 @@ private:
 
     QByteArray &_out;
     const bool _isCompact;
+    const Numbers _numbers;
+    bool _isExact = true;
     char *_at; // behind what is written
     char *_end;
 };
@@ -320,6 +318,14 @@ const Type &get(const QVariant &value)
     return *static_cast<const Type *>(value.constData());
 }
 
+QVariantMap sorted(const QVariantHash &hash)
+{
+    QVariantMap map;
+    for (auto entry = hash.cbegin(); entry != hash.cend(); ++entry)
+        map.insert(entry.key(), entry.value());
+    return map;
+}
+
 bool Writer::value(const QVariant &value, int level)
 {
     switch (value.userType()) {
@@ -327,16 +333,16 @@ bool Writer::value(const QVariant &value, int level)
         string(get<QString>(value));
         return true;
     case QMetaType::Int:
-        integer(get<int>(value));
+        digits(get<int>(value));
         return true;
     case QMetaType::UInt:
-        integer(get<uint>(value));
+        digits(get<uint>(value));
         return true;
     case QMetaType::LongLong:
         integer(get<qlonglong>(value));
         return true;
     case QMetaType::ULongLong:
-        number(double(get<qulonglong>(value)));
+        integer(get<qulonglong>(value));
         return true;
     case QMetaType::Double:
         number(get<double>(value));
@@ -355,6 +361,8 @@ bool Writer::value(const QVariant &value, int level)
     case QMetaType::QStringList:
         array(get<QStringList>(value), level);
         return true;
+    case QMetaType::QVariantHash:
+        return object(sorted(get<QVariantHash>(value)), level);
     default:
         other(value, level);
         return true;
@@ -383,21 +391,32 @@ void Writer::array(const QStringList &list, int level)
     end(']', list.isEmpty(), level);
 }
 
-void Writer::integer(qint64 number)
+/// A value that a program has given as a whole number.
+template <typename Integer>
+void Writer::integer(Integer number)
 {
-    // Qt writes the double that is next to it.
+    const bool isExact = number <= MAX_EXACT && (number >= 0 || qint64(number) >= -MAX_EXACT);
+    _isExact = _isExact && isExact;
+    if (isExact || _numbers == Exact)
+        digits(number);
+    else
+        this->number(double(number));
+}
+
+/// A double without a fraction.
+void Writer::whole(qint64 number)
+{
     if (number > MAX_EXACT || number < -MAX_EXACT)
-        return rare(double(number), 'f');
-    constexpr int MOST_DIGITS = 20;
-    char *const to = room(MOST_DIGITS);
-    _at = std::to_chars(to, to + MOST_DIGITS, number).ptr;
+        rare(double(number), 'f');
+    else
+        digits(number);
 }
 
 void Writer::number(double number)
 {
     constexpr double BEYOND_QUINT64 = 2 * INTEGERS_END;
     if (isInteger(number))
-        integer(qint64(number));
+        whole(qint64(number));
     else if (!qIsFinite(number))
         append("null");
     else if (std::abs(number) >= INTEGERS_END)
@@ -428,7 +447,7 @@ bool Writer::shortFraction(double number)
             continue;
         if (number < 0)
             append("-");
-        integer(digits / scale);
+        this->digits(digits / scale);
         append(".");
         // Those behind the point have zeros in front, of which a one keeps the place.
         const qint64 behind = digits % scale + scale;
@@ -491,19 +510,21 @@ void Writer::other(const QVariant &value, int level)
     append({text.constData(), size_t(text.size())});
 }
 
-/// Appends a document.
-void write(const QVariantMap &map, QJsonDocument::JsonFormat format, QByteArray &out)
+/// Appends a document. Returns whether its numbers are those that were to be written.
+bool write(const QVariantMap &map, QJsonDocument::JsonFormat format, Numbers numbers,
+           QByteArray &out)
 {
     const int before = out.size();
-    Writer writer(out, format);
+    Writer writer(out, format, numbers);
     if (!writer.object(map, 0)) {
         out.resize(before);
         out += QJsonDocument::fromVariant(map).toJson(format);
-        return;
+        return true; // since Exact would write the same
     }
     if (format == QJsonDocument::Indented)
         writer.append("\n");
     writer.finish();
+    return writer.isExact();
 }
 
 } // namespace
@@ -511,46 +532,37 @@ void write(const QVariantMap &map, QJsonDocument::JsonFormat format, QByteArray 
 QByteArray indented(const QVariantMap &map)
 {
     QByteArray text;
-    write(map, QJsonDocument::Indented, text);
+    write(map, QJsonDocument::Indented, Nearest, text);
     return text;
 }
 
 QByteArray compact(const QVariantMap &map)
 {
     QByteArray text;
-    if (_kept.wanted) {
-        if (_kept.text.isDetached())
-            text.swap(_kept.text);
-        _kept = Kept();
-        const Scratch scratch(text);
-        write(map, QJsonDocument::Compact, text);
-        _kept = {true, map, text};
-        return _kept.text;
-    }
-    write(map, QJsonDocument::Compact, text);
+    appendCompact(text, map);
     return text;
 }
 
-void appendCompact(QByteArray &out, const QVariantMap &map)
+bool appendCompact(QByteArray &out, const QVariantMap &map)
 {
-    write(map, QJsonDocument::Compact, out);
+    return write(map, QJsonDocument::Compact, Nearest, out);
 }
 
-Keep::Keep()
+QByteArray exact(const QVariantMap &map)
 {
-    _kept.wanted = true;
+    QByteArray text;
+    appendExact(text, map);
+    return text;
 }
 
-Keep::~Keep()
+void appendExact(QByteArray &out, const QVariantMap &map)
 {
-    _kept.wanted = false;
-    _kept.map.clear();
-    const Scratch scratch(_kept.text);
+    write(map, QJsonDocument::Compact, Exact, out);
 }
 
 void appendString(QByteArray &out, const QString &text)
 {
-    Writer writer(out, QJsonDocument::Compact);
+    Writer writer(out, QJsonDocument::Compact, Nearest);
     writer.string(text);
     writer.finish();
 }
