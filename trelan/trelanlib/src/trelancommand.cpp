@@ -5,6 +5,7 @@
 #include "values/wirevalue.h"
 
 #include <jsonwriter.h>
+#include <wirekeys.h>
 
 #include <QtCore/QDebug>
 
@@ -13,10 +14,10 @@ namespace bus
 
 const QString TrelanCommand::BUS_OBJ_NAME_PREFIX = QStringLiteral("__bus__");
 const QString TrelanCommand::CMD_NAME_PREFIX = QStringLiteral("__cmd__");
-const QString TrelanCommand::MSG_CMD_HD = QStringLiteral("__cmd__");
-const QString TrelanCommand::MSG_NAME_HD = QStringLiteral("__name__");
-const QString TrelanCommand::MSG_PARAMS_HD = QStringLiteral("__params__");
-const QString TrelanCommand::PARENT_UID_HD = QStringLiteral("__parent__");
+const QString TrelanCommand::MSG_CMD_HD = keys::COMMAND;
+const QString TrelanCommand::MSG_NAME_HD = keys::COMMAND_NAME;
+const QString TrelanCommand::MSG_PARAMS_HD = keys::COMMAND_PARAMS;
+const QString TrelanCommand::PARENT_UID_HD = keys::COMMAND_PARENT;
 
 TrelanCommand::TrelanCommand() = default;
 TrelanCommand::TrelanCommand(const TrelanCommand &other) = default;

@@ -10,6 +10,7 @@
 
 #include <jsonreader.h>
 #include <loghelpers.h>
+#include <wirekeys.h>
 
 #include <QtCore/QDateTime>
 #include <QtCore/QDebug>
@@ -35,9 +36,6 @@ constexpr int READ_PAUSE_MS = 10;   // after every read attempt, before the wait
 constexpr int CLOSE_PAUSE_MS = 100; // before a connection is ended
 constexpr int BYTES_PER_ATTEMPT = 100;
 constexpr int MAX_REMEMBERED = 100;
-
-const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
-const QString OPERATION_SEND_MESSAGE = QStringLiteral("sendMessage");
 
 TrelanObject objectOf(const TrelanMessage &msg, const QVariantMap &notification)
 {
@@ -246,12 +244,12 @@ void TrelanMessageReciever::onSocketReadyRead()
 
 bool TrelanMessageReciever::handshake()
 {
-    QVariantMap data {{QStringLiteral("name"), d->_clientName}};
+    QVariantMap data {{keys::CLIENT_NAME, d->_clientName}};
     if (d->isPrompt()) {
         d->_inbox->watchArrivals();
-        data.insert(QStringLiteral("prompt"), true); // the bus may send more ahead
+        data.insert(keys::PROMPT, true); // the bus may send more ahead
     }
-    return request(OPERATION_HANDSHAKE, data);
+    return request(operations::HANDSHAKE, data);
 }
 
 bool TrelanMessageReciever::request(QString cmd, QVariantMap data)
@@ -526,13 +524,13 @@ bool TrelanMessageReciever::Private::takeReply(const QByteArray &payload)
 bool TrelanMessageReciever::Private::processRequest(const QVariant &envelope)
 {
     const QVariantMap request = envelope.toMap();
-    const QString operation = request.value(QStringLiteral("operation")).toString();
-    if (operation != OPERATION_SEND_MESSAGE) {
+    const QString operation = request.value(keys::OPERATION).toString();
+    if (operation != operations::SEND_MESSAGE) {
         _receiver.reply(operation, TrelanError(TrelanError::UnsupportedRequest));
         return false;
     }
 
-    takeMessage(TrelanMessage::fromVariantMap(request.value(QStringLiteral("data")).toMap()));
+    takeMessage(TrelanMessage::fromVariantMap(request.value(keys::DATA).toMap()));
     return true;
 }
 
@@ -560,11 +558,11 @@ void TrelanMessageReciever::Private::takeMessage(const TrelanMessage &msg)
 bool TrelanMessageReciever::Private::processReply(const QVariant &envelope)
 {
     const QVariantMap answer = envelope.toMap();
-    const QString operation = answer.value(QStringLiteral("operation")).toString();
-    const QVariantMap result = answer.value(QStringLiteral("result")).toMap();
+    const QString operation = answer.value(keys::OPERATION).toString();
+    const QVariantMap result = answer.value(keys::RESULT).toMap();
     const TrelanError error = replies::error(result);
     const quint16 code = error.error();
-    if (operation == OPERATION_HANDSHAKE) {
+    if (operation == operations::HANDSHAKE) {
         const bool accepted = code == 0;
         _opened = accepted;
         _answer.stop();

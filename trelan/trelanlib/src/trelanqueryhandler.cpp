@@ -8,6 +8,7 @@
 #include "values/uids.h"
 
 #include <loghelpers.h>
+#include <wirekeys.h>
 
 #include <QtCore/QDateTime>
 #include <QtCore/QDebug>
@@ -34,7 +35,6 @@ constexpr int MIN_READ_ATTEMPTS = 100;
 constexpr int ATTEMPTS_WITHOUT_WAIT = 2;
 constexpr int MAX_REMEMBERED = 512; // of a payload, in Prompt mode
 
-const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
 const QString LIST_SEPARATOR = QStringLiteral("::");
 
 /// The lines of what came of a payload. Only what a log shows is taken apart, since millions of
@@ -126,7 +126,7 @@ bool TrelanQueryHandler::rmPersistent(const QStringList &names)
     QVariantList objects;
     for (const QString &name : names)
         objects.append(name.trimmed());
-    return request(QStringLiteral("rm"), {{QStringLiteral("objects"), objects}});
+    return request(operations::REMOVE, {{keys::OBJECTS, objects}});
 }
 
 bool TrelanQueryHandler::publish(TrelanObject object)
@@ -141,22 +141,22 @@ bool TrelanQueryHandler::publish(QList<TrelanObject> objects)
 
 bool TrelanQueryHandler::subscribe(const QString &wildCard)
 {
-    return d->request(d->wildcardFrame(QStringLiteral("sub"), wildCard));
+    return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCard));
 }
 
 bool TrelanQueryHandler::subscribe(const QStringList &wildCards)
 {
-    return d->request(d->wildcardFrame(QStringLiteral("sub"), wildCards));
+    return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCards));
 }
 
 bool TrelanQueryHandler::unsubscribe(const QString &wildCard)
 {
-    return d->request(d->wildcardFrame(QStringLiteral("unsub"), wildCard));
+    return d->request(d->wildcardFrame(operations::UNSUBSCRIBE, wildCard));
 }
 
 bool TrelanQueryHandler::unsubscribe(const QStringList &wildCards)
 {
-    return d->request(d->wildcardFrame(QStringLiteral("unsub"), wildCards));
+    return d->request(d->wildcardFrame(operations::UNSUBSCRIBE, wildCards));
 }
 
 bool TrelanQueryHandler::loadObject(const QString &name, TrelanObject &object)
@@ -171,7 +171,7 @@ bool TrelanQueryHandler::loadObject(const QString &name, TrelanObject &object)
 bool TrelanQueryHandler::loadObjects(const QString &wildCard, QMap<QString, TrelanObject> &objects)
 {
     QVariantMap answer;
-    if (!request(answer, QStringLiteral("loadObjects"), {{QStringLiteral("wc"), wildCard}}))
+    if (!request(answer, operations::LOAD_OBJECTS, {{keys::WILDCARD, wildCard}}))
         return false;
     for (auto entry = answer.cbegin(); entry != answer.cend(); ++entry)
         objects.insert(entry.key(), TrelanObject::fromVariantMap(entry.value().toMap()));
@@ -210,7 +210,7 @@ void TrelanQueryHandler::socketError(QAbstractSocket::SocketError error)
 bool TrelanQueryHandler::handshake()
 {
     QVariantMap ignored;
-    return request(ignored, OPERATION_HANDSHAKE, {{QStringLiteral("name"), d->_clientName}});
+    return request(ignored, operations::HANDSHAKE, {{keys::CLIENT_NAME, d->_clientName}});
 }
 
 bool TrelanQueryHandler::request(QVariantMap &answer, QString operation, QVariantMap data)
@@ -231,14 +231,12 @@ bool TrelanQueryHandler::processReply(QString operation, QVariantMap data, QVari
 
 bool TrelanQueryHandler::subscribeNow(const QString &wildCard)
 {
-    return d->request(
-        d->wildcardFrame(QStringLiteral("sub"), wildCard, {{QStringLiteral("now"), true}}));
+    return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCard, {{keys::NOW, true}}));
 }
 
 bool TrelanQueryHandler::subscribeNow(const QStringList &wildCards)
 {
-    return d->request(
-        d->wildcardFrame(QStringLiteral("sub"), wildCards, {{QStringLiteral("now"), true}}));
+    return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCards, {{keys::NOW, true}}));
 }
 
 TrelanQueryHandler::Private::Private(TrelanQueryHandler &handler, const QString &clientName)
@@ -278,7 +276,7 @@ QByteArray TrelanQueryHandler::Private::messageFrame(TrelanMessage message) cons
     if (message.uid().isEmpty())
         message.setUid(isPrompt() ? uids::unique(message) : message.genUid());
     message.setSender(_clientName);
-    return frameOf(QStringLiteral("sendMessage"), message.toVariantMap());
+    return frameOf(operations::SEND_MESSAGE, message.toVariantMap());
 }
 
 /// A command without a receiver, or one that does not become a message, goes to everybody as an
@@ -297,7 +295,7 @@ QByteArray TrelanQueryHandler::Private::commandFrame(TrelanCommand command) cons
 
 QByteArray TrelanQueryHandler::Private::loadFrame(const QString &name) const
 {
-    return frameOf(QStringLiteral("loadObject"), {{QStringLiteral("nm"), name}});
+    return frameOf(operations::LOAD_OBJECT, {{keys::OBJECT_NAME, name}});
 }
 
 QByteArray TrelanQueryHandler::Private::wildcardFrame(const QString &operation,
@@ -305,7 +303,7 @@ QByteArray TrelanQueryHandler::Private::wildcardFrame(const QString &operation,
                                                       const QVariantMap &more) const
 {
     QVariantMap data = more;
-    data.insert(QStringLiteral("wc"), wildcard);
+    data.insert(keys::WILDCARD, wildcard);
     return frameOf(operation, data);
 }
 
@@ -314,7 +312,7 @@ QByteArray TrelanQueryHandler::Private::wildcardFrame(const QString &operation,
                                                       const QVariantMap &more) const
 {
     QVariantMap data = more;
-    data.insert(QStringLiteral("wcs"), wildcards.join(LIST_SEPARATOR));
+    data.insert(keys::WILDCARDS, wildcards.join(LIST_SEPARATOR));
     return frameOf(operation, data);
 }
 
@@ -449,7 +447,7 @@ bool TrelanQueryHandler::Private::judge(const QString &operation, const QVariant
         _lastError = error;
     }
 
-    if (operation == OPERATION_HANDSHAKE) {
+    if (operation == operations::HANDSHAKE) {
         _handshaked = code == 0;
         if (!_handshaked)
             close();
@@ -637,14 +635,14 @@ bool TrelanQueryHandler::Private::takePayload(const QByteArray &payload, QVarian
         return fail(Framing);
     }
 
-    const QVariantMap data = decoded.envelope.value(QStringLiteral("data")).toMap();
-    const QVariantMap result = decoded.envelope.value(QStringLiteral("result")).toMap();
-    const QString operation = decoded.envelope.value(QStringLiteral("operation")).toString();
+    const QVariantMap data = decoded.envelope.value(keys::DATA).toMap();
+    const QVariantMap result = decoded.envelope.value(keys::RESULT).toMap();
+    const QString operation = decoded.envelope.value(keys::OPERATION).toString();
     if (!judge(operation, result))
         return false;
     answer = data;
     // Most replies say nothing but yes, in the same bytes each time.
-    if (isPrompt() && data.isEmpty() && operation != OPERATION_HANDSHAKE)
+    if (isPrompt() && data.isEmpty() && operation != operations::HANDSHAKE)
         _plainYes = payload.size() <= MAX_REMEMBERED ? payload : QByteArray();
     return true;
 }

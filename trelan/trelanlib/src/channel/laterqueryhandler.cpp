@@ -2,6 +2,8 @@
 
 #include "channel/queryhandlerprivate.h"
 
+#include <wirekeys.h>
+
 namespace bus
 {
 
@@ -22,22 +24,22 @@ void LaterQueryHandler::sendCommandLater(const TrelanCommand &command)
 
 void LaterQueryHandler::subscribeLater(const QString &wildcard)
 {
-    askLater(d->wildcardFrame(QStringLiteral("sub"), wildcard));
+    askLater(d->wildcardFrame(operations::SUBSCRIBE, wildcard));
 }
 
 void LaterQueryHandler::subscribeLater(const QStringList &wildcards)
 {
-    askLater(d->wildcardFrame(QStringLiteral("sub"), wildcards));
+    askLater(d->wildcardFrame(operations::SUBSCRIBE, wildcards));
 }
 
 void LaterQueryHandler::unsubscribeLater(const QString &wildcard)
 {
-    askLater(d->wildcardFrame(QStringLiteral("unsub"), wildcard));
+    askLater(d->wildcardFrame(operations::UNSUBSCRIBE, wildcard));
 }
 
 void LaterQueryHandler::unsubscribeLater(const QStringList &wildcards)
 {
-    askLater(d->wildcardFrame(QStringLiteral("unsub"), wildcards));
+    askLater(d->wildcardFrame(operations::UNSUBSCRIBE, wildcards));
 }
 
 void LaterQueryHandler::loadObjectLater(const QString &name,

@@ -17,8 +17,7 @@ namespace
 {
 
 /// The content goes in as \a contentJson, or is written now if that is empty.
-QByteArray lightFrame(const TrelanObject &object, const QString &operation,
-                      const QByteArray &contentJson)
+QByteArray lightFrame(const TrelanObject &object, const QByteArray &contentJson)
 {
     static thread_local QByteArray _text;
     const Scratch scratch(_text);
@@ -34,7 +33,7 @@ QByteArray lightFrame(const TrelanObject &object, const QString &operation,
         .text(keys::OBJECT_PUBLISHER, object.publisher())
         .text(keys::UID, object.uid())
         .end()
-        .text(keys::OPERATION, operation)
+        .text(keys::OPERATION, operations::PUBLISH)
         .frame(frameformat::REQUEST);
 }
 
@@ -53,11 +52,11 @@ QByteArray publish(TrelanObject object, TrelanTransport::Coding coding, Uid uid)
     }
     if (!object.timestamp().isValid())
         object.setDt(QDateTime::currentDateTime());
-    const QString operation = QStringLiteral("pub");
     if (coding == TrelanTransport::Light)
-        return lightFrame(object, operation, _contentJson);
+        return lightFrame(object, _contentJson);
     return TrelanFrame::encode(TrelanFrame::Request,
-                               TrelanFrame::request(operation, object.toVariantMap()), coding);
+                               TrelanFrame::request(operations::PUBLISH, object.toVariantMap()),
+                               coding);
 }
 
 } // namespace bus::requests
