@@ -79,11 +79,6 @@ void TrelanCommand::setDt(const QDateTime &dt)
     _timestamp = dt;
 }
 
-void TrelanCommand::setTimestamp(const TrelanTimestamp &timestamp)
-{
-    _timestamp = timestamp;
-}
-
 QString TrelanCommand::sender() const
 {
     return _sender;
@@ -157,8 +152,8 @@ bool TrelanCommand::toTrelanObject(TrelanObject &object) const
     fillUid();
     object.setLogged(_isLogged);
     object.setStored(false);
-    // Meant so: without a receiver, which is how toVariant() comes here, the publisher stays empty
-    // and the bus fills in the sender's name.
+    // The receiver is meant: it is empty when toVariant() converts, and the bus then fills in the
+    // sender's name as the publisher.
     object.setPublisher(_reciever);
     object.setName(createObjectName(_name));
     object.setUid(_uid);
@@ -170,10 +165,11 @@ bool TrelanCommand::toTrelanObject(TrelanObject &object) const
 
 bool TrelanCommand::toTrelanMessage(TrelanMessage &message) const
 {
-    message = TrelanMessage(sendTime());
-    if (!hasDestination())
+    if (!hasDestination()) {
+        message = TrelanMessage();
         return false;
-
+    }
+    message = TrelanMessage(sendTime());
     fillUid();
     message.setLogged(_isLogged);
     message.setStored(true);
@@ -200,6 +196,11 @@ QVariant TrelanCommand::toVariant() const
     if (toTrelanObject(object))
         return object.toVariantMap();
     return {};
+}
+
+void TrelanCommand::setTimestamp(const TrelanTimestamp &timestamp)
+{
+    _timestamp = timestamp;
 }
 
 void TrelanCommand::fillUid() const

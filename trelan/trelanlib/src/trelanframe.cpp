@@ -18,8 +18,8 @@ namespace bus
 namespace
 {
 
-// Far above any envelope a client sends on purpose, and far below what a machine has: without it
-// a few hundred kilobytes of zeros, compressed, would take the process down.
+// The limit is far above any envelope that a client sends on purpose, and far below what a machine
+// has: without it a few hundred kilobytes of compressed zeros would take the process down.
 std::atomic<qint64> _maxInflatedSize {256LL * 1024 * 1024};
 
 std::string_view wordOf(TrelanFrame::Kind kind)
@@ -49,7 +49,7 @@ QString TrelanFrame::headerWord(Kind kind)
 
 QString TrelanFrame::lineText(const QByteArray &line)
 {
-    // With the size given, since a NUL byte would otherwise end the text and hide what follows it.
+    // The size is given, since a NUL byte would otherwise end the text and hide the rest of it.
     return QString::fromLatin1(line.constData(), line.size()).simplified();
 }
 
@@ -105,6 +105,9 @@ TrelanFrame::Payload TrelanFrame::decodePayload(const QByteArray &payload, qint6
     Payload decoded = decodeJson(uncompress(base64::decode(payload), maxInflatedSize, &fault));
     if (fault != NoFault)
         decoded.fault = fault;
+    if (fault == TooLarge)
+        decoded.errorText =
+            QStringLiteral("too large: inflates to more than %1 bytes").arg(maxInflatedSize);
     return decoded;
 }
 

@@ -72,11 +72,6 @@ void TrelanMessage::setDt(const QDateTime &dt)
     _timestamp = dt;
 }
 
-const TrelanTimestamp &TrelanMessage::timestamp() const
-{
-    return _timestamp;
-}
-
 QString TrelanMessage::message() const
 {
     return _message;
@@ -165,6 +160,11 @@ TrelanMessage TrelanMessage::fromVariantMap(const QVariantMap &map)
     message.setSender(map.value(keys::MESSAGE_SENDER).toString());
     message.setUid(map.value(keys::UID).toString());
     return message;
+}
+
+const TrelanTimestamp &TrelanMessage::timestamp() const
+{
+    return _timestamp;
 }
 
 void TrelanMessage::setOption(Option option, bool on)

@@ -85,11 +85,6 @@ void TrelanObject::setDt(const QDateTime &dt)
     _timestamp = dt;
 }
 
-const TrelanTimestamp &TrelanObject::timestamp() const
-{
-    return _timestamp;
-}
-
 QVariantMap TrelanObject::content() const
 {
     return _content;
@@ -190,7 +185,7 @@ TrelanMessage TrelanObject::toMessage(const QString &reciever) const
         {MSG_CONTEXT_HD, _content},
     };
     TrelanMessage message(_timestamp);
-    // Indented, unlike a command's body: readers of the bus compare these bytes.
+    // The text is indented, unlike a command's body: readers of the bus compare its bytes.
     message.setMessage(QString::fromUtf8(json::indented(notification)));
     message.setOptions({});
     message.setReciever(reciever);
@@ -202,6 +197,11 @@ TrelanMessage TrelanObject::toMessage(const QString &reciever) const
 bool TrelanObject::testWildCard(const QString &name, const QString &wildcard)
 {
     return wildcard::matches(name, wildcard);
+}
+
+const TrelanTimestamp &TrelanObject::timestamp() const
+{
+    return _timestamp;
 }
 
 } // namespace bus

@@ -8,20 +8,21 @@ namespace bus
 class TrelanObject;
 }
 
-/// Ids of what this process sends. Internal to the library; thread-safe.
+/// Unique ids for what this process sends. Internal to the library; thread-safe.
 namespace bus::uids
 {
 
-/// What \a object.genUid() returns, of a content that json::compact() has written already.
+/// What \a object.genUid() returns, given its content as json::compact() writes it.
 QString of(const TrelanObject &object, const QByteArray &contentJson);
 
 /// Remembers \a uid. False if it is one of the last thousand remembered.
 bool remember(const QString &uid);
+/// Waits for the next millisecond, in which ids come out differently.
 void waitForNext();
 
-/// An id that \a make returns and that equals none of the last thousand given here: ids are made
-/// of a value and the millisecond, and receivers drop what repeats one. Waits for the next
-/// millisecond if it has to.
+/// An id that \a make returns and that differs from the last thousand ids. An id is made of a value
+/// and the millisecond, so that two equal values in one millisecond would share theirs, and
+/// receivers drop a message whose id they have seen.
 template <typename Make>
 QString uniqueOf(const Make &make)
 {
