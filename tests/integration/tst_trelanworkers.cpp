@@ -218,6 +218,26 @@ private Q_SLOTS:
         QCOMPARE(line.function, "void bus::TrelanQueryWorker::publish(bus::TrelanObject)");
     }
 
+    void outlivesItsThread()
+    {
+        const Server server(serveQueries);
+        TrelanQueryHandler::setQueryPort(server.port());
+        auto worker = std::make_unique<TrelanQueryWorker>("me", QStringList());
+        auto thread = std::make_unique<QThread>();
+        worker->moveToThread(thread.get());
+        thread->start();
+        const auto start = [&] { return worker->doStart(); };
+        QMetaObject::invokeMethod(worker.get(), start, Qt::BlockingQueuedConnection);
+        QCOMPARE(operations(server), "handshake");
+        thread->quit();
+        thread->wait();
+        thread.reset();
+        worker->publish(named("x"));
+        worker->restart();
+        worker.reset();
+        QCOMPARE(operations(server), "handshake");
+    }
+
     void stopIsQuick_data()
     {
         // The bus answers so many queries, and then it is silent.

@@ -4,6 +4,7 @@
 #include <trelanlogcreator.h>
 #include <trelanmessagereciever.h>
 #include <trelanmsgworker.h>
+#include <trelanqueryhandler.h>
 #include <trelanqueryworker.h>
 
 #include <appversionmanager.h>
