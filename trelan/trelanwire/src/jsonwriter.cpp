@@ -106,28 +106,6 @@ void escapeBlocks(const char *& /*from*/, const char * /*end*/, char *& /*to*/) 
 
 #endif
 
-/// Four UTF-16 units, if all of them are ASCII that is written as it is.
-bool narrowPlain(const QChar *from, char *to)
-{
-    constexpr quint64 EACH = 0x0001000100010001;
-    constexpr quint64 TOP = EACH * 0x8000;
-    quint64 units = 0;
-    std::memcpy(&units, from, sizeof units);
-    if ((units & (EACH * 0xff80)) != 0)
-        return false;
-    // A sum carries into the top bit of its unit, and no further, if the unit is at least a blank,
-    // is no quote, or is no backslash.
-    const quint64 plain = (units + EACH * (0x8000 - ' ')) &
-                          ((units ^ (EACH * '"')) + EACH * 0x7fff) &
-                          ((units ^ (EACH * '\\')) + EACH * 0x7fff);
-    if ((plain & TOP) != TOP)
-        return false;
-    units = (units | units >> 8) & 0x0000ffff0000ffff;
-    const auto bytes = quint32(units | units >> 16);
-    std::memcpy(to, &bytes, sizeof bytes);
-    return true;
-}
-
 /// Which whole numbers above 2^53 are written: the double that is next to them, as Qt does, or
 /// themselves.
 enum Numbers { Nearest, Exact };
@@ -262,15 +240,11 @@ void Writer::string(const QString &text)
     ++_at;
     // There is always room for what is left, as long as none of it takes more than a byte.
     while (from != end) {
-        while (end - from >= 4 && narrowPlain(from, _at)) {
-            from += 4;
-            _at += 4;
-        }
-        const ushort unit = from == end ? '"' : from->unicode();
+        const ushort unit = from->unicode();
         if (unit >= ' ' && unit < 0x80 && unit != '"' && unit != '\\') {
             *_at++ = char(unit);
             ++from;
-        } else if (from != end) {
+        } else {
             from = escape(from, end);
         }
     }
