@@ -27,7 +27,7 @@ constexpr std::string_view ESCAPED = "\"\\\b\f\n\r\t";
 constexpr std::string_view LETTERS = "\"\\bfnrt";
 constexpr int LONGEST_ESCAPE = 6;
 
-/// What is written of a byte of UTF-8.
+/// How a byte of UTF-8 is written.
 struct Escape
 {
     char byte = 0;
@@ -49,11 +49,12 @@ std::array<Escape, 256> makeEscapes()
 
 #ifdef __x86_64__
 
-// Of text with a quote every few bytes, where a branch for each would be a wrong guess.
+// Escapes eight bytes at a time without a branch for each: JSON inside of a string has a quote
+// every few bytes, and the processor would guess each of those branches wrong.
 constexpr int BLOCK = 8;
 constexpr signed char SLASH = BLOCK; // where a slash is, behind the bytes of a block
 
-/// Where each byte of a block with slashes comes from, by the set of those that get one.
+/// For each set of bytes of a block that get a slash, where every byte of the result comes from.
 constexpr auto makePlaces()
 {
     std::array<std::array<signed char, size_t(2 * BLOCK)>, 256> places {};
@@ -79,8 +80,8 @@ constexpr auto makeSizes()
     return sizes;
 }
 
-/// Puts slashes in front of quotes and slashes, up to a block with a byte that takes more. There
-/// has to be room for two bytes of each.
+/// Puts slashes in front of quotes and slashes, and stops at a block with a control character.
+/// There has to be room for two bytes for each byte of the text.
 TRELAN_VECTORS void escapeBlocks(const char *&from, const char *end, char *&to)
 {
     static constexpr auto PLACES = makePlaces();
@@ -106,11 +107,11 @@ void escapeBlocks(const char *& /*from*/, const char * /*end*/, char *& /*to*/) 
 
 #endif
 
-/// Which whole numbers above 2^53 are written: the double that is next to them, as Qt does, or
-/// themselves.
+/// How a whole number above 2^53 is written: as the double that is next to it, as Qt does it, or
+/// exactly.
 enum Numbers { Nearest, Exact };
 
-/// Writes a document as Qt's writer does, but for large numbers that are to be exact.
+/// Writes a document as QJsonDocument does, except for whole numbers that are to be exact.
 class Writer
 {
 public:
@@ -122,7 +123,7 @@ public:
         , _end(_at)
     {}
 
-    /// False if it is nested too deeply; what is written is of no use then.
+    /// False if the map is nested too deeply; what is written is of no use then.
     bool object(const QVariantMap &map, int level)
     {
         begin('{');
@@ -147,7 +148,7 @@ public:
 
     void finish() { _out.resize(int(_at - _out.constData())); }
 
-    /// Whether all numbers are those that were to be written.
+    /// Whether Numbers made no difference.
     bool isExact() const { return _isExact; }
 
 private:
@@ -179,7 +180,7 @@ private:
             append("\n");
     }
 
-    /// Before an entry.
+    /// Writes what goes in front of an entry.
     void separate(bool isFirst, int level)
     {
         if (!isFirst)
@@ -201,7 +202,7 @@ private:
         _at = std::fill_n(room(blanks), blanks, ' ');
     }
 
-    /// Where the next bytes go; there is room for that many.
+    /// Where the next bytes go; makes room for so many of them.
     char *room(qint64 bytes)
     {
         if (_end - _at < bytes)
@@ -225,7 +226,7 @@ void Writer::grow(qint64 bytes)
     constexpr qint64 MOST = std::numeric_limits<int>::max() - 64;
     const qint64 used = _at - _out.constData();
     if (used + bytes > MOST)
-        qBadAlloc(); // as Qt does with what no QByteArray can hold
+        qBadAlloc(); // no QByteArray can hold it; Qt does this, too
     _out.resize(int(qBound(used + bytes, qMax(FIRST, used * 2), MOST)));
     _at = _out.data() + used;
     _end = _out.data() + _out.size();
@@ -238,7 +239,8 @@ void Writer::string(const QString &text)
     const QChar *const end = from + text.size();
     *room(qint64(text.size()) + QUOTES) = '"';
     ++_at;
-    // There is always room for what is left, as long as none of it takes more than a byte.
+    // There is room for the rest of the text as long as no character takes more than a byte;
+    // escape() makes more.
     while (from != end) {
         const ushort unit = from->unicode();
         if (unit >= ' ' && unit < 0x80 && unit != '"' && unit != '\\') {
@@ -251,7 +253,7 @@ void Writer::string(const QString &text)
     *_at++ = '"';
 }
 
-/// Writes a character that takes more than a byte, and returns what is behind it.
+/// Writes a character that takes more than a byte. Returns the place behind it.
 const QChar *Writer::escape(const QChar *from, const QChar *end)
 {
     constexpr int QUOTE = 1;
@@ -405,11 +407,12 @@ void Writer::rare(double number, char form)
     append({text.constData(), size_t(text.size())});
 }
 
-/// A number of few digits behind the point, as most have that somebody measured: false for others.
+/// Writes a number with up to four digits behind the point, as most measured ones are. False for
+/// any other number.
 bool Writer::shortFraction(double number)
 {
-    // Of so many digits no two texts are the same number, so that the one found is the shortest;
-    // and a division of two exact numbers is rounded as reading the text is.
+    // No two texts of up to 15 digits are the same double, so that the text found is the shortest.
+    // Dividing two exact numbers is rounded in the way in which reading the text is rounded.
     constexpr double MOST = 1e15;
     constexpr std::array<int, 4> SCALES {10, 100, 1000, 10000};
     const double absolute = std::abs(number);
@@ -423,7 +426,7 @@ bool Writer::shortFraction(double number)
             append("-");
         this->digits(digits / scale);
         append(".");
-        // Those behind the point have zeros in front, of which a one keeps the place.
+        // The digits behind the point may begin with zeros: a one in front keeps their places.
         const qint64 behind = digits % scale + scale;
         constexpr int MOST_DIGITS = 5;
         std::array<char, MOST_DIGITS> text {};
@@ -434,7 +437,7 @@ bool Writer::shortFraction(double number)
     return false;
 }
 
-/// The shortest text that is the same number again, in the form that Qt prefers.
+/// Writes the shortest text that is read as the same number, in the form that Qt prefers.
 void Writer::fraction(double number)
 {
     // Sign, digits with a point behind the first, exponent.
@@ -469,7 +472,7 @@ void Writer::fraction(double number)
     append(text.substr(2 + size_t(exponent)));
 }
 
-/// Qt knows what becomes of the value: a list with nothing else is the least that it writes.
+/// Leaves the value to Qt, in a list of its own, since Qt writes nothing smaller than a list.
 void Writer::other(const QVariant &value, int level)
 {
     const QJsonDocument document = QJsonDocument::fromVariant(QVariantList {value});
@@ -484,7 +487,7 @@ void Writer::other(const QVariant &value, int level)
     append({text.constData(), size_t(text.size())});
 }
 
-/// Appends a document. Returns whether its numbers are those that were to be written.
+/// Appends a document. Returns whether Numbers made no difference.
 bool write(const QVariantMap &map, QJsonDocument::JsonFormat format, Numbers numbers,
            QByteArray &out)
 {
@@ -493,7 +496,7 @@ bool write(const QVariantMap &map, QJsonDocument::JsonFormat format, Numbers num
     if (!writer.object(map, 0)) {
         out.resize(before);
         out += QJsonDocument::fromVariant(map).toJson(format);
-        return true; // since Exact would write the same
+        return true; // Exact is written in the same way
     }
     if (format == QJsonDocument::Indented)
         writer.append("\n");
@@ -543,7 +546,7 @@ void appendString(QByteArray &out, const QString &text)
 
 void appendString(QByteArray &out, const QByteArray &utf8)
 {
-    // Without a branch for each byte, which no processor can predict in JSON inside of a string.
+    // No branch depends on a byte, unless it takes a long escape.
     static const std::array<Escape, 256> _escapes = makeEscapes();
     constexpr int QUOTES = 2;
     constexpr int AT_ONCE = 8;
