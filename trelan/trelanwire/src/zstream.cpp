@@ -201,6 +201,14 @@ void store(const QByteArray &bytes, QByteArray &out)
     appendBigEndian(out, stored::sum(bytes));
 }
 
+void storeOrCompress(const QByteArray &bytes, QByteArray &out)
+{
+    if (bytes.size() <= STORED_SIZE)
+        return store(bytes, out);
+    static thread_local Deflater _deflater(Z_BEST_SPEED);
+    out += _deflater.compress(bytes);
+}
+
 Inflater::Inflater()
     : _ready(inflateInit(&_stream) == Z_OK)
 {}

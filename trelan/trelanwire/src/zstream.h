@@ -83,6 +83,9 @@ QByteArray store(const QByteArray &bytes);
 /// The same, appended.
 void store(const QByteArray &bytes, QByteArray &out);
 
+/// Appends \a bytes in Qt's form: as they are up to STORED_SIZE, and compressed fast above it.
+void storeOrCompress(const QByteArray &bytes, QByteArray &out);
+
 /// What it consists of: the length, the header, blocks, of nothing one that is empty, and the sum.
 constexpr char STORED_HEADER[] = "\x78\x01";
 void appendStored(QByteArray &out, const QByteArray &bytes, bool last);
