@@ -6,7 +6,6 @@
 #include <frameformat.h>
 #include <jsonreader.h>
 #include <jsonwriter.h>
-#include <storedstream.h>
 #include <wirekeys.h>
 #include <zstream.h>
 
@@ -133,8 +132,7 @@ void TrelanFrame::setMaxInflatedSize(qint64 bytes)
 
 QByteArray TrelanFrame::compress(const QByteArray &bytes)
 {
-    static thread_local zstream::Deflater _deflater(Z_DEFAULT_COMPRESSION);
-    return _deflater.compress(bytes);
+    return zstream::compress(bytes);
 }
 
 QByteArray TrelanFrame::compressLightly(const QByteArray &bytes)
@@ -147,19 +145,14 @@ QByteArray TrelanFrame::compressLightly(const QByteArray &bytes)
 QByteArray TrelanFrame::uncompress(const QByteArray &bytes, qint64 maxInflatedSize, Fault *fault)
 {
     QByteArray inflated;
-    if (stored::read(bytes, maxInflatedSize, inflated)) {
+    switch (zstream::uncompress(bytes, maxInflatedSize, inflated)) {
+    case zstream::Done:
         *fault = NoFault;
         return inflated;
-    }
-    static thread_local zstream::Inflater _inflater;
-    switch (_inflater.uncompress(bytes, maxInflatedSize, inflated)) {
-    case zstream::Inflater::Done:
-        *fault = NoFault;
-        return inflated;
-    case zstream::Inflater::TooLarge:
+    case zstream::TooLarge:
         *fault = TooLarge;
         return {};
-    case zstream::Inflater::Damaged:
+    case zstream::Damaged:
         break;
     }
     *fault = NotInflatable;

@@ -2,7 +2,6 @@
 
 #include "base64.h"
 #include "frameformat.h"
-#include "storedstream.h"
 #include "zstream.h"
 
 namespace bus
@@ -60,7 +59,7 @@ private:
 
 SharedBeginning::SharedBeginning(const QByteArray &beginning)
     : _size(beginning.size())
-    , _sum(stored::sum(beginning))
+    , _sum(zstream::sum(beginning))
 {
     QByteArray blocks;
     if (beginning.size() > zstream::STORED_SIZE) {
@@ -82,8 +81,8 @@ QByteArray SharedBeginning::frame(std::string_view word, const QByteArray &endin
 
     QByteArray tail = _rest;
     zstream::appendStored(tail, ending, true);
-    const uLong endingSum = adler32(1, bytesOf(ending), uInt(ending.size()));
-    zstream::appendBigEndian(tail, quint32(adler32_combine(_sum, endingSum, ending.size())));
+    const uLong sum = adler32_combine(_sum, zstream::sum(ending), ending.size());
+    zstream::appendBigEndian(tail, quint32(sum));
 
     QByteArray frame = frameformat::lines(word, base64::encodedSize(head.size()) + _base64.size() +
                                                     base64::encodedSize(tail.size()));

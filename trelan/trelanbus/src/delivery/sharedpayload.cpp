@@ -1,7 +1,6 @@
 #include "delivery/sharedpayload.h"
 
 #include <base64.h>
-#include <storedstream.h>
 #include <zstream.h>
 
 #include <atomic>
@@ -67,7 +66,7 @@ private:
 
 TrelanSharedPayload::TrelanSharedPayload(const QByteArray &beginning)
     : _size(beginning.size())
-    , _sum(stored::sum(beginning))
+    , _sum(zstream::sum(beginning))
 {
     QByteArray blocks;
     if (beginning.size() > zstream::STORED_SIZE) {
