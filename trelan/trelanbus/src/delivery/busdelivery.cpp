@@ -13,7 +13,6 @@ namespace
 const QString LOGGER_NAME = QStringLiteral("logger");
 constexpr qint64 LOG_WARNING_INTERVAL_MS = 60LL * 60 * 1000;
 constexpr int CONFLATED_BYTES_SHARE = 16; // of a client's bytes
-constexpr qint64 NOTIFICATION_COST = 512; // beside the content
 
 TrelanError boundFault(const QString &description)
 {
@@ -55,43 +54,13 @@ void warnGivenUp(const QString &name, const QList<Delivery> &deliveries)
 
 } // namespace
 
-Notification::Notification(const ObjectRecord &record, TrelanTransport::Coding coding, bool forMany)
-    : _record(record)
-    , _coding(coding)
-    , _isForMany(forMany)
-{}
-
-bool Notification::isKept() const
-{
-    return _record.head.isStored() && !names::isCommandName(_record.head.name);
-}
-
-QString Notification::name() const
-{
-    return _record.head.name;
-}
-
-qint64 Notification::cost() const
-{
-    return NOTIFICATION_COST + qint64(_record.contentJson.size()) * qint64(sizeof(QChar));
-}
-
-Delivery Notification::delivery(const QString &receiver)
-{
-    if (!_body)
-        _body = _record.notification(_coding, _isForMany);
-    Delivery delivery(_body, receiver, _record.notificationUid());
-    delivery.kind = isKept() ? Delivery::Value : Delivery::Event;
-    delivery.object = name();
-    return delivery;
-}
-
 BusDelivery::BusDelivery(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output,
                          const std::function<void(const QString &client)> &ready)
     : _settings(settings)
     , _storage(storage)
     , _output(output)
     , _ready(ready)
+    , _notification(settings.coding)
 {
     _clock.start();
 }
@@ -154,11 +123,11 @@ void BusDelivery::reserve(const QString &name, int messages, qint64 bytes)
     _bytes += bytes;
 }
 
-QString BusDelivery::notify(const QString &client, Notification &notification, bool fresh)
+QString BusDelivery::notify(const QString &client, const ObjectRecord &record, bool fresh)
 {
-    if (notification.isKept() && isBehind(client, notification))
-        return appendName(client, notification.name(), fresh);
-    Delivery delivery = notification.delivery(client);
+    if (Notification::isKept(record) && isBehind(client, record))
+        return appendName(client, record.head.name, fresh);
+    Delivery delivery = _notification.delivery(record, client);
     if (fresh)
         delivery.setUid(names::freshUid());
     append(client, delivery, now());
@@ -314,9 +283,9 @@ bool BusDelivery::isFull(const Client &client, int messages, qint64 bytes) const
 }
 
 /// Whether a stored object is to wait as its name only.
-bool BusDelivery::isBehind(const QString &name, const Notification &notification) const
+bool BusDelivery::isBehind(const QString &name, const ObjectRecord &record) const
 {
-    const qint64 cost = notification.cost();
+    const qint64 cost = Notification::cost(record);
     if (_bytes + cost > _settings.maxQueuedBytes)
         return true;
     const auto known = _clients.constFind(name);
@@ -324,7 +293,7 @@ bool BusDelivery::isBehind(const QString &name, const Notification &notification
         return cost > _settings.maxClientBytes / CONFLATED_BYTES_SHARE;
     const DeliveryQueue &queue = known->queue;
     const int most = qMin(_settings.conflateAbove, _settings.maxClientMessages);
-    return queue.hasName(notification.name()) || queue.count() + queue.nameCount() >= most ||
+    return queue.hasName(record.head.name) || queue.count() + queue.nameCount() >= most ||
            queue.bytes() + cost > _settings.maxClientBytes / CONFLATED_BYTES_SHARE;
 }
 
@@ -371,28 +340,15 @@ void BusDelivery::trim(const QString &client)
     changed(client);
 }
 
-/// While a publish is notified of, many ask for the same value, one after the other.
 Delivery BusDelivery::newestOf(const QString &receiver, const QString &object)
 {
     const ObjectRecord *record = _storage.find(object);
-    if (!record)
-        return {};
-    if (!_notifies)
-        return Notification(*record, _settings.coding).delivery(receiver);
-    if (_newest.first.isEmpty() || !_newest.first.isSharedWith(record->contentJson))
-        _newest = {record->contentJson, record->notification(_settings.coding)};
-    return {_newest.second, receiver, record->notificationUid()};
-}
-
-void BusDelivery::beginNotification()
-{
-    _notifies = true;
+    return record ? _notification.delivery(*record, receiver) : Delivery();
 }
 
 void BusDelivery::endNotification()
 {
-    _notifies = false;
-    _newest = {}; // it may be large
+    _notification = Notification(_settings.coding); // the text may be large
 }
 
 /// Whether the next frame of a client is large, and is being made.

@@ -2,13 +2,13 @@
 
 #include "delivery/busoutput.h"
 #include "delivery/deliveryqueue.h"
+#include "delivery/notification.h"
 #include "storage/busstorage.h"
 #include "trelanbussettings.h"
 #include "values/buslog.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
-#include <QtCore/QPair>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
@@ -16,28 +16,6 @@
 
 namespace bus
 {
-
-/// \brief A published value on its way to its subscribers. What they all get is made when the first
-/// of them needs it.
-class Notification
-{
-public:
-    Notification(const ObjectRecord &record, TrelanTransport::Coding coding, bool forMany = false);
-
-    /// Whether the value can be taken from the storage later, since it is kept there.
-    bool isKept() const;
-    QString name() const;
-    /// What keeping its message takes, in bytes, roughly.
-    qint64 cost() const;
-
-    Delivery delivery(const QString &receiver);
-
-private:
-    const ObjectRecord &_record;
-    const TrelanTransport::Coding _coding;
-    const bool _isForMany;
-    DeliveryBody::Ref _body;
-};
 
 /// \brief What waits for whom: a queue for every client that has something to get, bounded one by
 /// one and in all, and its message connection while there is one.
@@ -67,9 +45,8 @@ public:
     /// Queues a notification for a subscriber. One that is \a fresh is news to a receiver that
     /// knows the value. Returns which bound the client is past, for people, usually nothing: then
     /// it cannot be told what it has subscribed any more.
-    QString notify(const QString &client, Notification &notification, bool fresh = false);
-    /// Around the subscribers of one publish, who are notified and pumped in between.
-    void beginNotification();
+    QString notify(const QString &client, const ObjectRecord &record, bool fresh = false);
+    /// To be called after the subscribers of one publish: what they were told need not be kept.
     void endNotification();
     /// The client's subscriptions are gone.
     void dropNotifications(const QString &client);
@@ -119,7 +96,7 @@ private:
     Client &client(const QString &name);
     TrelanError roomFault(const QString &name, qint64 cost) const;
     bool isFull(const Client &client, int messages, qint64 bytes) const;
-    bool isBehind(const QString &name, const Notification &notification) const;
+    bool isBehind(const QString &name, const ObjectRecord &record) const;
     QString appendName(const QString &name, const QString &object, bool fresh);
     void append(const QString &name, Delivery delivery, qint64 queuedAt);
     void append(const TrelanMessage &message, qint64 queuedAt, qint64 storedId = 0);
@@ -139,9 +116,7 @@ private:
     const std::function<void(const QString &)> _ready;
     QElapsedTimer _clock;
     QHash<QString, Client> _clients;
-    bool _notifies = false;
-    QPair<QByteArray, DeliveryBody::Ref>
-        _newest;       // the last content that was asked for, and what it says
+    Notification _notification;
     int _absent = 0;   // of them, without a connection
     qint64 _bytes = 0; // of all messages, those on their way to the disk included
     qint64 _nameBytes = 0;

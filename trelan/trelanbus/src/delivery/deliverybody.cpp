@@ -11,24 +11,23 @@ namespace bus
 
 namespace
 {
-constexpr int FIXED_TEXT = 256; // of the keys around a text
+constexpr int FIXED_TEXT = 256; // bytes that the keys around a text take
 } // namespace
 
-DeliveryBody::DeliveryBody(const QByteArray &text, const QString &sender, qint64 time, bool forMany)
-    : _text(text)
+DeliveryBody::DeliveryBody(const QByteArray &text, const QString &sender, qint64 time)
+    : _utf8(text)
     , _sender(sender)
     , _time(time)
     , _digest(std::hash<std::string_view>()({text.constData(), size_t(text.size())}))
-    , _classic(forMany)
 {}
 
 DeliveryBody::DeliveryBody(const TrelanMessage &message)
-    : _message(message.message())
+    : _text(message.message())
     , _sender(message.sender())
     , _time(message.timestamp().toMSecsSinceEpoch())
     , _options(message.options())
     , _digest(std::hash<std::u16string_view>()(
-          {reinterpret_cast<const char16_t *>(_message.utf16()), size_t(_message.size())}))
+          {reinterpret_cast<const char16_t *>(_text.utf16()), size_t(_text.size())}))
 {}
 
 DeliveryBody::Ref DeliveryBody::withoutText() const
@@ -38,7 +37,7 @@ DeliveryBody::Ref DeliveryBody::withoutText() const
 
 int DeliveryBody::textSize() const
 {
-    return _text.size() + _message.size();
+    return _utf8.size() + _text.size();
 }
 
 const QString &DeliveryBody::sender() const
@@ -69,18 +68,19 @@ QByteArray DeliveryBody::frame(const QString &reciever, const QString &uid,
     return shared().frame(TrelanFrame::Request, ending);
 }
 
-/// To the byte what TrelanFrame::encode() makes of the same.
+/// Peers of this coding expect the bytes of TrelanFrame::encode().
 QByteArray DeliveryBody::classicFrame(const QString &reciever, const QString &uid) const
 {
-    QByteArray ending;
-    json::appendString(ending, reciever);
-    ending += ",\n        \"s\": ";
-    json::appendString(ending, _sender);
-    ending += ",\n        \"uid\": ";
-    json::appendString(ending, uid);
-    ending += "\n    },\n    \"operation\": \"sendMessage\"\n}\n";
-    return _classic.frame(
-        TrelanFrame::Request, [this] { return classicBeginning(); }, ending);
+    TrelanMessage message {TrelanTimestamp(_time)};
+    message.setMessage(_utf8.isEmpty() ? _text : QString::fromUtf8(_utf8));
+    message.setOptions(_options);
+    message.setSender(_sender);
+    message.setReciever(reciever);
+    message.setUid(uid);
+    return TrelanFrame::encode(
+        TrelanFrame::Request,
+        TrelanFrame::request(QStringLiteral("sendMessage"), message.toVariantMap()),
+        TrelanTransport::Classic);
 }
 
 bool DeliveryBody::isEncoded() const
@@ -88,28 +88,16 @@ bool DeliveryBody::isEncoded() const
     return _isEncoded;
 }
 
-/// Made when it is needed first, which may be in two threads at once.
-const TrelanSharedPayload &DeliveryBody::shared() const
+/// Two threads may need it first at once: the codec thread and the thread of the bus.
+const SharedPayload &DeliveryBody::shared() const
 {
     if (!_isEncoded) {
         const std::lock_guard lock(_mutex);
         if (!_shared)
-            _shared = std::make_unique<TrelanSharedPayload>(beginning());
+            _shared = std::make_unique<SharedPayload>(beginning());
         _isEncoded = true;
     }
     return *_shared;
-}
-
-QByteArray DeliveryBody::classicBeginning() const
-{
-    QByteArray text;
-    text.reserve(FIXED_TEXT + 2 * textSize());
-    text += "{\n    \"data\": {\n        \"dt\": \"" + QByteArray::number(_time);
-    text += "\",\n        \"msg\": ";
-    appendText(text);
-    text += ",\n        \"ops\": " + QByteArray::number(int(_options));
-    text += ",\n        \"r\": ";
-    return text;
 }
 
 QByteArray DeliveryBody::beginning() const
@@ -128,10 +116,10 @@ QByteArray DeliveryBody::beginning() const
 
 void DeliveryBody::appendText(QByteArray &out) const
 {
-    if (_text.isEmpty())
-        json::appendString(out, _message);
-    else
+    if (_utf8.isEmpty())
         json::appendString(out, _text);
+    else
+        json::appendString(out, _utf8);
 }
 
 } // namespace bus

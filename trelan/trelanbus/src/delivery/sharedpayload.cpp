@@ -4,9 +4,6 @@
 #include <storedstream.h>
 #include <zstream.h>
 
-#include <atomic>
-#include <utility>
-
 namespace bus
 {
 
@@ -16,8 +13,6 @@ namespace
 constexpr int GROUP = 3;       // bytes that base64 makes characters of together
 constexpr int HEADER_SIZE = 6; // declared length, and header of the zlib stream
 constexpr int LEVEL = Z_BEST_SPEED;
-// Copying the state of a compressor takes as long as compressing about so much.
-constexpr int SMALLEST_SHARED = 2 * 1024;
 
 static_assert(HEADER_SIZE % GROUP == 0, "what follows the header has to begin a group");
 
@@ -65,7 +60,7 @@ private:
 
 } // namespace
 
-TrelanSharedPayload::TrelanSharedPayload(const QByteArray &beginning)
+SharedPayload::SharedPayload(const QByteArray &beginning)
     : _size(beginning.size())
     , _sum(stored::sum(beginning))
 {
@@ -81,7 +76,7 @@ TrelanSharedPayload::TrelanSharedPayload(const QByteArray &beginning)
     _rest = blocks.mid(whole);
 }
 
-QByteArray TrelanSharedPayload::frame(TrelanFrame::Kind kind, const QByteArray &ending) const
+QByteArray SharedPayload::frame(TrelanFrame::Kind kind, const QByteArray &ending) const
 {
     QByteArray head;
     zstream::appendBigEndian(head, quint32(_size + ending.size()));
@@ -98,112 +93,6 @@ QByteArray TrelanSharedPayload::frame(TrelanFrame::Kind kind, const QByteArray &
     base64::append(payload, head);
     payload += _base64;
     base64::append(payload, tail);
-    return TrelanFrame::frame(kind, payload);
-}
-
-struct TrelanClassicPayload::Common
-{
-    QByteArray header; // of the zlib stream
-    QByteArray base64; // of what follows the header, as far as whole groups go
-    QByteArray rest;   // of it
-    QByteArray last;   // of the beginning, what is compressed with each ending
-    int size = 0;      // of the whole beginning
-};
-
-namespace
-{
-
-std::atomic<quint64> _lastNumber {0};
-
-/// What a thread has compressed last.
-struct Branch
-{
-    zstream::BranchingDeflater deflater;
-    quint64 number = 0; // whose beginning it is
-};
-
-Branch &branch()
-{
-    static thread_local Branch _branch;
-    return _branch;
-}
-
-} // namespace
-
-TrelanClassicPayload::TrelanClassicPayload(bool forMany)
-    : _number(++_lastNumber)
-    , _isForMany(forMany)
-{}
-
-TrelanClassicPayload::~TrelanClassicPayload() = default;
-
-QByteArray TrelanClassicPayload::frame(TrelanFrame::Kind kind,
-                                       const std::function<QByteArray()> &beginning,
-                                       const QByteArray &ending) const
-{
-    const CommonRef common = isAlone() ? CommonRef() : commonOf(beginning);
-    if (!common)
-        return whole(kind, beginning() + ending);
-    QByteArray tail = common->rest;
-    if (!branch().deflater.finish(common->last + ending, tail))
-        return whole(kind, beginning() + ending);
-    QByteArray head;
-    zstream::appendBigEndian(head, quint32(common->size + ending.size()));
-    head += common->header;
-    QByteArray payload;
-    payload.reserve(base64::encodedSize(head.size()) + common->base64.size() +
-                    base64::encodedSize(tail.size()));
-    base64::append(payload, head);
-    payload += common->base64;
-    base64::append(payload, tail);
-    return TrelanFrame::frame(kind, payload);
-}
-
-/// Most messages have one receiver, for whom a state would be made for nothing.
-bool TrelanClassicPayload::isAlone() const
-{
-    const std::lock_guard lock(_mutex);
-    return !std::exchange(_isForMany, true) || _isSmall;
-}
-
-/// With the state of this thread's compressor behind it; null where that does not pay.
-TrelanClassicPayload::CommonRef
-TrelanClassicPayload::commonOf(const std::function<QByteArray()> &beginning) const
-{
-    constexpr int STREAM_HEADER_SIZE = 2;
-    {
-        const std::lock_guard lock(_mutex);
-        if (_common && branch().number == _number)
-            return _common;
-    }
-    const QByteArray text = beginning();
-    if (text.size() < SMALLEST_SHARED) {
-        const std::lock_guard lock(_mutex);
-        _isSmall = true;
-        return {};
-    }
-    branch().number = 0;
-    const int safe = zstream::BranchingDeflater::safePart(text.size());
-    QByteArray bytes;
-    if (!branch().deflater.begin(text.left(safe), bytes) || bytes.size() < STREAM_HEADER_SIZE)
-        return {};
-    branch().number = _number;
-    const int whole = (bytes.size() - STREAM_HEADER_SIZE) / GROUP * GROUP;
-    auto common = std::make_shared<Common>();
-    common->header = bytes.left(STREAM_HEADER_SIZE);
-    base64::append(common->base64, bytes.mid(STREAM_HEADER_SIZE, whole));
-    common->rest = bytes.mid(STREAM_HEADER_SIZE + whole);
-    common->last = text.mid(safe);
-    common->size = text.size();
-    const std::lock_guard lock(_mutex);
-    _common = common; // another thread makes the same of it
-    return common;
-}
-
-QByteArray TrelanClassicPayload::whole(TrelanFrame::Kind kind, const QByteArray &text)
-{
-    QByteArray payload;
-    base64::append(payload, TrelanFrame::compress(text));
     return TrelanFrame::frame(kind, payload);
 }
 

@@ -31,7 +31,6 @@ void logPublish(const ObjectHead &object)
 
 BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output)
     : _maxSubscriptions(settings.maxSubscriptions)
-    , _coding(settings.coding)
     , _storage(storage)
     , _output(output)
     , _delivery(settings, storage, output, [this](const QString &client) { pump(client); })
@@ -278,11 +277,11 @@ void BusCore::notifyOfStored(const QString &client, const QStringList &wildcards
     std::sort(names.begin(), names.end());
     QString overrun;
     for (const QString &name : std::as_const(names)) {
-        Notification notification(*_storage.find(name), _coding);
-        overrun = _delivery.notify(client, notification, true);
+        overrun = _delivery.notify(client, *_storage.find(name), true);
         if (!overrun.isEmpty())
             break;
     }
+    _delivery.endNotification();
     _order.skip(client, QSet<QString>(names.cbegin(), names.cend()));
     if (!overrun.isEmpty())
         closeReceiver(client, overrun);
@@ -364,11 +363,9 @@ void BusCore::deliver(const PublishOrder::Publish &publish)
         receivers.erase(std::remove_if(receivers.begin(), receivers.end(), isGone),
                         receivers.end());
     }
-    _delivery.beginNotification();
-    Notification notification(publish.record, _coding, receivers.size() > 1);
     QMap<QString, QString> overruns; // by client
     for (const QString &client : std::as_const(receivers)) {
-        const QString overrun = _delivery.notify(client, notification);
+        const QString overrun = _delivery.notify(client, publish.record);
         if (!overrun.isEmpty())
             overruns.insert(client, overrun);
         pump(client);

@@ -65,7 +65,6 @@ private:
     void pump(const QString &client);
 
     const int _maxSubscriptions;
-    const TrelanTransport::Coding _coding;
     BusStorage &_storage;
     BusOutput &_output;
     BusDelivery _delivery;

@@ -1,0 +1,72 @@
+#include "delivery/notification.h"
+
+#include "values/busnames.h"
+
+#include <jsonwriter.h>
+
+namespace bus
+{
+
+namespace
+{
+
+constexpr qint64 FIXED_COST = 512; // bytes of a message beside the content
+constexpr int FIXED_TEXT = 128;    // bytes of the keys around a content
+
+/// The text of the message that TrelanObject::toMessage() makes, in UTF-8.
+QByteArray classicText(const ObjectRecord &record)
+{
+    QByteArray text = record.toObject().toMessage(QString()).message().toUtf8();
+    text.squeeze(); // toUtf8() leaves room for three times as much
+    return text;
+}
+
+QByteArray lightText(const ObjectRecord &record)
+{
+    QByteArray text;
+    text.reserve(record.contentJson.size() + FIXED_TEXT + 2 * record.head.name.size());
+    text += "{\"__context__\":" + record.contentJson;
+    text += ",\"__name__\":";
+    json::appendString(text, record.head.name);
+    text += ",\"__reason__\":\"sub\"}";
+    return text;
+}
+
+} // namespace
+
+Notification::Notification(TrelanTransport::Coding coding)
+    : _coding(coding)
+{}
+
+Delivery Notification::delivery(const ObjectRecord &record, const QString &receiver)
+{
+    if (!_body || !_content.isSharedWith(record.contentJson)) {
+        _content = record.contentJson;
+        _body = body(record, _coding);
+    }
+    const ObjectHead &head = record.head;
+    const QString &uid = record.deliveryUid.isEmpty() ? head.uid : record.deliveryUid;
+    Delivery delivery(_body, receiver, uid);
+    delivery.kind = isKept(record) ? Delivery::Value : Delivery::Event;
+    delivery.object = head.name;
+    return delivery;
+}
+
+bool Notification::isKept(const ObjectRecord &record)
+{
+    return record.head.isStored() && !names::isCommandName(record.head.name);
+}
+
+qint64 Notification::cost(const ObjectRecord &record)
+{
+    return FIXED_COST + qint64(record.contentJson.size()) * qint64(sizeof(QChar));
+}
+
+DeliveryBody::Ref Notification::body(const ObjectRecord &record, TrelanTransport::Coding coding)
+{
+    const QByteArray text =
+        coding == TrelanTransport::Classic ? classicText(record) : lightText(record);
+    return std::make_shared<const DeliveryBody>(text, record.head.publisher, record.head.time);
+}
+
+} // namespace bus
