@@ -40,20 +40,6 @@ class tst_DeliveryBody : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void sharedBeginnings()
-    {
-        QByteArray text((1 << 20) + 70002, 'x');
-        for (int i = 0; i < text.size(); ++i) // hardly to be compressed, and then easily
-            text[i] = char(i < 100000 ? i * i >> 3 : i % 7);
-        for (const int size : {0, 1, 2, 3, 65535, 65536, 1 << 20, (1 << 20) + 1}) {
-            const SharedPayload shared(text.left(size));
-            for (const int more : {0, 1, 2, 70000}) {
-                const QByteArray frame = shared.frame(TrelanFrame::Request, text.mid(size, more));
-                QVERIFY(textOf(frame) == text.left(size + more));
-            }
-        }
-    }
-
     void messages_data()
     {
         const TestTable<QString, QString, qint64, int> row("names", "text", "time", "options");

@@ -3,8 +3,12 @@
 #include "testtable.h"
 
 #include <base64.h>
+#include <envelopewriter.h>
+#include <frameformat.h>
+#include <sharedbeginning.h>
 #include <trelanerror.h>
 #include <trelanframereader.h>
+#include <wirekeys.h>
 
 #include <future>
 #include <random>
@@ -96,6 +100,27 @@ private slots:
         QCOMPARE(light, row[u"light"].toString().toLatin1());
     }
 
+    void envelopesWithoutAMap()
+    {
+        QByteArray beginning, ending;
+        EnvelopeWriter(beginning)
+            .begin(keys::DATA)
+            .raw(keys::OBJECT_CONTENT, "[1]")
+            .time(keys::TIME, -5)
+            .text(keys::OBJECT_NAME, QByteArray("room 1"))
+            .beginning();
+        EnvelopeWriter(ending, 2)
+            .begin("empty")
+            .end()
+            .text(keys::UID, QString("\t"))
+            .end()
+            .success()
+            .finish();
+        QByteArray expected = "{'data':{'cnt':[1],'dt':'-5','nm':'room 1','empty':{},"
+                              "'uid':'\\t'},'result':{'code':0,'description':''}}";
+        QCOMPARE(beginning + ending, expected.replace('\'', '"'));
+    }
+
     void compressesAsQtDoes()
     {
         auto first = std::async(std::launch::async, compressedOtherwise, 1U);
@@ -111,6 +136,24 @@ private slots:
         for (const int size : {1, 65535, 65536, 131070, 131071, 1 << 20, (1 << 20) + 1}) {
             const QByteArray bytes = someBytes(random, size);
             QVERIFY(qUncompress(TrelanFrame::compressLightly(bytes)) == bytes);
+        }
+    }
+
+    void sharedBeginnings()
+    {
+        std::mt19937 random(8);
+        for (const int size : {0, 1, 2, 3, 65535, 65536, 1 << 20, (1 << 20) + 1}) {
+            const QByteArray beginning = someBytes(random, size);
+            const SharedBeginning shared(beginning);
+            for (const int more : {0, 1, 2, 70000}) {
+                const QByteArray ending = someBytes(random, more);
+                TrelanFrameReader reader(1 << 24);
+                reader.feed(shared.frame(frameformat::REPLY, ending));
+                QCOMPARE(reader.next(), TrelanFrameReader::FrameReady);
+                QCOMPARE(reader.kind(), TrelanFrame::Reply);
+                const QByteArray text = qUncompress(QByteArray::fromBase64(reader.payload()));
+                QVERIFY(text == beginning + ending);
+            }
         }
     }
 

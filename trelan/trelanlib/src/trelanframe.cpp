@@ -3,10 +3,10 @@
 #include "trelanerror.h"
 
 #include <base64.h>
+#include <frameformat.h>
 #include <jsonreader.h>
 #include <jsonwriter.h>
-#include <scratch.h>
-#include <storedstream.h>
+#include <wirekeys.h>
 #include <zstream.h>
 
 #include <atomic>
@@ -17,30 +17,18 @@ namespace bus
 namespace
 {
 
-constexpr char WORD_REQUEST[] = "[-REQUEST-]";
-constexpr char WORD_REPLY[] = "[-REPLY-]";
-const QString HEADER_REQUEST = QString::fromLatin1(WORD_REQUEST);
-const QString HEADER_REPLY = QString::fromLatin1(WORD_REPLY);
-const QString KEY_OPERATION = QStringLiteral("operation");
-const QString KEY_DATA = QStringLiteral("data");
-const QString KEY_RESULT = QStringLiteral("result");
-const QString KEY_CODE = QStringLiteral("code");
-const QString KEY_DESCRIPTION = QStringLiteral("description");
-constexpr char SEPARATOR[] = "\r\n";
 // Far above any envelope a client sends on purpose, and far below what a machine has: without it
 // a few hundred kilobytes of zeros, compressed, would take the process down.
 std::atomic<qint64> _maxInflatedSize {256LL * 1024 * 1024};
 
-/// What is in front of a payload, with room for that.
-QByteArray lines(TrelanFrame::Kind kind, int payloadSize)
+std::string_view wordOf(TrelanFrame::Kind kind)
 {
-    QByteArray bytes;
-    bytes.reserve(2 * TrelanFrame::MAX_LINE_LENGTH + payloadSize);
-    bytes += kind == TrelanFrame::Request ? WORD_REQUEST : WORD_REPLY;
-    bytes += SEPARATOR;
-    bytes += QByteArray::number(payloadSize);
-    bytes += SEPARATOR;
-    return bytes;
+    return kind == TrelanFrame::Request ? frameformat::REQUEST : frameformat::REPLY;
+}
+
+QString textOf(std::string_view word)
+{
+    return QString::fromLatin1(word.data(), int(word.size()));
 }
 
 QByteArray compressed(const QVariantMap &envelope, TrelanTransport::Coding coding)
@@ -53,7 +41,9 @@ QByteArray compressed(const QVariantMap &envelope, TrelanTransport::Coding codin
 
 QString TrelanFrame::headerWord(Kind kind)
 {
-    return kind == Request ? HEADER_REQUEST : HEADER_REPLY;
+    static const QString _request = textOf(frameformat::REQUEST);
+    static const QString _reply = textOf(frameformat::REPLY);
+    return kind == Request ? _request : _reply;
 }
 
 QString TrelanFrame::lineText(const QByteArray &line)
@@ -64,20 +54,20 @@ QString TrelanFrame::lineText(const QByteArray &line)
 
 QVariantMap TrelanFrame::request(const QString &operation, const QVariantMap &data)
 {
-    return {{KEY_OPERATION, operation}, {KEY_DATA, data}};
+    return {{keys::OPERATION, operation}, {keys::DATA, data}};
 }
 
 QVariantMap TrelanFrame::reply(const QString &operation, const TrelanError &error,
                                const QVariantMap &data)
 {
-    const QVariantMap result {{KEY_CODE, int(error.error())},
-                              {KEY_DESCRIPTION, error.description()}};
-    return {{KEY_OPERATION, operation}, {KEY_DATA, data}, {KEY_RESULT, result}};
+    const QVariantMap result {{keys::CODE, int(error.error())},
+                              {keys::DESCRIPTION, error.description()}};
+    return {{keys::OPERATION, operation}, {keys::DATA, data}, {keys::RESULT, result}};
 }
 
 quint16 TrelanFrame::replyCode(const QVariantMap &result)
 {
-    const QVariant code = result.value(KEY_CODE);
+    const QVariant code = result.value(keys::CODE);
     // QVariant would make numbers of these too.
     if (code.userType() == QMetaType::QString || code.userType() == QMetaType::Bool)
         return TrelanError::NoError;
@@ -90,22 +80,14 @@ QByteArray TrelanFrame::encode(Kind kind, const QVariantMap &envelope,
     if (coding == TrelanTransport::Light)
         return encodeText(kind, json::compact(envelope));
     const QByteArray bytes = compressed(envelope, coding);
-    QByteArray frame = lines(kind, base64::encodedSize(bytes.size()));
+    QByteArray frame = frameformat::lines(wordOf(kind), base64::encodedSize(bytes.size()));
     base64::append(frame, bytes);
     return frame;
 }
 
 QByteArray TrelanFrame::encodeText(Kind kind, const QByteArray &json)
 {
-    static thread_local QByteArray _bytes;
-    const Scratch scratch(_bytes);
-    if (json.size() <= zstream::STORED_SIZE)
-        zstream::store(json, _bytes);
-    else
-        _bytes = compressLightly(json);
-    QByteArray frame = lines(kind, base64::encodedSize(_bytes.size()));
-    base64::append(frame, _bytes);
-    return frame;
+    return frameformat::light(wordOf(kind), json);
 }
 
 QByteArray TrelanFrame::encodePayload(const QVariantMap &envelope, TrelanTransport::Coding coding)
@@ -117,7 +99,7 @@ QByteArray TrelanFrame::encodePayload(const QVariantMap &envelope, TrelanTranspo
 
 QByteArray TrelanFrame::frame(Kind kind, const QByteArray &payload)
 {
-    return lines(kind, payload.size()) += payload;
+    return frameformat::lines(wordOf(kind), payload.size()) += payload;
 }
 
 TrelanFrame::Payload TrelanFrame::decodePayload(const QByteArray &payload, qint64 maxInflatedSize)
@@ -150,34 +132,27 @@ void TrelanFrame::setMaxInflatedSize(qint64 bytes)
 
 QByteArray TrelanFrame::compress(const QByteArray &bytes)
 {
-    static thread_local zstream::Deflater _deflater(Z_DEFAULT_COMPRESSION);
-    return _deflater.compress(bytes);
+    return zstream::compress(bytes);
 }
 
 QByteArray TrelanFrame::compressLightly(const QByteArray &bytes)
 {
-    if (bytes.size() <= zstream::STORED_SIZE)
-        return zstream::store(bytes);
-    static thread_local zstream::Deflater _deflater(Z_BEST_SPEED);
-    return _deflater.compress(bytes);
+    QByteArray out;
+    zstream::storeOrCompress(bytes, out);
+    return out;
 }
 
 QByteArray TrelanFrame::uncompress(const QByteArray &bytes, qint64 maxInflatedSize, Fault *fault)
 {
     QByteArray inflated;
-    if (stored::read(bytes, maxInflatedSize, inflated)) {
+    switch (zstream::uncompress(bytes, maxInflatedSize, inflated)) {
+    case zstream::Done:
         *fault = NoFault;
         return inflated;
-    }
-    static thread_local zstream::Inflater _inflater;
-    switch (_inflater.uncompress(bytes, maxInflatedSize, inflated)) {
-    case zstream::Inflater::Done:
-        *fault = NoFault;
-        return inflated;
-    case zstream::Inflater::TooLarge:
+    case zstream::TooLarge:
         *fault = TooLarge;
         return {};
-    case zstream::Inflater::Damaged:
+    case zstream::Damaged:
         break;
     }
     *fault = NotInflatable;

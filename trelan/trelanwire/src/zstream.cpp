@@ -1,11 +1,13 @@
 #include "zstream.h"
 
 #include "jsonreader.h"
-#include "storedstream.h"
 
 #include <QtCore/QtEndian>
 
+#include <libdeflate.h>
+
 #include <limits>
+#include <memory>
 
 namespace bus::zstream
 {
@@ -28,17 +30,25 @@ Bytef *input(const char *bytes)
     return reinterpret_cast<Bytef *>(const_cast<char *>(bytes));
 }
 
-} // namespace
-
-Deflater::Deflater(int level)
-    : _level(level)
-    , _ready(deflateInit(&_stream, level) == Z_OK)
-{}
-
-Deflater::~Deflater()
+/// Makes Qt's form of compressed data with a stream that is set up once and used again.
+class Deflater
 {
-    deflateEnd(&_stream);
-}
+public:
+    /// \a level of zlib.
+    explicit Deflater(int level)
+        : _level(level)
+        , _ready(deflateInit(&_stream, level) == Z_OK)
+    {}
+    ~Deflater() { deflateEnd(&_stream); }
+    Q_DISABLE_COPY(Deflater)
+
+    QByteArray compress(const QByteArray &bytes);
+
+private:
+    const int _level;
+    z_stream _stream {};
+    bool _ready = false;
+};
 
 QByteArray Deflater::compress(const QByteArray &bytes)
 {
@@ -56,6 +66,14 @@ QByteArray Deflater::compress(const QByteArray &bytes)
         return qCompress(bytes, _level);
     out.resize(LENGTH_SIZE + int(_stream.total_out));
     return out;
+}
+
+} // namespace
+
+QByteArray compress(const QByteArray &bytes)
+{
+    static thread_local Deflater _deflater(Z_DEFAULT_COMPRESSION);
+    return _deflater.compress(bytes);
 }
 
 void appendStored(QByteArray &out, const QByteArray &bytes, bool last)
@@ -82,12 +100,13 @@ void appendBigEndian(QByteArray &out, quint32 number)
     out.append(bytes, sizeof bytes);
 }
 
-QByteArray store(const QByteArray &bytes)
+quint32 sum(const QByteArray &bytes)
 {
-    QByteArray out;
-    store(bytes, out);
-    return out;
+    return libdeflate_adler32(1, bytes.constData(), size_t(bytes.size()));
 }
+
+namespace
+{
 
 void store(const QByteArray &bytes, QByteArray &out)
 {
@@ -97,21 +116,76 @@ void store(const QByteArray &bytes, QByteArray &out)
     appendBigEndian(out, quint32(bytes.size()));
     out += STORED_HEADER;
     appendStored(out, bytes, true);
-    appendBigEndian(out, stored::sum(bytes));
+    appendBigEndian(out, sum(bytes));
 }
 
-Inflater::Inflater()
-    : _ready(inflateInit(&_stream) == Z_OK)
-{}
+} // namespace
 
-Inflater::~Inflater()
+void storeOrCompress(const QByteArray &bytes, QByteArray &out)
 {
-    inflateEnd(&_stream);
+    if (bytes.size() <= STORED_SIZE)
+        return store(bytes, out);
+    static thread_local Deflater _deflater(Z_BEST_SPEED);
+    out += _deflater.compress(bytes);
 }
 
-Inflater::Outcome Inflater::uncompress(const QByteArray &bytes, qint64 limit, QByteArray &inflated)
+namespace
 {
-    inflated.clear();
+
+/// Whether the first block is a stored one. What it inflates to is at most as large as the stream
+/// then, if all others are stored, too.
+bool beginsStored(const QByteArray &bytes)
+{
+    constexpr int FIRST_BLOCK = LENGTH_SIZE + 2;
+    constexpr char TYPE = 0x06;
+    return bytes.size() > FIRST_BLOCK && (bytes.at(FIRST_BLOCK) & TYPE) == 0;
+}
+
+/// Reads a stream of stored blocks that inflates to what it declares, or to less. False for any
+/// other stream, which zlib has to judge.
+bool copyStored(const QByteArray &bytes, qint64 limit, QByteArray &inflated)
+{
+    if (!beginsStored(bytes))
+        return false;
+    const auto declared = qFromBigEndian<quint32>(bytes.constData());
+    if (declared > quint32(bytes.size()) || declared > limit)
+        return false;
+    static thread_local const std::unique_ptr<libdeflate_decompressor,
+                                              decltype(&libdeflate_free_decompressor)>
+        _decompressor(libdeflate_alloc_decompressor(), &libdeflate_free_decompressor);
+    if (!_decompressor)
+        return false;
+    inflated.reserve(int(declared) + json::SPARE);
+    inflated.resize(int(declared));
+    size_t size = 0;
+    const auto result = libdeflate_zlib_decompress(
+        _decompressor.get(), bytes.constData() + LENGTH_SIZE, size_t(bytes.size() - LENGTH_SIZE),
+        inflated.data(), size_t(declared), &size);
+    inflated.resize(int(size));
+    return result == LIBDEFLATE_SUCCESS;
+}
+
+/// A zlib stream that is set up once and used again.
+class Inflater
+{
+public:
+    Inflater()
+        : _ready(inflateInit(&_stream) == Z_OK)
+    {}
+    ~Inflater() { inflateEnd(&_stream); }
+    Q_DISABLE_COPY(Inflater)
+
+    Outcome uncompress(const QByteArray &bytes, qint64 limit, QByteArray &inflated);
+
+private:
+    Outcome inflateAll(qint64 declared, qint64 limit, QByteArray &inflated);
+
+    z_stream _stream {};
+    bool _ready = false;
+};
+
+Outcome Inflater::uncompress(const QByteArray &bytes, qint64 limit, QByteArray &inflated)
+{
     if (!_ready || bytes.size() <= LENGTH_SIZE || inflateReset(&_stream) != Z_OK)
         return Damaged;
     const auto declared = qFromBigEndian<quint32>(bytes.constData());
@@ -123,7 +197,7 @@ Inflater::Outcome Inflater::uncompress(const QByteArray &bytes, qint64 limit, QB
     return inflateAll(declared, qMin<qint64>(limit, MAX_DECLARED - 1), inflated);
 }
 
-Inflater::Outcome Inflater::inflateAll(qint64 declared, qint64 limit, QByteArray &inflated)
+Outcome Inflater::inflateAll(qint64 declared, qint64 limit, QByteArray &inflated)
 {
     // One byte beyond the limit is asked for, to tell a result that just fits from one that does
     // not.
@@ -155,6 +229,17 @@ Inflater::Outcome Inflater::inflateAll(qint64 declared, qint64 limit, QByteArray
         return TooLarge;
     inflated.resize(filled);
     return Done;
+}
+
+} // namespace
+
+Outcome uncompress(const QByteArray &bytes, qint64 limit, QByteArray &inflated)
+{
+    inflated.clear();
+    if (bytes.size() > LENGTH_SIZE && copyStored(bytes, limit, inflated))
+        return Done;
+    static thread_local Inflater _inflater;
+    return _inflater.uncompress(bytes, limit, inflated);
 }
 
 } // namespace bus::zstream

@@ -4,60 +4,37 @@
 
 #include <zlib.h>
 
-/// zlib streams that are set up once and used again. Internal to the library; one thread each.
+/// What qCompress() makes and qUncompress() reads: four bytes of length, big-endian, and a zlib
+/// stream. Internal to the libraries; the functions are thread-safe.
 namespace bus::zstream
 {
 
-// Compressing takes three times what its bytes save in base64 and sockets, at every size. What is
-// larger than this would come near the limits of payloads and queues.
+// Compressing takes three times as long as handling the bytes that it saves, at every size. Larger
+// texts are compressed all the same, or they would come near the limits of payloads and queues.
 constexpr int STORED_SIZE = 1024 * 1024;
 
-/// Makes Qt's form of compressed data: four bytes of length, big-endian, and a zlib stream.
-class Deflater
-{
-public:
-    /// \a level of zlib.
-    explicit Deflater(int level);
-    ~Deflater();
-    Q_DISABLE_COPY(Deflater)
+/// What qCompress(\a bytes) returns, to the byte, from a compressor that each thread sets up once.
+QByteArray compress(const QByteArray &bytes);
 
-    QByteArray compress(const QByteArray &bytes);
+/// Appends \a bytes in Qt's form: stored up to STORED_SIZE, and compressed fast above it.
+void storeOrCompress(const QByteArray &bytes, QByteArray &out);
 
-private:
-    const int _level;
-    z_stream _stream {};
-    bool _ready = false;
-};
-
-/// Qt's form of compressed data around bytes that are not compressed.
-QByteArray store(const QByteArray &bytes);
-/// The same, appended.
-void store(const QByteArray &bytes, QByteArray &out);
-
-/// What it consists of: the length, the header, blocks, of nothing one that is empty, and the sum.
+/// The parts of a stream of stored blocks: after four bytes of length come the header, the blocks,
+/// of which one is empty if there are no bytes, and the sum, big-endian.
 constexpr char STORED_HEADER[] = "\x78\x01";
 void appendStored(QByteArray &out, const QByteArray &bytes, bool last);
 void appendBigEndian(QByteArray &out, quint32 number);
+/// zlib's adler32() over \a bytes.
+quint32 sum(const QByteArray &bytes);
 
-/// Reads Qt's form of compressed data.
-class Inflater
-{
-public:
-    enum Outcome { Done, Damaged, TooLarge };
+enum Outcome { Done, Damaged, TooLarge };
 
-    Inflater();
-    ~Inflater();
-    Q_DISABLE_COPY(Inflater)
-
-    /// \a inflated is only meaningful when the outcome is Done; it never takes more than a small
-    /// multiple of what has arrived or been inflated, nor more than \a limit and one byte.
-    Outcome uncompress(const QByteArray &bytes, qint64 limit, QByteArray &inflated);
-
-private:
-    Outcome inflateAll(qint64 declared, qint64 limit, QByteArray &inflated);
-
-    z_stream _stream {};
-    bool _ready = false;
-};
+/// \brief Reads Qt's form of compressed data, as tolerantly as qUncompress(): the declared length
+/// need not be right, and bytes behind the stream mean nothing.
+///
+/// \a inflated is only meaningful when the outcome is Done. It never takes more than a small
+/// multiple of what has arrived or been inflated, nor more than \a limit and one byte. There is
+/// room behind the bytes in which JSON is read.
+Outcome uncompress(const QByteArray &bytes, qint64 limit, QByteArray &inflated);
 
 } // namespace bus::zstream

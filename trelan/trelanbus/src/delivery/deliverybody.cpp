@@ -1,7 +1,9 @@
 #include "delivery/deliverybody.h"
 
-#include <jsonwriter.h>
+#include <envelopewriter.h>
+#include <frameformat.h>
 #include <trelanframe.h>
+#include <wirekeys.h>
 
 #include <functional>
 #include <string_view>
@@ -11,7 +13,9 @@ namespace bus
 
 namespace
 {
+const QString WORD = QStringLiteral("sendMessage");
 constexpr int FIXED_TEXT = 256; // bytes that the keys around a text take
+constexpr int OPEN_OBJECTS = 2; // behind a beginning: the envelope and its data
 } // namespace
 
 DeliveryBody::DeliveryBody(const QByteArray &text, const QString &sender, qint64 time)
@@ -60,12 +64,12 @@ QByteArray DeliveryBody::frame(const QString &reciever, const QString &uid,
 {
     if (coding == TrelanTransport::Classic)
         return classicFrame(reciever, uid);
-    QByteArray ending("\"r\":");
-    json::appendString(ending, reciever);
-    ending += ",\"uid\":";
-    json::appendString(ending, uid);
-    ending += "}}";
-    return shared().frame(TrelanFrame::Request, ending);
+    QByteArray ending;
+    EnvelopeWriter(ending, OPEN_OBJECTS)
+        .text(keys::MESSAGE_RECIEVER, reciever)
+        .text(keys::UID, uid)
+        .finish();
+    return shared().frame(frameformat::REQUEST, ending);
 }
 
 /// Peers of this coding expect the bytes of TrelanFrame::encode().
@@ -77,10 +81,9 @@ QByteArray DeliveryBody::classicFrame(const QString &reciever, const QString &ui
     message.setSender(_sender);
     message.setReciever(reciever);
     message.setUid(uid);
-    return TrelanFrame::encode(
-        TrelanFrame::Request,
-        TrelanFrame::request(QStringLiteral("sendMessage"), message.toVariantMap()),
-        TrelanTransport::Classic);
+    return TrelanFrame::encode(TrelanFrame::Request,
+                               TrelanFrame::request(WORD, message.toVariantMap()),
+                               TrelanTransport::Classic);
 }
 
 bool DeliveryBody::isEncoded() const
@@ -89,12 +92,12 @@ bool DeliveryBody::isEncoded() const
 }
 
 /// Two threads may need it first at once: the codec thread and the thread of the bus.
-const SharedPayload &DeliveryBody::shared() const
+const SharedBeginning &DeliveryBody::shared() const
 {
     if (!_isEncoded) {
         const std::lock_guard lock(_mutex);
         if (!_shared)
-            _shared = std::make_unique<SharedPayload>(beginning());
+            _shared = std::make_unique<SharedBeginning>(beginning());
         _isEncoded = true;
     }
     return *_shared;
@@ -104,22 +107,16 @@ QByteArray DeliveryBody::beginning() const
 {
     QByteArray text;
     text.reserve(FIXED_TEXT + 2 * textSize());
-    text += R"({"operation":"sendMessage","data":{"dt":")" + QByteArray::number(_time);
-    text += R"(","msg":)";
-    appendText(text);
-    text += ",\"ops\":" + QByteArray::number(int(_options));
-    text += ",\"s\":";
-    json::appendString(text, _sender);
-    text += ',';
-    return text;
-}
-
-void DeliveryBody::appendText(QByteArray &out) const
-{
+    EnvelopeWriter envelope(text);
+    envelope.text(keys::OPERATION, WORD).begin(keys::DATA).time(keys::TIME, _time);
     if (_utf8.isEmpty())
-        json::appendString(out, _text);
+        envelope.text(keys::MESSAGE_TEXT, _text);
     else
-        json::appendString(out, _utf8);
+        envelope.text(keys::MESSAGE_TEXT, _utf8);
+    envelope.number(keys::MESSAGE_OPTIONS, int(_options))
+        .text(keys::MESSAGE_SENDER, _sender)
+        .beginning();
+    return text;
 }
 
 } // namespace bus

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "delivery/sharedpayload.h"
-
+#include <sharedbeginning.h>
 #include <trelanmessage.h>
 #include <trelantransport.h>
 
@@ -44,8 +43,7 @@ public:
 private:
     QByteArray classicFrame(const QString &reciever, const QString &uid) const;
     QByteArray beginning() const;
-    void appendText(QByteArray &out) const;
-    const SharedPayload &shared() const;
+    const SharedBeginning &shared() const;
 
     const QByteArray _utf8; // the text of a notification
     const QString _text;    // the text of a message
@@ -54,7 +52,7 @@ private:
     const TrelanMessage::Options _options;
     const size_t _digest;
     mutable std::mutex _mutex; // guards the making of _shared
-    mutable std::unique_ptr<SharedPayload> _shared;
+    mutable std::unique_ptr<SharedBeginning> _shared;
     mutable std::atomic<bool> _isEncoded {false};
 };
 

@@ -2,7 +2,8 @@
 
 #include "values/busnames.h"
 
-#include <jsonwriter.h>
+#include <envelopewriter.h>
+#include <wirekeys.h>
 
 namespace bus
 {
@@ -25,10 +26,11 @@ QByteArray lightText(const ObjectRecord &record)
 {
     QByteArray text;
     text.reserve(record.contentJson.size() + FIXED_TEXT + 2 * record.head.name.size());
-    text += "{\"__context__\":" + record.contentJson;
-    text += ",\"__name__\":";
-    json::appendString(text, record.head.name);
-    text += ",\"__reason__\":\"sub\"}";
+    EnvelopeWriter(text)
+        .raw(keys::NOTIFIED_CONTENT, record.contentJson)
+        .text(keys::NOTIFIED_NAME, record.head.name)
+        .text(keys::NOTIFIED_REASON, QByteArrayLiteral("sub"))
+        .finish();
     return text;
 }
 

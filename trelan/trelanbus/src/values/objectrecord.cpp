@@ -1,7 +1,8 @@
 #include "values/objectrecord.h"
 
+#include <envelopewriter.h>
 #include <jsonreader.h>
-#include <jsonwriter.h>
+#include <wirekeys.h>
 
 namespace bus
 {
@@ -30,16 +31,14 @@ QByteArray ObjectRecord::toJson() const
 {
     QByteArray text;
     text.reserve(contentJson.size() + FIXED_TEXT + 2 * head.name.size());
-    text += "{\"cnt\":" + contentJson;
-    text += ",\"dt\":\"" + QByteArray::number(head.time);
-    text += "\",\"nm\":";
-    json::appendString(text, head.name);
-    text += ",\"opt\":" + QByteArray::number(int(head.options));
-    text += ",\"p\":";
-    json::appendString(text, head.publisher);
-    text += ",\"uid\":";
-    json::appendString(text, head.uid);
-    text += '}';
+    EnvelopeWriter(text)
+        .raw(keys::OBJECT_CONTENT, contentJson)
+        .time(keys::TIME, head.time)
+        .text(keys::OBJECT_NAME, head.name)
+        .number(keys::OBJECT_OPTIONS, int(head.options))
+        .text(keys::OBJECT_PUBLISHER, head.publisher)
+        .text(keys::UID, head.uid)
+        .finish();
     return text;
 }
 

@@ -1,10 +1,11 @@
 #include "codec/publishrequest.h"
 
-#include "trelanframe.h"
 #include "trelanobject.h"
 
-#include <jsonwriter.h>
+#include <envelopewriter.h>
+#include <frameformat.h>
 #include <scratch.h>
+#include <wirekeys.h>
 
 namespace bus::requests
 {
@@ -13,18 +14,17 @@ QByteArray publish(const TrelanObject &object)
 {
     static thread_local QByteArray _text;
     const Scratch scratch(_text);
-    _text += R"({"data":{"cnt":)";
-    json::appendCompact(_text, object.content());
-    _text += R"(,"dt":")" + QByteArray::number(object.timestamp().toMSecsSinceEpoch());
-    _text += R"(","nm":)";
-    json::appendString(_text, object.name());
-    _text += R"(,"opt":)" + QByteArray::number(int(object.options()));
-    _text += R"(,"p":)";
-    json::appendString(_text, object.publisher());
-    _text += R"(,"uid":)";
-    json::appendString(_text, object.uid());
-    _text += R"(},"operation":"pub"})";
-    return TrelanFrame::encodeText(TrelanFrame::Request, _text);
+    return EnvelopeWriter(_text)
+        .begin(keys::DATA)
+        .map(keys::OBJECT_CONTENT, object.content())
+        .time(keys::TIME, object.timestamp().toMSecsSinceEpoch())
+        .text(keys::OBJECT_NAME, object.name())
+        .number(keys::OBJECT_OPTIONS, int(object.options()))
+        .text(keys::OBJECT_PUBLISHER, object.publisher())
+        .text(keys::UID, object.uid())
+        .end()
+        .text(keys::OPERATION, QStringLiteral("pub"))
+        .frame(frameformat::REQUEST);
 }
 
 } // namespace bus::requests

@@ -4,8 +4,10 @@
 #include "trelanframe.h"
 
 #include <base64.h>
+#include <envelopewriter.h>
+#include <frameformat.h>
 #include <jsondom.h>
-#include <jsonwriter.h>
+#include <wirekeys.h>
 
 #include <charconv>
 #include <string_view>
@@ -60,18 +62,18 @@ private:
     bool field(std::string_view key, dom::element value)
     {
         std::string_view time;
-        if (key == "dt")
+        if (key == keys::TIME)
             return take(0, value, time) && takeTime(time, _time);
-        if (key == "msg")
+        if (key == keys::MESSAGE_TEXT)
             return take(1, value, _text);
-        if (key == "ops")
+        if (key == keys::MESSAGE_OPTIONS)
             return isNew(2) && value.get(_options) == simdjson::SUCCESS &&
                    _options == int(_options);
-        if (key == "r")
+        if (key == keys::MESSAGE_RECIEVER)
             return take(3, value, _reciever);
-        if (key == "s")
+        if (key == keys::MESSAGE_SENDER)
             return take(4, value, _sender);
-        return key == "uid" && take(5, value, _uid);
+        return key == keys::UID && take(5, value, _uid);
     }
 
     bool take(int number, dom::element value, std::string_view &utf8)
@@ -113,8 +115,8 @@ std::optional<TrelanMessage> decode(const QByteArray &payload)
         dom::object data;
         std::string_view operation;
         if (root.get(envelope) == simdjson::SUCCESS && envelope.size() == ENVELOPE_FIELDS &&
-            envelope["operation"].get(operation) == simdjson::SUCCESS && operation == OPERATION &&
-            envelope["data"].get(data) == simdjson::SUCCESS)
+            envelope[keys::OPERATION].get(operation) == simdjson::SUCCESS &&
+            operation == OPERATION && envelope[keys::DATA].get(data) == simdjson::SUCCESS)
             message = Reader().read(data);
         return message.has_value();
     });
@@ -123,23 +125,25 @@ std::optional<TrelanMessage> decode(const QByteArray &payload)
 
 QByteArray acknowledgement(const TrelanMessage &message, TrelanTransport::Coding coding)
 {
+    const QString operation = QStringLiteral("sendMessage");
     if (coding == TrelanTransport::Classic) {
-        return TrelanFrame::encode(
-            TrelanFrame::Reply,
-            TrelanFrame::reply(QStringLiteral("sendMessage"), TrelanError(),
-                               {{QStringLiteral("sender"), message.sender()},
-                                {QStringLiteral("reciever"), message.reciever()},
-                                {QStringLiteral("uid"), message.uid()}}),
-            coding);
+        return TrelanFrame::encode(TrelanFrame::Reply,
+                                   TrelanFrame::reply(operation, TrelanError(),
+                                                      {{keys::SENDER, message.sender()},
+                                                       {keys::RECIEVER, message.reciever()},
+                                                       {keys::UID, message.uid()}}),
+                                   coding);
     }
-    QByteArray text(R"({"data":{"reciever":)");
-    json::appendString(text, message.reciever());
-    text += R"(,"sender":)";
-    json::appendString(text, message.sender());
-    text += R"(,"uid":)";
-    json::appendString(text, message.uid());
-    text += R"(},"operation":"sendMessage","result":{"code":0,"description":""}})";
-    return TrelanFrame::encodeText(TrelanFrame::Reply, text);
+    QByteArray text;
+    return EnvelopeWriter(text)
+        .begin(keys::DATA)
+        .text(keys::RECIEVER, message.reciever())
+        .text(keys::SENDER, message.sender())
+        .text(keys::UID, message.uid())
+        .end()
+        .text(keys::OPERATION, operation)
+        .success()
+        .frame(frameformat::REPLY);
 }
 
 } // namespace bus::delivery

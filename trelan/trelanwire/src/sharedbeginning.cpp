@@ -1,8 +1,8 @@
-#include "delivery/sharedpayload.h"
+#include "sharedbeginning.h"
 
-#include <base64.h>
-#include <storedstream.h>
-#include <zstream.h>
+#include "base64.h"
+#include "frameformat.h"
+#include "zstream.h"
 
 namespace bus
 {
@@ -10,10 +10,8 @@ namespace bus
 namespace
 {
 
-constexpr int GROUP = 3;       // bytes that base64 makes characters of together
-constexpr int HEADER_SIZE = 6; // declared length, and header of the zlib stream
-constexpr int LEVEL = Z_BEST_SPEED;
-
+constexpr int GROUP = 3;       // bytes that become whole characters of base64
+constexpr int HEADER_SIZE = 6; // the declared length and the header of the zlib stream
 static_assert(HEADER_SIZE % GROUP == 0, "what follows the header has to begin a group");
 
 const Bytef *bytesOf(const QByteArray &bytes)
@@ -21,19 +19,18 @@ const Bytef *bytesOf(const QByteArray &bytes)
     return reinterpret_cast<const Bytef *>(bytes.constData());
 }
 
-/// A stream without header and trailer, set up once for each thread.
+/// Compresses to blocks without a header and a trailer around them.
 class BlockDeflater
 {
 public:
     BlockDeflater()
-        : _ready(deflateInit2(&_stream, LEVEL, Z_DEFLATED, -MAX_WBITS, MEMORY_LEVEL,
+        : _ready(deflateInit2(&_stream, Z_BEST_SPEED, Z_DEFLATED, -MAX_WBITS, MEMORY_LEVEL,
                               Z_DEFAULT_STRATEGY) == Z_OK)
     {}
     ~BlockDeflater() { deflateEnd(&_stream); }
     Q_DISABLE_COPY(BlockDeflater)
 
-    /// Compressed blocks that end with a whole byte, and do not end the stream. Nothing if there is
-    /// no memory for it.
+    /// Blocks that end with a whole byte and do not end the stream. Empty if there is no memory.
     QByteArray blocks(const QByteArray &bytes)
     {
         if (!_ready || deflateReset(&_stream) != Z_OK)
@@ -52,7 +49,7 @@ public:
     }
 
 private:
-    static constexpr int MEMORY_LEVEL = 8; // zlib's own
+    static constexpr int MEMORY_LEVEL = 8; // zlib's default
 
     z_stream _stream {};
     bool _ready;
@@ -60,9 +57,9 @@ private:
 
 } // namespace
 
-SharedPayload::SharedPayload(const QByteArray &beginning)
+SharedBeginning::SharedBeginning(const QByteArray &beginning)
     : _size(beginning.size())
-    , _sum(stored::sum(beginning))
+    , _sum(zstream::sum(beginning))
 {
     QByteArray blocks;
     if (beginning.size() > zstream::STORED_SIZE) {
@@ -76,7 +73,7 @@ SharedPayload::SharedPayload(const QByteArray &beginning)
     _rest = blocks.mid(whole);
 }
 
-QByteArray SharedPayload::frame(TrelanFrame::Kind kind, const QByteArray &ending) const
+QByteArray SharedBeginning::frame(std::string_view word, const QByteArray &ending) const
 {
     QByteArray head;
     zstream::appendBigEndian(head, quint32(_size + ending.size()));
@@ -84,16 +81,15 @@ QByteArray SharedPayload::frame(TrelanFrame::Kind kind, const QByteArray &ending
 
     QByteArray tail = _rest;
     zstream::appendStored(tail, ending, true);
-    const uLong endingSum = adler32(1, bytesOf(ending), uInt(ending.size()));
-    zstream::appendBigEndian(tail, quint32(adler32_combine(_sum, endingSum, ending.size())));
+    const uLong sum = adler32_combine(_sum, zstream::sum(ending), ending.size());
+    zstream::appendBigEndian(tail, quint32(sum));
 
-    QByteArray payload;
-    payload.reserve(base64::encodedSize(head.size()) + _base64.size() +
-                    base64::encodedSize(tail.size()));
-    base64::append(payload, head);
-    payload += _base64;
-    base64::append(payload, tail);
-    return TrelanFrame::frame(kind, payload);
+    QByteArray frame = frameformat::lines(word, base64::encodedSize(head.size()) + _base64.size() +
+                                                    base64::encodedSize(tail.size()));
+    base64::append(frame, head);
+    frame += _base64;
+    base64::append(frame, tail);
+    return frame;
 }
 
 } // namespace bus
