@@ -40,7 +40,7 @@ Notification::Notification(TrelanTransport::Coding coding)
     : _coding(coding)
 {}
 
-Delivery Notification::delivery(const ObjectRecord &record, const QString &receiver)
+QueuedMessage Notification::message(const ObjectRecord &record, const QString &receiver)
 {
     if (!_body || !_content.isSharedWith(record.contentJson)) {
         _content = record.contentJson;
@@ -48,10 +48,10 @@ Delivery Notification::delivery(const ObjectRecord &record, const QString &recei
     }
     const ObjectHead &head = record.head;
     const QString &uid = record.deliveryUid.isEmpty() ? head.uid : record.deliveryUid;
-    Delivery delivery(_body, receiver, uid);
-    delivery.kind = isKept(record) ? Delivery::Value : Delivery::Event;
-    delivery.object = head.name;
-    return delivery;
+    QueuedMessage message(_body, receiver, uid);
+    message.kind = isKept(record) ? QueuedMessage::Value : QueuedMessage::Event;
+    message.object = head.name;
+    return message;
 }
 
 bool Notification::isKept(const ObjectRecord &record)
@@ -64,11 +64,11 @@ qint64 Notification::cost(const ObjectRecord &record)
     return FIXED_COST + qint64(record.contentJson.size()) * qint64(sizeof(QChar));
 }
 
-DeliveryBody::Ref Notification::body(const ObjectRecord &record, TrelanTransport::Coding coding)
+MessageBody::Ref Notification::body(const ObjectRecord &record, TrelanTransport::Coding coding)
 {
     const QByteArray text =
         coding == TrelanTransport::Classic ? classicText(record) : lightText(record);
-    return std::make_shared<const DeliveryBody>(text, record.head.publisher, record.head.time);
+    return std::make_shared<const MessageBody>(text, record.head.publisher, record.head.time);
 }
 
 } // namespace bus

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "delivery/deliveryqueue.h"
+#include "delivery/queuedmessage.h"
 #include "values/objectrecord.h"
 
 #include <trelantransport.h>
@@ -21,19 +21,19 @@ public:
     explicit Notification(TrelanTransport::Coding coding);
 
     /// The message that tells \a receiver of \a record.
-    Delivery delivery(const ObjectRecord &record, const QString &receiver);
+    QueuedMessage message(const ObjectRecord &record, const QString &receiver);
 
     /// Whether the storage keeps the value, so that it can be read there when it is sent.
     static bool isKept(const ObjectRecord &record);
     /// How many bytes the waiting message takes, roughly.
     static qint64 cost(const ObjectRecord &record);
     /// What all subscribers are told of \a record.
-    static DeliveryBody::Ref body(const ObjectRecord &record, TrelanTransport::Coding coding);
+    static MessageBody::Ref body(const ObjectRecord &record, TrelanTransport::Coding coding);
 
 private:
     TrelanTransport::Coding _coding;
     QByteArray _content; // of the last value; shared with its record
-    DeliveryBody::Ref _body;
+    MessageBody::Ref _body;
 };
 
 } // namespace bus

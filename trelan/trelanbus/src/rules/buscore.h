@@ -60,9 +60,9 @@ private:
     QVariantMap clientData(const QString &name) const;
     void sendMessage(ConnectionId id, const BusRequest &request);
     void deliver(const PublishOrder::Publish &publish);
+    void closeReceivers(const BusDelivery::Overruns &overruns);
     void closeReceiver(const QString &client, const QString &reason);
     void freshenUid(ObjectRecord &record);
-    void pump(const QString &client);
 
     const int _maxSubscriptions;
     BusStorage &_storage;

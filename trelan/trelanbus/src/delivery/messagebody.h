@@ -18,14 +18,14 @@ namespace bus
 ///
 /// It is made once for a publish and shared by the queues of all receivers, whose frames in the
 /// coding Light share their beginning. Immutable and thread-safe.
-class DeliveryBody
+class MessageBody
 {
 public:
-    using Ref = std::shared_ptr<const DeliveryBody>;
+    using Ref = std::shared_ptr<const MessageBody>;
 
     /// The body of a notification, with a \a text in UTF-8.
-    DeliveryBody(const QByteArray &text, const QString &sender, qint64 time);
-    explicit DeliveryBody(const TrelanMessage &message);
+    MessageBody(const QByteArray &text, const QString &sender, qint64 time);
+    explicit MessageBody(const TrelanMessage &message);
     Ref withoutText() const;
 
     int textSize() const; ///< in bytes or in characters

@@ -35,7 +35,7 @@ QVariantMap dataOf(const QByteArray &frame)
 
 } // namespace
 
-class tst_DeliveryBody : public QObject
+class tst_MessageBody : public QObject
 {
     Q_OBJECT
 
@@ -59,7 +59,7 @@ private Q_SLOTS:
         message.setMessage(text);
         message.setOptions(TrelanMessage::Options(QFlag(options)));
         message.setSender(names);
-        const DeliveryBody body(message);
+        const MessageBody body(message);
         for (const QString &receiver : {names, names + '2'}) {
             message.setReciever(receiver);
             message.setUid(receiver + names);
@@ -93,7 +93,7 @@ private Q_SLOTS:
         record.head.uid = "uid";
         record.head.time = 1700000000123;
         const auto frame = [&](TrelanTransport::Coding coding) {
-            return Notification(coding).delivery(record, "receiver").frame(coding);
+            return Notification(coding).message(record, "receiver").frame(coding);
         };
         const TrelanMessage expected = record.toObject().toMessage("receiver");
         QCOMPARE(frame(TrelanTransport::Classic), classicFrame(expected));
@@ -105,5 +105,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_APPLESS_MAIN(tst_DeliveryBody)
-#include "tst_deliverybody.moc"
+QTEST_APPLESS_MAIN(tst_MessageBody)
+#include "tst_messagebody.moc"

@@ -1,4 +1,4 @@
-#include "delivery/deliverybody.h"
+#include "delivery/messagebody.h"
 
 #include <envelopewriter.h>
 #include <frameformat.h>
@@ -18,14 +18,14 @@ constexpr int FIXED_TEXT = 256; // bytes that the keys around a text take
 constexpr int OPEN_OBJECTS = 2; // behind a beginning: the envelope and its data
 } // namespace
 
-DeliveryBody::DeliveryBody(const QByteArray &text, const QString &sender, qint64 time)
+MessageBody::MessageBody(const QByteArray &text, const QString &sender, qint64 time)
     : _utf8(text)
     , _sender(sender)
     , _time(time)
     , _digest(std::hash<std::string_view>()({text.constData(), size_t(text.size())}))
 {}
 
-DeliveryBody::DeliveryBody(const TrelanMessage &message)
+MessageBody::MessageBody(const TrelanMessage &message)
     : _text(message.message())
     , _sender(message.sender())
     , _time(message.timestamp().toMSecsSinceEpoch())
@@ -34,33 +34,33 @@ DeliveryBody::DeliveryBody(const TrelanMessage &message)
           {reinterpret_cast<const char16_t *>(_text.utf16()), size_t(_text.size())}))
 {}
 
-DeliveryBody::Ref DeliveryBody::withoutText() const
+MessageBody::Ref MessageBody::withoutText() const
 {
-    return std::make_shared<const DeliveryBody>(QByteArray(), _sender, _time);
+    return std::make_shared<const MessageBody>(QByteArray(), _sender, _time);
 }
 
-int DeliveryBody::textSize() const
+int MessageBody::textSize() const
 {
     return _utf8.size() + _text.size();
 }
 
-const QString &DeliveryBody::sender() const
+const QString &MessageBody::sender() const
 {
     return _sender;
 }
 
-bool DeliveryBody::needsAnswer() const
+bool MessageBody::needsAnswer() const
 {
     return _options.testFlag(TrelanMessage::NeedAnswer);
 }
 
-size_t DeliveryBody::digest() const
+size_t MessageBody::digest() const
 {
     return _digest;
 }
 
-QByteArray DeliveryBody::frame(const QString &reciever, const QString &uid,
-                               TrelanTransport::Coding coding) const
+QByteArray MessageBody::frame(const QString &reciever, const QString &uid,
+                              TrelanTransport::Coding coding) const
 {
     if (coding == TrelanTransport::Classic)
         return classicFrame(reciever, uid);
@@ -73,7 +73,7 @@ QByteArray DeliveryBody::frame(const QString &reciever, const QString &uid,
 }
 
 /// Peers of this coding expect the bytes of TrelanFrame::encode().
-QByteArray DeliveryBody::classicFrame(const QString &reciever, const QString &uid) const
+QByteArray MessageBody::classicFrame(const QString &reciever, const QString &uid) const
 {
     TrelanMessage message {TrelanTimestamp(_time)};
     message.setMessage(_utf8.isEmpty() ? _text : QString::fromUtf8(_utf8));
@@ -86,13 +86,13 @@ QByteArray DeliveryBody::classicFrame(const QString &reciever, const QString &ui
                                TrelanTransport::Classic);
 }
 
-bool DeliveryBody::isEncoded() const
+bool MessageBody::isEncoded() const
 {
     return _isEncoded;
 }
 
 /// Two threads may need it first at once: the codec thread and the thread of the bus.
-const SharedBeginning &DeliveryBody::shared() const
+const SharedBeginning &MessageBody::shared() const
 {
     if (!_isEncoded) {
         const std::lock_guard lock(_mutex);
@@ -103,7 +103,7 @@ const SharedBeginning &DeliveryBody::shared() const
     return *_shared;
 }
 
-QByteArray DeliveryBody::beginning() const
+QByteArray MessageBody::beginning() const
 {
     QByteArray text;
     text.reserve(FIXED_TEXT + 2 * textSize());
