@@ -18,17 +18,17 @@ constexpr int FIXED_TEXT = 128; // bytes of the keys around the data
 
 bool isLight(const TrelanBusSettings &settings)
 {
-    return settings.coding == TrelanTransport::Light;
+    return settings.coding() == TrelanTransport::Light;
 }
 
 /// The frame around a compressed envelope.
 QByteArray frame(const QString &word, const QByteArray &bytes, const TrelanBusSettings &settings)
 {
     const int size = base64::encodedSize(bytes.size());
-    if (size > settings.maxFrameSize) {
+    if (size > settings.maxFrameSize()) {
         const QString fault = QStringLiteral("an answer of %1 bytes is above the limit of %2")
                                   .arg(size)
-                                  .arg(settings.maxFrameSize);
+                                  .arg(settings.maxFrameSize());
         return status(word, {TrelanError::IncorrectRequestSize, fault}, settings);
     }
     QByteArray frame = frameformat::lines(frameformat::REPLY, size);
@@ -77,7 +77,7 @@ QVariantMap mapByName(const QVector<ObjectRecord> &records)
 QByteArray status(const QString &word, const TrelanError &error, const TrelanBusSettings &settings)
 {
     return TrelanFrame::encode(TrelanFrame::Reply, TrelanFrame::reply(word, error),
-                               settings.coding);
+                               settings.coding());
 }
 
 QByteArray object(const QString &word, const ObjectRecord &record,

@@ -80,23 +80,24 @@ bool BusServer::start()
 {
     if (!_storage.open()) {
         _errorString = _storage.errorString();
-        if (_settings.requireStorage)
+        if (_settings.requireStorage())
             return false;
         qCWarning(BUS_LOG).noquote() << "permanent objects are refused:" << _errorString;
     }
     _core.restoreMessages();
     watchTimes();
-    return listen(_queryListener, _settings.queryDescriptor, _settings.queryPort) &&
-           listen(_msgListener, _settings.msgDescriptor, _settings.msgPort);
+    return listen(_queryListener, _settings.queryDescriptor(), _settings.queryPort()) &&
+           listen(_msgListener, _settings.msgDescriptor(), _settings.msgPort());
 }
 
 bool BusServer::listen(BusListener &listener, int descriptor, quint16 port)
 {
     const bool given = descriptor >= 0;
-    if (given ? listener.listen(descriptor) : listener.listen(_settings.host, port))
+    if (given ? listener.listen(descriptor) : listener.listen(_settings.host(), port))
         return true;
-    const QString where = given ? QStringLiteral("descriptor %1").arg(descriptor)
-                                : QStringLiteral("%1:%2").arg(_settings.host.toString()).arg(port);
+    const QString where = given
+                              ? QStringLiteral("descriptor %1").arg(descriptor)
+                              : QStringLiteral("%1:%2").arg(_settings.host().toString()).arg(port);
     _errorString = QStringLiteral("cannot listen on %1: %2").arg(where, listener.errorString());
     return false;
 }
@@ -152,11 +153,11 @@ void BusServer::replyObjects(ConnectionId id, const QString &word,
                              const QVector<ObjectRecord> &records)
 {
     const qint64 cost = totalCost(records);
-    if (cost > _settings.maxInflatedSize) {
+    if (cost > _settings.maxInflatedSize()) {
         const QString fault = QStringLiteral("%1 objects of %2 bytes are above the limit of %3")
                                   .arg(records.size())
                                   .arg(cost)
-                                  .arg(_settings.maxInflatedSize);
+                                  .arg(_settings.maxInflatedSize());
         reply(id, word, {TrelanError::IncorrectRequestSize, fault});
         return;
     }
@@ -217,7 +218,7 @@ void BusServer::setRegistered(ConnectionId id)
 
 void BusServer::onDescriptor(BusConnection::Channel channel, int descriptor)
 {
-    if (_connections.size() >= _settings.maxConnections) {
+    if (_connections.size() >= _settings.maxConnections()) {
         ::close(descriptor);
         if (_warnings.allows(QStringLiteral("connections"))) {
             qCWarning(BUS_LOG) << "a connection is refused: there are" << _connections.size()
@@ -237,7 +238,7 @@ void BusServer::onDescriptor(BusConnection::Channel channel, int descriptor)
 
 void BusServer::onRequest(ConnectionId id, const QByteArray &payload)
 {
-    const qint64 limit = _settings.maxInflatedSize;
+    const qint64 limit = _settings.maxInflatedSize();
     if (payload.size() <= SMALL_REQUEST) {
         const BusRequest request = BusRequest::parse(payload, qMin(limit, SMALL_INFLATED));
         // A small payload may inflate a thousandfold, which makes it a large request.

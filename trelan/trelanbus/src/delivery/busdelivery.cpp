@@ -71,7 +71,7 @@ void BusDelivery::restore()
     for (const StoredMessage &stored : messages) {
         // The machine's clock may have been set since then, so that its difference can be anything.
         const qint64 age =
-            qBound<qint64>(0, wallClock - stored.queuedAt, _settings.messageLifetime);
+            qBound<qint64>(0, wallClock - stored.queuedAt, _settings.messageLifetime());
         const QString name = stored.message.reciever();
         append(stored.message, now() - age, stored.id);
     }
@@ -134,7 +134,7 @@ void BusDelivery::reserve(const QString &name, int messages, qint64 bytes)
 BusDelivery::Overruns BusDelivery::deliver(const ObjectRecord &record, const QStringList &clients)
 {
     Overruns overruns;
-    Notification notification(_settings.coding);
+    Notification notification(_settings.coding());
     for (const QString &client : clients) {
         const QString overrun = notify(client, record, false, notification);
         if (!overrun.isEmpty())
@@ -147,7 +147,7 @@ BusDelivery::Overruns BusDelivery::deliver(const ObjectRecord &record, const QSt
 
 BusDelivery::Overruns BusDelivery::deliverStored(const QStringList &objects, const QString &client)
 {
-    Notification notification(_settings.coding);
+    Notification notification(_settings.coding());
     for (const QString &object : objects) {
         const ObjectRecord *record = _storage.find(object);
         const QString overrun = record ? notify(client, *record, true, notification) : QString();
@@ -214,7 +214,7 @@ void BusDelivery::acknowledge(const QString &client, const QString &sender, cons
 
 void BusDelivery::sendMore(const QString &client)
 {
-    Notification notification(_settings.coding);
+    Notification notification(_settings.coding());
     sendMore(client, notification);
 }
 
@@ -230,7 +230,8 @@ void BusDelivery::sendMore(const QString &name, Notification &notification)
         if (known == _clients.end() || known->connection == 0 || !known->queue.hasNext() ||
             !_output.canPush(known->connection) || encodesLarge(name, *known, std::cref(newest)))
             return;
-        const QByteArray frame = known->queue.takeFrame(now(), std::cref(newest), _settings.coding);
+        const QByteArray frame =
+            known->queue.takeFrame(now(), std::cref(newest), _settings.coding());
         const ConnectionId connection = known->connection;
         settleAccount(name); // names have become messages
         if (frame.isEmpty())
@@ -247,7 +248,7 @@ void BusDelivery::checkTimes()
         Client &client = _clients[name];
         if (client.connection != 0 && !_output.canPush(client.connection))
             client.queue.heard(now()); // a large frame is still leaving
-        client.queue.checkTimes(now(), _settings.messageLifetime);
+        client.queue.checkTimes(now(), _settings.messageLifetime());
         if (client.lostEvents > 0 && _warnings.allows(name))
             warnOfLostEvents(name, client);
         settleAccount(name);
@@ -301,23 +302,23 @@ TrelanError BusDelivery::roomFault(const QString &name, qint64 cost) const
         return TrelanError(); // see dropExcess()
     const auto known = _clients.constFind(name);
     const bool isNew = known == _clients.constEnd();
-    if (isNew && _absent >= _settings.maxQueues) {
+    if (isNew && _absent >= _settings.maxQueues()) {
         return boundFault(QStringLiteral("the bus has %1 queues for absent clients at most")
-                              .arg(_settings.maxQueues));
+                              .arg(_settings.maxQueues()));
     }
-    if (_bytes + cost > _settings.maxQueuedBytes)
-        return boundFault(totalFault(_settings.maxQueuedBytes));
+    if (_bytes + cost > _settings.maxQueuedBytes())
+        return boundFault(totalFault(_settings.maxQueuedBytes()));
     const Client nothing;
     const Client &client = isNew ? nothing : *known;
     if (isFull(client, 1, 0)) {
         return boundFault(QStringLiteral("client %1 has %2 messages waiting at most")
                               .arg(names::quoted(name))
-                              .arg(_settings.maxClientMessages));
+                              .arg(_settings.maxClientMessages()));
     }
     if (isFull(client, 1, cost)) {
         return boundFault(QStringLiteral("client %1 has %2 bytes waiting at most")
                               .arg(names::quoted(name))
-                              .arg(_settings.maxClientBytes));
+                              .arg(_settings.maxClientBytes()));
     }
     return TrelanError();
 }
@@ -326,35 +327,35 @@ TrelanError BusDelivery::roomFault(const QString &name, qint64 cost) const
 bool BusDelivery::isFull(const Client &client, int messages, qint64 bytes) const
 {
     return client.queue.count() + client.reservedMessages + messages >
-               _settings.maxClientMessages ||
-           client.queue.bytes() + client.reservedBytes + bytes > _settings.maxClientBytes;
+               _settings.maxClientMessages() ||
+           client.queue.bytes() + client.reservedBytes + bytes > _settings.maxClientBytes();
 }
 
 /// Whether of a stored object only the name is to wait.
 bool BusDelivery::isBehind(const QString &name, const ObjectRecord &record) const
 {
     const qint64 cost = Notification::cost(record);
-    if (_bytes + cost > _settings.maxQueuedBytes)
+    if (_bytes + cost > _settings.maxQueuedBytes())
         return true;
     const auto known = _clients.constFind(name);
     if (known == _clients.constEnd())
-        return cost > _settings.maxClientBytes / CONFLATED_BYTES_SHARE;
+        return cost > _settings.maxClientBytes() / CONFLATED_BYTES_SHARE;
     const ClientQueue &queue = known->queue;
-    const int most = qMin(_settings.conflateAbove, _settings.maxClientMessages);
+    const int most = qMin(_settings.conflateAbove(), _settings.maxClientMessages());
     return queue.hasName(record.head.name) || queue.count() + queue.nameCount() >= most ||
-           queue.bytes() + cost > _settings.maxClientBytes / CONFLATED_BYTES_SHARE;
+           queue.bytes() + cost > _settings.maxClientBytes() / CONFLATED_BYTES_SHARE;
 }
 
 QString BusDelivery::appendName(const QString &name, const QString &object, bool fresh)
 {
     ClientQueue &queue = client(name).queue;
     if (!queue.hasName(object)) {
-        if (queue.nameCount() >= _settings.maxClientNames)
-            return QStringLiteral("%1 objects wait for it at most").arg(_settings.maxClientNames);
+        if (queue.nameCount() >= _settings.maxClientNames())
+            return QStringLiteral("%1 objects wait for it at most").arg(_settings.maxClientNames());
         // Past the bound of all clients those with more than their share have to go.
-        if (_nameBytes > _settings.maxQueuedBytes &&
+        if (_nameBytes > _settings.maxQueuedBytes() &&
             queue.nameBytes() > _nameBytes / _clients.size())
-            return totalFault(_settings.maxQueuedBytes);
+            return totalFault(_settings.maxQueuedBytes());
     }
     const ObjectRecord *record = _storage.find(object);
     queue.appendName(record ? record->head.name : object, fresh);
@@ -389,7 +390,7 @@ bool BusDelivery::encodesLarge(const QString &name, Client &client,
         return false;
     settleAccount(name); // names have become messages
     client.encoding = true;
-    const auto encode = [message = *next, coding = _settings.coding] {
+    const auto encode = [message = *next, coding = _settings.coding()] {
         return message.frame(coding);
     };
     _output.encode(encode, [this, name, key = next->key](const QByteArray &frame) {
@@ -421,7 +422,7 @@ void BusDelivery::dropExcess(const QString &name, Client &client, QueuedMessage:
 {
     const qint64 others = _bytes - client.accounted;
     qint64 dropped = 0;
-    while ((isFull(client, 0, 0) || others + client.queue.bytes() > _settings.maxQueuedBytes) &&
+    while ((isFull(client, 0, 0) || others + client.queue.bytes() > _settings.maxQueuedBytes()) &&
            client.queue.dropOldest(kind, client.encoding)) // the next frame is being made
         ++dropped;
     if (dropped == 0)

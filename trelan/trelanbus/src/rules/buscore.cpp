@@ -30,7 +30,7 @@ void logPublish(const ObjectHead &object)
 } // namespace
 
 BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output)
-    : _maxSubscriptions(settings.maxSubscriptions)
+    : _maxSubscriptions(settings.maxSubscriptions())
     , _storage(storage)
     , _output(output)
     , _delivery(settings, storage, output, [this](ConnectionId id) { _msgClients.count(id); })

@@ -4,9 +4,9 @@ namespace bus
 {
 
 BusStorage::BusStorage(const TrelanBusSettings &settings, std::function<void()> wake)
-    : _folder(settings.dataFolder)
+    : _folder(settings.dataFolder())
     , _wake(std::move(wake))
-    , _objects(settings.maxObjects, settings.maxObjectBytes)
+    , _objects(settings.maxObjects(), settings.maxObjectBytes())
 {}
 
 BusStorage::~BusStorage() = default;
