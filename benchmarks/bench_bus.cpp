@@ -102,7 +102,8 @@ public:
         TrelanTransport::setCoding(transport == LIGHT ? TrelanTransport::Light
                                                       : TrelanTransport::Classic);
         bus::TrelanBusSettings settings;
-        settings.queryPort = settings.msgPort = 0;
+        settings.setQueryPort(0);
+        settings.setMsgPort(0);
         ready = _server.start(settings);
         bus::TrelanQueryHandler::setQueryPort(_server.queryPort());
         for (int number = 0; number < receivers; ++number) {

@@ -44,10 +44,9 @@ class Bus:
 
 OWN = [
     Bus("prompt-light", "Prompt + Light", servers.trelanbusd, idle=True),
-    Bus("prompt-classic", "Prompt + Classic", servers.embedded("prompt-classic")),
+    Bus("prompt-classic", "Prompt + Classic", servers.trelanbusd),
     Bus("controllers", "two controllers, Prompt + Light", servers.trelanbusd, DELIVERED),
-    Bus("paced-classic", "Paced + Classic", servers.embedded("paced-classic"),
-        ACKNOWLEDGED + DELIVERED, slow=True),
+    Bus("paced-classic", "Paced + Classic", servers.trelanbusd, ACKNOWLEDGED + DELIVERED, slow=True),
     Bus("relay", "raw relay, no codec", servers.embedded("relay"), idle=True),
 ]
 

@@ -3,7 +3,6 @@
 #include "arrivals.h"
 #include "readings.h"
 
-#include <trelanbus.h>
 #include <trelanmessagereciever.h>
 #include <trelanqueryhandler.h>
 
@@ -93,15 +92,4 @@ std::unique_ptr<Receiver> ChannelBus::connectReceiver(int number, Arrivals &arri
 {
     auto receiver = std::make_unique<ChannelReceiver>(readings::receiver(number), arrivals);
     return receiver->open() ? std::move(receiver) : nullptr;
-}
-
-void ChannelBus::serve()
-{
-    bus::TrelanBus server;
-    bus::TrelanBusSettings settings;
-    settings.queryPort = settings.msgPort = 0;
-    if (!server.start(settings))
-        return;
-    ready({QString::number(server.queryPort()), QString::number(server.msgPort())});
-    QCoreApplication::exec();
 }

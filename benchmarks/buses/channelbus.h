@@ -6,8 +6,7 @@
 
 /// \brief This bus, through the channel classes themselves.
 ///
-/// Its server is trelanbusd or, for the coding that the daemon does not use, the bus embedded in a
-/// process that does nothing else.
+/// Its server is trelanbusd, which writes the coding Light and reads every coding.
 class ChannelBus : public Bus
 {
 public:
@@ -17,5 +16,4 @@ public:
 
     std::unique_ptr<Publisher> connectPublisher() override;
     std::unique_ptr<Receiver> connectReceiver(int number, Arrivals &arrivals) override;
-    void serve() override;
 };

@@ -10,7 +10,8 @@ int main(int argc, char **argv)
     bus::TrelanTransport::setMode(bus::TrelanTransport::Prompt);
 
     bus::TrelanBusSettings settings;
-    settings.queryPort = settings.msgPort = 0; // any free ports
+    settings.setQueryPort(0); // any free port
+    settings.setMsgPort(0);
     bus::TrelanBus server;
     if (!server.start(settings)) {
         qCritical().noquote() << server.errorString();

@@ -40,7 +40,7 @@ private Q_SLOTS:
         // The bus adds that lines are lost, and maybe that the message channel is connected.
         constexpr int LINES = 20, KEPT = 4, LINES_OF_BUS = 2;
         TrelanBusSettings settings;
-        settings.maxClientMessages = KEPT;
+        settings.setMaxClientMessages(KEPT);
         const TestBus server(settings);
         Application app("app");
         const QSignalSpy sent(&app, SIGNAL(sendLogMessage(TrelanMessage)));

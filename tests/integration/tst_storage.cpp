@@ -67,9 +67,10 @@ private slots:
         limitFiles(RLIM_INFINITY);
         _dir = std::make_unique<QTemporaryDir>();
         _settings = TrelanBusSettings();
-        _settings.queryPort = _settings.msgPort = 0;
-        _settings.dataFolder = _dir->path();
-        _settings.requireStorage = true;
+        _settings.setQueryPort(0);
+        _settings.setMsgPort(0);
+        _settings.setDataFolder(_dir->path());
+        _settings.setRequireStorage(true);
     }
 
     /// Its thread must not log while the program ends, and the log with it.
@@ -146,7 +147,7 @@ private slots:
         QVERIFY2(fault.startsWith(file.fileName() + ": "), qPrintable(fault));
         QVERIFY2(fault.contains(QRegularExpression(reason)), qPrintable(fault));
 
-        _settings.requireStorage = false;
+        _settings.setRequireStorage(false);
         TrelanQueryHandler client("client");
         QVERIFY(start() && client.open() && !client.publish(object("a", 1)));
         QCOMPARE(client.lastError().error(), TrelanError::InvalidDataStorage);
@@ -189,10 +190,10 @@ private slots:
         QFETCH(int, maxObjects);
         QFETCH(QString, which);
         const LogCapture log;
-        _settings.maxObjects = maxObjects;
-        _settings.maxObjectBytes = 9000;
+        _settings.setMaxObjects(maxObjects);
+        _settings.setMaxObjectBytes(9000);
         if (!onDisk)
-            _settings.dataFolder.clear();
+            _settings.setDataFolder({});
         TrelanQueryHandler client("client");
         const QString large(3500, 'x');
         QVERIFY(start() && client.open() && client.publish(object("a", large)));
@@ -210,7 +211,7 @@ private slots:
         // What does not fit on the disk takes nothing from those it is written together with, and
         // a value on its way there takes no room beside the one that it replaces.
         constexpr int THREADS = 8;
-        _settings.maxObjects = THREADS;
+        _settings.setMaxObjects(THREADS);
         TrelanQueryHandler client("client");
         QVERIFY(start() && client.open() && client.publish(object("a.0", 1)));
         QAtomicInt acknowledged;

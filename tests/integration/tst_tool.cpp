@@ -16,8 +16,8 @@
 static QStringList shellWords(const QByteArray &line, const bus::TrelanBusSettings &bus)
 {
     return {"-c", QStringLiteral("exec '" TRELANCTL "' --query-port %1 --msg-port %2 %3")
-                      .arg(bus.queryPort)
-                      .arg(bus.msgPort)
+                      .arg(bus.queryPort())
+                      .arg(bus.msgPort())
                       .arg(QString::fromUtf8(line))};
 }
 
@@ -74,10 +74,11 @@ class tst_Tool : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        _at.queryPort = _at.msgPort = 0;
+        _at.setQueryPort(0);
+        _at.setMsgPort(0);
         QVERIFY2(_bus.start(_at), qPrintable(_bus.errorString()));
-        _at.queryPort = _bus.queryPort();
-        _at.msgPort = _bus.msgPort();
+        _at.setQueryPort(_bus.queryPort());
+        _at.setMsgPort(_bus.msgPort());
         for (const char *line : {"pub k.ls n=1 s=x --logged --name me", "pub 'k.[a]' '{\"a\":[1]}'",
                                  "pub k.per - --permanent", "pub gone.a x=1", "pub gone.b x=1",
                                  "pub passed.on x=1 --not-stored", "rm gone.a ' gone.b' never.was"})
@@ -267,11 +268,11 @@ private Q_SLOTS:
 
     void noBus()
     {
-        _at.msgPort = 1;
+        _at.setMsgPort(1);
         QVERIFY(runTool("watch x", _at).startsWith("3||trelanctl: no bus at 127.0.0.1:1\n"));
         _bus.stop();
         const QString expected =
-            QString("3||trelanctl: no bus at 127.0.0.1:%1\n").arg(_at.queryPort);
+            QString("3||trelanctl: no bus at 127.0.0.1:%1\n").arg(_at.queryPort());
         for (const char *line : {"ls", "watch x", "call x y", "send x y"})
             QVERIFY2(runTool(line, _at).startsWith(expected), line);
     }

@@ -124,10 +124,26 @@ private Q_SLOTS:
         QCOMPARE(loaded("*"), "0 a.x a.z.z");
     }
 
+    void settingsAreValues()
+    {
+        const TrelanBusSettings defaults;
+        TrelanBusSettings settings = defaults;
+        settings.setMaxQueues(0);
+        settings.setMaxFrameSize(Q_INT64_C(1) << 40);
+        settings.setMaxObjectBytes(-5);
+        settings.setMsgDescriptor(-7);
+        QCOMPARE(settings.maxQueues(), 1);
+        QCOMPARE(settings.maxFrameSize(), qint64(1 << 30));
+        QCOMPARE(settings.maxObjectBytes(), qint64(1));
+        QCOMPARE(settings.msgDescriptor(), -1);
+        QCOMPARE(defaults.maxQueues(), 10000);
+        QVERIFY(settings != defaults && TrelanBusSettings() == defaults);
+    }
+
     void subscriptionLimit()
     {
         TrelanBusSettings settings;
-        settings.maxSubscriptions = 3;
+        settings.setMaxSubscriptions(3);
         TestBus server(settings);
         RawPeer peer(server, "me");
         const QString refused = "2 a client has 3 subscriptions at most";
@@ -143,7 +159,7 @@ private Q_SLOTS:
     void answerAboveTheFrameLimit()
     {
         TrelanBusSettings settings;
-        settings.maxFrameSize = 100 * 1024;
+        settings.setMaxFrameSize(100 * 1024);
         TestBus server(settings);
         RawPeer peer(server, "me");
         for (const char *name : {"a", "b", "c"}) {

@@ -102,7 +102,7 @@ private Q_SLOTS:
         QFETCH(QString, text);
         LogCapture log;
         TrelanBusSettings settings;
-        settings.maxInflatedSize = 4000000;
+        settings.setMaxInflatedSize(4000000);
         TestBus server(settings);
         RawPeer peer(server, "me");
         QVERIFY(peer.send(bytes));
@@ -116,7 +116,7 @@ private Q_SLOTS:
     {
         // Closed at once, what is still on its way would make the system throw the reply away.
         TrelanBusSettings settings;
-        settings.discardTime = 20000; // the sender may be slow
+        settings.setDiscardTime(20000); // the sender may be slow
         TestBus server(settings);
         RawPeer peer(server, "me"), other(server, "other");
         QVERIFY(peer.send("[-REQUEST-]\r\n20971520\r\n"));
@@ -125,7 +125,7 @@ private Q_SLOTS:
         QVERIFY(peer.envelope().value("operation") == "" && peer.awaitEnd());
         QVERIFY(isServed(other));
 
-        settings.discardTime = 100;
+        settings.setDiscardTime(100);
         TestBus impatient(settings);
         RawPeer endless(impatient);
         QVERIFY(endless.send("[-REQUEST-]\r\n20971520\r\n"));
@@ -150,8 +150,8 @@ private Q_SLOTS:
         QFETCH(QString, reason);
         LogCapture log;
         TrelanBusSettings settings;
-        settings.handshakeTimeout = 1000;
-        settings.stallTimeout = 300;
+        settings.setHandshakeTimeout(1000);
+        settings.setStallTimeout(300);
         TestBus server(settings);
         RawPeer idle(server, "me"), peer(server);
         QVERIFY(peer.send(bytes) && peer.awaitEnd());
@@ -163,7 +163,7 @@ private Q_SLOTS:
     {
         LogCapture log;
         TrelanBusSettings settings;
-        settings.stallTimeout = 300;
+        settings.setStallTimeout(300);
         TestBus server(settings);
         RawPeer peer(server, "me");
         QVERIFY(peer.send(publishNoise("large", 1000000)));
@@ -290,7 +290,7 @@ private Q_SLOTS:
     {
         LogCapture log;
         TrelanBusSettings settings;
-        settings.maxConnections = 2;
+        settings.setMaxConnections(2);
         TestBus server(settings);
         RawPeer first(server, "first");
         auto second = std::make_unique<RawPeer>(server, "second");
@@ -338,7 +338,7 @@ private Q_SLOTS:
         // Connections end and are taken over while the disk or the codec has their request.
         QTemporaryDir folder;
         TrelanBusSettings settings;
-        settings.dataFolder = folder.path();
+        settings.setDataFolder(folder.path());
         LogCapture log;
         TestBus server(settings);
         const int options = TrelanObject::Stored | TrelanObject::Permanent;

@@ -155,7 +155,7 @@ private Q_SLOTS:
         // The refusal would be logged, and come back as the next line.
         LogCapture log;
         TrelanBusSettings settings;
-        settings.maxClientMessages = 5;
+        settings.setMaxClientMessages(5);
         TestBus server(settings);
         RawPeer query(server, "me"), logger;
         for (int i = 0; i < 20; ++i)
@@ -174,7 +174,7 @@ private Q_SLOTS:
     void slowReaderGetsTheNewest()
     {
         TrelanBusSettings settings;
-        settings.conflateAbove = 10;
+        settings.setConflateAbove(10);
         TestBus server(settings);
         RawPeer writer(server, "writer"), query(server, "me"), messages;
         QCOMPARE(query.ask("sub {'wc':'*'}"), "0 ");
@@ -216,7 +216,7 @@ private Q_SLOTS:
     void eventAboveTheBound()
     {
         TrelanBusSettings settings;
-        settings.maxClientBytes = 300000;
+        settings.setMaxClientBytes(300000);
         TestBus server(settings);
         RawPeer query(server, "me"), messages;
         QVERIFY(messages.connectTo(server.msgPort()));
@@ -278,10 +278,10 @@ private Q_SLOTS:
         QFETCH(int, queues);
         QFETCH(int, accepted);
         TrelanBusSettings settings;
-        settings.maxClientMessages = messages;
-        settings.maxClientBytes = bytes;
-        settings.maxQueuedBytes = bytesInAll;
-        settings.maxQueues = queues;
+        settings.setMaxClientMessages(messages);
+        settings.setMaxClientBytes(bytes);
+        settings.setMaxQueuedBytes(bytesInAll);
+        settings.setMaxQueues(queues);
         TestBus server(settings);
         RawPeer sender(server, "s"), reader;
         QVERIFY(reader.connectTo(server.msgPort()));
@@ -302,9 +302,9 @@ private Q_SLOTS:
     {
         LogCapture log;
         TrelanBusSettings settings;
-        settings.conflateAbove = 1;
-        settings.maxClientNames = 3;
-        settings.maxClientMessages = 64; // as many as the window
+        settings.setConflateAbove(1);
+        settings.setMaxClientNames(3);
+        settings.setMaxClientMessages(64); // as many as the window
         TestBus server(settings);
         RawPeer writer(server, "writer"), query(server, "me"), messages;
         QVERIFY(messages.connectTo(server.msgPort()));
@@ -331,7 +331,7 @@ private Q_SLOTS:
     {
         LogCapture log;
         TrelanBusSettings settings;
-        settings.messageLifetime = 1;
+        settings.setMessageLifetime(1);
         TestBus server(settings);
         RawPeer query(server, "me");
         QCOMPARE(query.ask("sendMessage {'r':'you','ops':2,'msg':'a'}"), "0 ");
@@ -352,9 +352,9 @@ private Q_SLOTS:
 #endif
         LogCapture log;
         TrelanBusSettings settings;
-        settings.maxClientMessages = 4 * EACH;
-        settings.conflateAbove = 4 * EACH; // every value is counted
-        settings.maxClientBytes = settings.maxQueuedBytes;
+        settings.setMaxClientMessages(4 * EACH);
+        settings.setConflateAbove(4 * EACH); // every value is counted
+        settings.setMaxClientBytes(settings.maxQueuedBytes());
         TestBus server(settings);
         TrelanQueryHandler::setQueryPort(server.queryPort());
         TrelanMessageReciever::setMsgPort(server.msgPort());

@@ -14,7 +14,8 @@ using bus::TrelanFrameReader;
 
 TestBus::TestBus(bus::TrelanBusSettings settings)
 {
-    settings.queryPort = settings.msgPort = 0;
+    settings.setQueryPort(0);
+    settings.setMsgPort(0);
     if (!start(settings))
         qFatal("%s", qUtf8Printable(errorString()));
 }

@@ -1,4 +1,3 @@
-#include "delivery/sharedpayload.h"
 #include "logcapture.h"
 #include "testsupport.h"
 #include "testtable.h"
@@ -44,40 +43,6 @@ int compressedOtherwise(quint32 seed)
             return bytes.size();
     }
     return 0;
-}
-
-/// Around the ends of zlib's window, of which the second half moves up again and again.
-QVector<int> sizesAroundWindows()
-{
-    QVector<int> sizes {0, 1, 2047, 2048, 2049, 5000, 16383, 20000};
-    for (const int end : {1 << 15, 1 << 16, 3 << 15})
-        for (const int more : {-262, -261, -1, 0, 1, 262})
-            sizes.append(end + more);
-    return sizes;
-}
-
-/// Bytes of one kind: 0 compress hardly at all, 1 to next to nothing, others are mixed.
-QByteArray bytesOfKind(int kind, std::mt19937 &random, int size)
-{
-    QByteArray bytes(size, 'x');
-    if (kind == 0)
-        std::generate(bytes.begin(), bytes.end(), [&random] { return char(random()); });
-    return kind < 2 ? bytes : someBytes(random, size);
-}
-
-/// Frames of a beginning with several endings that are not those of the whole texts.
-int framesOtherwise(const QByteArray &beginning, std::mt19937 &random)
-{
-    const TrelanClassicPayload shared(random() % 2 == 0);
-    int otherwise = 0;
-    for (const int more : {100, 0, 1, 20000}) {
-        const QByteArray ending = someBytes(random, more);
-        const QByteArray expected = qCompress(beginning + ending, -1).toBase64();
-        const auto frame = shared.frame(
-            TrelanFrame::Request, [&] { return beginning; }, ending);
-        otherwise += frame != TrelanFrame::frame(TrelanFrame::Request, expected);
-    }
-    return otherwise;
 }
 
 } // namespace
@@ -192,66 +157,6 @@ private slots:
                 QVERIFY(text == beginning + ending);
             }
         }
-    }
-
-    void sharedBeginningsAsQtDoes()
-    {
-        std::mt19937 random(9);
-        for (const int size : sizesAroundWindows())
-            for (const int kind : {0, 1, 2})
-                QCOMPARE(framesOtherwise(bytesOfKind(kind, random, size), random), 0);
-        for (int round = 0; round < 40; ++round)
-            QCOMPARE(framesOtherwise(someBytes(random, int(random() % 70000)), random), 0);
-    }
-
-    /// Here zlib finds a match that it does not find when its input ends just there for a while.
-    void sharedBeginningsAtTheEndOfTheWindow()
-    {
-        constexpr int PLACE = 32764, DISTANCE = 32506;
-        std::mt19937 random(PLACE);
-        QByteArray bytes = bytesOfKind(0, random, 65535);
-        bytes.replace(PLACE + DISTANCE, 40, bytes.mid(PLACE, 40));
-        QCOMPARE(framesOtherwise(bytes, random), 0);
-    }
-
-    /// The same of one to which another one leads.
-    void sharedBeginningsShortOfTheEnd()
-    {
-        constexpr int WINDOW = 65536, PLACE = 32768, DISTANCE = 32506, EARLIER = 40000;
-        std::mt19937 random(PLACE);
-        for (const int length : {5, 100, 258}) {
-            QByteArray bytes = bytesOfKind(0, random, WINDOW);
-            for (char &byte : bytes)
-                byte = char(byte & 0x3f); // or nothing of it would be compressed
-            bytes.replace(PLACE + DISTANCE - length, length, bytes.mid(EARLIER, length));
-            bytes.replace(PLACE + DISTANCE, 40, bytes.mid(PLACE, 40));
-            for (int missing = 1; missing < length; missing += qMax(1, length / 9))
-                QCOMPARE(framesOtherwise(bytes.chopped(missing), random), 0);
-        }
-    }
-
-    void sharedBeginningsInTurns()
-    {
-        std::mt19937 random(10);
-        const auto frames = [](const TrelanClassicPayload &shared, const QByteArray &beginning) {
-            int otherwise = 0;
-            for (int round = 0; round < 50; ++round) {
-                const QByteArray ending = QByteArray::number(round);
-                const auto frame = shared.frame(
-                    TrelanFrame::Reply, [&] { return beginning; }, ending);
-                otherwise += frame != TrelanFrame::frame(TrelanFrame::Reply,
-                                                         qCompress(beginning + ending).toBase64());
-            }
-            return otherwise;
-        };
-        const QByteArray one = someBytes(random, 9001), other = someBytes(random, 5000);
-        const TrelanClassicPayload ofOne, ofOther;
-        auto inThread = std::async(std::launch::async, [&] {
-            return frames(ofOther, other) + frames(ofOne, one) + frames(ofOther, other);
-        });
-        for (int turn = 0; turn < 3; ++turn)
-            QCOMPARE(frames(ofOne, one) + frames(ofOther, other), 0);
-        QCOMPARE(inThread.get(), 0);
     }
 
     void base64AsQtDoesIt_data()

@@ -50,8 +50,8 @@ QString takeSockets(bus::TrelanBusSettings &settings)
             .arg(count);
     const bool swapped =
         names.value(0) == QLatin1String("messages") || names.value(1) == QLatin1String("query");
-    settings.queryDescriptor = SD_LISTEN_FDS_START + (swapped ? 1 : 0);
-    settings.msgDescriptor = SD_LISTEN_FDS_START + (swapped ? 0 : 1);
+    settings.setQueryDescriptor(SD_LISTEN_FDS_START + (swapped ? 1 : 0));
+    settings.setMsgDescriptor(SD_LISTEN_FDS_START + (swapped ? 0 : 1));
     return {};
 }
 

@@ -76,16 +76,16 @@ QString writePortFile(const QString &path, const bus::TrelanBus &server)
 /// "127.0.0.1:43535 and 127.0.0.1:43537"; of sockets that were handed over, the ports.
 QString whereItListens(const bus::TrelanBus &server, const bus::TrelanBusSettings &settings)
 {
-    const bool given = settings.queryDescriptor >= 0;
+    const bool given = settings.queryDescriptor() >= 0;
     return (given ? QStringLiteral("the ports %2 and %3 of the service manager")
-                  : QStringLiteral("%1:%2 and %1:%3").arg(settings.host.toString()))
+                  : QStringLiteral("%1:%2 and %1:%3").arg(settings.host().toString()))
         .arg(server.queryPort())
         .arg(server.msgPort());
 }
 
 int run(QCoreApplication &app, const Options &options, int signalFd)
 {
-    const QString shortage = raiseDescriptorLimit(options.settings.maxConnections);
+    const QString shortage = raiseDescriptorLimit(options.settings.maxConnections());
     if (!shortage.isEmpty())
         qWarning().noquote() << shortage;
     bus::TrelanBus server;

@@ -1,11 +1,7 @@
 #include "busserver.h"
 
+#include "answers.h"
 #include "request/buspayload.h"
-
-#include <jsonwriter.h>
-#include <trelanframe.h>
-
-#include <QtCore/QPair>
 
 #include <unistd.h>
 
@@ -19,83 +15,13 @@ namespace bus
 namespace
 {
 
-// Looking into a publish of that size takes about half a millisecond, as long as a few hundred
-// small ones; another thread would add two switches to it. What takes longer byte by byte, as what
-// is compressed or nothing usual, has its limit in the inflated size.
+// Parsing a publish of this size takes about half a millisecond, as long as a few hundred small
+// publishes; another thread would add two switches of threads. What is compressed takes longer byte
+// by byte, and is limited by its inflated size as well.
 constexpr qint64 SMALL_REQUEST = 256 * 1024;
 constexpr qint64 SMALL_INFLATED = 512 * 1024;
 constexpr qint64 SMALL_ANSWER = 64 * 1024;
 constexpr int TIMES_INTERVAL_MS = 1000;
-
-QByteArray encodedReply(const QString &word, const TrelanError &error,
-                        TrelanTransport::Coding coding)
-{
-    return TrelanFrame::encode(TrelanFrame::Reply, TrelanFrame::reply(word, error), coding);
-}
-
-/// Most say no more than that it is done, which takes as many frames as there are words.
-QByteArray replyFrame(const QString &word, const TrelanError &error, TrelanTransport::Coding coding)
-{
-    constexpr int MOST_KEPT = 32;
-    static thread_local QHash<QPair<QString, int>, QByteArray> _done;
-    if (error.error() != TrelanError::NoError || !error.description().isEmpty())
-        return encodedReply(word, error, coding);
-    if (_done.size() >= MOST_KEPT)
-        _done.clear();
-    QByteArray &frame = _done[{word, int(coding)}];
-    if (frame.isEmpty())
-        frame = encodedReply(word, error, coding);
-    return frame;
-}
-
-/// The frame around an answer, or of what is said in its place when it is above the limit.
-QByteArray answerFrame(const QString &word, const QByteArray &payload,
-                       const TrelanBusSettings &settings)
-{
-    if (payload.size() <= settings.maxFrameSize)
-        return TrelanFrame::frame(TrelanFrame::Reply, payload);
-    const QString fault = QStringLiteral("an answer of %1 bytes is above the limit of %2")
-                              .arg(payload.size())
-                              .arg(settings.maxFrameSize);
-    return replyFrame(word, {TrelanError::IncorrectRequestSize, fault}, settings.coding);
-}
-
-QByteArray answerPayload(const QString &word, const QVariantMap &data,
-                         TrelanTransport::Coding coding)
-{
-    return TrelanFrame::encodePayload(TrelanFrame::reply(word, TrelanError(), data), coding);
-}
-
-/// The same of data that is text already.
-QByteArray answerPayload(const QString &word, const QByteArray &data)
-{
-    QByteArray text("{\"data\":");
-    text += data;
-    text += ",\"operation\":";
-    json::appendString(text, word);
-    text += ",\"result\":{\"code\":0,\"description\":\"\"}}";
-    return TrelanFrame::compressLightly(text).toBase64();
-}
-
-QVariantMap objectsData(const QVector<ObjectRecord> &records)
-{
-    QVariantMap data;
-    for (const ObjectRecord &record : records)
-        data.insert(record.head.name, record.toObject().toVariantMap());
-    return data;
-}
-
-QByteArray objectsText(const QVector<ObjectRecord> &records)
-{
-    QByteArray text("{");
-    for (const ObjectRecord &record : records) {
-        if (text.size() > 1)
-            text += ',';
-        json::appendString(text, record.head.name);
-        text += ':' + record.toJson();
-    }
-    return text + '}';
-}
 
 qint64 totalCost(const QVector<ObjectRecord> &records)
 {
@@ -154,23 +80,24 @@ bool BusServer::start()
 {
     if (!_storage.open()) {
         _errorString = _storage.errorString();
-        if (_settings.requireStorage)
+        if (_settings.requireStorage())
             return false;
         qCWarning(BUS_LOG).noquote() << "permanent objects are refused:" << _errorString;
     }
     _core.restoreMessages();
     watchTimes();
-    return listen(_queryListener, _settings.queryDescriptor, _settings.queryPort) &&
-           listen(_msgListener, _settings.msgDescriptor, _settings.msgPort);
+    return listen(_queryListener, _settings.queryDescriptor(), _settings.queryPort()) &&
+           listen(_msgListener, _settings.msgDescriptor(), _settings.msgPort());
 }
 
 bool BusServer::listen(BusListener &listener, int descriptor, quint16 port)
 {
     const bool given = descriptor >= 0;
-    if (given ? listener.listen(descriptor) : listener.listen(_settings.host, port))
+    if (given ? listener.listen(descriptor) : listener.listen(_settings.host(), port))
         return true;
-    const QString where = given ? QStringLiteral("descriptor %1").arg(descriptor)
-                                : QStringLiteral("%1:%2").arg(_settings.host.toString()).arg(port);
+    const QString where = given
+                              ? QStringLiteral("descriptor %1").arg(descriptor)
+                              : QStringLiteral("%1:%2").arg(_settings.host().toString()).arg(port);
     _errorString = QStringLiteral("cannot listen on %1: %2").arg(where, listener.errorString());
     return false;
 }
@@ -187,7 +114,15 @@ quint16 BusServer::msgPort() const
 
 TrelanBus::Storage BusServer::storage() const
 {
-    return _storage.state();
+    switch (_storage.state()) {
+    case BusStorage::MemoryOnly:
+        return TrelanBus::MemoryOnly;
+    case BusStorage::OnDisk:
+        return TrelanBus::OnDisk;
+    case BusStorage::Unusable:
+        break;
+    }
+    return TrelanBus::Unusable;
 }
 
 QString BusServer::errorString() const
@@ -198,23 +133,19 @@ QString BusServer::errorString() const
 void BusServer::reply(ConnectionId id, const QString &word, const TrelanError &error)
 {
     if (error.error() != TrelanError::NoError) {
-        answer(id, replyFrame(word, error, _settings.coding));
+        answer(id, answers::status(word, error, _settings));
         return;
     }
-    QByteArray &frame = _doneFrames[word]; // of the operations there are: nothing else succeeds
+    QByteArray &frame = _doneFrames[word]; // bounded: only operations that exist succeed
     if (frame.isEmpty())
-        frame = replyFrame(word, error, _settings.coding);
+        frame = answers::status(word, error, _settings);
     answer(id, frame);
 }
 
 void BusServer::replyObject(ConnectionId id, const QString &word, const ObjectRecord &record)
 {
     answerEncoded(id, record.cost(), [word, record, settings = _settings] {
-        const QByteArray payload =
-            settings.coding == TrelanTransport::Light
-                ? answerPayload(word, record.toJson())
-                : answerPayload(word, record.toObject().toVariantMap(), settings.coding);
-        return answerFrame(word, payload, settings);
+        return answers::object(word, record, settings);
     });
 }
 
@@ -222,19 +153,16 @@ void BusServer::replyObjects(ConnectionId id, const QString &word,
                              const QVector<ObjectRecord> &records)
 {
     const qint64 cost = totalCost(records);
-    if (cost > _settings.maxInflatedSize) {
+    if (cost > _settings.maxInflatedSize()) {
         const QString fault = QStringLiteral("%1 objects of %2 bytes are above the limit of %3")
                                   .arg(records.size())
                                   .arg(cost)
-                                  .arg(_settings.maxInflatedSize);
+                                  .arg(_settings.maxInflatedSize());
         reply(id, word, {TrelanError::IncorrectRequestSize, fault});
         return;
     }
     answerEncoded(id, cost, [word, records, settings = _settings] {
-        const QByteArray payload = settings.coding == TrelanTransport::Light
-                                       ? answerPayload(word, objectsText(records))
-                                       : answerPayload(word, objectsData(records), settings.coding);
-        return answerFrame(word, payload, settings);
+        return answers::objects(word, records, settings);
     });
 }
 
@@ -242,7 +170,7 @@ void BusServer::replyData(ConnectionId id, const QString &word, const QVariantMa
                           qint64 cost)
 {
     answerEncoded(id, cost, [word, data, settings = _settings] {
-        return answerFrame(word, answerPayload(word, data, settings.coding), settings);
+        return answers::data(word, data, settings);
     });
 }
 
@@ -290,7 +218,7 @@ void BusServer::setRegistered(ConnectionId id)
 
 void BusServer::onDescriptor(BusConnection::Channel channel, int descriptor)
 {
-    if (_connections.size() >= _settings.maxConnections) {
+    if (_connections.size() >= _settings.maxConnections()) {
         ::close(descriptor);
         if (_warnings.allows(QStringLiteral("connections"))) {
             qCWarning(BUS_LOG) << "a connection is refused: there are" << _connections.size()
@@ -310,10 +238,10 @@ void BusServer::onDescriptor(BusConnection::Channel channel, int descriptor)
 
 void BusServer::onRequest(ConnectionId id, const QByteArray &payload)
 {
-    const qint64 limit = _settings.maxInflatedSize;
+    const qint64 limit = _settings.maxInflatedSize();
     if (payload.size() <= SMALL_REQUEST) {
         const BusRequest request = BusRequest::parse(payload, qMin(limit, SMALL_INFLATED));
-        // A small payload may inflate a thousandfold, and is a large request then.
+        // A small payload may inflate a thousandfold, which makes it a large request.
         if (request.payloadFault != TrelanFrame::TooLarge || limit <= SMALL_INFLATED) {
             handle(id, request);
             return;
@@ -321,7 +249,7 @@ void BusServer::onRequest(ConnectionId id, const QByteArray &payload)
     }
     addJob(id, [this, id, payload, limit] {
         return [this, id, request = BusRequest::parse(payload, limit)] {
-            // A late handshake of a client that has gone must not take over one that is there.
+            // A late handshake of a connection that is gone must not take over from its successor.
             if (_connections.contains(id))
                 handle(id, request);
         };
@@ -330,7 +258,7 @@ void BusServer::onRequest(ConnectionId id, const QByteArray &payload)
 
 void BusServer::onReply(ConnectionId id, const QByteArray &payload)
 {
-    // What an acknowledgement says is short; anything large is decoded for nothing.
+    // An acknowledgement is short: decoding anything large would be a waste.
     if (payload.size() > SMALL_INFLATED)
         return;
     _core.handleReply(id, payload::decodeAcknowledgement(payload, SMALL_INFLATED));
@@ -357,7 +285,7 @@ void BusServer::onFrameTooLarge(ConnectionId id, const QString &fault)
 {
     if (BusConnection *connection = _connections.value(id)) {
         connection->answerAndEnd(
-            replyFrame(QString(), {TrelanError::IncorrectRequestSize, fault}, _settings.coding));
+            answers::status(QString(), {TrelanError::IncorrectRequestSize, fault}, _settings));
     }
 }
 
@@ -369,7 +297,7 @@ void BusServer::onClosed(ConnectionId id)
         connection->deleteLater();
 }
 
-/// The job ends with its connection: those of clients that come, ask and go would pile up.
+/// Drops the job with its connection, since jobs of clients that come, ask and go would pile up.
 void BusServer::addJob(ConnectionId id, const Job &job)
 {
     if (!_connections.contains(id))
@@ -401,7 +329,7 @@ void BusServer::handleStorageResults()
     watchTimes();
 }
 
-/// The clock runs only while something may run out: an idle bus is not to wake up.
+/// Runs the clock only while something may run out, since an idle bus has to stay asleep.
 void BusServer::watchTimes()
 {
     if (!_times.isActive() && _core.hasQueues())

@@ -6,6 +6,7 @@
 #include "rules/buscore.h"
 #include "storage/backgroundworker.h"
 #include "storage/busstorage.h"
+#include "trelanbus.h"
 
 #include <QtCore/QHash>
 #include <QtCore/QObject>
@@ -19,16 +20,16 @@ namespace bus
 
 /// \brief The bus in its own thread: joins listener, connections, rules and storage.
 ///
-/// Small requests and answers are decoded and encoded here, large ones in a thread of their own,
-/// since the other clients would wait for them.
+/// Small requests and answers are decoded and encoded here. Large ones are left to the codec
+/// thread, since all other clients would wait for them.
 class BusServer : public QObject, private BusOutput, private BusConnection::Owner
 {
     Q_OBJECT
 
 public:
-    /// \a dispatcher is the one of the current thread and stays longer than this.
+    /// \a dispatcher belongs to the current thread and outlives the server.
     BusServer(const TrelanBusSettings &settings, BusEventDispatcher &dispatcher);
-    /// Waits for the disk, sends what it has to answer, and closes everything.
+    /// Waits for the disk, sends the answers that are due, and closes everything.
     ~BusServer() override;
 
     /// False, with the reason in errorString(), if it cannot listen or the storage is unusable and
@@ -86,9 +87,9 @@ private:
     BusCore _core;
     BusPoller &_poller;
     QHash<ConnectionId, BusConnection *> _connections;     // children of this
-    QHash<ConnectionId, std::shared_ptr<const Job>> _jobs; // of the codec; one each at a time
+    QHash<ConnectionId, std::shared_ptr<const Job>> _jobs; // for the codec; one for a connection
     ConnectionId _lastId = 0;
-    QHash<QString, QByteArray> _doneFrames; // by operation: its answer when there is nothing to say
+    QHash<QString, QByteArray> _doneFrames; // by operation: the answer that it is done
     WarningLimiter _warnings;
     QTimer _times; // runs while something waits for a client
     Codec _codec;  // last: its thread calls back

@@ -25,7 +25,8 @@ namespace bus
 /// \code
 /// bus::TrelanBus server;
 /// bus::TrelanBusSettings settings;
-/// settings.queryPort = settings.msgPort = 0; // any free ports
+/// settings.setQueryPort(0); // any free port
+/// settings.setMsgPort(0);
 /// if (!server.start(settings))
 ///     qFatal("%s", qUtf8Printable(server.errorString()));
 /// bus::TrelanQueryHandler::setQueryPort(server.queryPort());

@@ -6,11 +6,8 @@
 
 #include <libdeflate.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <limits>
 #include <memory>
-#include <new>
 
 namespace bus::zstream
 {
@@ -77,104 +74,6 @@ QByteArray compress(const QByteArray &bytes)
 {
     static thread_local Deflater _deflater(Z_DEFAULT_COMPRESSION);
     return _deflater.compress(bytes);
-}
-
-/// In front of what is handed out.
-struct alignas(std::max_align_t) Memory::Block
-{
-    size_t size;
-};
-
-Memory::~Memory()
-{
-    for (Block *block : _kept)
-        std::free(block);
-}
-
-void Memory::serve(z_stream &stream)
-{
-    stream.opaque = this;
-    stream.zalloc = &Memory::take;
-    stream.zfree = &Memory::giveBack;
-}
-
-void *Memory::take(void *memory, uInt items, uInt size)
-{
-    std::vector<Block *> &kept = static_cast<Memory *>(memory)->_kept;
-    const size_t bytes = size_t(items) * size;
-    const auto found = std::find_if(kept.begin(), kept.end(),
-                                    [bytes](const Block *block) { return block->size == bytes; });
-    if (found != kept.end()) {
-        Block *const block = *found;
-        kept.erase(found);
-        return block + 1;
-    }
-    void *const fresh = std::malloc(sizeof(Block) + bytes);
-    return fresh ? new (fresh) Block {bytes} + 1 : nullptr;
-}
-
-void Memory::giveBack(void *memory, void *address)
-{
-    std::vector<Block *> &kept = static_cast<Memory *>(memory)->_kept;
-    Block *const block = static_cast<Block *>(address) - 1;
-    if (kept.size() < MOST_KEPT)
-        kept.push_back(block);
-    else
-        std::free(block);
-}
-
-BranchingDeflater::BranchingDeflater()
-{
-    _memory.serve(_stream);
-    _ready = deflateInit(&_stream, Z_DEFAULT_COMPRESSION) == Z_OK;
-}
-
-BranchingDeflater::~BranchingDeflater()
-{
-    deflateEnd(&_stream);
-}
-
-int BranchingDeflater::safePart(int size)
-{
-    constexpr int HALF_WINDOW = 1 << MAX_WBITS; // filled at a time
-    constexpr int LONGEST_MATCH = 258;
-    const int filled = size % HALF_WINDOW;
-    return filled > HALF_WINDOW - LONGEST_MATCH ? size - LONGEST_MATCH : size;
-}
-
-bool BranchingDeflater::begin(const QByteArray &bytes, QByteArray &out)
-{
-    Q_ASSERT(safePart(bytes.size()) == bytes.size());
-    if (!_ready || deflateReset(&_stream) != Z_OK)
-        return false;
-    out.resize(int(deflateBound(&_stream, uLong(bytes.size()))));
-    _stream.next_in = input(bytes.constData());
-    _stream.avail_in = uInt(bytes.size());
-    _stream.next_out = reinterpret_cast<Bytef *>(out.data());
-    _stream.avail_out = uInt(out.size());
-    const bool done = deflate(&_stream, Z_NO_FLUSH) == Z_OK && _stream.avail_in == 0;
-    out.resize(int(_stream.total_out));
-    out.squeeze();
-    return done;
-}
-
-bool BranchingDeflater::finish(const QByteArray &ending, QByteArray &out)
-{
-    constexpr uLong UNWRITTEN = 64 * 1024; // more than zlib holds back
-    z_stream copy {};
-    if (deflateCopy(&copy, &_stream) != Z_OK)
-        return false;
-    const int before = out.size();
-    const int bound = int(deflateBound(&copy, uLong(ending.size()) + UNWRITTEN));
-    out.resize(before + bound);
-    copy.next_in = input(ending.constData());
-    copy.avail_in = uInt(ending.size());
-    copy.next_out = reinterpret_cast<Bytef *>(out.data()) + before;
-    copy.avail_out = uInt(bound);
-    const bool done = deflate(&copy, Z_FINISH) == Z_STREAM_END;
-    out.resize(before + int(uLong(bound) - copy.avail_out));
-    deflateEnd(&copy);
-    return done;
 }
 
 void appendStored(QByteArray &out, const QByteArray &bytes, bool last)

@@ -12,8 +12,7 @@ namespace
 
 const QString LOGGER_NAME = QStringLiteral("logger");
 constexpr qint64 LOG_WARNING_INTERVAL_MS = 60LL * 60 * 1000;
-constexpr int CONFLATED_BYTES_SHARE = 16; // of a client's bytes
-constexpr qint64 NOTIFICATION_COST = 512; // beside the content
+constexpr int CONFLATED_BYTES_SHARE = 16; // a sixteenth of the bytes of a client
 
 TrelanError boundFault(const QString &description)
 {
@@ -27,22 +26,22 @@ QString totalFault(qint64 maxBytes)
 
 qint64 costOf(const TrelanMessage &message)
 {
-    return Delivery(std::make_shared<const DeliveryBody>(message), message.reciever(),
-                    message.uid())
+    return QueuedMessage(std::make_shared<const MessageBody>(message), message.reciever(),
+                         message.uid())
         .cost();
 }
 
-void warnGivenUp(const QString &name, const QList<Delivery> &deliveries)
+void warnGivenUp(const QString &name, const QList<QueuedMessage> &messages)
 {
     int outlived = 0;
-    for (const Delivery &delivery : deliveries) {
-        if (delivery.outlived) {
+    for (const QueuedMessage &message : messages) {
+        if (message.outlived) {
             ++outlived;
             continue;
         }
         qCWarning(BUS_LOG).noquote()
             << QStringLiteral("message %1 of %2 for %3 is given up")
-                   .arg(names::quoted(delivery.uid), names::quoted(delivery.body->sender()),
+                   .arg(names::quoted(message.uid), names::quoted(message.body->sender()),
                         names::quoted(name));
     }
     if (outlived > 0) {
@@ -55,43 +54,12 @@ void warnGivenUp(const QString &name, const QList<Delivery> &deliveries)
 
 } // namespace
 
-Notification::Notification(const ObjectRecord &record, TrelanTransport::Coding coding, bool forMany)
-    : _record(record)
-    , _coding(coding)
-    , _isForMany(forMany)
-{}
-
-bool Notification::isKept() const
-{
-    return _record.head.isStored() && !names::isCommandName(_record.head.name);
-}
-
-QString Notification::name() const
-{
-    return _record.head.name;
-}
-
-qint64 Notification::cost() const
-{
-    return NOTIFICATION_COST + qint64(_record.contentJson.size()) * qint64(sizeof(QChar));
-}
-
-Delivery Notification::delivery(const QString &receiver)
-{
-    if (!_body)
-        _body = _record.notification(_coding, _isForMany);
-    Delivery delivery(_body, receiver, _record.notificationUid());
-    delivery.kind = isKept() ? Delivery::Value : Delivery::Event;
-    delivery.object = name();
-    return delivery;
-}
-
 BusDelivery::BusDelivery(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output,
-                         const std::function<void(const QString &client)> &ready)
+                         Sent onSent)
     : _settings(settings)
     , _storage(storage)
     , _output(output)
-    , _ready(ready)
+    , _onSent(std::move(onSent))
 {
     _clock.start();
 }
@@ -101,13 +69,13 @@ void BusDelivery::restore()
     const qint64 wallClock = QDateTime::currentMSecsSinceEpoch();
     const QVector<StoredMessage> messages = _storage.takeLoadedMessages();
     for (const StoredMessage &stored : messages) {
-        // The clock of the machine may have been set back or far ahead meanwhile.
+        // The machine's clock may have been set since then, so that its difference can be anything.
         const qint64 age =
-            qBound<qint64>(0, wallClock - stored.queuedAt, _settings.messageLifetime);
+            qBound<qint64>(0, wallClock - stored.queuedAt, _settings.messageLifetime());
         const QString name = stored.message.reciever();
         append(stored.message, now() - age, stored.id);
     }
-    // A client may be there at once, and must not get what is out of date.
+    // A client may connect at once, and must not get what is out of date.
     checkTimes();
 }
 
@@ -123,17 +91,17 @@ void BusDelivery::accept(const TrelanMessage &message, const Done &done)
     }
     const qint64 cost = costOf(message);
     const TrelanError fault = roomFault(name, cost);
-    // A log line is not worth the wait for the disk; and the ring that takes it has no bound there.
+    // A log line is not worth the wait for the disk, where the queue of log lines has no bound.
     if (fault.error() == TrelanError::NoError && message.isStored() && name != LOGGER_NAME) {
         keep(message, cost, done);
         return;
     }
     if (fault.error() == TrelanError::NoError)
         append(message, now());
-    done(fault);
+    finish(message, fault, done);
 }
 
-/// The room is taken before the disk has the message, so that what was accepted always fits.
+/// Takes the room before the disk has the message, so that an accepted message always fits.
 void BusDelivery::keep(const TrelanMessage &message, qint64 cost, const Done &done)
 {
     reserve(message.reciever(), 1, cost);
@@ -141,9 +109,18 @@ void BusDelivery::keep(const TrelanMessage &message, qint64 cost, const Done &do
         reserve(message.reciever(), -1, -cost);
         if (error.error() == TrelanError::NoError)
             append(message, now(), id);
-        changed(message.reciever());
-        done(error);
+        settleAccount(message.reciever());
+        finish(message, error, done);
     });
+}
+
+void BusDelivery::finish(const TrelanMessage &message, const TrelanError &error, const Done &done)
+{
+    done(error);
+    if (error.error() != TrelanError::NoError)
+        return;
+    sendMore(message.reciever());
+    dropExcess(message.reciever());
 }
 
 void BusDelivery::reserve(const QString &name, int messages, qint64 bytes)
@@ -154,14 +131,43 @@ void BusDelivery::reserve(const QString &name, int messages, qint64 bytes)
     _bytes += bytes;
 }
 
-QString BusDelivery::notify(const QString &client, Notification &notification, bool fresh)
+BusDelivery::Overruns BusDelivery::deliver(const ObjectRecord &record, const QStringList &clients)
 {
-    if (notification.isKept() && isBehind(client, notification))
-        return appendName(client, notification.name(), fresh);
-    Delivery delivery = notification.delivery(client);
+    Overruns overruns;
+    Notification notification(_settings.coding());
+    for (const QString &client : clients) {
+        const QString overrun = notify(client, record, false, notification);
+        if (!overrun.isEmpty())
+            overruns.insert(client, overrun);
+        sendMore(client, notification);
+        dropExcess(client);
+    }
+    return overruns;
+}
+
+BusDelivery::Overruns BusDelivery::deliverStored(const QStringList &objects, const QString &client)
+{
+    Notification notification(_settings.coding());
+    for (const QString &object : objects) {
+        const ObjectRecord *record = _storage.find(object);
+        const QString overrun = record ? notify(client, *record, true, notification) : QString();
+        if (!overrun.isEmpty())
+            return {{client, overrun}};
+    }
+    sendMore(client, notification);
+    return {};
+}
+
+/// Queues a notification. Returns the bound that the client is past, for people; usually nothing.
+QString BusDelivery::notify(const QString &name, const ObjectRecord &record, bool fresh,
+                            Notification &notification)
+{
+    if (Notification::isKept(record) && isBehind(name, record))
+        return appendName(name, record.head.name, fresh);
+    QueuedMessage message = notification.message(record, name);
     if (fresh)
-        delivery.setUid(names::freshUid());
-    append(client, delivery, now());
+        message.setUid(names::freshUid());
+    append(name, std::move(message), now());
     return {};
 }
 
@@ -173,7 +179,7 @@ void BusDelivery::dropNotifications(const QString &client)
     known->queue.dropNotifications();
     if (known->lostEvents > 0)
         warnOfLostEvents(client, *known);
-    changed(client);
+    settleAccount(client);
 }
 
 void BusDelivery::attach(const QString &name, ConnectionId id, TrelanTransport::Mode mode)
@@ -192,7 +198,7 @@ void BusDelivery::detach(const QString &client)
     known->connection = 0;
     ++_absent;
     known->queue.restart();
-    changed(client);
+    settleAccount(client);
 }
 
 void BusDelivery::acknowledge(const QString &client, const QString &sender, const QString &reciever,
@@ -202,26 +208,36 @@ void BusDelivery::acknowledge(const QString &client, const QString &sender, cons
     if (known == _clients.end())
         return;
     known->queue.acknowledge(sender, reciever, uid, now());
-    changed(client);
+    settleAccount(client);
+    sendMore(client);
 }
 
-int BusDelivery::pump(const QString &client)
+void BusDelivery::sendMore(const QString &client)
 {
-    const auto newest = [this, &client](const QString &object) { return newestOf(client, object); };
-    int pushed = 0;
+    Notification notification(_settings.coding());
+    sendMore(client, notification);
+}
+
+void BusDelivery::sendMore(const QString &name, Notification &notification)
+{
+    const auto newest = [&](const QString &object) {
+        const ObjectRecord *record = _storage.find(object);
+        return record ? notification.message(*record, name) : QueuedMessage();
+    };
     for (;;) {
-        // Anew each time: what is pushed may find the connection at its end.
-        const auto known = _clients.find(client);
+        // Looked up each time, since sending may find the connection at its end.
+        const auto known = _clients.find(name);
         if (known == _clients.end() || known->connection == 0 || !known->queue.hasNext() ||
-            !_output.canPush(known->connection) || encodesLarge(client, *known, newest))
-            return pushed;
-        const QByteArray frame = known->queue.takeFrame(now(), newest, _settings.coding);
+            !_output.canPush(known->connection) || encodesLarge(name, *known, std::cref(newest)))
+            return;
+        const QByteArray frame =
+            known->queue.takeFrame(now(), std::cref(newest), _settings.coding());
         const ConnectionId connection = known->connection;
-        changed(client); // names have become messages
+        settleAccount(name); // names have become messages
         if (frame.isEmpty())
-            return pushed;
+            return;
         _output.push(connection, frame);
-        ++pushed;
+        _onSent(connection);
     }
 }
 
@@ -232,11 +248,13 @@ void BusDelivery::checkTimes()
         Client &client = _clients[name];
         if (client.connection != 0 && !_output.canPush(client.connection))
             client.queue.heard(now()); // a large frame is still leaving
-        client.queue.checkTimes(now(), _settings.messageLifetime);
+        client.queue.checkTimes(now(), _settings.messageLifetime());
         if (client.lostEvents > 0 && _warnings.allows(name))
             warnOfLostEvents(name, client);
-        changed(name);
+        settleAccount(name);
     }
+    for (const QString &name : names)
+        sendMore(name);
 }
 
 bool BusDelivery::hasQueues() const
@@ -268,7 +286,7 @@ qint64 BusDelivery::queuedBytes(const QString &client) const
     return known == _clients.constEnd() ? 0 : known->queue.bytes() + known->queue.nameBytes();
 }
 
-/// The queue of a client, made if it has none.
+/// The queue of a client, which is made if there is none.
 BusDelivery::Client &BusDelivery::client(const QString &name)
 {
     const auto known = _clients.find(name);
@@ -284,130 +302,96 @@ TrelanError BusDelivery::roomFault(const QString &name, qint64 cost) const
         return TrelanError(); // see dropExcess()
     const auto known = _clients.constFind(name);
     const bool isNew = known == _clients.constEnd();
-    if (isNew && _absent >= _settings.maxQueues) {
+    if (isNew && _absent >= _settings.maxQueues()) {
         return boundFault(QStringLiteral("the bus has %1 queues for absent clients at most")
-                              .arg(_settings.maxQueues));
+                              .arg(_settings.maxQueues()));
     }
-    if (_bytes + cost > _settings.maxQueuedBytes)
-        return boundFault(totalFault(_settings.maxQueuedBytes));
+    if (_bytes + cost > _settings.maxQueuedBytes())
+        return boundFault(totalFault(_settings.maxQueuedBytes()));
     const Client nothing;
     const Client &client = isNew ? nothing : *known;
     if (isFull(client, 1, 0)) {
         return boundFault(QStringLiteral("client %1 has %2 messages waiting at most")
                               .arg(names::quoted(name))
-                              .arg(_settings.maxClientMessages));
+                              .arg(_settings.maxClientMessages()));
     }
     if (isFull(client, 1, cost)) {
         return boundFault(QStringLiteral("client %1 has %2 bytes waiting at most")
                               .arg(names::quoted(name))
-                              .arg(_settings.maxClientBytes));
+                              .arg(_settings.maxClientBytes()));
     }
     return TrelanError();
 }
 
-/// Whether a queue is past a bound, with so much on top.
+/// Whether a queue with so much more would be past a bound.
 bool BusDelivery::isFull(const Client &client, int messages, qint64 bytes) const
 {
     return client.queue.count() + client.reservedMessages + messages >
-               _settings.maxClientMessages ||
-           client.queue.bytes() + client.reservedBytes + bytes > _settings.maxClientBytes;
+               _settings.maxClientMessages() ||
+           client.queue.bytes() + client.reservedBytes + bytes > _settings.maxClientBytes();
 }
 
-/// Whether a stored object is to wait as its name only.
-bool BusDelivery::isBehind(const QString &name, const Notification &notification) const
+/// Whether of a stored object only the name is to wait.
+bool BusDelivery::isBehind(const QString &name, const ObjectRecord &record) const
 {
-    const qint64 cost = notification.cost();
-    if (_bytes + cost > _settings.maxQueuedBytes)
+    const qint64 cost = Notification::cost(record);
+    if (_bytes + cost > _settings.maxQueuedBytes())
         return true;
     const auto known = _clients.constFind(name);
     if (known == _clients.constEnd())
-        return cost > _settings.maxClientBytes / CONFLATED_BYTES_SHARE;
-    const DeliveryQueue &queue = known->queue;
-    const int most = qMin(_settings.conflateAbove, _settings.maxClientMessages);
-    return queue.hasName(notification.name()) || queue.count() + queue.nameCount() >= most ||
-           queue.bytes() + cost > _settings.maxClientBytes / CONFLATED_BYTES_SHARE;
+        return cost > _settings.maxClientBytes() / CONFLATED_BYTES_SHARE;
+    const ClientQueue &queue = known->queue;
+    const int most = qMin(_settings.conflateAbove(), _settings.maxClientMessages());
+    return queue.hasName(record.head.name) || queue.count() + queue.nameCount() >= most ||
+           queue.bytes() + cost > _settings.maxClientBytes() / CONFLATED_BYTES_SHARE;
 }
 
 QString BusDelivery::appendName(const QString &name, const QString &object, bool fresh)
 {
-    DeliveryQueue &queue = client(name).queue;
+    ClientQueue &queue = client(name).queue;
     if (!queue.hasName(object)) {
-        if (queue.nameCount() >= _settings.maxClientNames)
-            return QStringLiteral("%1 objects wait for it at most").arg(_settings.maxClientNames);
-        // Past the bound in all it is those with more than their share who have to go.
-        if (_nameBytes > _settings.maxQueuedBytes &&
+        if (queue.nameCount() >= _settings.maxClientNames())
+            return QStringLiteral("%1 objects wait for it at most").arg(_settings.maxClientNames());
+        // Past the bound of all clients those with more than their share have to go.
+        if (_nameBytes > _settings.maxQueuedBytes() &&
             queue.nameBytes() > _nameBytes / _clients.size())
-            return totalFault(_settings.maxQueuedBytes);
+            return totalFault(_settings.maxQueuedBytes());
     }
     const ObjectRecord *record = _storage.find(object);
     queue.appendName(record ? record->head.name : object, fresh);
-    changed(name);
+    settleAccount(name);
     return {};
 }
 
-void BusDelivery::append(const QString &name, Delivery delivery, qint64 queuedAt)
+void BusDelivery::append(const QString &name, QueuedMessage message, qint64 queuedAt)
 {
-    delivery.queuedAt = queuedAt;
-    client(name).queue.append(std::move(delivery));
-    changed(name);
+    message.queuedAt = queuedAt;
+    client(name).queue.append(std::move(message));
+    settleAccount(name);
 }
 
 void BusDelivery::append(const TrelanMessage &message, qint64 queuedAt, qint64 storedId)
 {
-    Delivery delivery(std::make_shared<const DeliveryBody>(message), message.reciever(),
-                      message.uid());
-    delivery.storedId = storedId;
-    append(message.reciever(), delivery, queuedAt);
+    QueuedMessage queued(std::make_shared<const MessageBody>(message), message.reciever(),
+                         message.uid());
+    queued.storedId = storedId;
+    append(message.reciever(), std::move(queued), queuedAt);
 }
 
-void BusDelivery::trim(const QString &client)
-{
-    const auto known = _clients.find(client);
-    if (known == _clients.end())
-        return;
-    dropExcess(client, *known, Delivery::Event);
-    if (client == LOGGER_NAME)
-        dropExcess(client, *known, Delivery::Addressed);
-    changed(client);
-}
-
-/// While a publish is notified of, many ask for the same value, one after the other.
-Delivery BusDelivery::newestOf(const QString &receiver, const QString &object)
-{
-    const ObjectRecord *record = _storage.find(object);
-    if (!record)
-        return {};
-    if (!_notifies)
-        return Notification(*record, _settings.coding).delivery(receiver);
-    if (_newest.first.isEmpty() || !_newest.first.isSharedWith(record->contentJson))
-        _newest = {record->contentJson, record->notification(_settings.coding)};
-    return {_newest.second, receiver, record->notificationUid()};
-}
-
-void BusDelivery::beginNotification()
-{
-    _notifies = true;
-}
-
-void BusDelivery::endNotification()
-{
-    _notifies = false;
-    _newest = {}; // it may be large
-}
-
-/// Whether the next frame of a client is large, and is being made.
+/// Whether the next frame of a client is large and is being made by the codec thread, from now on
+/// if it was not yet.
 bool BusDelivery::encodesLarge(const QString &name, Client &client,
-                               const DeliveryQueue::Newest &newest)
+                               const ClientQueue::Newest &newest)
 {
     if (client.encoding)
         return true;
-    const Delivery *next = client.queue.largeToEncode(newest);
+    const QueuedMessage *next = client.queue.largeToEncode(newest);
     if (!next)
         return false;
-    changed(name); // names have become messages
+    settleAccount(name); // names have become messages
     client.encoding = true;
-    const auto encode = [delivery = *next, coding = _settings.coding] {
-        return delivery.frame(coding);
+    const auto encode = [message = *next, coding = _settings.coding()] {
+        return message.frame(coding);
     };
     _output.encode(encode, [this, name, key = next->key](const QByteArray &frame) {
         const auto known = _clients.find(name);
@@ -415,23 +399,35 @@ bool BusDelivery::encodesLarge(const QString &name, Client &client,
             return;
         known->encoding = false;
         known->queue.setFrame(key, frame);
-        _ready(name);
+        sendMore(name);
     });
     return true;
 }
 
-/// An event that nobody fetches makes room for the next; so does a log line, which must not be
-/// refused either: the refusal would be logged, and come back as the next line.
-void BusDelivery::dropExcess(const QString &name, Client &client, Delivery::Kind kind)
+/// Drops what neither fits nor could be sent, the oldest first.
+void BusDelivery::dropExcess(const QString &name)
+{
+    const auto known = _clients.find(name);
+    if (known == _clients.end())
+        return;
+    dropExcess(name, *known, QueuedMessage::Event);
+    if (name == LOGGER_NAME)
+        dropExcess(name, *known, QueuedMessage::Direct);
+    settleAccount(name);
+}
+
+/// Drops events that nobody fetches in favour of newer ones. Log lines are dropped, too, rather
+/// than refused: the refusal would be logged and come back as the next line.
+void BusDelivery::dropExcess(const QString &name, Client &client, QueuedMessage::Kind kind)
 {
     const qint64 others = _bytes - client.accounted;
     qint64 dropped = 0;
-    while ((isFull(client, 0, 0) || others + client.queue.bytes() > _settings.maxQueuedBytes) &&
-           client.queue.dropOldest(kind, client.encoding)) // whose frame is on its way
+    while ((isFull(client, 0, 0) || others + client.queue.bytes() > _settings.maxQueuedBytes()) &&
+           client.queue.dropOldest(kind, client.encoding)) // the next frame is being made
         ++dropped;
     if (dropped == 0)
         return;
-    if (kind == Delivery::Addressed) {
+    if (kind == QueuedMessage::Direct) {
         countLostLogLines(dropped);
         return;
     }
@@ -460,8 +456,9 @@ void BusDelivery::countLostLogLines(qint64 lines)
     _lostLogLines = 0;
 }
 
-/// Settles the account of a queue that was changed, and drops it when nothing is left to keep.
-void BusDelivery::changed(const QString &name)
+/// Brings the sums of all queues up to date with a queue that has changed, and drops the queue when
+/// there is nothing left to keep.
+void BusDelivery::settleAccount(const QString &name)
 {
     const auto known = _clients.find(name);
     if (known == _clients.end())

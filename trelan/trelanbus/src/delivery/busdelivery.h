@@ -1,14 +1,15 @@
 #pragma once
 
 #include "delivery/busoutput.h"
-#include "delivery/deliveryqueue.h"
+#include "delivery/clientqueue.h"
+#include "delivery/notification.h"
 #include "storage/busstorage.h"
 #include "trelanbussettings.h"
 #include "values/buslog.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
-#include <QtCore/QPair>
+#include <QtCore/QMap>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
@@ -17,84 +18,60 @@
 namespace bus
 {
 
-/// \brief A published value on its way to its subscribers. What they all get is made when the first
-/// of them needs it.
-class Notification
-{
-public:
-    Notification(const ObjectRecord &record, TrelanTransport::Coding coding, bool forMany = false);
-
-    /// Whether the value can be taken from the storage later, since it is kept there.
-    bool isKept() const;
-    QString name() const;
-    /// What keeping its message takes, in bytes, roughly.
-    qint64 cost() const;
-
-    Delivery delivery(const QString &receiver);
-
-private:
-    const ObjectRecord &_record;
-    const TrelanTransport::Coding _coding;
-    const bool _isForMany;
-    DeliveryBody::Ref _body;
-};
-
-/// \brief What waits for whom: a queue for every client that has something to get, bounded one by
-/// one and in all, and its message connection while there is one.
+/// \brief What waits for whom: a queue for every client that has something to get, bounded client
+/// by client and in all, and the message connection of the client while there is one.
 ///
-/// Messages are refused at a bound. Notifications are not: of a stored object only the newest value
-/// waits once a client is behind, so that it costs the length of a name; of objects that are not
-/// stored the oldest go. Stored messages are on disk before they are accepted, where there is a
-/// disk, and until they are acknowledged.
+/// Messages are refused at a bound. Notifications are not: once a client is behind, only the newest
+/// value of a stored object waits, which takes the memory of a name; of objects that are not stored
+/// the oldest notifications are dropped. Stored messages are on disk before they are accepted,
+/// where there is a disk, and until they are acknowledged.
 ///
-/// Nothing is sent before pump() is called. One thread.
+/// Whatever is queued is sent as soon as the connection takes it. One thread.
 class BusDelivery
 {
 public:
     using Done = std::function<void(const TrelanError &)>;
+    using Sent = std::function<void(ConnectionId)>;
 
-    /// \a ready is called later with a client that is to be pumped, since a frame of it is made.
+    /// \a onSent is called for each frame that is handed to a connection.
     BusDelivery(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output,
-                const std::function<void(const QString &client)> &ready);
+                Sent onSent);
 
     /// Takes over the messages that were on disk at the start.
     void restore();
 
     /// Accepts a message for its receiver, or says why not. \a done is called at once or when the
-    /// message is on disk.
+    /// message is on disk, and in any case before the message is sent.
     void accept(const TrelanMessage &message, const Done &done);
 
-    /// Queues a notification for a subscriber. One that is \a fresh is news to a receiver that
-    /// knows the value. Returns which bound the client is past, for people, usually nothing: then
-    /// it cannot be told what it has subscribed any more.
-    QString notify(const QString &client, Notification &notification, bool fresh = false);
-    /// Around the subscribers of one publish, who are notified and pumped in between.
-    void beginNotification();
-    void endNotification();
+    /// Clients that are past a bound and cannot be told what they have subscribed to any more, each
+    /// with the bound, for people.
+    using Overruns = QMap<QString, QString>;
+
+    /// Notifies \a clients of a value, one after the other.
+    Overruns deliver(const ObjectRecord &record, const QStringList &clients);
+    /// Notifies \a client of the stored values of these objects, with ids that it cannot know.
+    Overruns deliverStored(const QStringList &objects, const QString &client);
     /// The client's subscriptions are gone.
     void dropNotifications(const QString &client);
 
-    /// The message connection of the client \a name is \a id from now on, which is read in this
-    /// way.
+    /// The message connection of the client \a name is \a id from now on; \a mode is how it reads.
+    /// Nothing is sent before sendMore().
     void attach(const QString &name, ConnectionId id, TrelanTransport::Mode mode);
-    /// It has none.
+    /// The client has no message connection any more.
     void detach(const QString &client);
 
-    /// The client has answered a delivery, whatever it said.
+    /// The client has answered a message, whatever it said.
     void acknowledge(const QString &client, const QString &sender, const QString &reciever,
                      const QString &uid);
 
-    /// Sends what may be sent. Returns how many frames that were.
-    int pump(const QString &client);
+    /// Sends what may be sent: the connection of the client is new or has room again.
+    void sendMore(const QString &client);
 
-    /// To be called after pump() where something was queued: what neither fits nor could be sent is
-    /// dropped, the oldest first.
-    void trim(const QString &client);
-
-    /// To be called about once a second while hasDeadline(), and each client to be pumped then.
+    /// To be called about once a second while hasDeadline().
     void checkTimes();
-    /// Whether time alone changes anything. Looks at every queue; without any, which hasQueues()
-    /// tells at once, there is no deadline.
+    /// Whether time alone changes anything. Looks at every queue; hasQueues() is quicker, and
+    /// without queues there is no deadline.
     bool hasDeadline() const;
     bool hasQueues() const;
 
@@ -106,12 +83,12 @@ public:
 private:
     struct Client
     {
-        DeliveryQueue queue;
+        ClientQueue queue;
         ConnectionId connection = 0;
         bool encoding = false;    // its next frame is being made
         int reservedMessages = 0; // on their way to the disk
         qint64 reservedBytes = 0;
-        qint64 accounted = 0; // of the bytes of the queue
+        qint64 accounted = 0; // what _bytes holds of this queue
         qint64 accountedNames = 0;
         qint64 lostEvents = 0; // not in the log yet
     };
@@ -119,30 +96,31 @@ private:
     Client &client(const QString &name);
     TrelanError roomFault(const QString &name, qint64 cost) const;
     bool isFull(const Client &client, int messages, qint64 bytes) const;
-    bool isBehind(const QString &name, const Notification &notification) const;
+    bool isBehind(const QString &name, const ObjectRecord &record) const;
+    QString notify(const QString &name, const ObjectRecord &record, bool fresh,
+                   Notification &notification);
     QString appendName(const QString &name, const QString &object, bool fresh);
-    void append(const QString &name, Delivery delivery, qint64 queuedAt);
+    void append(const QString &name, QueuedMessage message, qint64 queuedAt);
     void append(const TrelanMessage &message, qint64 queuedAt, qint64 storedId = 0);
     void keep(const TrelanMessage &message, qint64 cost, const Done &done);
+    void finish(const TrelanMessage &message, const TrelanError &error, const Done &done);
     void reserve(const QString &name, int messages, qint64 bytes);
-    Delivery newestOf(const QString &receiver, const QString &object);
-    bool encodesLarge(const QString &name, Client &client, const DeliveryQueue::Newest &newest);
-    void dropExcess(const QString &name, Client &client, Delivery::Kind kind);
+    void sendMore(const QString &name, Notification &notification);
+    bool encodesLarge(const QString &name, Client &client, const ClientQueue::Newest &newest);
+    void dropExcess(const QString &name);
+    void dropExcess(const QString &name, Client &client, QueuedMessage::Kind kind);
     void warnOfLostEvents(const QString &name, Client &client);
     void countLostLogLines(qint64 lines);
-    void changed(const QString &name);
+    void settleAccount(const QString &name);
     qint64 now() const;
 
     const TrelanBusSettings _settings;
     BusStorage &_storage;
     BusOutput &_output;
-    const std::function<void(const QString &)> _ready;
+    const Sent _onSent;
     QElapsedTimer _clock;
     QHash<QString, Client> _clients;
-    bool _notifies = false;
-    QPair<QByteArray, DeliveryBody::Ref>
-        _newest;       // the last content that was asked for, and what it says
-    int _absent = 0;   // of them, without a connection
+    int _absent = 0;   // clients without a connection
     qint64 _bytes = 0; // of all messages, those on their way to the disk included
     qint64 _nameBytes = 0;
     qint64 _lostLogLines = 0;

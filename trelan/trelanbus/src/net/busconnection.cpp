@@ -87,7 +87,7 @@ BusConnection::BusConnection(Channel channel, ConnectionId id, int descriptor,
     , _owner(owner)
     , _descriptor(descriptor)
     , _events(EPOLLIN | EPOLLRDHUP)
-    , _reader(settings.maxFrameSize)
+    , _reader(settings.maxFrameSize())
     , _peer(peerOf(descriptor))
 {
     // A frame has to start a segment of its own: the paced reader of the message channel wants
@@ -112,7 +112,7 @@ BusConnection::~BusConnection()
 
 bool BusConnection::open()
 {
-    _handshake.start(_settings.handshakeTimeout);
+    _handshake.start(_settings.handshakeTimeout());
     return _poller.watch(_descriptor, _connectionId, _events);
 }
 
@@ -340,7 +340,7 @@ void BusConnection::endSending()
 {
     _state = Discarding;
     ::shutdown(_descriptor, SHUT_WR);
-    _stall.start(_settings.discardTime);
+    _stall.start(_settings.discardTime());
 }
 
 void BusConnection::watch(quint32 events)
@@ -358,7 +358,7 @@ void BusConnection::watchProgress()
     if (_state == Closed || _state == Discarding)
         return;
     if (owesBytes || !_leaving.isEmpty())
-        _stall.start(_settings.stallTimeout);
+        _stall.start(_settings.stallTimeout());
     else
         _stall.stop();
 }

@@ -36,9 +36,4 @@ struct Piece
 Piece member(const QByteArray &json, const json::Tokens &tokens, std::string_view outer,
              std::string_view inner);
 
-/// Appends a text without blanks as QJsonDocument::toJson() writes it inside of \a level others,
-/// line breaks and all. False if that would write something else of it than the same with blanks,
-/// as of keys that are not sorted: what is appended is of no use then.
-bool appendIndented(QByteArray &out, const QByteArray &compact, int level);
-
 } // namespace bus::jsontext

@@ -30,11 +30,10 @@ void logPublish(const ObjectHead &object)
 } // namespace
 
 BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output)
-    : _maxSubscriptions(settings.maxSubscriptions)
-    , _coding(settings.coding)
+    : _maxSubscriptions(settings.maxSubscriptions())
     , _storage(storage)
     , _output(output)
-    , _delivery(settings, storage, output, [this](const QString &client) { pump(client); })
+    , _delivery(settings, storage, output, [this](ConnectionId id) { _msgClients.count(id); })
     , _queryClients(QStringLiteral("query"), output)
     , _msgClients(QStringLiteral("message"), output)
     , _order([this](const PublishOrder::Publish &publish) { deliver(publish); })
@@ -94,14 +93,13 @@ void BusCore::handleReply(ConnectionId id, const payload::Acknowledgement &ackno
         return;
     _delivery.acknowledge(client, acknowledgement.sender, acknowledgement.reciever,
                           acknowledgement.uid);
-    pump(client);
 }
 
 void BusCore::pushMore(ConnectionId id)
 {
     const QString client = _msgClients.name(id);
     if (!client.isEmpty())
-        pump(client);
+        _delivery.sendMore(client);
 }
 
 void BusCore::connectionClosed(ConnectionId id)
@@ -113,9 +111,6 @@ void BusCore::connectionClosed(ConnectionId id)
 bool BusCore::checkTimes()
 {
     _delivery.checkTimes();
-    const QStringList clients = _msgClients.names();
-    for (const QString &client : clients)
-        pump(client);
     return _delivery.hasDeadline();
 }
 
@@ -155,7 +150,7 @@ void BusCore::handshake(ClientRegistry &registry, ConnectionId id, const BusRequ
                          request.prompt ? TrelanTransport::Prompt : TrelanTransport::Paced);
     _output.reply(id, request.word, TrelanError());
     if (receives)
-        pump(request.name);
+        _delivery.sendMore(request.name);
 }
 
 void BusCore::endQuery(ConnectionId id)
@@ -269,24 +264,16 @@ void BusCore::subscribe(ConnectionId id, const BusRequest &request)
         notifyOfStored(_queryClients.name(id), distinct);
 }
 
-/// In one step with the subscription, so that every later change is notified of after it.
+/// Runs in one step with the subscription, so that the client hears of every later change
+/// afterwards.
 void BusCore::notifyOfStored(const QString &client, const QStringList &wildcards)
 {
     if (client.isEmpty())
-        return; // ended while it was answered
+        return; // it ended while it was answered
     QStringList names = _storage.namesMatching(wildcards);
     std::sort(names.begin(), names.end());
-    QString overrun;
-    for (const QString &name : std::as_const(names)) {
-        Notification notification(*_storage.find(name), _coding);
-        overrun = _delivery.notify(client, notification, true);
-        if (!overrun.isEmpty())
-            break;
-    }
     _order.skip(client, QSet<QString>(names.cbegin(), names.cend()));
-    if (!overrun.isEmpty())
-        closeReceiver(client, overrun);
-    pump(client);
+    closeReceivers(_delivery.deliverStored(names, client));
 }
 
 void BusCore::listClients(ConnectionId id, const BusRequest &request)
@@ -341,17 +328,12 @@ void BusCore::sendMessage(ConnectionId id, const BusRequest &request)
                                          .arg(names::quoted(message.sender()),
                                               names::quoted(message.reciever()));
     }
-    _delivery.accept(message, [this, id, word = request.word,
-                               receiver = message.reciever()](const TrelanError &error) {
+    _delivery.accept(message, [this, id, word = request.word](const TrelanError &error) {
         _output.reply(id, word, error);
-        if (error.error() != TrelanError::NoError)
-            return;
-        pump(receiver);
-        _delivery.trim(receiver);
     });
 }
 
-/// Once to each client with a wildcard that takes it in, however many of them do.
+/// Delivers to each client with a matching wildcard once, however many of its wildcards match.
 void BusCore::deliver(const PublishOrder::Publish &publish)
 {
     if (publish.reply)
@@ -364,22 +346,16 @@ void BusCore::deliver(const PublishOrder::Publish &publish)
         receivers.erase(std::remove_if(receivers.begin(), receivers.end(), isGone),
                         receivers.end());
     }
-    _delivery.beginNotification();
-    Notification notification(publish.record, _coding, receivers.size() > 1);
-    QMap<QString, QString> overruns; // by client
-    for (const QString &client : std::as_const(receivers)) {
-        const QString overrun = _delivery.notify(client, notification);
-        if (!overrun.isEmpty())
-            overruns.insert(client, overrun);
-        pump(client);
-        _delivery.trim(client);
-    }
-    _delivery.endNotification();
+    closeReceivers(_delivery.deliver(publish.record, receivers));
+}
+
+void BusCore::closeReceivers(const BusDelivery::Overruns &overruns)
+{
     for (auto overrun = overruns.cbegin(); overrun != overruns.cend(); ++overrun)
         closeReceiver(overrun.key(), *overrun);
 }
 
-/// A client that cannot be told of a change must not believe that it is.
+/// Closes a client that cannot be told of a change, so that it does not believe to know them all.
 void BusCore::closeReceiver(const QString &client, const QString &reason)
 {
     if (_warnings.allows(client)) {
@@ -413,13 +389,6 @@ void BusCore::freshenUid(ObjectRecord &record)
         *last = {uid, digest};
     else
         _lastPublished.insert(name, new QPair<QString, size_t>(uid, digest));
-}
-
-void BusCore::pump(const QString &client)
-{
-    const ConnectionId id = _msgClients.connection(client);
-    for (int pushed = _delivery.pump(client); pushed > 0; --pushed)
-        _msgClients.count(id);
 }
 
 } // namespace bus

@@ -60,12 +60,11 @@ private:
     QVariantMap clientData(const QString &name) const;
     void sendMessage(ConnectionId id, const BusRequest &request);
     void deliver(const PublishOrder::Publish &publish);
+    void closeReceivers(const BusDelivery::Overruns &overruns);
     void closeReceiver(const QString &client, const QString &reason);
     void freshenUid(ObjectRecord &record);
-    void pump(const QString &client);
 
     const int _maxSubscriptions;
-    const TrelanTransport::Coding _coding;
     BusStorage &_storage;
     BusOutput &_output;
     BusDelivery _delivery;

@@ -4,9 +4,9 @@ namespace bus
 {
 
 BusStorage::BusStorage(const TrelanBusSettings &settings, std::function<void()> wake)
-    : _folder(settings.dataFolder)
+    : _folder(settings.dataFolder())
     , _wake(std::move(wake))
-    , _objects(settings.maxObjects, settings.maxObjectBytes)
+    , _objects(settings.maxObjects(), settings.maxObjectBytes())
 {}
 
 BusStorage::~BusStorage() = default;
@@ -20,7 +20,7 @@ bool BusStorage::open()
         _loadedMessages.clear();
         _errorString = _permanent.errorString();
         _permanent.close();
-        _state = TrelanBus::Unusable;
+        _state = Unusable;
         return false;
     }
     // What is on disk was acknowledged, so that it is taken even above a bound lowered since.
@@ -28,13 +28,13 @@ bool BusStorage::open()
         _objects.put(record);
     if (!_loadedMessages.isEmpty())
         _lastMessageId = _loadedMessages.constLast().id;
-    _state = TrelanBus::OnDisk;
+    _state = OnDisk;
     _disk = std::make_unique<Disk>(
         [this](std::vector<Job> jobs) { return write(_permanent, std::move(jobs)); }, _wake);
     return true;
 }
 
-TrelanBus::Storage BusStorage::state() const
+BusStorage::State BusStorage::state() const
 {
     return _state;
 }
@@ -48,7 +48,7 @@ void BusStorage::publish(const ObjectRecord &record, const Done &done)
 {
     const QString &name = record.head.name;
     const bool permanent = record.head.isPermanent();
-    if (permanent && _state == TrelanBus::Unusable) {
+    if (permanent && _state == Unusable) {
         done({TrelanError::InvalidDataStorage, _errorString});
         return;
     }
@@ -57,11 +57,11 @@ void BusStorage::publish(const ObjectRecord &record, const Done &done)
         done({TrelanError::StorageAccessError, fault});
         return;
     }
-    if (permanent && _state == TrelanBus::MemoryOnly)
+    if (permanent && _state == MemoryOnly)
         warnMemoryOnly();
 
     PermanentStore::Change toDisk;
-    if (permanent && _state == TrelanBus::OnDisk) {
+    if (permanent && _state == OnDisk) {
         toDisk.puts.append(record);
     } else if (concernsDisk(name)) {
         toDisk.removes.append(name);
@@ -105,11 +105,11 @@ void BusStorage::remove(const QStringList &names, const Done &done)
 
 void BusStorage::keepMessage(const TrelanMessage &message, const Kept &kept)
 {
-    if (_state == TrelanBus::Unusable) {
+    if (_state == Unusable) {
         kept({TrelanError::InvalidDataStorage, _errorString}, 0);
         return;
     }
-    if (_state == TrelanBus::MemoryOnly) {
+    if (_state == MemoryOnly) {
         kept(TrelanError(), 0);
         return;
     }
@@ -122,7 +122,7 @@ void BusStorage::keepMessage(const TrelanMessage &message, const Kept &kept)
 /// Nobody waits for it: what is still there when the bus ends too soon is delivered once more.
 void BusStorage::removeMessages(const QVector<qint64> &ids)
 {
-    if (_state != TrelanBus::OnDisk || (ids.isEmpty() && _unremoved.isEmpty()))
+    if (_state != OnDisk || (ids.isEmpty() && _unremoved.isEmpty()))
         return;
     PermanentStore::Change toDisk;
     toDisk.settledMessages = std::exchange(_unremoved, {}) + ids;
@@ -209,7 +209,7 @@ std::vector<BusStorage::Result> BusStorage::write(PermanentStore &store, std::ve
 /// Whether the disk holds a value of this name, or will: then a change of it has to go there too.
 bool BusStorage::concernsDisk(const QString &name) const
 {
-    if (_state != TrelanBus::OnDisk)
+    if (_state != OnDisk)
         return false;
     const ObjectRecord *record = _objects.find(name);
     return _pending.contains(name) || (record && record->head.isPermanent());

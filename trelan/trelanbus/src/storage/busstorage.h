@@ -3,7 +3,7 @@
 #include "storage/backgroundworker.h"
 #include "storage/objectstore.h"
 #include "storage/permanentstore.h"
-#include "trelanbus.h"
+#include "trelanbussettings.h"
 #include "values/buslog.h"
 
 #include <trelanerror.h>
@@ -30,6 +30,13 @@ class BusStorage
 public:
     using Done = std::function<void(const TrelanError &)>;
 
+    /// Where permanent objects are kept.
+    enum State {
+        MemoryOnly, ///< no data folder was given
+        OnDisk,
+        Unusable ///< the data folder cannot be used
+    };
+
     BusStorage(const TrelanBusSettings &settings, std::function<void()> wake);
     ~BusStorage();
     Q_DISABLE_COPY(BusStorage)
@@ -38,7 +45,7 @@ public:
     /// refuses permanent objects and stored messages and is otherwise whole.
     bool open();
 
-    TrelanBus::Storage state() const;
+    State state() const;
     QString errorString() const;
 
     /// Keeps a stored object. \a done is called with the outcome, at once or from handleResults().
@@ -95,7 +102,7 @@ private:
     const std::function<void()> _wake;
     ObjectStore _objects;
     PermanentStore _permanent;
-    TrelanBus::Storage _state = TrelanBus::MemoryOnly;
+    State _state = MemoryOnly;
     QString _errorString;
     QVector<StoredMessage> _loadedMessages;
     qint64 _lastMessageId = 0;

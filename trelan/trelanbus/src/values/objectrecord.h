@@ -1,7 +1,5 @@
 #pragma once
 
-#include "delivery/deliverybody.h"
-
 #include <trelanobject.h>
 
 #include <QtCore/QByteArray>
@@ -37,10 +35,6 @@ struct ObjectRecord
     TrelanObject toObject() const;
     /// The data of an answer that loads it.
     QByteArray toJson() const;
-
-    /// The notification of it, for all receivers, and its uid.
-    DeliveryBody::Ref notification(TrelanTransport::Coding coding, bool forMany = false) const;
-    QString notificationUid() const;
 
     /// What keeping it takes, in bytes.
     qint64 cost() const;

@@ -1,4 +1,4 @@
-#include "delivery/deliveryqueue.h"
+#include "delivery/clientqueue.h"
 
 #include <testtable.h>
 #include <trelanframereader.h>
@@ -11,7 +11,7 @@ using namespace bus;
 /// "check" are the queue's; "send" sends what may be sent. "@x" queues the name of the object x,
 /// whose newest value "$x" changes and "-x" removes. What is sent and what is given up ("!a") is
 /// the outcome.
-class tst_DeliveryQueue : public QObject
+class tst_ClientQueue : public QObject
 {
     Q_OBJECT
 
@@ -26,26 +26,26 @@ class tst_DeliveryQueue : public QObject
         return QUuid::fromString(uid).isNull() ? uid : "fresh";
     }
 
-    static Delivery delivery(QString uid, int size)
+    static QueuedMessage message(QString uid, int size)
     {
-        TrelanMessage message;
-        message.setSender("s");
-        message.setNeedAnswer(uid.endsWith('?'));
-        message.setMessage(noise(size).first().toString());
-        return {std::make_shared<const DeliveryBody>(message), "r", uid.remove('?')};
+        TrelanMessage content;
+        content.setSender("s");
+        content.setNeedAnswer(uid.endsWith('?'));
+        content.setMessage(noise(size).first().toString());
+        return {std::make_shared<const MessageBody>(content), "r", uid.remove('?')};
     }
 
     /// "n" is a value of the object that the id begins with, "N" another value under the same id,
     /// "m" one of another object.
-    static void append(DeliveryQueue &queue, QChar kind, QString uid, qint64 now)
+    static void append(ClientQueue &queue, QChar kind, QString uid, qint64 now)
     {
         const bool isValue = kind.isLetter();
         const QString object = isValue ? uid.left(1) : QString();
         if (kind == 'm')
             uid.replace(0, 1, 'x');
         const int size = kind == 'N' ? 100 : qMax(0, kind.digitValue()) * 6500;
-        Delivery appended = delivery(uid, size);
-        appended.kind = isValue ? Delivery::Value : Delivery::Addressed;
+        QueuedMessage appended = message(uid, size);
+        appended.kind = isValue ? QueuedMessage::Value : QueuedMessage::Direct;
         appended.queuedAt = now;
         appended.object = object;
         queue.append(appended);
@@ -101,11 +101,11 @@ private Q_SLOTS:
     void steps()
     {
         QFETCH(QString, script);
-        DeliveryQueue queue;
+        ClientQueue queue;
         QStringList outcome;
         QMap<QString, QString> values {{"x", "x"}, {"y", "y"}}; // ids of the newest
         const auto newest = [&values](const QString &name) {
-            return values[name].isEmpty() ? Delivery() : delivery(values[name], 0);
+            return values[name].isEmpty() ? QueuedMessage() : message(values[name], 0);
         };
         qint64 now = 0;
         for (const QString &text : script.split(' ')) {
@@ -131,10 +131,11 @@ private Q_SLOTS:
             else if (text != "send")
                 append(queue, text[0], rest, now);
             for (QByteArray frame;
-                 text == "send" && !(frame = queue.takeFrame(now, newest)).isEmpty();)
+                 text == "send" &&
+                 !(frame = queue.takeFrame(now, newest, TrelanTransport::Classic)).isEmpty();)
                 outcome << uidOf(frame);
-            for (const Delivery &delivery : queue.takeGivenUp())
-                outcome << '!' + delivery.uid;
+            for (const QueuedMessage &message : queue.takeGivenUp())
+                outcome << '!' + message.uid;
         }
         QTEST(outcome.join(' '), "expected");
         QTEST(queue.count(), "left");
@@ -143,5 +144,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_APPLESS_MAIN(tst_DeliveryQueue)
-#include "tst_deliveryqueue.moc"
+QTEST_APPLESS_MAIN(tst_ClientQueue)
+#include "tst_clientqueue.moc"

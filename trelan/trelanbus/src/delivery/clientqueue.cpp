@@ -1,0 +1,377 @@
+#include "delivery/clientqueue.h"
+
+#include "values/busnames.h"
+
+#include <algorithm>
+
+namespace bus
+{
+
+namespace
+{
+
+constexpr qint64 NAME_COST = 96; // bytes beside the text, measured roughly
+// More than the hundred messages that a client remembers.
+constexpr size_t MAX_REMEMBERED = 128;
+
+int indexOf(const QList<QueuedMessage> &messages, const QString &key)
+{
+    const auto found =
+        std::find_if(messages.cbegin(), messages.cend(),
+                     [&](const QueuedMessage &message) { return message.key == key; });
+    return found == messages.cend() ? -1 : int(found - messages.cbegin());
+}
+
+} // namespace
+
+void ClientQueue::append(QueuedMessage message)
+{
+    message.number = ++_lastNumber;
+    _bytes += message.cost();
+    _waiting.append(message);
+}
+
+void ClientQueue::appendName(const QString &name, bool fresh)
+{
+    const auto known = _isFresh.find(name);
+    if (known != _isFresh.end()) {
+        *known = *known || fresh;
+        return;
+    }
+    _isFresh.insert(name, fresh);
+    _names.push_back({name, ++_lastNumber, 0});
+    _nameBytes += nameCost(name);
+}
+
+bool ClientQueue::hasName(const QString &name) const
+{
+    return _isFresh.contains(name);
+}
+
+bool ClientQueue::hasNext() const
+{
+    return _inFlight.size() < MAX_IN_FLIGHT && !(_waiting.isEmpty() && _names.empty());
+}
+
+const QueuedMessage *ClientQueue::largeToEncode(const Newest &newest)
+{
+    if (!hasNext())
+        return nullptr;
+    takeNames(newest);
+    if (_waiting.isEmpty() || !_nextFrame.isEmpty() ||
+        _waiting.first().body->textSize() <= LARGE_TEXT || _waiting.first().body->isEncoded())
+        return nullptr;
+    freshenFirst();
+    return &_waiting.first();
+}
+
+void ClientQueue::setFrame(const QString &key, const QByteArray &frame)
+{
+    if (!_waiting.isEmpty() && _nextFrame.isEmpty() && _waiting.first().key == key)
+        _nextFrame = frame;
+}
+
+QByteArray ClientQueue::takeFrame(qint64 now, const Newest &newest, TrelanTransport::Coding coding)
+{
+    if (!hasNext())
+        return {};
+    takeNames(newest);
+    if (_waiting.isEmpty())
+        return {};
+    if (_nextFrame.isEmpty()) {
+        freshenFirst();
+        _nextFrame = _waiting.first().frame(coding);
+    }
+    if (!_inFlight.isEmpty() && _bytesInFlight + _nextFrame.size() > _maxBytesInFlight)
+        return {};
+
+    QueuedMessage message = _waiting.takeFirst();
+    message.sentAt = now;
+    message.frameSize = _nextFrame.size();
+    _bytesInFlight += message.frameSize;
+    if (!message.sent)
+        remember(message);
+    message.sent = true;
+    if (message.conflated) {
+        // If it has to be sent again, the value is read anew.
+        _bytes -= message.cost();
+        message.body = message.body->withoutText();
+        _bytes += message.cost();
+    }
+    _inFlight.append(message);
+    return std::exchange(_nextFrame, {});
+}
+
+void ClientQueue::setMode(TrelanTransport::Mode mode)
+{
+    _maxBytesInFlight =
+        mode == TrelanTransport::Prompt ? MAX_BYTES_IN_FLIGHT_PROMPT : MAX_BYTES_IN_FLIGHT;
+}
+
+bool ClientQueue::acknowledge(const QString &sender, const QString &reciever, const QString &uid,
+                              qint64 now)
+{
+    const QString key = QueuedMessage::keyOf(sender, reciever, uid);
+    const int index = indexOf(_inFlight, key);
+    if (index < 0)
+        return settleWaiting(key);
+    heard(now);
+    const QueuedMessage settled = _inFlight.takeAt(index);
+    _bytesInFlight -= settled.frameSize;
+    forget(settled);
+    for (int i = 0; i < index; ++i) // an older value must not follow this one
+        _inFlight[i].expired = _inFlight.at(i).expired || isSuperseded(_inFlight.at(i), settled);
+    sendAgain(index);
+    return true;
+}
+
+void ClientQueue::heard(qint64 now)
+{
+    _heardAt = now;
+}
+
+void ClientQueue::restart()
+{
+    _nextFrame.clear();
+    _bytesInFlight = 0;
+    while (!_inFlight.isEmpty()) {
+        const QueuedMessage message = _inFlight.takeLast();
+        if (message.expired)
+            forget(message);
+        else
+            waitAgain(message);
+    }
+}
+
+void ClientQueue::dropNotifications()
+{
+    QList<QueuedMessage> kept;
+    for (const QueuedMessage &message : std::as_const(_waiting)) {
+        if (message.kind != QueuedMessage::Direct)
+            forget(message);
+        else
+            kept.append(message);
+    }
+    _waiting = kept;
+    _nextFrame.clear();
+    _names.clear();
+    _nameBytes = 0;
+    _isFresh.clear();
+    for (QueuedMessage &message : _inFlight)
+        message.expired = message.expired || message.kind != QueuedMessage::Direct;
+}
+
+bool ClientQueue::dropOldest(QueuedMessage::Kind kind, bool keepNext)
+{
+    for (int i = int(keepNext); i < _waiting.size(); ++i) {
+        if (_waiting.at(i).kind != kind)
+            continue;
+        forget(_waiting.takeAt(i));
+        if (i == 0)
+            _nextFrame.clear();
+        return true;
+    }
+    return false;
+}
+
+void ClientQueue::checkTimes(qint64 now, qint64 lifetime)
+{
+    // A slow reader that acknowledges other messages is not silent.
+    if (!_inFlight.isEmpty() && now - qMax(_inFlight.first().sentAt, _heardAt) >= SILENCE_MS)
+        sendAgain(1);
+    for (int i = _waiting.size() - 1; i >= 0; --i) {
+        QueuedMessage &message = _waiting[i];
+        if (message.kind != QueuedMessage::Direct)
+            continue;
+        message.outlived = now - message.queuedAt >= lifetime;
+        if (!message.outlived && !isAnswerLate(message, now))
+            continue;
+        forget(message);
+        _givenUp.prepend(_waiting.takeAt(i));
+        if (i == 0)
+            _nextFrame.clear();
+    }
+}
+
+bool ClientQueue::hasDeadline() const
+{
+    return !_inFlight.isEmpty() ||
+           std::any_of(_waiting.cbegin(), _waiting.cend(), [](const QueuedMessage &message) {
+               return message.kind == QueuedMessage::Direct;
+           });
+}
+
+QList<QueuedMessage> ClientQueue::takeGivenUp()
+{
+    return std::exchange(_givenUp, {});
+}
+
+QVector<qint64> ClientQueue::takeSettled()
+{
+    return std::exchange(_settled, {});
+}
+
+bool ClientQueue::isEmpty() const
+{
+    return _waiting.isEmpty() && _inFlight.isEmpty() && _names.empty();
+}
+
+int ClientQueue::count() const
+{
+    return _waiting.size() + _inFlight.size();
+}
+
+int ClientQueue::nameCount() const
+{
+    return int(_names.size());
+}
+
+qint64 ClientQueue::bytes() const
+{
+    return _bytes;
+}
+
+qint64 ClientQueue::nameBytes() const
+{
+    return _nameBytes;
+}
+
+qint64 ClientQueue::nameCost(const QString &name)
+{
+    return NAME_COST + name.size() * qint64(sizeof(QChar));
+}
+
+/// Makes a message of the name whose turn has come, and skips names whose objects are gone.
+void ClientQueue::takeNames(const Newest &newest)
+{
+    while (!_names.empty() &&
+           (_waiting.isEmpty() || _names.front().number < _waiting.first().number)) {
+        const Name next = _names.front();
+        _names.pop_front();
+        _nameBytes -= nameCost(next.name);
+        const bool fresh = _isFresh.take(next.name);
+        QueuedMessage message = newest(next.name);
+        if (!message.body)
+            continue;
+        if (fresh)
+            message.setUid(names::freshUid());
+        message.kind = QueuedMessage::Value;
+        message.object = next.name;
+        message.conflated = true;
+        message.resends = next.resends;
+        message.number = next.number;
+        _bytes += message.cost();
+        _nextFrame.clear();
+        _waiting.prepend(message);
+    }
+}
+
+/// Whether the client knows the key of this notification from another value than the last one of
+/// that object. The client would drop the notification and keep an older value.
+bool ClientQueue::wouldBeDropped(const QueuedMessage &message) const
+{
+    if (!_rememberedKeys.contains(message.key))
+        return false;
+    for (auto known = _remembered.crbegin(); known != _remembered.crend(); ++known) {
+        const bool sameObject = known->object == message.object;
+        if (known->key == message.key)
+            return !sameObject || known->digest != message.body->digest();
+        if (sameObject)
+            break;
+    }
+    return true;
+}
+
+/// Gives the next notification a new id where the client would drop it because of its old one.
+void ClientQueue::freshenFirst()
+{
+    QueuedMessage &first = _waiting.first();
+    if (first.kind == QueuedMessage::Direct || first.sent || !wouldBeDropped(first))
+        return;
+    _bytes -= first.cost();
+    first.setUid(names::freshUid());
+    _bytes += first.cost();
+}
+
+void ClientQueue::remember(const QueuedMessage &message)
+{
+    if (_rememberedKeys.contains(message.key))
+        return; // the client does not count it twice either
+    _rememberedKeys.insert(message.key);
+    _remembered.push_back({message.key, message.object, message.body->digest()});
+    if (_remembered.size() <= MAX_REMEMBERED)
+        return;
+    _rememberedKeys.remove(_remembered.front().key);
+    _remembered.pop_front();
+}
+
+bool ClientQueue::isAnswerLate(const QueuedMessage &message, qint64 now) const
+{
+    return message.body->needsAnswer() && now - message.queuedAt >= ANSWER_WAIT_MS;
+}
+
+/// Settles a message that is acknowledged late, while it waits to be sent again.
+bool ClientQueue::settleWaiting(const QString &key)
+{
+    const int index = indexOf(_waiting, key);
+    if (index < 0 || _waiting.at(index).resends == 0)
+        return false;
+    forget(_waiting.takeAt(index));
+    if (index == 0)
+        _nextFrame.clear();
+    return true;
+}
+
+/// Sends the first \a number messages in flight again, since the client has dropped them.
+void ClientQueue::sendAgain(int number)
+{
+    if (number == 0)
+        return;
+    _nextFrame.clear();
+    for (int i = number - 1; i >= 0; --i) {
+        QueuedMessage message = _inFlight.takeAt(i);
+        _bytesInFlight -= message.frameSize;
+        const bool superseded =
+            std::any_of(_inFlight.cbegin() + i, _inFlight.cend(),
+                        [&](const QueuedMessage &newer) { return isSuperseded(message, newer); });
+        if (message.expired || superseded) {
+            forget(message);
+        } else if (++message.resends <= MAX_RESENDS) {
+            waitAgain(message);
+        } else {
+            forget(message);
+            _givenUp.prepend(message);
+        }
+    }
+}
+
+/// Puts a message back to its place, which is before everything that waits.
+void ClientQueue::waitAgain(const QueuedMessage &message)
+{
+    if (!message.conflated) {
+        _waiting.prepend(message);
+        return;
+    }
+    forget(message);
+    if (_isFresh.contains(message.object))
+        return;
+    _isFresh.insert(message.object, false);
+    _names.push_front({message.object, message.number, message.resends});
+    _nameBytes += nameCost(message.object);
+}
+
+/// Whether \a newer is the notification of a later value of the same object.
+bool ClientQueue::isSuperseded(const QueuedMessage &older, const QueuedMessage &newer)
+{
+    return older.kind == QueuedMessage::Value && newer.kind == QueuedMessage::Value &&
+           older.object == newer.object && older.number < newer.number;
+}
+
+void ClientQueue::forget(const QueuedMessage &message)
+{
+    _bytes -= message.cost();
+    if (message.storedId != 0)
+        _settled.append(message.storedId);
+}
+
+} // namespace bus
