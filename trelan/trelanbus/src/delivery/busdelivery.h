@@ -6,6 +6,7 @@
 #include "trelanbussettings.h"
 #include "values/buslog.h"
 
+#include <QtCore/QCache>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
 #include <QtCore/QPair>
@@ -75,9 +76,11 @@ public:
     void dropNotifications(const QString &client);
 
     /// The message connection of the client \a name is \a id from now on, which is read in this
-    /// way.
-    void attach(const QString &name, ConnectionId id, TrelanTransport::Mode mode);
-    /// It has none.
+    /// way. If \a transient, its queue ends with the connection, and for an hour nothing waits for
+    /// the name, so that a late answer does not begin a new queue.
+    void attach(const QString &name, ConnectionId id, TrelanTransport::Mode mode,
+                bool transient = false);
+    /// The client has no message connection any more.
     void detach(const QString &client);
 
     /// The client has answered a delivery, whatever it said.
@@ -108,6 +111,7 @@ private:
     {
         DeliveryQueue queue;
         ConnectionId connection = 0;
+        bool transient = false;   // its queue ends with its connection
         bool encoding = false;    // its next frame is being made
         int reservedMessages = 0; // on their way to the disk
         qint64 reservedBytes = 0;
@@ -117,6 +121,7 @@ private:
     };
 
     Client &client(const QString &name);
+    bool hasLeft(const QString &name);
     TrelanError roomFault(const QString &name, qint64 cost) const;
     bool isFull(const Client &client, int messages, qint64 bytes) const;
     bool isBehind(const QString &name, const Notification &notification) const;
@@ -139,6 +144,7 @@ private:
     const std::function<void(const QString &)> _ready;
     QElapsedTimer _clock;
     QHash<QString, Client> _clients;
+    QCache<QString, qint64> _left; // when a transient client went, by name
     bool _notifies = false;
     QPair<QByteArray, DeliveryBody::Ref>
         _newest;       // the last content that was asked for, and what it says

@@ -195,6 +195,15 @@ void DeliveryQueue::dropNotifications()
         delivery.expired = delivery.expired || delivery.kind != Delivery::Addressed;
 }
 
+void DeliveryQueue::clear()
+{
+    restart();
+    dropNotifications();
+    for (const Delivery &delivery : std::as_const(_waiting))
+        forget(delivery);
+    _waiting.clear();
+}
+
 bool DeliveryQueue::dropOldest(Delivery::Kind kind, bool keepNext)
 {
     for (int i = int(keepNext); i < _waiting.size(); ++i) {

@@ -117,6 +117,9 @@ public:
     /// they are acknowledged, but are not sent again.
     void dropNotifications();
 
+    /// Forgets everything, since the client has gone for good.
+    void clear();
+
     /// Drops the oldest of a kind that waits; not the one that is next, if that is to be kept.
     /// False if there is none.
     bool dropOldest(Delivery::Kind kind, bool keepNext);
