@@ -134,7 +134,7 @@ bool isUtf8(const QByteArray &bytes)
 
 ParsedArguments parseArguments(const QList<QByteArray> &argv)
 {
-    std::vector<std::string> words; // in reverse, as CLI11 takes them from the end
+    std::vector<std::string> words; // reversed, since CLI11 takes them from the end
     for (const QByteArray &word : argv) {
         if (!isUtf8(word)) {
             return usageError(QStringLiteral("the argument '%1' is no valid UTF-8")

@@ -24,7 +24,7 @@ Calling::Calling(const Arguments &arguments, const QVariantMap &parameters)
 
 ExitCode Calling::run()
 {
-    // Not before both channels are open: the answer would find nobody.
+    // The call waits for both channels, or the answer would find nobody.
     QObject::connect(&_session, &Session::ready, &_session, [this] { call(); });
     QObject::connect(
         &_session, &Session::sent, &_session,

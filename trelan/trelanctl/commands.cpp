@@ -20,7 +20,7 @@ namespace trelanctl
 namespace
 {
 
-// Far above what a bus takes in one frame: it keeps a wrong pipe from filling the memory.
+// Keeps a wrong pipe from filling the memory; it is far above what a bus takes in one frame.
 const qint64 INPUT_LIMIT = 64 * 1024 * 1024;
 
 /// Warns of wildcards that will not take in what they seem to.

@@ -18,7 +18,7 @@ namespace trelanctl
 namespace
 {
 
-// Far below the limit of a frame, and more than anybody should say in one answer.
+// More than anybody should say in one answer, and far below the limit of a frame.
 const int OUTPUT_LIMIT = 1024 * 1024;
 
 } // namespace
