@@ -63,21 +63,23 @@ bool takeText(const QVariantMap &data, const char *key, QString &text, BusReques
 // Notifications and answers may be indented, which makes a line of each value.
 constexpr qint64 MAX_INDENTED = 64 * 1024 * 1024;
 
+bool isTruth(const QVariant &value)
+{
+    return value.userType() == QMetaType::Bool;
+}
+
 bool parseHandshake(const QVariantMap &data, BusRequest &request)
 {
     // Not checked: clients may say there what they like.
     request.prompt = data.value(QStringLiteral("prompt")).toBool();
+    const QVariant transient = data.value(QStringLiteral("transient"));
+    request.transient = isTruth(transient) && transient.toBool();
     return takeText(data, "name", request.name, request);
 }
 
 bool isObject(const QVariant &value)
 {
     return value.userType() == QMetaType::QVariantMap;
-}
-
-bool isTruth(const QVariant &value)
-{
-    return value.userType() == QMetaType::Bool;
 }
 
 bool isTime(const QVariant &value)
