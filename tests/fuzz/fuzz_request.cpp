@@ -16,7 +16,7 @@ namespace
 BusRequest parse(const QByteArray &json)
 {
     constexpr qint64 LIMIT = 16 * 1024 * 1024;
-    return BusRequest::parse(TrelanFrame::compressLightly(json).toBase64(), LIMIT);
+    return BusRequest::parse(qCompress(json, 0).toBase64(), LIMIT);
 }
 
 /// What goes on to others as it stands has to be sound.

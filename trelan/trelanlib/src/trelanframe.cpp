@@ -34,8 +34,24 @@ QString textOf(std::string_view word)
 
 QByteArray compressed(const QVariantMap &envelope, TrelanTransport::Coding coding)
 {
-    return coding == TrelanTransport::Light ? TrelanFrame::compressLightly(json::exact(envelope))
-                                            : TrelanFrame::compress(json::indented(envelope));
+    if (coding == TrelanTransport::Classic)
+        return zstream::compress(json::indented(envelope));
+    QByteArray bytes;
+    zstream::storeOrCompress(json::exact(envelope), bytes);
+    return bytes;
+}
+
+TrelanFrame::Fault faultOf(zstream::Outcome outcome)
+{
+    switch (outcome) {
+    case zstream::Done:
+        return TrelanFrame::NoFault;
+    case zstream::TooLarge:
+        return TrelanFrame::TooLarge;
+    case zstream::Damaged:
+        break;
+    }
+    return TrelanFrame::NotInflatable;
 }
 
 } // namespace
@@ -75,16 +91,11 @@ QByteArray TrelanFrame::encode(Kind kind, const QVariantMap &envelope,
                                TrelanTransport::Coding coding)
 {
     if (coding == TrelanTransport::Light)
-        return encodeText(kind, json::exact(envelope));
+        return frameformat::light(wordOf(kind), json::exact(envelope));
     const QByteArray bytes = compressed(envelope, coding);
     QByteArray frame = frameformat::lines(wordOf(kind), base64::encodedSize(bytes.size()));
     base64::append(frame, bytes);
     return frame;
-}
-
-QByteArray TrelanFrame::encodeText(Kind kind, const QByteArray &json)
-{
-    return frameformat::light(wordOf(kind), json);
 }
 
 QByteArray TrelanFrame::encodePayload(const QVariantMap &envelope, TrelanTransport::Coding coding)
@@ -101,8 +112,12 @@ QByteArray TrelanFrame::frame(Kind kind, const QByteArray &payload)
 
 TrelanFrame::Payload TrelanFrame::decodePayload(const QByteArray &payload, qint64 maxInflatedSize)
 {
-    Fault fault = NoFault;
-    Payload decoded = decodeJson(uncompress(base64::decode(payload), maxInflatedSize, &fault));
+    QByteArray json;
+    const Fault fault =
+        faultOf(zstream::uncompress(base64::decode(payload), maxInflatedSize, json));
+    if (fault != NoFault)
+        json.clear();
+    Payload decoded = decodeJson(json);
     if (fault != NoFault)
         decoded.fault = fault;
     if (fault == TooLarge)
@@ -128,35 +143,6 @@ qint64 TrelanFrame::maxInflatedSize()
 void TrelanFrame::setMaxInflatedSize(qint64 bytes)
 {
     _maxInflatedSize = qMax<qint64>(bytes, 1);
-}
-
-QByteArray TrelanFrame::compress(const QByteArray &bytes)
-{
-    return zstream::compress(bytes);
-}
-
-QByteArray TrelanFrame::compressLightly(const QByteArray &bytes)
-{
-    QByteArray out;
-    zstream::storeOrCompress(bytes, out);
-    return out;
-}
-
-QByteArray TrelanFrame::uncompress(const QByteArray &bytes, qint64 maxInflatedSize, Fault *fault)
-{
-    QByteArray inflated;
-    switch (zstream::uncompress(bytes, maxInflatedSize, inflated)) {
-    case zstream::Done:
-        *fault = NoFault;
-        return inflated;
-    case zstream::TooLarge:
-        *fault = TooLarge;
-        return {};
-    case zstream::Damaged:
-        break;
-    }
-    *fault = NotInflatable;
-    return {};
 }
 
 } // namespace bus

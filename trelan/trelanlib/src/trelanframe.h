@@ -20,8 +20,8 @@ class TrelanError;
 /// CR LF, with nothing behind the payload. The payload is base64 over a compressed JSON object, the
 /// envelope. Bytes off a stream are cut into frames by TrelanFrameReader.
 ///
-/// All functions are static and thread-safe; each thread keeps its own compressor, which takes
-/// about 300 KB and saves setting one up for every payload.
+/// All functions are static and thread-safe. Each thread that writes Classic keeps a compressor,
+/// which takes about 300 KB and saves setting one up for every payload.
 ///
 /// \code
 /// const QByteArray bytes = TrelanFrame::encode(
@@ -81,17 +81,15 @@ public:
     static QByteArray encodePayload(const QVariantMap &envelope,
                                     TrelanTransport::Coding coding = TrelanTransport::Classic);
 
-    /// A whole frame in the coding Light, of an envelope that is text already.
-    static QByteArray encodeText(Kind kind, const QByteArray &json);
-
     /// A whole frame around a payload.
     static QByteArray frame(Kind kind, const QByteArray &payload);
 
     /// \brief Takes a payload apart.
     ///
     /// As tolerant as QByteArray::fromBase64() and qUncompress(): foreign characters are skipped,
-    /// and the uncompressed length that the payload declares need not be right. It never decides
-    /// how much memory is taken; that grows with what really comes out, up to \a maxInflatedSize.
+    /// and the uncompressed length that the payload declares need not be right. The declared length
+    /// never decides how much memory is taken: memory grows with what really comes out, up to
+    /// \a maxInflatedSize.
     static Payload decodePayload(const QByteArray &payload,
                                  qint64 maxInflatedSize = TrelanFrame::maxInflatedSize());
 
@@ -102,17 +100,6 @@ public:
     static qint64 maxInflatedSize();
     /// At least 1; takes effect for the next payload, in every thread.
     static void setMaxInflatedSize(qint64 bytes);
-
-    /// What qCompress(\a bytes, -1) returns, to the byte, with a compressor that is set up once.
-    static QByteArray compress(const QByteArray &bytes);
-
-    /// What qUncompress() takes, made in less time and with more bytes than by compress(): up to
-    /// 1 MiB is stored as it is.
-    static QByteArray compressLightly(const QByteArray &bytes);
-
-    /// What qUncompress(\a bytes) returns, but silent, and \c NotInflatable or \c TooLarge in
-    /// \a fault where there is nothing to return.
-    static QByteArray uncompress(const QByteArray &bytes, qint64 maxInflatedSize, Fault *fault);
 };
 
 } // namespace bus

@@ -4,6 +4,8 @@
 #include "frameformat.h"
 #include "zstream.h"
 
+#include <zlib.h>
+
 namespace bus
 {
 

@@ -5,6 +5,7 @@
 #include <QtCore/QtEndian>
 
 #include <libdeflate.h>
+#include <zlib.h>
 
 #include <limits>
 #include <memory>

@@ -2,8 +2,6 @@
 
 #include <QtCore/QByteArray>
 
-#include <zlib.h>
-
 /// What qCompress() makes and qUncompress() reads: four bytes of length, big-endian, and a zlib
 /// stream. Internal to the libraries; the functions are thread-safe.
 namespace bus::zstream

@@ -2,6 +2,7 @@
 
 #include <base64.h>
 #include <jsondom.h>
+#include <zstream.h>
 
 #include <algorithm>
 #include <string_view>
@@ -227,7 +228,12 @@ TrelanFrame::Payload readSlowly(const QByteArray &json)
 
 QByteArray inflate(const QByteArray &payload, qint64 maxInflatedSize, TrelanFrame::Fault &fault)
 {
-    return TrelanFrame::uncompress(base64::decode(payload), maxInflatedSize, &fault);
+    QByteArray json;
+    const auto outcome = zstream::uncompress(base64::decode(payload), maxInflatedSize, json);
+    fault = outcome == zstream::Done       ? TrelanFrame::NoFault
+            : outcome == zstream::TooLarge ? TrelanFrame::TooLarge
+                                           : TrelanFrame::NotInflatable;
+    return fault == TrelanFrame::NoFault ? json : QByteArray();
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include <frameformat.h>
 #include <jsondom.h>
 #include <wirekeys.h>
+#include <zstream.h>
 
 #include <charconv>
 #include <string_view>
@@ -103,11 +104,10 @@ private:
 
 std::optional<TrelanMessage> decode(const QByteArray &payload)
 {
-    TrelanFrame::Fault fault = TrelanFrame::NoFault;
-    const QByteArray json =
-        TrelanFrame::uncompress(base64::decode(payload), TrelanFrame::maxInflatedSize(), &fault);
+    QByteArray json;
     std::optional<TrelanMessage> message;
-    if (fault != TrelanFrame::NoFault)
+    if (zstream::uncompress(base64::decode(payload), TrelanFrame::maxInflatedSize(), json) !=
+        zstream::Done)
         return message;
     json::parse(json, [&message](dom::element root) {
         dom::object envelope;
