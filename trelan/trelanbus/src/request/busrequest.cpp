@@ -17,11 +17,11 @@ namespace bus
 namespace
 {
 
-// Answers wrap a content into one level more than a publish did, and JSON parsers stop at 1024
-// levels: an object nested deeper could be published, but not be loaded back.
+// An answer has one level more around a content than a publish has, and JSON parsers stop at 1024
+// levels: an object nested deeper could be published, but not be loaded.
 constexpr int MAX_CONTENT_DEPTH = 1000;
 
-// Longer than any there is. The reply repeats the word, which must not take long to encode.
+// No operation has a longer name. The reply repeats the word, which must not take long to encode.
 constexpr int MAX_WORD = 64;
 
 const QString LIST_SEPARATOR = QStringLiteral("::");
@@ -47,7 +47,7 @@ bool isNumber(const QVariant &value)
     return type == QMetaType::Double || type == QMetaType::LongLong || type == QMetaType::Int;
 }
 
-/// Takes the text under \a key, or sets the fault. Absent is not text.
+/// Takes the text under \a key, or sets the fault, also if there is no such key.
 bool takeText(const QVariantMap &data, const char *key, QString &text, BusRequest &request)
 {
     const QVariant value = data.value(QLatin1String(key));
@@ -60,12 +60,12 @@ bool takeText(const QVariantMap &data, const char *key, QString &text, BusReques
     return true;
 }
 
-// Notifications and answers may be indented, which makes a line of each value.
+// Notifications and answers may be indented, which takes a line for each value.
 constexpr qint64 MAX_INDENTED = 64 * 1024 * 1024;
 
 bool parseHandshake(const QVariantMap &data, BusRequest &request)
 {
-    // Not checked: clients may say there what they like.
+    // "prompt" is not checked, since clients may say there what they like.
     request.prompt = data.value(QStringLiteral("prompt")).toBool();
     return takeText(data, "name", request.name, request);
 }
@@ -85,7 +85,7 @@ bool isTime(const QVariant &value)
     return isText(value) || isNumber(value);
 }
 
-/// What a value has to be if it is there.
+/// The kind of a value that may be missing.
 struct Type
 {
     const char *key;
@@ -96,7 +96,7 @@ struct Type
 constexpr Type UID {"uid", "a string of up to 1024 characters", isUid};
 constexpr Type TIME {"dt", "a string of milliseconds", isTime};
 
-/// The values that may be missing, but not be of another kind.
+/// Checks the kind of values that may be missing.
 bool checkTypes(const QVariantMap &data, std::initializer_list<Type> types, BusRequest &request)
 {
     for (const Type &type : types) {
@@ -111,12 +111,14 @@ bool checkTypes(const QVariantMap &data, std::initializer_list<Type> types, BusR
 }
 
 /// What is wrong with the content of an object, for people; empty if nothing is.
-QString contentFault(const jsontext::Measure &measure, const QString &name)
+QString contentFault(const ObjectRecord &record, const payload::Measure &measure)
 {
-    if (measure.indented > MAX_INDENTED) {
+    const QString &name = record.head.name;
+    const qint64 indented = record.contentJson.size() + measure.indentation;
+    if (indented > MAX_INDENTED) {
         return QStringLiteral("content of %1 takes %2 bytes with its indentation, more than %3")
             .arg(names::quoted(name))
-            .arg(measure.indented)
+            .arg(indented)
             .arg(MAX_INDENTED);
     }
     if (measure.depth > MAX_CONTENT_DEPTH) {
@@ -128,13 +130,12 @@ QString contentFault(const jsontext::Measure &measure, const QString &name)
     return {};
 }
 
-/// Checks what is left when the values are those of an object.
-bool checkPublish(const jsontext::Measure &measure, BusRequest &request)
+/// Checks the name and the content of an object; all other values are sound.
+bool checkPublish(const payload::Measure &measure, BusRequest &request)
 {
-    const QString &name = request.record.head.name;
-    QString fault = names::objectNameFault(name);
+    QString fault = names::objectNameFault(request.record.head.name);
     if (fault.isEmpty())
-        fault = contentFault(measure, name);
+        fault = contentFault(request.record, measure);
     if (!fault.isEmpty())
         request.fault = dataFault(fault);
     return fault.isEmpty();
@@ -154,10 +155,10 @@ bool parsePublish(const QVariantMap &data, BusRequest &request)
     head.options = TrelanObject::Options(QFlag(data.value(QStringLiteral("opt")).toInt()));
     request.record.contentJson = json::compact(data.value(QStringLiteral("cnt")).toMap());
     request.record.contentJson.squeeze();
-    return checkPublish(jsontext::measure(request.record.contentJson), request);
+    return true;
 }
 
-/// A publish of which everything is known but whether its name and its content will do.
+/// A publish that was read already, except for the checks of its name and its content.
 BusRequest takePublish(const payload::Request &decoded)
 {
     BusRequest request;
@@ -194,7 +195,7 @@ bool parseLoadObjects(const QVariantMap &data, BusRequest &request)
     return takeText(data, "wc", request.name, request);
 }
 
-/// Either one wildcard under "wc", which may not be empty, or a list under "wcs", which may.
+/// Takes either one wildcard under "wc", which may not be empty, or a list under "wcs", which may.
 bool takeWildcards(const QVariantMap &data, BusRequest &request)
 {
     const bool one = data.contains(QStringLiteral("wc"));
@@ -271,8 +272,8 @@ const QHash<QString, Parser> PARSERS {
     {QStringLiteral("loadObject"), {BusRequest::LoadObject, parseLoadObject}},
     {QStringLiteral("loadObjects"), {BusRequest::LoadObjects, parseLoadObjects}},
     {QStringLiteral("sub"), {BusRequest::Subscribe, parseSubscribe}},
-    // No text is too long or too odd not to be subscribed: after a failure clients unsubscribe
-    // whole lists, the refused entry included.
+    // Wildcards are not checked here: after a failure clients unsubscribe whole lists, the refused
+    // wildcard included.
     {QStringLiteral("unsub"), {BusRequest::Unsubscribe, takeWildcards}},
     {QStringLiteral("sendMessage"), {BusRequest::SendMessage, parseSendMessage}},
     {QStringLiteral("clients"), {BusRequest::Clients, parseClients}},
@@ -323,7 +324,9 @@ BusRequest BusRequest::parse(const QByteArray &payload, qint64 maxInflatedSize)
         request.fault = dataFault(QStringLiteral("\"data\" has to be an object"));
         return request;
     }
-    if (parser->parse(data.toMap(), request))
+    if (!parser->parse(data.toMap(), request))
+        return request;
+    if (parser->operation != BusRequest::Publish || checkPublish(decoded.measure, request))
         request.operation = parser->operation;
     return request;
 }
