@@ -8,9 +8,8 @@
 namespace examples
 {
 
-/// Takes the options --query-port and --msg-port, for a bus that is not at its usual ports. A
-/// program that is to find it there needs none of this, but for the transport without pauses, which
-/// every new application should choose.
+/// Chooses the transport without pauses, as every new application should, and takes the options
+/// --query-port and --msg-port, which a program needs only for a bus at other ports than the usual.
 inline void usePorts()
 {
     QCommandLineParser options;

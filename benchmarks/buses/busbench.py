@@ -15,6 +15,7 @@ import sys
 import tempfile
 import time
 
+import picture
 import report
 import servers
 from processes import Failure, OtherPrograms, Program, cpu_seconds, pss_kib
@@ -231,6 +232,16 @@ def insert(text, path):
         file.write("".join(parts))
 
 
+def keep(run, document):
+    """The figures of a document, and what is drawn of them, in the folder of its name."""
+    folder = os.path.splitext(document)[0]
+    os.makedirs(folder, exist_ok=True)
+    for name, text in (("figures.json", report.kept(run)), ("publish.svg", picture.draw(run))):
+        if text:
+            with open(os.path.join(folder, name), "w", encoding="utf-8") as file:
+                file.write(text)
+
+
 def parse(arguments):
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", help="folder of the build")
@@ -239,7 +250,8 @@ def parse(arguments):
     parser.add_argument("--data-streams", action="store_true",
                         help="those that carry bytes with QDataStream, too, beside JSON")
     parser.add_argument("--unpacked", default="/", help="folder of the peers' unpacked packages")
-    parser.add_argument("--into", metavar="DOCUMENT", help="put the tables between its marks")
+    parser.add_argument("--into", metavar="DOCUMENT",
+                        help="put the tables between its marks, and figures and picture beside it")
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--milliseconds", type=int, default=200, help="for each figure of a round")
     parser.add_argument("--only", nargs="+", metavar="BUS", help="leave the others out",
@@ -278,6 +290,7 @@ def main():
             file.write(text)
     if options.into:
         insert(text, options.into)
+        keep(result, options.into)
     print("\n" + text)
     return 0
 

@@ -1,5 +1,7 @@
 """What has been measured, as Markdown: the table, the goals, and two runs side by side."""
 
+import json
+
 FREE, ONE_CPU = "free", "one CPU"
 
 COLUMNS = [
@@ -157,6 +159,16 @@ def whole(run):
             f"medians of {run['rounds']} rounds of {run['milliseconds']} ms for each figure. "
             f"Other programs took {run['others_percent']:.0f} % of the processors meanwhile.")
     return "\n\n".join([head, table(run), idle_table(run), goals_table(run)]) + "\n"
+
+
+def kept(run):
+    """The medians alone, as JSON with a line for each, for the repository."""
+    head = {key: value for key, value in run.items() if key not in ("figures", "goals")}
+    figures = [{key: value for key, value in figure.items() if key != "rounds"}
+               for figure in run["figures"]]
+    lines = ",\n  ".join(json.dumps(figure, ensure_ascii=False) for figure in figures)
+    return (json.dumps(head, ensure_ascii=False, indent=1)[:-2] +
+            ',\n "figures": [\n  ' + lines + "\n ]\n}\n")
 
 
 def comparison(before, after):

@@ -71,8 +71,8 @@ int ping(CommandController &controller, const QString &name)
                                  << pair.second.params();
                          QCoreApplication::quit();
                      });
-    // Nothing tells whether a command has left: one that is emitted while there is no connection is
-    // dropped, and so is one for a client that is not there.
+    // A command that is emitted while there is no connection is dropped, and nothing tells. One for
+    // a client that is not there waits in the bus; that client drops the repetitions, by their uid.
     QTimer askAgain;
     QObject::connect(&askAgain, &QTimer::timeout, &controller,
                      [&] { emit controller.sendCommand(call); });

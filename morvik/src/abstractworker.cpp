@@ -5,6 +5,9 @@
 namespace morvik
 {
 
+struct AbstractWorker::Private
+{};
+
 AbstractWorker::AbstractWorker(QObject *parent)
     : QObject(parent)
 {}
@@ -14,8 +17,15 @@ AbstractWorker::~AbstractWorker() = default;
 void AbstractWorker::restart()
 {
     doStop();
-    if (!thread()->isInterruptionRequested())
+    if (!isStopRequested())
         doStart();
+}
+
+bool AbstractWorker::isStopRequested() const
+{
+    // Null once the QThread object is deleted, which does not move the worker anywhere.
+    const QThread *const own = thread();
+    return !own || own->isInterruptionRequested();
 }
 
 } // namespace morvik

@@ -3,6 +3,7 @@
 #include "abstractworker.h"
 #include "workerthread.h"
 
+#include <QtCore/QList>
 #include <QtCore/QPointer>
 
 #include <utility>
@@ -10,44 +11,52 @@
 namespace morvik
 {
 
+class AbstractWorkerController::Private
+{
+public:
+    QList<WorkerThread *> _threads;
+    bool _started = false;
+};
+
 AbstractWorkerController::AbstractWorkerController(QObject *parent)
     : QObject(parent)
+    , d(std::make_unique<Private>())
 {}
 
 AbstractWorkerController::~AbstractWorkerController()
 {
-    // The subclass is gone, and with it what it makes of these two.
+    // Overrides of these two functions are not called any more: the subclass is gone.
     AbstractWorkerController::doStop();
     AbstractWorkerController::doKillThreads();
 }
 
 bool AbstractWorkerController::start()
 {
-    if (_started)
+    if (d->_started)
         return true;
-    _started = true;
+    d->_started = true;
     if (!doStart())
         stop();
-    return _started;
+    return d->_started;
 }
 
 void AbstractWorkerController::stop()
 {
-    if (!_started)
+    if (!d->_started && d->_threads.isEmpty())
         return;
-    _started = false;
+    d->_started = false;
     doStop();
     doKillThreads();
 }
 
 bool AbstractWorkerController::isStarted() const
 {
-    return _started;
+    return d->_started;
 }
 
 bool AbstractWorkerController::doStop()
 {
-    for (WorkerThread *thread : std::as_const(_threads))
+    for (WorkerThread *thread : std::as_const(d->_threads))
         thread->askToStop();
     return true;
 }
@@ -55,15 +64,15 @@ bool AbstractWorkerController::doStop()
 void AbstractWorkerController::doKillThreads()
 {
     // Taken out first: a subclass that is told may start again.
-    const QList<WorkerThread *> threads = std::exchange(_threads, {});
+    const QList<WorkerThread *> threads = std::exchange(d->_threads, {});
     for (WorkerThread *thread : threads) {
         const bool ran = thread->isRunning() || thread->isFinished();
-        if (thread == QThread::currentThread()) {
-            // A worker has called exit(), and this controller is static: its thread outlives it.
+        if (!thread->awaitEnd()) {
+            // Its worker has called exit(), here or while another thread was ending the process:
+            // the thread outlives this controller.
             thread->setParent(nullptr);
             continue;
         }
-        thread->wait();
         delete thread;
         if (ran)
             processStoppedWorker();
@@ -75,7 +84,7 @@ QThread *AbstractWorkerController::addWorkerToThread(AbstractWorker *worker)
     if (!worker)
         return nullptr;
     auto *thread = new WorkerThread(worker, this);
-    _threads.append(thread);
+    d->_threads.append(thread);
     const auto started = [this, current = QPointer<WorkerThread>(thread)] {
         if (current) // else it was stopped before this came through
             processStartedWorker();

@@ -2,25 +2,25 @@
 
 #include "morvikglobal.h"
 
-#include <QtCore/QList>
 #include <QtCore/QObject>
 #include <QtCore/QThread>
+
+#include <memory>
 
 namespace morvik
 {
 
 class AbstractWorker;
-class WorkerThread;
 
 /// \brief Owns workers and the threads they work in, and starts and stops them together.
 ///
 /// A subclass makes its workers in doStart(), hands each to addWorkerToThread(), wires it and
-/// starts the thread it got. Everything here is called from the controller's thread. A worker
+/// starts the thread it got. All functions are called from the controller's thread. A worker
 /// belongs to the controller from addWorkerToThread() on: it is started, stopped and deleted in its
 /// own thread.
 ///
-/// start() and stop() may be called at any time and any number of times. stop() waits: for as long
-/// as the workers need to notice and to run their doStop().
+/// start() and stop() may be called at any time and any number of times. stop() waits until the
+/// workers have noticed and have run their doStop().
 class MORVIK_EXPORT AbstractWorkerController : public QObject
 {
     Q_OBJECT
@@ -32,16 +32,17 @@ public:
 
     /// Calls doStart() unless the controller is started already.
     bool start();
-    /// Stops all workers, ends their threads and deletes both. Does nothing on a stopped
-    /// controller.
+    /// Stops all workers, ends their threads and deletes both, whether start() made them or a
+    /// direct call of what doStart() calls. Does nothing where there are none.
     void stop();
 
+    /// Whether start() has been called since the last stop().
     bool isStarted() const;
 
 protected:
     /// Makes the workers. Returning false stops at once what was made.
     virtual bool doStart() = 0;
-    /// Asks every worker to stop; does not wait.
+    /// Asks every worker to stop, and returns at once.
     virtual bool doStop();
     /// Waits for the threads and deletes them.
     virtual void doKillThreads();
@@ -50,14 +51,14 @@ protected:
     /// started: wire the worker first. Once it runs it calls the worker's doStart().
     virtual QThread *addWorkerToThread(AbstractWorker *worker);
 
-    /// A worker has run its doStart(). Called in the controller's thread, by its event loop.
+    /// Called when a worker has run its doStart(): in the controller's thread, by its event loop.
     virtual void processStartedWorker();
-    /// A worker has run its doStop() and is deleted. Called in the controller's thread.
+    /// Called when a worker has run its doStop() and is deleted: in the controller's thread.
     virtual void processStoppedWorker();
 
 private:
-    QList<WorkerThread *> _threads;
-    bool _started = false;
+    class Private;
+    const std::unique_ptr<Private> d;
 };
 
 } // namespace morvik

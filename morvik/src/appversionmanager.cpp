@@ -26,8 +26,8 @@ namespace
 const QString RESOURCE_FOLDER = QStringLiteral(":/translations");
 const QString TRANSLATOR_NAME = QStringLiteral("morvik.translator.%1");
 
-/// The path of this library, links resolved, in the bytes of the file system. A loader may have
-/// been given a relative path, which means nothing any more once the process changes its folder.
+/// The path of this library, links resolved, in the bytes of the file system. It is made absolute
+/// at once: a relative one means nothing any more when the process has changed its folder.
 QByteArray libraryPath()
 {
     Dl_info info;
@@ -41,11 +41,11 @@ QByteArray libraryPath()
 
 struct Registry
 {
-    QMutex mutex;
+    QMutex mutex; // guards versions and localisations
     QHash<QString, AppVersion> versions;
     QStringList localisations;
-    /// Not decoded here: before there is an application object Qt would take the C locale for the
-    /// encoding of file names, and keep to it.
+    /// Kept as bytes: decoded before there is an application object, Qt would take the C locale for
+    /// the encoding of file names, and keep to it.
     const QByteArray path = libraryPath();
 };
 
@@ -65,15 +65,15 @@ QString installedFolder()
     return library.path() + QStringLiteral("/" MORVIK_LIB_TO_TRANSLATIONS);
 }
 
-/// The texts in the code are English. Somebody who reads English first and has German as a second
-/// choice is not to get German only because there is no English file.
+/// The texts in the code are English. A user who prefers English, with German as a second choice,
+/// must not get German only because there is no English file.
 bool prefersTextsOfTheCode(const QLocale &locale)
 {
     const QLocale first(locale.uiLanguages().value(0));
     return first.language() == QLocale::C || first.language() == QLocale::English;
 }
 
-/// In the thread of the application object.
+/// Installs the translation of \a name; called in the thread of the application object.
 void installTranslator(const QString &name)
 {
     QCoreApplication *application = QCoreApplication::instance();
@@ -93,8 +93,8 @@ void installTranslator(const QString &name)
     QCoreApplication::installTranslator(translator.release());
 }
 
-/// Qt calls it in the constructor of every application object, and once while this library is
-/// loaded if there is one already: then there are no names yet.
+/// Called by Qt in the constructor of every application object. If there is one when this library
+/// is loaded, Qt calls it then, before any library has given a name.
 void installTranslators()
 {
     Registry &known = registry();
@@ -134,8 +134,8 @@ void AppVersionManager::addLocalisation(const QString &name)
             return;
         known.localisations.append(name);
     }
-    // The name is in the list by now: an application object that is made after this line installs
-    // it, and one that does both at the same time finds the translator it has.
+    // The name is in the list by now. An application object that is made after this line installs
+    // the translation; one that is made just before may ask twice, and installTranslator() looks.
     QCoreApplication *application = QCoreApplication::instance();
     if (!application)
         return;

@@ -8,10 +8,10 @@
 namespace morvik
 {
 
-/// \brief What is loaded into this process, by name, and the translations that go with it.
+/// \brief The versions and translations of what is loaded into this process, by name.
 ///
 /// Libraries call it while they are loaded, before main() and before there is an application
-/// object; all functions are static and thread-safe, and none prints anything.
+/// object. All functions are static and thread-safe, and none prints anything.
 class MORVIK_EXPORT AppVersionManager
 {
 public:
@@ -26,12 +26,13 @@ public:
     ///
     /// The file `<name>_<locale>.qm` is looked for in the folder of installed translations,
     /// `<datadir>/morvik/translations` of the tree this library lies in, and then in the Qt
-    /// resource folder ":/translations". It is installed as soon as there is an application
-    /// object, at once if there is one, and for every later one again; in another thread than the
-    /// application's it is left to that thread's event loop. A name counts once.
+    /// resource folder ":/translations". The translation is installed for the application object
+    /// that is there, and for every later one. Called outside the application's thread, the
+    /// function leaves the installing to the event loop of that thread. A second call with one name
+    /// does nothing.
     ///
-    /// A locale without translation is no fault, and neither is one that prefers English: the texts
-    /// stay as they are in the code.
+    /// A locale without translation, or one that prefers English, is no fault: the texts stay as
+    /// they are in the code.
     static void addLocalisation(const QString &name);
 };
 

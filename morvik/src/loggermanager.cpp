@@ -15,16 +15,16 @@ struct Entry
         : output(function)
     {}
 
-    LoggerManager::Output output; // empty once it is removed
+    LoggerManager::Output output; // empty once the entry is removed
     bool running = false;
 };
 
 struct Outputs
 {
-    // Held while an output is called: one for all of them, since two outputs that hand lines on
-    // to handle() would otherwise wait for each other.
+    // Guards what an entry holds, and is held while its output is called. All entries share it,
+    // since two outputs that hand lines on to handle() would otherwise wait for each other.
     QMutex calling {QMutex::Recursive};
-    QMutex mutex;
+    QMutex mutex; // guards the members below
     QMap<QString, std::shared_ptr<Entry>> entries;
     QtMessageHandler previous = nullptr;
     bool installed = false;
@@ -41,7 +41,7 @@ void callOutput(Entry &entry, QtMsgType type, const QMessageLogContext &context,
                 const QString &text)
 {
     const QMutexLocker locker(&outputsOfProcess().calling);
-    // What an output logs does not come back to it, else it would log for ever.
+    // A line that an output logs does not come back to it, since it would log for ever.
     if (entry.running || !entry.output)
         return;
     entry.running = true;
@@ -50,7 +50,7 @@ void callOutput(Entry &entry, QtMsgType type, const QMessageLogContext &context,
     entry.running = false;
 }
 
-/// Waits for a line that is being written, and lets no other follow.
+/// Waits until the output has written its current line, and lets no other line reach it.
 void retire(const std::shared_ptr<Entry> &entry)
 {
     if (!entry)

@@ -24,8 +24,8 @@ QString renderBinary(const LogBinary &binary)
     return text + cutNote(binary.bytes.size() - shown.size());
 }
 
-/// UTF-8 bytes of a text without encoding it. A surrogate pair is four: a high one stands for
-/// both.
+/// The UTF-8 bytes that a character takes. Of a surrogate pair, which takes four, the high one
+/// counts for both.
 int utf8Size(QChar c)
 {
     if (c.unicode() < 0x80)
@@ -37,8 +37,8 @@ int utf8Size(QChar c)
     return 3;
 }
 
-/// One character of a text in quotes: a line break or an escape sequence out of somebody's data
-/// must not pass for log lines of ours.
+/// One character of a text in quotes, escaped: a line break in foreign data must not look like the
+/// start of a log line.
 QString escaped(QChar c)
 {
     if (c == QLatin1Char('"') || c == QLatin1Char('\\'))
@@ -56,7 +56,7 @@ QString escaped(QChar c)
 class CutText
 {
 public:
-    /// Punctuation between data; not counted as cut, since it is not the sender's.
+    /// Appends punctuation, which is not counted as cut: it is not part of the data.
     void appendMark(const QString &mark)
     {
         if (!isFull())
@@ -114,30 +114,31 @@ QString renderVariant(const LogVariant &variant)
     const QJsonValue json = QJsonValue::fromVariant(variant.value);
     if (!variant.value.isValid() ||
         (json.isNull() && variant.value.userType() >= QMetaType::User)) {
-        // JSON has no word for it; Qt at least names the type.
+        // JSON has no form for the value; Qt at least names its type.
         QString text;
         QDebug(&text).nospace() << variant.value;
         return text;
     }
-    // A document is an object or an array, never a scalar: the array's brackets are not shown.
+    // A document is an object or an array. A scalar goes into an array, whose brackets are left
+    // out.
     const QByteArray text = QJsonDocument(QJsonArray {json}).toJson(QJsonDocument::Compact);
     const int size = text.size() - 2;
     int shown = qMin(size, MAX_LOG_BYTES);
     while (shown < size && shown > 0 && (quint8(text.at(1 + shown)) & 0xC0) == 0x80)
-        --shown; // not in the middle of a character
+        --shown; // the cut must not be in the middle of a character
     return QString::fromUtf8(text.constData() + 1, shown) + cutNote(size - shown);
 }
 
-/// Writes \a text and leaves the stream as it was, with the blank after it that a stream in space
-/// mode puts after every value.
+/// Writes \a text, followed by a blank if the stream is in space mode, and leaves the stream's
+/// settings as they were.
 void writeValue(QDebug &debug, const QString &text)
 {
     const QDebugStateSaver saver(debug);
     debug.nospace().noquote() << text;
 }
 
-/// A stream in space mode has written a blank after the last value already; a saver that goes from
-/// space mode back to the mode without takes it away.
+/// Takes away the blank that a stream in space mode has written after the last value.
+/// QDebugStateSaver does so when it goes from space mode back to the mode without spaces.
 void removeLastBlank(QDebug &debug)
 {
     debug.setAutoInsertSpaces(false);

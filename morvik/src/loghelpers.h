@@ -7,11 +7,11 @@
 #include <QtCore/QStringList>
 #include <QtCore/QVariant>
 
-/// What log lines are made of beside plain values. Each helper makes a small value that goes into
-/// a QDebug stream and leaves the stream's settings (quotes, spaces) as they were.
+/// Helpers for log lines. Each makes a small value that goes into a QDebug stream and leaves the
+/// stream's settings (quotes, spaces) as they were.
 ///
-/// What comes from outside may be huge: a rendering is cut at MAX_LOG_BYTES, and says by how much.
-/// In a stream in space mode a value has one blank before and after it, as any value has.
+/// Data from outside may be huge: a rendering is cut at MAX_LOG_BYTES, and says by how much. In a
+/// stream in space mode a value has one blank before and after it, as any value has.
 ///
 /// \code
 /// qWarning().noquote().nospace() << error.errorString() << morvik::logtab
@@ -25,7 +25,7 @@ constexpr int MAX_LOG_BYTES = 64 * 1024;
 
 struct LogTab
 {};
-/// One tab, with no blank around it in any mode and no quotes.
+/// One tab, without quotes, and without blanks around it in any mode of the stream.
 constexpr LogTab logtab {};
 
 struct LogBinary
@@ -40,16 +40,17 @@ struct LogList
 {
     QStringList items;
 };
-/// A list of texts, each in quotes, in one log entry: ("a", "b"). Quotes, backslashes and what
-/// cannot be printed are escaped, so that a line break in the data starts no line of the log.
+/// A list of texts, each in quotes, in one log entry: ("a", "b"). Quotes, backslashes and
+/// characters that cannot be printed are escaped, so that a line break in the data starts no line
+/// of the log.
 MORVIK_EXPORT LogList loglist(const QStringList &items);
 
 struct LogVariant
 {
     QVariant value;
 };
-/// A variant as compact JSON, which keeps maps and lists readable on one line. What JSON has no
-/// form for, an invalid variant for one, is rendered as Qt does.
+/// A variant as compact JSON, which keeps maps and lists readable on one line. A value without a
+/// form in JSON, such as an invalid variant, is rendered as Qt does.
 MORVIK_EXPORT LogVariant logvariant(const QVariant &value);
 
 MORVIK_EXPORT QDebug operator<<(QDebug debug, const LogTab &tab);

@@ -4,11 +4,11 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QMutex>
 #include <QtCore/QMutexLocker>
+#include <QtCore/QScopeGuard>
 #include <QtCore/QSet>
 #include <QtCore/QTimer>
 #include <QtCore/QWaitCondition>
 
-#include <atomic>
 #include <cstdlib>
 #include <unistd.h>
 
@@ -22,20 +22,22 @@ constexpr int TICK_MS = 50;
 
 struct LiveThreads
 {
-    QMutex mutex;
+    QMutex mutex; // guards the members below, and the state of each thread
     QSet<WorkerThread *> threads;
     WorkerThread *awaited = nullptr; // by stopAll(), and not to be deleted meanwhile
-    QWaitCondition notAwaited;
+    Qt::HANDLE ending = nullptr;     // the thread that ends the process
+    QWaitCondition changed;
 };
 
-/// Never destroyed: controllers may be, after everything that is static here.
+/// Never destroyed: a static controller may be destroyed after everything that is static here.
 LiveThreads &liveThreads()
 {
     static auto *_live = new LiveThreads;
     return *_live;
 }
 
-/// What a thread has of its own is destroyed when it calls exit(), before anything that is static.
+/// Stops all worker threads when its own thread calls exit(): that destroys the thread's own data
+/// first, and everything that is static afterwards.
 struct ExitGuard
 {
     ~ExitGuard()
@@ -59,8 +61,9 @@ WorkerThread::WorkerThread(AbstractWorker *worker, QObject *parent)
     : QThread(parent)
     , _worker(worker)
 {
-    // The main thread ends by exit() only. For any other that calls it there is the handler, which
-    // comes too late for what became static after it was registered.
+    // The main thread, which always ends by exit(), and worker threads have a guard. A call of
+    // exit() in any other thread is left to the handler, which comes too late for static data that
+    // was made after it was registered.
     static const int _registered = std::atexit(stopAllAtExit);
     Q_UNUSED(_registered)
     if (::gettid() == ::getpid())
@@ -81,9 +84,9 @@ WorkerThread::~WorkerThread()
         const QMutexLocker locker(&live.mutex);
         live.threads.remove(this);
         while (live.awaited == this)
-            live.notAwaited.wait(&live.mutex);
+            live.changed.wait(&live.mutex);
     }
-    delete _worker; // only if the thread never ran
+    delete _worker; // null unless the thread never ran
 }
 
 void WorkerThread::askToStop()
@@ -92,14 +95,30 @@ void WorkerThread::askToStop()
     quit();
 }
 
+bool WorkerThread::awaitEnd()
+{
+    if (this == currentThread())
+        return false;
+    {
+        LiveThreads &live = liveThreads();
+        const QMutexLocker locker(&live.mutex);
+        while (_state == Working && isRunning())
+            live.changed.wait(&live.mutex);
+        if (_state == Parked)
+            return false;
+    }
+    return wait();
+}
+
 void WorkerThread::stopAll()
 {
-    // Of two threads that call exit() one must not wait for the other.
-    static std::atomic_flag _stopping = ATOMIC_FLAG_INIT;
-    if (_stopping.test_and_set())
-        return;
     LiveThreads &live = liveThreads();
     QMutexLocker locker(&live.mutex);
+    if (live.ending && live.ending != currentThreadId()) {
+        locker.unlock();
+        park();
+    }
+    live.ending = currentThreadId();
     for (WorkerThread *thread : std::as_const(live.threads))
         thread->askToStop();
 
@@ -113,20 +132,42 @@ void WorkerThread::stopAll()
         return nullptr;
     };
     while ((live.awaited = next())) {
-        seen.insert(live.awaited);
-        live.awaited->askToStop(); // again, as it may have been made or begun meanwhile
+        WorkerThread *const thread = live.awaited;
+        seen.insert(thread);
+        thread->askToStop(); // again: the thread may have been made, or may have begun, meanwhile
         locker.unlock();
-        live.awaited->wait();
+        thread->awaitEnd();
         locker.relock();
         live.awaited = nullptr;
-        live.notAwaited.wakeAll();
+        live.changed.wakeAll();
     }
-    _stopping.clear();
+}
+
+/// Keeps the calling thread until the process has ended.
+void WorkerThread::park()
+{
+    if (auto *thread = qobject_cast<WorkerThread *>(currentThread()))
+        thread->setState(Parked);
+    for (;;)
+        ::pause();
+}
+
+void WorkerThread::setState(State state)
+{
+    LiveThreads &live = liveThreads();
+    const QMutexLocker locker(&live.mutex);
+    _state = state;
+    live.changed.wakeAll();
 }
 
 void WorkerThread::run()
 {
     _exitGuard.armed = true;
+    // Left by unwinding too, when the thread is cancelled; exit() does not unwind.
+    const auto over = qScopeGuard([this] {
+        _exitGuard.armed = false;
+        setState(Over);
+    });
     if (_worker && !isInterruptionRequested()) {
         _worker->doStart();
         emit workerStarted();
@@ -138,13 +179,13 @@ void WorkerThread::run()
         _worker->doStop();
         delete _worker;
     }
-    _exitGuard.armed = false;
 }
 
-/// exec() complains where there is no QCoreApplication; it may be made later, or never.
+/// Runs events until there is a QCoreApplication, which may be made later or never: without one
+/// exec() would complain.
 void WorkerThread::runWithoutApplication()
 {
-    QTimer tick; // as nothing else says that there is one, or that a stop is asked for
+    QTimer tick; // nothing else would tell that there is an application, or a request to stop
     tick.start(TICK_MS);
     while (!isInterruptionRequested() && !QCoreApplication::instance())
         eventDispatcher()->processEvents(QEventLoop::WaitForMoreEvents);

@@ -13,12 +13,14 @@
 #include <atomic>
 #include <cstdlib>
 #include <memory>
+#include <unistd.h>
 
 namespace
 {
 
 constexpr int OK = 7;
 bool _exitsInWorker = false;
+std::atomic_int _exits {0}; // workers that have yet to call exit()
 std::atomic_bool _allStarted {false};
 
 class Worker : public bus::TrelanQueryWorker
@@ -33,9 +35,11 @@ public:
         // While main() makes what is static work, its end would be a race of this program's own.
         while (_exitsInWorker && !_allStarted)
             QThread::yieldCurrentThread();
-        static std::atomic_flag _exits = ATOMIC_FLAG_INIT; // C leaves undefined what two at once do
-        if (_exitsInWorker && !_exits.test_and_set())
+        if (_exitsInWorker && --_exits >= 0) {
+            while (_exits > 0 && !thread()->isInterruptionRequested())
+                QThread::yieldCurrentThread();
             std::exit(OK);
+        }
         connect(this, &QObject::destroyed, this, [] {
             if (!_text.startsWith(QLatin1Char('o')))
                 qFatal("static data went before the worker");
@@ -70,6 +74,7 @@ int main(int argc, char **argv)
     const std::unique_ptr<QCoreApplication> app(
         what.contains("noapp") ? nullptr : new QCoreApplication(argc, argv));
     _exitsInWorker = what.contains("worker");
+    _exits = what.contains("three") ? 3 : what.contains("two") ? 2 : 1;
     bus::TrelanObject object;
     object.setName(QStringLiteral("probe.object"));
 
@@ -85,8 +90,8 @@ int main(int argc, char **argv)
     _allStarted = true;
     if (what.contains("slot"))
         QObject::connect(heap, &Controller::unprocessedObject, [] { std::exit(OK); });
-    if (what.contains("slot") || _exitsInWorker)
-        return QCoreApplication::exec();
+    if (what.contains("slot") || (_exitsInWorker && !what.contains("return")))
+        return app ? QCoreApplication::exec() : ::pause();
     if (!what.contains("return"))
         std::exit(OK);
     delete heap;

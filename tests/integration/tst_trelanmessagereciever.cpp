@@ -160,6 +160,14 @@ private Q_SLOTS:
         const QByteArray first = push("1", "a");
         const QString event = "|message al me a 5 1", done = acknowledged("a");
         row("low 16 bits", {Server::reply("handshake", 0x10000) + END}, ENDED, "|open");
+        const auto hello = [](const QByteArray &code) {
+            return Server::frame(
+                "[-REPLY-]",
+                Server::payload(R"({"operation":"handshake","result":{"code":)" + code + "}}"));
+        };
+        row("code 0 as a text", {hello(R"("0")") + END}, ENDED, "|open");
+        for (const char *code : {R"("3")", "true", "null", R"("none")"})
+            row(code, {hello(code) + END}, "|warning: Incorrect reply data", "|refused");
         const QByteArray bare = Server::payload(R"({"operation":"handshake"})");
         row("no result", {Server::frame("[-REPLY-]", bare) + END}, ENDED, "|open");
         row("accepted late", {first + HELLO + END}, ENDED, event + "|open", done);
@@ -309,6 +317,48 @@ private Q_SLOTS:
         }
         QVERIFY(!opened);
         QVERIFY(!_events.contains("connected"));
+    }
+
+    void reopenedByALoss_data()
+    {
+        // The connection that is lost sends this; nothing of it may count for the next one.
+        const TestTable<QByteArray> row("bytes");
+        row("handshake being written", {});
+        row("in a frame", CUT);
+    }
+    void reopenedByALoss()
+    {
+        QFETCH(QByteArray, bytes);
+        static QSemaphore _isReset; // the script may still be in it
+        const bool whileWriting = bytes.isEmpty();
+        bool isFirst = whileWriting;
+        connect(socket(), &QTcpSocket::connected, this, [&isFirst] {
+            if (std::exchange(isFirst, false))
+                _isReset.acquire();
+        });
+        connect(_reciever, &R::busDisconnected, this, [this] { QVERIFY(_reciever->open()); });
+        TrelanTransport::setPatience(300);
+        QElapsedTimer timer;
+        timer.start();
+        const bool opened = openOn([=](ScriptedPeer &peer) {
+            if (peer.number == 0) {
+                if (!whileWriting)
+                    peer.readFrame() && peer.send(bytes);
+                peer.close(true);
+                _isReset.release();
+            } else if (peer.readFrame() && peer.send(HELLO + push("m"))) {
+                peer.awaitEnd();
+            }
+        });
+        QVERIFY(opened);
+        QTRY_VERIFY(_reciever->isOpen() && _events.contains("|message al me u 5 m"));
+        QTRY_VERIFY(timer.elapsed() > 700); // past the time that the handshake may take
+        TrelanTransport::setPatience(30000);
+        QVERIFY(_reciever->isOpen());
+        const int connections = whileWriting && !_events.startsWith("|connected") ? 1 : 2;
+        QCOMPARE(_events.count("|connected"), connections);
+        QCOMPARE(_events.count("|lost"), 1);
+        QVERIFY2(!log().contains("Unknown request header"), qPrintable(log()));
     }
 
     void deletedByASlot_data()

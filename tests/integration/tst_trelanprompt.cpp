@@ -1,3 +1,4 @@
+#include "channel/directsocket.h"
 #include "channel/reconnection.h"
 
 #include <logcapture.h>
@@ -8,6 +9,7 @@
 #include <trelanqueryworker.h>
 
 #include <QtCore/QAbstractEventDispatcher>
+#include <QtNetwork/QTcpServer>
 #include <QtNetwork/QTcpSocket>
 
 #include <memory>
@@ -408,9 +410,9 @@ private Q_SLOTS:
                 _isReset.acquire();
             }
         });
-        const auto *socket = reciever.findChild<QTcpSocket *>();
         connect(&reciever, &TrelanMessageReciever::busDisconnected, this, [&] {
             QVERIFY(reciever.open());
+            const auto *socket = reciever.findChild<QTcpSocket *>();
             QTRY_VERIFY(socket->bytesAvailable() > 0); // and nothing comes after
         });
         QVERIFY(reciever.open());
@@ -443,6 +445,21 @@ private Q_SLOTS:
         _server->release();
         QTRY_COMPARE(accepted.count(), 1);
         QCOMPARE(lost.count(), 1);
+    }
+
+    void qtHasTheNotifiers()
+    {
+        // Both waits go on without them, but slower, and deaf to the end of the thread.
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        QTcpSocket socket;
+        socket.connectToHost(server.serverAddress(), server.serverPort());
+        QCOMPARE(socket.state(), QAbstractSocket::ConnectingState);
+        QVERIFY(direct::notifierOf(socket, QSocketNotifier::Write));
+        QVERIFY(socket.waitForConnected());
+        const QSocketNotifier *arrivals = direct::notifierOf(socket, QSocketNotifier::Read);
+        QVERIFY(arrivals && arrivals->isEnabled());
+        QCOMPARE(qintptr(arrivals->socket()), socket.socketDescriptor());
     }
 
     void comesBackSlower()

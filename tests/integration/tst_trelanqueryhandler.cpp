@@ -269,9 +269,15 @@ private Q_SLOTS:
         row("empty envelope", json("{}"), 0, {});
         row("JSON but no object", json("[1]"), 0, {});
         row("code 65536", Server::reply("x", 65536), 0, {});
-        row("code is a text", json("{'result':{'code':'5'}}"), 0, {});
-        row("code is a truth value", json("{'result':{'code':true}}"), 0, {});
-        row("code is a list", json("{'result':{'code':[5]}}"), 0, {});
+        row("code 0 as a text", json("{'result':{'code':'65536'}}"), 0, {});
+        row("code as a text", json("{'result':{'code':'5'}}"), 5, "critical: 5\t");
+        row("code is true", json("{'result':{'code':true}}"), 1, "critical: 1\t");
+        const QString noNumber =
+            "critical: 2\tthe code of the reply is no number; its description: ";
+        row("code is a list", json("{'result':{'code':[0],'description':'no'}}"), 2,
+            noNumber + "no");
+        row("code is null", json("{'result':{'code':null}}"), 2, noNumber);
+        row("code is no number", json("{'result':{'code':'0x'}}"), 2, noNumber);
         row("code 65541", json("{'result':{'description':'no','code':65541}}"), 5,
             "critical: 5\tno");
         row("code -1", json("{'result':{'description':'no','code':-1}}"), 65535,
@@ -430,6 +436,34 @@ private Q_SLOTS:
         QVERIFY(_handler->open());
         QVERIFY(_handler->subscribe("a"));
         QCOMPARE(log(), "critical: 1\ttoo large");
+    }
+
+    void reopenedByALossWhileItOpens()
+    {
+        // The connection that was lost owes nobody an answer, and the next one is not to be ended.
+        static QSemaphore _isReset; // the script may still be in it
+        bool isFirst = true;
+        connect(_handler->findChild<QTcpSocket *>(), &QTcpSocket::connected, this, [&isFirst] {
+            if (std::exchange(isFirst, false))
+                _isReset.acquire();
+        });
+        QSignalSpy connected(_handler.get(), &Q::kelbusConnected);
+        connect(_handler.get(), &Q::busDisconnected, this, [this] { _handler->open(); });
+        serve([](ScriptedPeer &peer) {
+            if (peer.number == 0) {
+                peer.close(true);
+                _isReset.release();
+            } else if (peer.readFrame() && peer.send(HELLO)) {
+                answers({Server::reply("sub")})(peer);
+            }
+        });
+        QElapsedTimer timer;
+        timer.start();
+        QVERIFY(_handler->open());
+        QVERIFY(timer.elapsed() < 5000);
+        QCOMPARE(connected.count(), 1);
+        QVERIFY(_handler->isOpen() && _handler->lastFailure() == Q::None);
+        QVERIFY(_handler->subscribe("a"));
     }
 
     void waitsInSpiteOfStaleBytes_data()

@@ -1,11 +1,13 @@
 #include <logcapture.h>
 #include <rawpeer.h>
 #include <scriptedserver.h>
+#include <sharedobjectsstorage.h>
 #include <testsupport.h>
 #include <testtable.h>
 #include <transport.h>
 #include <trelancontroller.h>
 #include <trelanmsgworker.h>
+#include <trelanqueryhandler.h>
 #include <trelanqueryworker.h>
 
 #include <QtCore/QProcess>
@@ -45,13 +47,14 @@ public:
                 [this](const auto &got) { seen << got.name(); });
     }
 
-protected:
     bool doStart() override
     {
         auto *queries = new TrelanQueryWorker(clientName(), {"a.*", "b.*"});
         queries->setOptions(queryOptions);
         return initWorkers(new TrelanMsgWorker(clientName(), options), queries);
     }
+
+protected:
     void prepareQueryWorker(TrelanQueryWorker *worker) override
     {
         connect(this, SIGNAL(sendCommand(TrelanCommand)), worker, SLOT(sendCommand(TrelanCommand)));
@@ -117,7 +120,12 @@ private Q_SLOTS:
         const Server server(serveQueries);
         Controller controller("me");
         for (int i = 1; i < 4; ++i) {
-            controller.setBus(HOST, server.port(), server.port());
+            if (i == 2) { // workers that are made without start() are stopped like others
+                controller.stop();
+                controller.doStart();
+            } else {
+                controller.setBus(HOST, server.port(), server.port());
+            }
             QTRY_COMPARE(controller.started, 2 * i);
             QCOMPARE(controller.stopped, 2 * (i - 1));
         }
@@ -208,6 +216,26 @@ private Q_SLOTS:
         QCOMPARE(line.category + ' ' + line.file + ' ' + QString::number(line.number),
                  "default trelan/trelanlib/src/trelanqueryworker 34");
         QCOMPARE(line.function, "void bus::TrelanQueryWorker::publish(bus::TrelanObject)");
+    }
+
+    void outlivesItsThread()
+    {
+        const Server server(serveQueries);
+        TrelanQueryHandler::setQueryPort(server.port());
+        auto worker = std::make_unique<TrelanQueryWorker>("me", QStringList());
+        auto thread = std::make_unique<QThread>();
+        worker->moveToThread(thread.get());
+        thread->start();
+        const auto start = [&] { return worker->doStart(); };
+        QMetaObject::invokeMethod(worker.get(), start, Qt::BlockingQueuedConnection);
+        QCOMPARE(operations(server), "handshake");
+        thread->quit();
+        thread->wait();
+        thread.reset();
+        worker->publish(named("x"));
+        worker->restart();
+        worker.reset();
+        QCOMPARE(operations(server), "handshake");
     }
 
     void stopIsQuick_data()
@@ -377,6 +405,12 @@ private Q_SLOTS:
 #endif
             row(qPrintable(where + " static"), where + " static");
         }
+        row("two workers", "two workers");
+        row("two workers without main", "noapp two workers static");
+#ifndef __SANITIZE_THREAD__
+        row("three workers", "three workers static");
+        row("two workers and main", "return two workers static");
+#endif
     }
 
     void exits()

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Says which code of a README is not in the sources that are built, where it would rot.
+"""Says which code of a README, or of the tutorial, is not in the sources that are built, where it
+would rot.
 
 Called with the source folder. A block has to be there line by line; indentation and empty lines
 do not count."""
@@ -18,7 +19,8 @@ sources = [lines(path.read_text(encoding="utf-8"))
            for path in (root / folder).rglob("*")
            if path.suffix in (".cpp", ".h", ".txt")]
 found, missing = 0, []
-for readme in (root / "README.md", *(root / "examples").glob("*/README.md")):
+for readme in (root / "README.md", root / "docs/tutorial.md",
+               *(root / "examples").glob("*/README.md")):
     text = readme.read_text(encoding="utf-8")
     for block in re.findall(r"^```(?:cpp|cmake)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL):
         found += 1

@@ -61,6 +61,12 @@ echo "ok: the support library is found beside the client"
 "$cmake" --build "$work/cmake" >/dev/null
 check_program "CMake" "$work/cmake/thermometer"
 
+# The programs of the tutorial, built as it says.
+"$cmake" -S "$source/../../../examples/tutorial" -B "$work/tutorial" \
+    -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+"$cmake" --build "$work/tutorial" >/dev/null || fail "the programs of the tutorial do not build"
+echo "ok: the programs of the tutorial build"
+
 # The texts above may come out of the library itself: a translation that only the installed folder
 # has shows that this folder is looked at, and first.
 qm="$prefix/$datadir/morvik/translations/trelanclient_de.qm"

@@ -64,6 +64,7 @@ private slots:
         TrelanMessage message;
         message.setUid("old");
         QVERIFY(!_command.toTrelanMessage(message) && message.uid().isEmpty());
+        QVERIFY(message.dt() != _command.dt());
     }
 
     void answers()

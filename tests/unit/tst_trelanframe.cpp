@@ -58,7 +58,9 @@ private slots:
         QByteArray liar = qCompress("{}");
         liar.replace(0, 4, QByteArray::fromHex("7fffffe0"));
         const int before = peakMemory();
-        QCOMPARE(TrelanFrame::decodePayload(bomb, 1 << 20).fault, TrelanFrame::TooLarge);
+        const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(bomb, 1 << 20);
+        QCOMPARE(decoded.fault, TrelanFrame::TooLarge);
+        QCOMPARE(decoded.errorText, "too large: inflates to more than 1048576 bytes");
         QCOMPARE(TrelanFrame::decodePayload(liar.toBase64()).json, QByteArray("{}"));
         const int taken = peakMemory() - before;
         QVERIFY2(taken < 16 * 1024, qPrintable(QString::number(taken)));

@@ -41,6 +41,9 @@ QString difference(const QVariantMap &map)
         return "not " + compact + " but " + json::compact(map);
     if (json::indented(map) != document.toJson())
         return "not " + document.toJson() + " but " + json::indented(map);
+    QByteArray text;
+    if (json::appendCompact(text, map) && json::exact(map) != compact)
+        return "exactly " + json::exact(map);
     QVariantMap read;
     if (!json::read(compact, read) ||
         typed(read) != typed(QJsonDocument::fromJson(compact).object().toVariantMap()))
@@ -253,19 +256,14 @@ private slots:
         }
     }
 
-    void keepsWhatItWrote()
+    void wholeNumbersExactly()
     {
-        QVariantMap inner {{"k", 1.5}, {"l", "t"}};
-        const auto around = [](const QVariantMap &map) {
-            return QVariantMap {{"a", map}, {"b", QVariantMap {{"k", 1}}}, {"c", map}};
-        };
-        const QByteArray expected = json::compact(around(inner));
-        const json::Keep keep;
-        const QByteArray written = json::compact(inner);
-        QCOMPARE(json::compact(around(inner)), expected);
-        QCOMPARE(json::compact(inner), written);
-        inner["k"] = 2;
-        QCOMPARE(difference(around(inner)), QString());
+        const QVariantList numbers {9007199254740993LL, LLONG_MIN, ULLONG_MAX, -1, 1e18, 0.5};
+        QByteArray expected = "{'a':[9007199254740993,-9223372036854775808,18446744073709551615,-1,"
+                              "1000000000000000000,0.5],'b':{'c':9223372036854775807}}";
+        const QVariantMap map {{"a", numbers}, {"b", QVariantHash {{"c", LLONG_MAX}}}};
+        QCOMPARE(json::exact(map), expected.replace('\'', '"'));
+        QVERIFY(!json::appendCompact(expected, map));
     }
 
     void utf8AsText()

@@ -1,11 +1,18 @@
 #include <testtable.h>
+#include <trelancontroller.h>
 #include <trelanlib.h>
-#include <trelanmessage.h>
+#include <trelanlogcreator.h>
+#include <trelanmessagereciever.h>
+#include <trelanmsgworker.h>
+#include <trelanqueryhandler.h>
+#include <trelanqueryworker.h>
 
 #include <appversionmanager.h>
 
 /// Spells the type as applications do that use the namespace: connect strings are compared as text.
 using bus::TrelanMessage;
+
+Q_DECLARE_METATYPE(const QMetaObject *)
 
 class Peer : public QObject
 {
@@ -36,6 +43,56 @@ private Q_SLOTS:
                 QVERIFY2(id != QMetaType::UnknownType, type);
                 QCOMPARE(QMetaType::type(QByteArray(frame).replace("%", "bus::" + type)), id);
             }
+        }
+    }
+
+    void methodsKeepTheirPlaces_data()
+    {
+        // Signals and slots may be reached by number: what is added comes after these.
+        const TestTable<const QMetaObject *, QStringList> row("type", "names");
+        const auto names = [](const char *text) { return QString(text).split(' '); };
+        row("query handler", &bus::TrelanQueryHandler::staticMetaObject,
+            names("busDisconnected kelbusConnected open close rmPersistent publish publish "
+                  "subscribe subscribe unsubscribe unsubscribe sendMessage sendCommand "
+                  "socketConnected socketDisconnected socketError handshake request request "
+                  "processReply"));
+        row("receiver signals", &bus::TrelanMessageReciever::staticMetaObject,
+            names("incomingMessage incomingObject incomingCommand busDisconnected "
+                  "kelbusConnected"));
+        row("message worker signals", &bus::TrelanMsgWorker::staticMetaObject,
+            names("unprocessedMessage unprocessedObject unprocessedCommand workerConnected"));
+        row("query worker", &bus::TrelanQueryWorker::staticMetaObject,
+            names("workerConnected objectLoaded sendMessage publish subscribe subscribe "
+                  "unsubscribe unsubscribe sendCommand loadObject"));
+        row("controller", &bus::TrelanController::staticMetaObject,
+            names("unprocessedMessage unprocessedObject unprocessedCommand sendLogMessage "
+                  "sendMessage publish subscribe subscribe unsubscribe unsubscribe sendCommand "
+                  "loadObject objectLoaded setBus"));
+        row("log creator", &bus::TrelanLogCreator::staticMetaObject,
+            names("sendMessage sendMessage"));
+    }
+
+    void methodsKeepTheirPlaces()
+    {
+        QFETCH(const QMetaObject *, type);
+        QFETCH(QStringList, names);
+        QStringList found;
+        for (int i = 0; i < names.size(); ++i)
+            found += type->method(type->methodOffset() + i).name();
+        QCOMPARE(found, names);
+    }
+
+    void receiverSlotsKeepTheirOrder()
+    {
+        const QMetaObject &type = bus::TrelanMessageReciever::staticMetaObject;
+        int last = -1;
+        for (const char *slot :
+             {"open()", "close()", "socketConnected()", "socketDisconnected()",
+              "socketError(QAbstractSocket::SocketError)", "onSocketReadyRead()", "handshake()",
+              "request(QString,QVariantMap)", "reply(QString,TrelanError,QVariantMap)"}) {
+            const int index = type.indexOfSlot(slot);
+            QVERIFY2(index > last, slot);
+            last = index;
         }
     }
 

@@ -3,10 +3,12 @@
 #include "busaccess.h"
 
 #include <trelanmsgworker.h>
+#include <trelanqueryhandler.h>
 #include <trelanqueryworker.h>
 
 #include <QtCore/QDeadlineTimer>
 #include <QtCore/QSemaphore>
+#include <QtCore/QTimer>
 
 #include <memory>
 

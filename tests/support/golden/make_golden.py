@@ -46,13 +46,17 @@ def row(name, payload, header="[-REPLY-]", **expected):
     ROWS.append({"name": name, **expected})
 
 
-def written(name, envelope):
-    """A frame that the library writes as well: its JSON text is fixed to the byte."""
+def written(name, envelope, classic=None):
+    """A frame that the library writes as well: its JSON text is fixed to the byte.
+
+    The frame is in the coding Light if the envelope is not what Classic says of it.
+    """
     header = "[-REPLY-]" if "result" in envelope else "[-REQUEST-]"
-    text = indented(envelope).encode()
+    text = indented(classic or envelope).encode()
     compact = json.dumps(envelope, ensure_ascii=False, sort_keys=True, separators=(",", ":"))
     light = base64.b64encode(packed(compact.encode(), 0)).decode()
-    row(name, base64.b64encode(packed(text)), header, envelope=envelope, written=True,
+    payload = light.encode() if classic else base64.b64encode(packed(text))
+    row(name, payload, header, envelope=envelope, written=True,
         json=text.decode(), compact=compact, light=light)
 
 
@@ -87,6 +91,9 @@ def written_rows():
         "integers": [0, -1, 2147483648, 9007199254740991, -9007199254740991],
         "fractions": [0.1, -2.5, 1e-07, 1.7976931348623157e+308, 5e-324, 123456.789],
         "others": [True, False, None]})))
+    written("large-numbers",
+            request("pub", dict(plain, cnt={"ns": [9007199254740993, -1700000000123456789]})),
+            request("pub", dict(plain, cnt={"ns": [9007199254740992, -1700000000123456800]})))
     written("nested", request("pub", dict(plain, cnt={
         "a": {"b": {"c": [[], {}, [1, [2, {"d": "e"}]]]}}, "empty": {}, "list": []})))
     written("long", request("rm", {"nms": ["host.box.net.%d" % i for i in range(300)]}))

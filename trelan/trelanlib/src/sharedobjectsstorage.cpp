@@ -12,9 +12,9 @@ namespace
 constexpr int MAX_COMMANDS = 20;
 } // namespace
 
+QMutex SharedObjectsStorage::_objectsMutex;
 QHash<QString, TrelanObject> SharedObjectsStorage::_objects;
 QCache<QString, QPair<TrelanCommand, TrelanCommand>> SharedObjectsStorage::_commands(MAX_COMMANDS);
-QMutex SharedObjectsStorage::_objectsMutex;
 
 SharedObjectsStorage::SharedObjectsStorage() = default;
 SharedObjectsStorage::~SharedObjectsStorage() = default;

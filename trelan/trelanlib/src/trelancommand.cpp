@@ -5,6 +5,7 @@
 #include "values/wirevalue.h"
 
 #include <jsonwriter.h>
+#include <wirekeys.h>
 
 #include <QtCore/QDebug>
 
@@ -13,10 +14,10 @@ namespace bus
 
 const QString TrelanCommand::BUS_OBJ_NAME_PREFIX = QStringLiteral("__bus__");
 const QString TrelanCommand::CMD_NAME_PREFIX = QStringLiteral("__cmd__");
-const QString TrelanCommand::MSG_CMD_HD = QStringLiteral("__cmd__");
-const QString TrelanCommand::MSG_NAME_HD = QStringLiteral("__name__");
-const QString TrelanCommand::MSG_PARAMS_HD = QStringLiteral("__params__");
-const QString TrelanCommand::PARENT_UID_HD = QStringLiteral("__parent__");
+const QString TrelanCommand::MSG_CMD_HD = keys::COMMAND;
+const QString TrelanCommand::MSG_NAME_HD = keys::COMMAND_NAME;
+const QString TrelanCommand::MSG_PARAMS_HD = keys::COMMAND_PARAMS;
+const QString TrelanCommand::PARENT_UID_HD = keys::COMMAND_PARENT;
 
 TrelanCommand::TrelanCommand() = default;
 TrelanCommand::TrelanCommand(const TrelanCommand &other) = default;
@@ -76,11 +77,6 @@ QDateTime TrelanCommand::dt() const
 void TrelanCommand::setDt(const QDateTime &dt)
 {
     _timestamp = dt;
-}
-
-void TrelanCommand::setTimestamp(const TrelanTimestamp &timestamp)
-{
-    _timestamp = timestamp;
 }
 
 QString TrelanCommand::sender() const
@@ -156,8 +152,8 @@ bool TrelanCommand::toTrelanObject(TrelanObject &object) const
     fillUid();
     object.setLogged(_isLogged);
     object.setStored(false);
-    // Meant so: without a receiver, which is how toVariant() comes here, the publisher stays empty
-    // and the bus fills in the sender's name.
+    // The receiver is meant: it is empty when toVariant() converts, and the bus then fills in the
+    // sender's name as the publisher.
     object.setPublisher(_reciever);
     object.setName(createObjectName(_name));
     object.setUid(_uid);
@@ -169,10 +165,11 @@ bool TrelanCommand::toTrelanObject(TrelanObject &object) const
 
 bool TrelanCommand::toTrelanMessage(TrelanMessage &message) const
 {
-    message = TrelanMessage(sendTime());
-    if (!hasDestination())
+    if (!hasDestination()) {
+        message = TrelanMessage();
         return false;
-
+    }
+    message = TrelanMessage(sendTime());
     fillUid();
     message.setLogged(_isLogged);
     message.setStored(true);
@@ -199,6 +196,11 @@ QVariant TrelanCommand::toVariant() const
     if (toTrelanObject(object))
         return object.toVariantMap();
     return {};
+}
+
+void TrelanCommand::setTimestamp(const TrelanTimestamp &timestamp)
+{
+    _timestamp = timestamp;
 }
 
 void TrelanCommand::fillUid() const

@@ -22,8 +22,8 @@ class TrelanObject;
 /// command that it answers, its receiver the caller.
 ///
 /// A plain value, registered with Qt's meta types under "TrelanCommand" and "bus::TrelanCommand".
-/// The conversions fill in a missing uid although they are const, so one instance must not be
-/// converted from two threads at the same time; copies are independent.
+/// The conversions fill in a missing uid although they are const, so two threads must not convert
+/// one instance at once; copies are independent.
 class TRELAN_EXPORT TrelanCommand
 {
 public:
@@ -60,8 +60,6 @@ public:
 
     QDateTime dt() const;
     void setDt(const QDateTime &dt);
-    /// The same of a time as it travels.
-    void setTimestamp(const TrelanTimestamp &timestamp);
 
     QString sender() const;
     void setSender(const QString &sender);
@@ -85,15 +83,14 @@ public:
     bool hasDestination() const;
 
     /// A fresh unique id (28 characters) over sender, receiver, time, name, parameters and the
-    /// current time in milliseconds. It is returned, not stored.
+    /// current time in milliseconds. The command does not store it.
     QString genUid() const;
 
     /// The reserved object name of the command \a name: "__bus__.__cmd__." and the name.
     static QString createObjectName(const QString &name);
 
     /// Turns the command into the object under which a command to everybody is published, and
-    /// always returns true. An answer is not meant to go to everybody: it is converted all the
-    /// same, with a warning.
+    /// always returns true. An answer should have a receiver: converting one gives a warning.
     bool toTrelanObject(TrelanObject &object) const;
 
     /// Turns the command into the message that carries it to its receiver. Returns false, with
@@ -102,6 +99,9 @@ public:
 
     /// The wire form of the message or, without a receiver, of the object.
     QVariant toVariant() const;
+
+    /// As setDt(), with a time as it travels.
+    void setTimestamp(const TrelanTimestamp &timestamp);
 
 private:
     void fillUid() const;

@@ -15,14 +15,26 @@
 namespace bus
 {
 
+class TrelanController::Private
+{
+public:
+    QString _clientName;
+    bool _logBridgeInstalled = false;
+
+    static QThread *wire(TrelanController &controller, TrelanMsgWorker *worker);
+    static QThread *wire(TrelanController &controller, TrelanQueryWorker *worker);
+};
+
 TrelanController::TrelanController(const QString &clientName, QObject *parent)
     : AbstractWorkerController(parent)
-    , _clientName(clientName)
-{}
+    , d(std::make_unique<Private>())
+{
+    d->_clientName = clientName;
+}
 
 TrelanController::~TrelanController()
 {
-    if (!_logBridgeInstalled)
+    if (!d->_logBridgeInstalled)
         return;
     LoggerManager::removeOutput(QString::fromLatin1(LOGGER().categoryName()));
     TrelanLogCreator::release();
@@ -30,17 +42,17 @@ TrelanController::~TrelanController()
 
 QString TrelanController::clientName() const
 {
-    return _clientName;
+    return d->_clientName;
 }
 
 bool TrelanController::logBridgeInstalled() const
 {
-    return _logBridgeInstalled;
+    return d->_logBridgeInstalled;
 }
 
 void TrelanController::setLogBridgeInstalled(bool installed)
 {
-    _logBridgeInstalled = installed;
+    d->_logBridgeInstalled = installed;
 }
 
 void TrelanController::setBus(QString host, quint16 msgPort, quint16 queryPort)
@@ -65,8 +77,8 @@ void TrelanController::setBus(QString host, quint16 msgPort, quint16 queryPort)
 
 bool TrelanController::initWorkers(TrelanMsgWorker *msgWorker, TrelanQueryWorker *queryWorker)
 {
-    QThread *msgThread = msgWorker ? wireMsgWorker(msgWorker) : nullptr;
-    QThread *queryThread = queryWorker ? wireQueryWorker(queryWorker) : nullptr;
+    QThread *msgThread = msgWorker ? Private::wire(*this, msgWorker) : nullptr;
+    QThread *queryThread = queryWorker ? Private::wire(*this, queryWorker) : nullptr;
     if (queryThread)
         queryThread->start(QThread::InheritPriority);
     if (msgThread)
@@ -81,41 +93,41 @@ void TrelanController::prepareMsgWorker(TrelanMsgWorker *msgWorker)
 
 void TrelanController::prepareQueryWorker(TrelanQueryWorker *queryWorker) {Q_UNUSED(queryWorker)}
 
-QThread *TrelanController::wireMsgWorker(TrelanMsgWorker *worker)
+QThread *TrelanController::Private::wire(TrelanController &controller, TrelanMsgWorker *worker)
 {
-    QThread *thread = addWorkerToThread(worker);
-    connect(worker, SIGNAL(unprocessedMessage(TrelanMessage)), this,
+    QThread *thread = controller.addWorkerToThread(worker);
+    connect(worker, SIGNAL(unprocessedMessage(TrelanMessage)), &controller,
             SIGNAL(unprocessedMessage(TrelanMessage)), Qt::QueuedConnection);
-    connect(worker, SIGNAL(unprocessedObject(TrelanObject)), this,
+    connect(worker, SIGNAL(unprocessedObject(TrelanObject)), &controller,
             SIGNAL(unprocessedObject(TrelanObject)), Qt::QueuedConnection);
-    connect(worker, SIGNAL(unprocessedCommand(TrelanCommand)), this,
+    connect(worker, SIGNAL(unprocessedCommand(TrelanCommand)), &controller,
             SIGNAL(unprocessedCommand(TrelanCommand)), Qt::QueuedConnection);
-    prepareMsgWorker(worker);
+    controller.prepareMsgWorker(worker);
     return thread;
 }
 
-QThread *TrelanController::wireQueryWorker(TrelanQueryWorker *worker)
+QThread *TrelanController::Private::wire(TrelanController &controller, TrelanQueryWorker *worker)
 {
-    QThread *thread = addWorkerToThread(worker);
-    connect(this, SIGNAL(sendLogMessage(TrelanMessage)), worker, SLOT(sendMessage(TrelanMessage)),
+    QThread *thread = controller.addWorkerToThread(worker);
+    connect(&controller, SIGNAL(sendLogMessage(TrelanMessage)), worker,
+            SLOT(sendMessage(TrelanMessage)), Qt::QueuedConnection);
+    connect(&controller, SIGNAL(sendMessage(TrelanMessage)), worker,
+            SLOT(sendMessage(TrelanMessage)), Qt::QueuedConnection);
+    connect(&controller, SIGNAL(publish(TrelanObject)), worker, SLOT(publish(TrelanObject)),
             Qt::QueuedConnection);
-    connect(this, SIGNAL(sendMessage(TrelanMessage)), worker, SLOT(sendMessage(TrelanMessage)),
+    connect(&controller, SIGNAL(subscribe(QString)), worker, SLOT(subscribe(QString)),
             Qt::QueuedConnection);
-    connect(this, SIGNAL(publish(TrelanObject)), worker, SLOT(publish(TrelanObject)),
+    connect(&controller, SIGNAL(subscribe(QStringList)), worker, SLOT(subscribe(QStringList)),
             Qt::QueuedConnection);
-    connect(this, SIGNAL(subscribe(QString)), worker, SLOT(subscribe(QString)),
+    connect(&controller, SIGNAL(unsubscribe(QString)), worker, SLOT(unsubscribe(QString)),
             Qt::QueuedConnection);
-    connect(this, SIGNAL(subscribe(QStringList)), worker, SLOT(subscribe(QStringList)),
+    connect(&controller, SIGNAL(unsubscribe(QStringList)), worker, SLOT(unsubscribe(QStringList)),
             Qt::QueuedConnection);
-    connect(this, SIGNAL(unsubscribe(QString)), worker, SLOT(unsubscribe(QString)),
+    connect(&controller, SIGNAL(loadObject(QString)), worker, SLOT(loadObject(QString)),
             Qt::QueuedConnection);
-    connect(this, SIGNAL(unsubscribe(QStringList)), worker, SLOT(unsubscribe(QStringList)),
-            Qt::QueuedConnection);
-    connect(this, SIGNAL(loadObject(QString)), worker, SLOT(loadObject(QString)),
-            Qt::QueuedConnection);
-    connect(worker, SIGNAL(objectLoaded(TrelanObject)), this, SIGNAL(objectLoaded(TrelanObject)),
-            Qt::QueuedConnection);
-    prepareQueryWorker(worker);
+    connect(worker, SIGNAL(objectLoaded(TrelanObject)), &controller,
+            SIGNAL(objectLoaded(TrelanObject)), Qt::QueuedConnection);
+    controller.prepareQueryWorker(worker);
     return thread;
 }
 

@@ -11,6 +11,8 @@
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
+#include <memory>
+
 namespace bus
 {
 
@@ -20,13 +22,13 @@ class TrelanQueryWorker;
 /// \brief An application's single point of contact with the bus.
 ///
 /// An application derives from it, makes its workers in doStart() and hands them to initWorkers().
-/// It then talks to the bus by emitting the signals that lead there, which return at once, and
-/// hears from it by connecting to the others.
+/// It then talks to the bus by emitting the signals that lead to the bus, which return at once, and
+/// hears from it by connecting to the signals that lead to the application.
 ///
 /// Threads: the controller lives in the application's thread and every method is called there; each
-/// worker has a thread of its own. All connections are queued: what is emitted is done in order of
-/// emission, and nothing tells whether it was; while the bus is away it is dropped, and so is what
-/// still waits when the controller stops.
+/// worker has a thread of its own. All connections are queued. Requests are sent in the order of
+/// emission, and nothing tells how they ended. A request is dropped while the bus is away, and when
+/// it still waits as the controller stops.
 ///
 /// \code
 /// class Thermometer : public bus::TrelanController
@@ -52,7 +54,7 @@ class TRELAN_EXPORT TrelanController : public morvik::AbstractWorkerController
 
 public:
     explicit TrelanController(const QString &clientName, QObject *parent = nullptr);
-    /// Stops, as any worker controller; takes the log bridge down if it was installed.
+    /// Stops the workers; takes the log bridge down if it was installed.
     ~TrelanController() override;
 
     QString clientName() const;
@@ -63,42 +65,58 @@ public:
     void setLogBridgeInstalled(bool installed);
 
 Q_SIGNALS:
+    /// To the application: a message has arrived that the message worker has not consumed.
     void unprocessedMessage(TrelanMessage msg);
+    /// To the application: a subscribed object has changed, and the message worker has not consumed
+    /// it.
     void unprocessedObject(TrelanObject obj);
+    /// To the application: a call, or the answer to one, has arrived that the message worker has
+    /// not consumed.
     void unprocessedCommand(TrelanCommand cmd);
+    /// To the bus: sends a line of the log; the method to give to TrelanLogCreator::init().
     void sendLogMessage(TrelanMessage msg);
+    /// To the bus: sends a message to its receiver.
     void sendMessage(TrelanMessage msg);
+    /// To the bus: publishes an object under this client's name.
     void publish(TrelanObject obj);
+    /// To the bus: subscribes until the connection is lost. What the query worker was made with is
+    /// subscribed on every connection.
     void subscribe(QStringList wildCards);
+    /// To the bus: subscribes one wildcard, until the connection is lost.
     void subscribe(QString wildCard);
+    /// To the bus: ends the subscription of a wildcard, until the connection is lost.
     void unsubscribe(QString wildCard);
+    /// To the bus: ends the subscriptions of these wildcards, until the connection is lost.
     void unsubscribe(QStringList wildCards);
-    /// Leads nowhere by itself: an application that sends commands connects it to the query
-    /// worker's sendCommand(), normally in prepareQueryWorker().
+    /// To the bus, once it is connected: an application that sends commands connects this signal to
+    /// the query worker's sendCommand(), normally in prepareQueryWorker().
     void sendCommand(TrelanCommand cmd);
+    /// To the bus: asks for the stored object of this name; objectLoaded() brings it.
     void loadObject(QString name);
+    /// To the application: an object asked for with loadObject() has come. Nothing comes where the
+    /// bus does not know it.
     void objectLoaded(TrelanObject obj);
 
 public Q_SLOTS:
     /// \brief Stops everything, and starts again with the bus at \a host, a numeric IPv4 address.
     ///
-    /// With an empty host or a port 0 it only stops. Host and ports are those of the process, for
-    /// every controller. Waits until the workers have stopped, some tenths of a second.
+    /// With an empty host or a port 0 it only stops. Host and ports are settings of the process,
+    /// shared by all its controllers. The call waits until the workers have stopped, some tenths of
+    /// a second.
     void setBus(QString host, quint16 msgPort, quint16 queryPort);
 
 protected:
-    /// Gives each worker a thread, wires it and starts it. Either may be null. Always true.
+    /// Gives each worker a thread, wires it and starts it. Either worker may be null. Returns true.
     virtual bool initWorkers(TrelanMsgWorker *msgWorker, TrelanQueryWorker *queryWorker);
-    /// For connections of a subclass's own, after the standard ones and before the thread runs.
+    /// Called after the standard connections are made and before the thread runs, so that a
+    /// subclass can add connections of its own.
     virtual void prepareMsgWorker(TrelanMsgWorker *msgWorker);
+    /// As prepareMsgWorker(), for the query worker.
     virtual void prepareQueryWorker(TrelanQueryWorker *queryWorker);
 
 private:
-    QThread *wireMsgWorker(TrelanMsgWorker *worker);
-    QThread *wireQueryWorker(TrelanQueryWorker *worker);
-
-    QString _clientName;
-    bool _logBridgeInstalled = false;
+    class Private;
+    const std::unique_ptr<Private> d;
 };
 
 } // namespace bus

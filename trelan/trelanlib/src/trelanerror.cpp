@@ -11,7 +11,7 @@ QMap<TrelanError::Error, QString> TrelanError::_errors;
 
 namespace
 {
-// Clients and an embedded server make errors from several threads of one process.
+// Guards TrelanError::_errors: clients and an embedded bus make errors in several threads.
 QBasicMutex _errorsMutex;
 } // namespace
 
@@ -22,6 +22,9 @@ TrelanError::TrelanError()
 TrelanError::TrelanError(Error code)
     : _error(code)
 {
+    // Whoever has no error yet, a channel that is made for example, must not settle the language.
+    if (code == NoError)
+        return;
     prepareErrors();
     const QMutexLocker locker(&_errorsMutex);
     _description = _errors[code];
@@ -73,7 +76,7 @@ void TrelanError::prepareErrors()
         return;
 
     _errors.insert(NoError, QString());
-    // The misspellings are part of the texts: peers and log readers match on them.
+    // The misspellings belong to the texts: other programs and readers of logs look for them.
     _errors.insert(IncorrectRequestSize, QObject::tr("Incorret request size"));
     _errors.insert(IncorrectRequestData, QObject::tr("Incorrect request data"));
     _errors.insert(InvalidDataStorage, QObject::tr("Invalid data storage"));

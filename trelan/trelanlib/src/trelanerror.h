@@ -12,7 +12,8 @@ namespace bus
 ///
 /// A plain value. The texts of the known codes come from one process-wide table, which is filled,
 /// and translated, when the first error is made from a code alone; a translation installed later
-/// changes nothing. Every method is thread-safe on distinct instances, the filling included.
+/// changes nothing. NoError has no text, and making it leaves the table as it is. Every method is
+/// thread-safe on distinct instances, the filling included.
 class TRELAN_EXPORT TrelanError
 {
 public:

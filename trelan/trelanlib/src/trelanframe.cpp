@@ -1,5 +1,6 @@
 #include "trelanframe.h"
 
+#include "codec/replies.h"
 #include "trelanerror.h"
 
 #include <base64.h>
@@ -17,8 +18,8 @@ namespace bus
 namespace
 {
 
-// Far above any envelope a client sends on purpose, and far below what a machine has: without it
-// a few hundred kilobytes of zeros, compressed, would take the process down.
+// The limit is far above any envelope that a client sends on purpose, and far below what a machine
+// has: without it a few hundred kilobytes of compressed zeros would take the process down.
 std::atomic<qint64> _maxInflatedSize {256LL * 1024 * 1024};
 
 std::string_view wordOf(TrelanFrame::Kind kind)
@@ -33,7 +34,7 @@ QString textOf(std::string_view word)
 
 QByteArray compressed(const QVariantMap &envelope, TrelanTransport::Coding coding)
 {
-    return coding == TrelanTransport::Light ? TrelanFrame::compressLightly(json::compact(envelope))
+    return coding == TrelanTransport::Light ? TrelanFrame::compressLightly(json::exact(envelope))
                                             : TrelanFrame::compress(json::indented(envelope));
 }
 
@@ -48,7 +49,7 @@ QString TrelanFrame::headerWord(Kind kind)
 
 QString TrelanFrame::lineText(const QByteArray &line)
 {
-    // With the size given, since a NUL byte would otherwise end the text and hide what follows it.
+    // The size is given, since a NUL byte would otherwise end the text and hide the rest of it.
     return QString::fromLatin1(line.constData(), line.size()).simplified();
 }
 
@@ -67,18 +68,14 @@ QVariantMap TrelanFrame::reply(const QString &operation, const TrelanError &erro
 
 quint16 TrelanFrame::replyCode(const QVariantMap &result)
 {
-    const QVariant code = result.value(keys::CODE);
-    // QVariant would make numbers of these too.
-    if (code.userType() == QMetaType::QString || code.userType() == QMetaType::Bool)
-        return TrelanError::NoError;
-    return quint16(code.toUInt());
+    return replies::error(result).error();
 }
 
 QByteArray TrelanFrame::encode(Kind kind, const QVariantMap &envelope,
                                TrelanTransport::Coding coding)
 {
     if (coding == TrelanTransport::Light)
-        return encodeText(kind, json::compact(envelope));
+        return encodeText(kind, json::exact(envelope));
     const QByteArray bytes = compressed(envelope, coding);
     QByteArray frame = frameformat::lines(wordOf(kind), base64::encodedSize(bytes.size()));
     base64::append(frame, bytes);
@@ -108,6 +105,9 @@ TrelanFrame::Payload TrelanFrame::decodePayload(const QByteArray &payload, qint6
     Payload decoded = decodeJson(uncompress(base64::decode(payload), maxInflatedSize, &fault));
     if (fault != NoFault)
         decoded.fault = fault;
+    if (fault == TooLarge)
+        decoded.errorText =
+            QStringLiteral("too large: inflates to more than %1 bytes").arg(maxInflatedSize);
     return decoded;
 }
 

@@ -46,7 +46,7 @@ public:
         Fault fault = NoFault;
         QByteArray json;      ///< the inflated bytes; empty if they could not be had
         QVariantMap envelope; ///< empty on a fault, and if the JSON text is no object
-        QString errorText;    ///< what the JSON parser says of `json`; empty without a fault
+        QString errorText;    ///< the JSON parser's words, or that it is too large; for people
     };
 
     /// Longest piece of a header or size line, line break included. What is longer is taken in
@@ -67,11 +67,13 @@ public:
     static QVariantMap reply(const QString &operation, const TrelanError &error,
                              const QVariantMap &data = QVariantMap());
 
-    /// The "code" under "result" of a reply, of which the low 16 bits count. 0 where there is none;
-    /// texts and truth values are no codes.
+    /// The "code" under "result" of a reply, as QVariant::toUInt() reads it, of which the low 16
+    /// bits count. 0 where there is none; \c TrelanError::IncorrectRequestData where it is no
+    /// number.
     static quint16 replyCode(const QVariantMap &result);
 
-    /// A whole frame, as it is handed to the socket in one write.
+    /// A whole frame, as it is handed to the socket in one write. Whole numbers above 2^53 are only
+    /// exact in the coding Light.
     static QByteArray encode(Kind kind, const QVariantMap &envelope,
                              TrelanTransport::Coding coding = TrelanTransport::Classic);
 
@@ -93,7 +95,7 @@ public:
     static Payload decodePayload(const QByteArray &payload,
                                  qint64 maxInflatedSize = TrelanFrame::maxInflatedSize());
 
-    /// The same of a payload that is inflated already.
+    /// Takes a payload apart that is inflated already.
     static Payload decodeJson(const QByteArray &json);
 
     /// Largest number of bytes that a payload of this process may inflate to: 256 MiB unless set.
@@ -104,7 +106,8 @@ public:
     /// What qCompress(\a bytes, -1) returns, to the byte, with a compressor that is set up once.
     static QByteArray compress(const QByteArray &bytes);
 
-    /// The same form, for less time and more bytes: not compressed at all up to 1 MiB.
+    /// What qUncompress() takes, made in less time and with more bytes than by compress(): up to
+    /// 1 MiB is stored as it is.
     static QByteArray compressLightly(const QByteArray &bytes);
 
     /// What qUncompress(\a bytes) returns, but silent, and \c NotInflatable or \c TooLarge in

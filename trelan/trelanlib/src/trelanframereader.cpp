@@ -6,56 +6,87 @@
 namespace bus
 {
 
+class TrelanFrameReader::Private
+{
+public:
+    enum State { InHeader, InSize, InPayload, Faulty };
+
+    qint64 _maxPayload = 0;
+    QByteArray _buffer;
+    int _position = 0; // of what has not been read, in the buffer
+    State _state = InHeader;
+    Status _fault = NeedMoreData;
+    QString _faultText;
+    TrelanFrame::Kind _kind = TrelanFrame::Request;
+    TrelanFrame::Kind _nextKind = TrelanFrame::Request;
+    int _payloadSize = 0; // of the next payload
+    QByteArray _payload;
+
+    void readLines();
+    bool takeLine(QString &text);
+    bool takeUsualHeader();
+    bool takeUsualSize(qint64 &size);
+    void readHeader();
+    void readSize();
+    Status readPayload();
+    void fail(Status status, const QString &text);
+};
+
 TrelanFrameReader::TrelanFrameReader(qint64 maxPayload)
-    : _maxPayload(qMin<qint64>(maxPayload, std::numeric_limits<int>::max() / 2))
-{}
+    : d(std::make_unique<Private>())
+{
+    d->_maxPayload = qMin<qint64>(maxPayload, std::numeric_limits<int>::max() / 2);
+}
+
+TrelanFrameReader::~TrelanFrameReader() = default;
 
 void TrelanFrameReader::feed(const QByteArray &bytes)
 {
-    if (_state == Faulty)
+    if (d->_state == Private::Faulty)
         return;
-    if (_position > 0) {
-        _buffer.remove(0, _position);
-        _position = 0;
+    if (d->_position > 0) {
+        d->_buffer.remove(0, d->_position);
+        d->_position = 0;
     }
-    _buffer.append(bytes);
+    d->_buffer.append(bytes);
 }
 
 TrelanFrameReader::Status TrelanFrameReader::next()
 {
-    _payload.clear();
-    readLines();
-    return _state == InPayload ? readPayload() : _fault;
+    d->_payload.clear();
+    d->readLines();
+    return d->_state == Private::InPayload ? d->readPayload() : d->_fault;
 }
 
 bool TrelanFrameReader::hasNext()
 {
-    readLines();
-    return _state == Faulty || (_state == InPayload && _buffer.size() - _position >= _size);
+    d->readLines();
+    return d->_state == Private::Faulty ||
+           (d->_state == Private::InPayload && d->_buffer.size() - d->_position >= d->_payloadSize);
 }
 
 TrelanFrame::Kind TrelanFrameReader::kind() const
 {
-    return _kind;
+    return d->_kind;
 }
 
 QByteArray TrelanFrameReader::payload() const
 {
-    return _payload;
+    return d->_payload;
 }
 
 bool TrelanFrameReader::isInsideFrame() const
 {
-    return _state != InHeader || _position < _buffer.size();
+    return d->_state != Private::InHeader || d->_position < d->_buffer.size();
 }
 
 QString TrelanFrameReader::faultText() const
 {
-    return _faultText;
+    return d->_faultText;
 }
 
-/// Both lines of the next frame, as far as they are there.
-void TrelanFrameReader::readLines()
+/// Reads both lines of the next frame, as far as they have come.
+void TrelanFrameReader::Private::readLines()
 {
     if (_position == _buffer.size())
         return;
@@ -65,7 +96,7 @@ void TrelanFrameReader::readLines()
         readSize();
 }
 
-bool TrelanFrameReader::takeLine(QString &text)
+bool TrelanFrameReader::Private::takeLine(QString &text)
 {
     const QByteArray piece = _buffer.mid(_position, TrelanFrame::MAX_LINE_LENGTH);
     const int end = piece.indexOf('\n');
@@ -77,8 +108,8 @@ bool TrelanFrameReader::takeLine(QString &text)
     return true;
 }
 
-/// The line as everybody writes it, for which there is no need to make a text of it.
-bool TrelanFrameReader::takeUsualHeader()
+/// Takes a header line in the spelling that all clients use, without making a QString of it.
+bool TrelanFrameReader::Private::takeUsualHeader()
 {
     static const QByteArray REQUEST("[-REQUEST-]\r\n");
     static const QByteArray REPLY("[-REPLY-]\r\n");
@@ -95,8 +126,8 @@ bool TrelanFrameReader::takeUsualHeader()
     return true;
 }
 
-/// Likewise, of a size that is no longer than a line may be.
-bool TrelanFrameReader::takeUsualSize(qint64 &size)
+/// Takes a size line of digits alone, as all clients write it, without making a QString of it.
+bool TrelanFrameReader::Private::takeUsualSize(qint64 &size)
 {
     constexpr int MAX_DIGITS = TrelanFrame::MAX_LINE_LENGTH - 2;
     const char *const text = _buffer.constData() + _position;
@@ -113,7 +144,7 @@ bool TrelanFrameReader::takeUsualSize(qint64 &size)
     return isLine;
 }
 
-void TrelanFrameReader::readHeader()
+void TrelanFrameReader::Private::readHeader()
 {
     if (takeUsualHeader()) {
         _state = InSize;
@@ -131,7 +162,7 @@ void TrelanFrameReader::readHeader()
     _state = InSize;
 }
 
-void TrelanFrameReader::readSize()
+void TrelanFrameReader::Private::readSize()
 {
     qint64 size = 0;
     if (!takeUsualSize(size)) {
@@ -150,17 +181,17 @@ void TrelanFrameReader::readSize()
                                   .arg(size)
                                   .arg(_maxPayload));
     }
-    _size = int(size);
+    _payloadSize = int(size);
     _state = InPayload;
 }
 
-TrelanFrameReader::Status TrelanFrameReader::readPayload()
+TrelanFrameReader::Status TrelanFrameReader::Private::readPayload()
 {
-    if (_buffer.size() - _position < _size)
+    if (_buffer.size() - _position < _payloadSize)
         return NeedMoreData;
     _kind = _nextKind;
-    _payload = _buffer.mid(_position, _size);
-    _position += _size;
+    _payload = _buffer.mid(_position, _payloadSize);
+    _position += _payloadSize;
     _state = InHeader;
     // A connection that is idle after a large frame must not hold on to the memory it took.
     if (_position == _buffer.size()) {
@@ -170,7 +201,7 @@ TrelanFrameReader::Status TrelanFrameReader::readPayload()
     return FrameReady;
 }
 
-void TrelanFrameReader::fail(Status status, const QString &text)
+void TrelanFrameReader::Private::fail(Status status, const QString &text)
 {
     _state = Faulty;
     _fault = status;

@@ -2,6 +2,8 @@
 
 #include "trelanframe.h"
 
+#include <memory>
+
 namespace bus
 {
 
@@ -31,7 +33,10 @@ public:
 
     /// \a maxPayload is the largest payload, in bytes of its base64 text, that is taken.
     explicit TrelanFrameReader(qint64 maxPayload);
+    ~TrelanFrameReader();
+    Q_DISABLE_COPY(TrelanFrameReader)
 
+    /// Appends \a bytes to the stream. A faulty reader ignores them.
     void feed(const QByteArray &bytes);
 
     /// Goes on to the next frame. Malformed and TooLarge are final.
@@ -40,38 +45,20 @@ public:
     /// Whether next() would be ready, or faulty, without more data.
     bool hasNext();
 
-    /// Of the last frame that was ready.
+    /// The kind of the last frame that was ready.
     TrelanFrame::Kind kind() const;
+    /// The payload of the last frame that was ready; empty after any other status of next().
     QByteArray payload() const;
 
-    /// Whether a frame has begun and is not complete.
+    /// Whether bytes are there, or were taken, of a frame that next() has yet to return.
     bool isInsideFrame() const;
 
     /// What is wrong, for people; empty unless the status is Malformed or TooLarge.
     QString faultText() const;
 
 private:
-    enum State { InHeader, InSize, InPayload, Faulty };
-
-    void readLines();
-    bool takeLine(QString &text);
-    bool takeUsualHeader();
-    bool takeUsualSize(qint64 &size);
-    void readHeader();
-    void readSize();
-    Status readPayload();
-    void fail(Status status, const QString &text);
-
-    const qint64 _maxPayload;
-    QByteArray _buffer;
-    int _position = 0;
-    State _state = InHeader;
-    Status _fault = NeedMoreData;
-    QString _faultText;
-    TrelanFrame::Kind _kind = TrelanFrame::Request;
-    TrelanFrame::Kind _nextKind = TrelanFrame::Request;
-    int _size = 0;
-    QByteArray _payload;
+    class Private;
+    const std::unique_ptr<Private> d;
 };
 
 } // namespace bus

@@ -12,8 +12,9 @@
 #include <QtNetwork/QAbstractSocket>
 #include <QtNetwork/QNetworkSession>
 
-/// Translations may be looked for before the static objects of the resource's own file are made.
-/// The macro wants the global namespace; it does no harm twice.
+/// Registers the resource with the translations by hand: they may be looked for before the static
+/// objects of the resource's own file are made. A second registration does no harm. The function is
+/// global, since the macro does not work inside a namespace.
 static void initTranslations()
 {
     Q_INIT_RESOURCE(trelanclient);
@@ -39,8 +40,8 @@ QString buildDate()
         .toString(Qt::ISODate);
 }
 
-// Sockets register these when they are first used, and two threads that do so at once make Qt warn.
-// The session is deprecated, and sockets use it all the same.
+// Qt's sockets register these types when they are first used, and Qt warns when two threads do so
+// at once. QNetworkSession is deprecated, but sockets still register it.
 QT_WARNING_PUSH
 QT_WARNING_DISABLE_DEPRECATED
 void registerSocketTypes()

@@ -17,24 +17,25 @@ constexpr int MAX_UNSUPPRESSED_INTERVAL = 1000;
 constexpr double INTERVAL_GROWTH = 1.3;
 constexpr int MSECS_PER_DAY = 24 * 60 * 60 * 1000;
 
-// Set while this thread connects an emitter: a wrong method makes Qt warn there, and that line
+// Set while this thread connects an emitter: Qt warns about a wrong method then, and that line
 // would come back here for ever.
 thread_local bool _connecting = false;
 
-// Threads that are connecting an emitter to a receiver, which must not be destroyed meanwhile. The
-// mutex of the configuration guards it; it is not held while they connect, since what Qt may log
-// there can wait for a thread that is just asking for it.
+// Counts the threads that are connecting an emitter to a receiver, which must not be destroyed
+// meanwhile. TrelanLogCreator::_mutex guards the counter, and is not held while a thread connects:
+// what Qt may log then can wait for another thread that is asking for the mutex.
 int _connects = 0;
 QWaitCondition _connected;
 
-/// To be called with the mutex held, once no further thread can get at the old receiver.
+/// Waits until no thread connects to the old receiver any more. The caller holds the mutex, and has
+/// replaced the receiver.
 void awaitConnects(QMutex *mutex)
 {
     while (_connects > (_connecting ? 1 : 0))
         _connected.wait(mutex);
 }
 
-/// Milliseconds since a time of day; past midnight it goes on counting.
+/// Milliseconds since \a time of day, which may lie before the last midnight.
 int elapsedSince(const QTime &time)
 {
     const int elapsed = time.msecsTo(QTime::currentTime());
@@ -58,6 +59,7 @@ QString prefixOf(QtMsgType type)
 
 } // namespace
 
+QMutex TrelanLogCreator::_mutex;
 QPointer<QObject> TrelanLogCreator::_sender;
 QByteArray TrelanLogCreator::_method;
 QString TrelanLogCreator::_baseClientName;
@@ -65,7 +67,6 @@ int TrelanLogCreator::_baseRepeatInterval = 0;
 int TrelanLogCreator::_repeatInterval = 0;
 QString TrelanLogCreator::_lastMessage;
 QTime TrelanLogCreator::_lastMessageTime;
-QMutex TrelanLogCreator::_mutex;
 
 QLoggingCategory &LOGGER() // NOLINT(readability-identifier-naming)
 {
@@ -73,10 +74,18 @@ QLoggingCategory &LOGGER() // NOLINT(readability-identifier-naming)
     return _category;
 }
 
+class TrelanLogCreator::Private
+{
+public:
+    QString _clientName;
+};
+
 TrelanLogCreator::TrelanLogCreator(const QString &clientName, QObject *parent)
     : QObject(parent)
-    , _clientName(clientName)
-{}
+    , d(std::make_unique<Private>())
+{
+    d->_clientName = clientName;
+}
 
 TrelanLogCreator::~TrelanLogCreator() = default;
 
@@ -169,7 +178,7 @@ void TrelanLogCreator::sendMessage(QString prefix, QString msg)
 
     TrelanCommand command;
     command.setName(QStringLiteral("saveLog"));
-    command.setSender(_clientName);
+    command.setSender(d->_clientName);
     command.setReciever(QStringLiteral("logger"));
     command.setParams({{QStringLiteral("prefix"), prefix}, {QStringLiteral("text"), msg}});
     TrelanMessage message;

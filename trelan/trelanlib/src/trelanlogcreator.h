@@ -11,6 +11,8 @@
 #include <QtCore/QPointer>
 #include <QtCore/QTime>
 
+#include <memory>
+
 namespace bus
 {
 
@@ -23,8 +25,8 @@ TRELAN_EXPORT QLoggingCategory &LOGGER(); // NOLINT(readability-identifier-namin
 ///
 /// The application calls init() and makes humanKelLog() Qt's message handler, or an output of
 /// LoggerManager. Every line then becomes a message that is handed to the receiver given to init(),
-/// normally a controller's sendLogMessage(TrelanMessage). A line that repeats the last one is held
-/// back, at first for the interval given, then for longer and longer, up to five minutes.
+/// normally a controller's sendLogMessage(TrelanMessage). A line that repeats the one before is
+/// held back, at first for the interval given, then for longer and longer, up to five minutes.
 ///
 /// Threads: the static functions may be called from any thread; no lock is held while anything is
 /// emitted. A line logged in a thread without event loop leaves its emitter behind until the end.
@@ -49,8 +51,8 @@ public:
     /// repeatInterval, in milliseconds, of 1000 or less sends every line.
     static void init(const QPointer<QObject> &receiver, const QByteArray &method,
                      const QString &clientName, int repeatInterval);
-    /// From here on nothing is sent. Has to be called, or init() again, before the receiver is
-    /// destroyed while other threads log.
+    /// Ends the sending of lines. The application calls it, or init() with another receiver, before
+    /// the receiver is destroyed while other threads log.
     static void release();
 
     /// The emitter of one line, connected to the receiver; null if lines go nowhere.
@@ -62,15 +64,19 @@ public:
                             const QString &message);
 
 Q_SIGNALS:
+    /// The command that carries the line; createCreator() connects this signal to the receiver.
     void sendMessage(TrelanMessage msg);
 
 public Q_SLOTS:
+    /// Emits one line, with tabs in place of line breaks.
     void sendMessage(QString prefix, QString msg);
 
 private:
-    QString _clientName;
+    class Private;
+    const std::unique_ptr<Private> d;
 
     static constexpr int MAX_REPEAT_INTERVAL = 300000;
+    static QMutex _mutex; // guards the statics below
     static QPointer<QObject> _sender;
     static QByteArray _method;
     static QString _baseClientName;
@@ -78,7 +84,6 @@ private:
     static int _repeatInterval;
     static QString _lastMessage;
     static QTime _lastMessageTime;
-    static QMutex _mutex;
 };
 
 } // namespace bus

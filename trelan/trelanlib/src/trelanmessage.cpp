@@ -2,18 +2,10 @@
 
 #include "values/wirevalue.h"
 
+#include <wirekeys.h>
+
 namespace bus
 {
-
-namespace
-{
-const QString KEY_DT = QStringLiteral("dt");
-const QString KEY_MESSAGE = QStringLiteral("msg");
-const QString KEY_OPTIONS = QStringLiteral("ops");
-const QString KEY_RECIEVER = QStringLiteral("r");
-const QString KEY_SENDER = QStringLiteral("s");
-const QString KEY_UID = QStringLiteral("uid");
-} // namespace
 
 TrelanMessage::TrelanMessage()
     : TrelanMessage(TrelanTimestamp::now())
@@ -78,11 +70,6 @@ QDateTime TrelanMessage::dt() const
 void TrelanMessage::setDt(const QDateTime &dt)
 {
     _timestamp = dt;
-}
-
-const TrelanTimestamp &TrelanMessage::timestamp() const
-{
-    return _timestamp;
 }
 
 QString TrelanMessage::message() const
@@ -155,24 +142,29 @@ QString TrelanMessage::msgKey() const
 QVariantMap TrelanMessage::toVariantMap() const
 {
     return {
-        {KEY_DT, value::timeToWire(_timestamp)},
-        {KEY_MESSAGE, _message},
-        {KEY_RECIEVER, _reciever},
-        {KEY_SENDER, _sender},
-        {KEY_UID, _uid},
-        {KEY_OPTIONS, int(_options)},
+        {keys::TIME, value::timeToWire(_timestamp)},
+        {keys::MESSAGE_TEXT, _message},
+        {keys::MESSAGE_RECIEVER, _reciever},
+        {keys::MESSAGE_SENDER, _sender},
+        {keys::UID, _uid},
+        {keys::MESSAGE_OPTIONS, int(_options)},
     };
 }
 
 TrelanMessage TrelanMessage::fromVariantMap(const QVariantMap &map)
 {
-    TrelanMessage message(value::timeFromWire(map.value(KEY_DT)));
-    message.setMessage(map.value(KEY_MESSAGE).toString());
-    message.setOptions(Options(QFlag(map.value(KEY_OPTIONS).toInt())));
-    message.setReciever(map.value(KEY_RECIEVER).toString());
-    message.setSender(map.value(KEY_SENDER).toString());
-    message.setUid(map.value(KEY_UID).toString());
+    TrelanMessage message(value::timeFromWire(map.value(keys::TIME)));
+    message.setMessage(map.value(keys::MESSAGE_TEXT).toString());
+    message.setOptions(Options(QFlag(map.value(keys::MESSAGE_OPTIONS).toInt())));
+    message.setReciever(map.value(keys::MESSAGE_RECIEVER).toString());
+    message.setSender(map.value(keys::MESSAGE_SENDER).toString());
+    message.setUid(map.value(keys::UID).toString());
     return message;
+}
+
+const TrelanTimestamp &TrelanMessage::timestamp() const
+{
+    return _timestamp;
 }
 
 void TrelanMessage::setOption(Option option, bool on)

@@ -33,10 +33,10 @@ public:
 
     /// An empty message without flags, with the current time as its time stamp.
     TrelanMessage();
-    /// One of another time.
-    explicit TrelanMessage(const TrelanTimestamp &timestamp);
     TrelanMessage(const TrelanMessage &other);
     TrelanMessage(TrelanMessage &&other) noexcept;
+    /// As the default constructor, with another time.
+    explicit TrelanMessage(const TrelanTimestamp &timestamp);
     virtual ~TrelanMessage();
 
     TrelanMessage &operator=(const TrelanMessage &other);
@@ -60,8 +60,6 @@ public:
     /// Time stamp; travels with millisecond resolution and comes back in local time.
     QDateTime dt() const;
     void setDt(const QDateTime &dt);
-    /// The same as it travels, without asking the clock for local time.
-    const TrelanTimestamp &timestamp() const;
 
     /// The text, often JSON.
     QString message() const;
@@ -80,8 +78,8 @@ public:
     bool needAnswer() const;
     void setNeedAnswer(bool needAnswer);
 
-    /// A fresh unique id (28 characters) over the fields and the current time in milliseconds. It
-    /// is returned, not stored. Two calls within one millisecond on equal messages return equal
+    /// A fresh unique id (28 characters) over the fields and the current time in milliseconds. The
+    /// message does not store it. Two calls within one millisecond on equal messages return equal
     /// ids.
     QString genUid() const;
 
@@ -95,6 +93,9 @@ public:
     /// The message in \a map. Never fails: an absent or unreadable entry gives an empty field, flag
     /// word 0 and the epoch as time.
     static TrelanMessage fromVariantMap(const QVariantMap &map);
+
+    /// The time stamp as it travels: unlike dt(), it does not ask the system for local time.
+    const TrelanTimestamp &timestamp() const;
 
 private:
     void setOption(Option option, bool on);

@@ -1,21 +1,24 @@
 #include "trelanmessagereciever.h"
 
+#include "channel/connectioncount.h"
+#include "channel/promptinbox.h"
 #include "channel/socketwait.h"
 #include "codec/push.h"
+#include "codec/replies.h"
 #include "trelanframe.h"
+#include "trelantransport.h"
 
 #include <jsonreader.h>
 #include <loghelpers.h>
+#include <wirekeys.h>
 
 #include <QtCore/QDateTime>
 #include <QtCore/QDebug>
-#include <QtCore/QEvent>
 #include <QtCore/QSignalBlocker>
 #include <QtCore/QThread>
+#include <QtCore/QTimer>
 #include <QtNetwork/QHostAddress>
 #include <QtNetwork/QTcpSocket>
-
-#include <utility>
 
 namespace bus
 {
@@ -29,19 +32,10 @@ namespace
 
 constexpr int WAIT_MS = 30000;      // for the connection and for a frame to leave
 constexpr int READ_WAIT_MS = 100;   // after every read attempt
-constexpr int READ_PAUSE_MS = 10;   // likewise, before that
+constexpr int READ_PAUSE_MS = 10;   // after every read attempt, before the wait
 constexpr int CLOSE_PAUSE_MS = 100; // before a connection is ended
 constexpr int BYTES_PER_ATTEMPT = 100;
 constexpr int MAX_REMEMBERED = 100;
-
-// In Prompt mode.
-constexpr qint64 READ_CHUNK = 64 * 1024;
-constexpr int MAX_UNSENT = 16 * 1024;
-constexpr qint64 MAX_UNSENT_NS = 1000000;
-constexpr qint64 MAX_UNREAD_BY_BUS = 1024 * 1024; // thousands of acknowledgements
-
-const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
-const QString OPERATION_SEND_MESSAGE = QStringLiteral("sendMessage");
 
 TrelanObject objectOf(const TrelanMessage &msg, const QVariantMap &notification)
 {
@@ -68,68 +62,89 @@ TrelanCommand commandOf(const TrelanMessage &msg, const QVariantMap &call)
     return command;
 }
 
-/// A QTcpSocket stays open as a device after its connection is gone, so that the state decides.
-bool isConnected(const QPointer<QTcpSocket> &socket)
-{
-    return socket && socket->isOpen() && socket->state() != QAbstractSocket::UnconnectedState;
-}
-
 } // namespace
 
 std::atomic<quint16> TrelanMessageReciever::_msgPort {TrelanMessageReciever::DEFAULT_PORT};
 std::atomic<quint32> TrelanMessageReciever::_msgHost {
     QHostAddress(QHostAddress::LocalHost).toIPv4Address()};
 
+/// What the receiver keeps, the paced way of reading, and what frames mean. The prompt way of
+/// reading is the inbox's.
+class TrelanMessageReciever::Private : public PromptInbox::Owner
+{
+public:
+    Private(TrelanMessageReciever &receiver, const QString &clientName);
+
+    bool isConnected() const;
+    bool open();
+    void close();
+    void onSocketReadyRead();
+    bool send(TrelanFrame::Kind kind, const QVariantMap &envelope);
+    bool isPrompt() const;
+
+    QPointer<QTcpSocket> _socket;
+    QString _clientName;
+    bool _opened = false;
+    Filter _cache;
+    PromptInbox *_inbox; // a child of the receiver, with which it goes to another thread
+    QTimer _answer;      // runs, in Prompt mode, until the handshake is answered
+
+private:
+    void onFrame(TrelanFrame::Kind kind, const QByteArray &payload) override;
+    void onBroken(const QString &reason) override;
+
+    void makeSocket();
+    void write(const QByteArray &frame);
+    void prepareRequest();
+    void prepareReply();
+    qint32 readSize();
+    QByteArray readPayload(qint32 size);
+    bool readData(qint32 size, QVariant &out);
+    bool decode(const QByteArray &payload, QVariant &out);
+    bool takeRequest(const QByteArray &payload);
+    bool takeReply(const QByteArray &payload);
+    bool processRequest(const QVariant &envelope);
+    void takeMessage(const TrelanMessage &msg);
+    bool processReply(const QVariant &envelope);
+
+    TrelanMessageReciever &_receiver;
+    TrelanTransport::Mode _mode;
+    TrelanTransport::Coding _coding = TrelanTransport::Classic;
+    ConnectionCount _connections;
+};
+
 TrelanMessageReciever::TrelanMessageReciever(const QString &clientName, QObject *parent)
     : QObject(parent)
-    , _socket(new QTcpSocket(this))
-    , _clientName(clientName)
-    , _prompt(TrelanTransport::mode() == TrelanTransport::Prompt)
-    , _cache(Filter::create(MAX_REMEMBERED))
-{
-    connect(_socket, SIGNAL(connected()), this, SLOT(socketConnected()));
-    connect(_socket, SIGNAL(disconnected()), this, SLOT(socketDisconnected()));
-    connect(_socket, SIGNAL(error(QAbstractSocket::SocketError)), this,
-            SLOT(socketError(QAbstractSocket::SocketError)));
-    connect(_socket, SIGNAL(readyRead()), this, SLOT(onSocketReadyRead()));
-    for (QTimer *timer : {&_stall, &_answer}) {
-        timer->setParent(this); // so that it goes to another thread with this
-        timer->setSingleShot(true);
-    }
-    connect(&_stall, &QTimer::timeout, this,
-            [this] { breakOff(QStringLiteral("the rest of a frame does not come")); });
-    connect(&_answer, &QTimer::timeout, this,
-            [this] { breakOff(QStringLiteral("the handshake is not answered")); });
-}
+    , d(std::make_unique<Private>(*this, clientName))
+{}
 
 TrelanMessageReciever::~TrelanMessageReciever()
 {
     close();
-    // Deleted by what a signal led to, perhaps one of the socket's own: it has to outlive that.
-    if (_socket && (sender() || _isReading)) {
-        _socket->setParent(nullptr);
-        _socket->deleteLater();
-    }
+    // A slot on a signal may delete the receiver, and the signal may be one of the socket's own:
+    // the socket has to outlive that.
+    if (d->_socket && (sender() || d->_inbox->isHandingOn()))
+        wait::retire(*d->_socket);
 }
 
 bool TrelanMessageReciever::isOpen() const
 {
-    return isConnected(_socket) && _opened;
+    return d->isConnected() && d->_opened;
 }
 
 QString TrelanMessageReciever::clientName() const
 {
-    return _clientName;
+    return d->_clientName;
 }
 
 TrelanMessageReciever::Filter TrelanMessageReciever::filter() const
 {
-    return _cache;
+    return d->_cache;
 }
 
 void TrelanMessageReciever::setFilter(const Filter &filter)
 {
-    _cache = filter;
+    d->_cache = filter;
 }
 
 quint32 TrelanMessageReciever::msgHost()
@@ -190,58 +205,14 @@ void TrelanMessageReciever::processObject(const TrelanObject &obj)
 
 bool TrelanMessageReciever::open()
 {
-    if (msgPort() == 0 || !_socket)
+    if (msgPort() == 0 || !d->_socket)
         return false;
-    if (isOpen())
-        return true;
-    // connectToHost() refuses on a connection that is not yet accepted; and an earlier handshake
-    // says nothing about a new connection.
-    if (_socket->state() != QAbstractSocket::UnconnectedState) {
-        _socket->blockSignals(true);
-        _socket->abort();
-    }
-    _opened = false;
-    _stall.stop();
-    _answer.stop();
-    _prompt = TrelanTransport::mode() == TrelanTransport::Prompt;
-    _coding = TrelanTransport::coding();
-    _reader.reset(_prompt ? new TrelanFrameReader(TrelanTransport::maxPayload()) : nullptr);
-    _unsent.clear();
-    _isHeld = false;
-    // A slot with an event loop of its own keeps this from reading, but not the socket.
-    _socket->setReadBufferSize(_prompt ? READ_CHUNK : 0);
-    _socket->blockSignals(false);
-    _socket->connectToHost(QHostAddress(msgHost()), msgPort(), QIODevice::ReadWrite);
-    const QPointer<TrelanMessageReciever> self(this);
-    const bool written =
-        wait::connected(*_socket, _prompt ? TrelanTransport::patience() : WAIT_MS) && handshake();
-    if (!self)
-        return false;
-    if (_prompt)
-        _answer.start(TrelanTransport::patience());
-    // Lost or refused while it was written: the signal for that has been, and must not be followed
-    // by a success, on which a worker stops trying.
-    if (written && isConnected(_socket)) {
-        emit kelbusConnected();
-        return true;
-    }
-    close();
-    return false;
+    return isOpen() || d->open();
 }
 
 void TrelanMessageReciever::close()
 {
-    if (!_socket)
-        return;
-    _socket->blockSignals(true);
-    sendAll();
-    letGo();
-    _stall.stop();
-    _answer.stop();
-    if (!_prompt)
-        QThread::msleep(CLOSE_PAUSE_MS);
-    _socket->abort();
-    _opened = false;
+    d->close();
 }
 
 void TrelanMessageReciever::socketConnected()
@@ -251,27 +222,147 @@ void TrelanMessageReciever::socketConnected()
 
 void TrelanMessageReciever::socketDisconnected()
 {
-    _stall.stop();
-    _answer.stop();
+    d->_answer.stop();
     emit busDisconnected();
 }
 
 void TrelanMessageReciever::socketError(QAbstractSocket::SocketError error)
 {
     // Every timed wait ends in this one when nothing came, and says so by its result.
-    if (!_socket || error == QAbstractSocket::SocketTimeoutError)
+    if (!d->_socket || error == QAbstractSocket::SocketTimeoutError)
         return;
-    qWarning().noquote() << error << _socket->errorString() << QDateTime::currentDateTime();
+    qWarning().noquote() << error << d->_socket->errorString() << QDateTime::currentDateTime();
 }
 
 void TrelanMessageReciever::onSocketReadyRead()
 {
-    if (_reader) {
-        takeFrames();
-        return;
+    if (d->isPrompt())
+        d->_inbox->takeArrived();
+    else
+        d->onSocketReadyRead();
+}
+
+bool TrelanMessageReciever::handshake()
+{
+    QVariantMap data {{keys::CLIENT_NAME, d->_clientName}};
+    if (d->isPrompt()) {
+        d->_inbox->watchArrivals();
+        data.insert(keys::PROMPT, true); // the bus may send more ahead
     }
-    // What a frame leads to may delete this receiver.
-    const QPointer<TrelanMessageReciever> self(this);
+    return request(operations::HANDSHAKE, data);
+}
+
+bool TrelanMessageReciever::request(QString cmd, QVariantMap data)
+{
+    const QPointer<TrelanMessageReciever> self(this); // a connection that is found lost is a signal
+    const bool isSent = d->send(TrelanFrame::Request, TrelanFrame::request(cmd, data));
+    if (self)
+        d->_inbox->letGo();
+    return isSent;
+}
+
+bool TrelanMessageReciever::reply(QString cmd, TrelanError error, QVariantMap data)
+{
+    return d->send(TrelanFrame::Reply, TrelanFrame::reply(cmd, error, data));
+}
+
+TrelanMessageReciever::Private::Private(TrelanMessageReciever &receiver, const QString &clientName)
+    : _clientName(clientName)
+    , _cache(Filter::create(MAX_REMEMBERED))
+    , _inbox(new PromptInbox(_socket, *this, &receiver))
+    , _answer(&receiver)
+    , _receiver(receiver)
+    , _mode(TrelanTransport::mode())
+{
+    makeSocket();
+    _answer.setSingleShot(true);
+    connect(&_answer, &QTimer::timeout, &receiver,
+            [this] { onBroken(QStringLiteral("the handshake is not answered")); });
+}
+
+void TrelanMessageReciever::Private::makeSocket()
+{
+    _socket = new QTcpSocket(&_receiver);
+    connect(_socket, SIGNAL(connected()), &_receiver, SLOT(socketConnected()));
+    connect(_socket, SIGNAL(disconnected()), &_receiver, SLOT(socketDisconnected()));
+    connect(_socket, SIGNAL(error(QAbstractSocket::SocketError)), &_receiver,
+            SLOT(socketError(QAbstractSocket::SocketError)));
+    connect(_socket, SIGNAL(readyRead()), &_receiver, SLOT(onSocketReadyRead()));
+}
+
+/// A QTcpSocket stays open as a device after its connection is gone, so that the state decides.
+bool TrelanMessageReciever::Private::isConnected() const
+{
+    return _socket && _socket->isOpen() && _socket->state() != QAbstractSocket::UnconnectedState;
+}
+
+bool TrelanMessageReciever::Private::open()
+{
+    // connectToHost() refuses on a connection that is not yet accepted; and an earlier handshake
+    // says nothing about a new connection.
+    if (_socket->state() != QAbstractSocket::UnconnectedState) {
+        _socket->blockSignals(true);
+        _socket->abort();
+    }
+    if (_receiver.sender() == _socket) {
+        wait::retire(*_socket);
+        makeSocket();
+    }
+    _connections.next();
+    const ConnectionCount::Mark here = _connections.mark();
+    _opened = false;
+    _answer.stop();
+    _mode = TrelanTransport::mode();
+    _coding = TrelanTransport::coding();
+    _inbox->begin(TrelanTransport::maxPayload());
+    if (!isPrompt())
+        _socket->setReadBufferSize(0);
+    _socket->blockSignals(false);
+    _socket->connectToHost(QHostAddress(msgHost()), msgPort(), QIODevice::ReadWrite);
+    const QPointer<TrelanMessageReciever> self(&_receiver);
+    const bool isWritten =
+        wait::connected(*_socket, isPrompt() ? TrelanTransport::patience() : WAIT_MS) &&
+        !here.isOver() && _receiver.handshake();
+    if (!self)
+        return false;
+    // A slot that was told of a loss has closed the channel, or has opened it again and heard so.
+    if (here.isOver())
+        return isConnected();
+    // Lost while the handshake was written: the signal for that has been, and must not be followed
+    // by a success, on which a worker stops trying.
+    if (!isWritten || !isConnected()) {
+        close();
+        return false;
+    }
+    if (isPrompt())
+        _answer.start(TrelanTransport::patience());
+    emit _receiver.kelbusConnected();
+    return true;
+}
+
+void TrelanMessageReciever::Private::close()
+{
+    if (!_socket)
+        return;
+    _connections.next();
+    _socket->blockSignals(true);
+    _inbox->end();
+    _answer.stop();
+    if (!isPrompt())
+        QThread::msleep(CLOSE_PAUSE_MS);
+    _socket->abort();
+    _opened = false;
+}
+
+bool TrelanMessageReciever::Private::isPrompt() const
+{
+    return _mode == TrelanTransport::Prompt;
+}
+
+void TrelanMessageReciever::Private::onSocketReadyRead()
+{
+    // What a frame leads to may delete the receiver.
+    const QPointer<TrelanMessageReciever> self(&_receiver);
     while (self && _socket && _socket->bytesAvailable() > 0 && !wait::isInterrupted()) {
         const QString header =
             TrelanFrame::lineText(_socket->readLine(TrelanFrame::MAX_LINE_LENGTH + 1));
@@ -284,203 +375,58 @@ void TrelanMessageReciever::onSocketReadyRead()
     }
 }
 
-bool TrelanMessageReciever::eventFilter(QObject *watched, QEvent *event)
+bool TrelanMessageReciever::Private::send(TrelanFrame::Kind kind, const QVariantMap &envelope)
 {
-    if (event->type() == QEvent::SockAct && takeArrival())
-        return true;
-    return QObject::eventFilter(watched, event);
-}
-
-/// Past Qt, which asks for the size before it reads and keeps what it reads in a buffer of its own.
-/// False if Qt has to see to it.
-bool TrelanMessageReciever::takeArrival()
-{
-    if (!_reader || _isReading || wait::isInterrupted())
+    if (!isConnected())
         return false;
-    const QByteArray bytes = direct::take(*_socket);
-    if (bytes.isEmpty())
-        return false;
-    _reader->feed(bytes);
-    takeFrames();
+    write(TrelanFrame::encode(kind, envelope, _coding));
     return true;
 }
 
-bool TrelanMessageReciever::handshake()
+void TrelanMessageReciever::Private::onFrame(TrelanFrame::Kind kind, const QByteArray &payload)
 {
-    QVariantMap data {{QStringLiteral("name"), _clientName}};
-    if (_reader) {
-        _socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-        direct::watchArrivals(*_socket, this);
-        data.insert(QStringLiteral("prompt"), true); // the bus may send more ahead
-    }
-    return request(OPERATION_HANDSHAKE, data);
-}
-
-bool TrelanMessageReciever::request(QString cmd, QVariantMap data)
-{
-    if (!isConnected(_socket))
-        return false;
-    const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
-    write(TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(cmd, data), _coding));
-    if (self)
-        letGo();
-    return true;
-}
-
-bool TrelanMessageReciever::reply(QString cmd, TrelanError error, QVariantMap data)
-{
-    if (!isConnected(_socket))
-        return false;
-    write(TrelanFrame::encode(TrelanFrame::Reply, TrelanFrame::reply(cmd, error, data), _coding));
-    return true;
-}
-
-void TrelanMessageReciever::write(const QByteArray &frame)
-{
-    // Of its own: a connection that is lost here is a signal, which may delete this receiver.
-    const QPointer<QTcpSocket> socket = _socket;
-    if (_reader) {
-        writeLater(frame);
+    const QPointer<TrelanMessageReciever> self(&_receiver);
+    const bool isRequest = kind == TrelanFrame::Request;
+    const bool done = isRequest ? takeRequest(payload) : takeReply(payload);
+    if (!self || done)
         return;
-    }
-    socket->write(frame);
-    socket->flush();
-    if (isConnected(socket))
-        wait::bytesWritten(*socket, WAIT_MS);
-}
-
-/// Goes to the system at once, unless there is more to come soon.
-void TrelanMessageReciever::writeLater(const QByteArray &frame)
-{
-    if (_unsent.isEmpty())
-        _sinceUnsent.start();
-    _unsent += frame;
-    if (!_reader->hasNext() || _unsent.size() >= MAX_UNSENT ||
-        _sinceUnsent.nsecsElapsed() >= MAX_UNSENT_NS) {
-        sendAll();
-        return;
-    }
-    // What comes next may need no answer, or a slot may have an event loop of its own before.
-    if (std::exchange(_sendsLater, true))
-        return;
-    const auto send = [this] {
-        _sendsLater = false;
-        const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
-        sendAll();
-        if (self)
-            letGo();
-    };
-    QMetaObject::invokeMethod(this, send, Qt::QueuedConnection);
-}
-
-void TrelanMessageReciever::sendAll()
-{
-    const QByteArray frames = std::exchange(_unsent, {});
-    if (frames.isEmpty() || !isConnected(_socket))
-        return;
-    _isHeld = true;
-    direct::sendSoon(*_socket, frames); // last: a connection lost here is a signal
-}
-
-/// The system holds acknowledgements until what they acknowledge is handed on, since the bus would
-/// take its turn before the application; but for little more than 200 ms, whatever a slot does, and
-/// not beyond the end of the process. If it ends with something unread, that is a reset, and what
-/// is held then is lost: those messages come again.
-void TrelanMessageReciever::letGo()
-{
-    if (std::exchange(_isHeld, false) && isConnected(_socket))
-        direct::letGo(*_socket);
-}
-
-void TrelanMessageReciever::takeFrames()
-{
-    if (_isReading) // in an event loop of a slot: what has come has to wait until that returns
-        return;
-    const QPointer<TrelanMessageReciever> self(this);
-    _isReading = true;
-    readFrames();
-    if (!self)
-        return;
-    _isReading = false;
-    letGo();
-}
-
-/// What has arrived, frame by frame. What a frame leads to may delete this receiver, close it, or
-/// open it again.
-void TrelanMessageReciever::readFrames()
-{
-    const QPointer<TrelanMessageReciever> self(this);
-    bool progress = false;
-    while (_reader && !wait::isInterrupted()) {
-        switch (_reader->next()) {
-        case TrelanFrameReader::FrameReady:
-            progress = true;
-            _stall.stop(); // what the frame leads to may take its time
-            if (!takeFrame() || !self)
-                return;
-            break;
-        case TrelanFrameReader::NeedMoreData:
-            if (_socket->bytesAvailable() == 0) {
-                watchStall(progress);
-                return;
-            }
-            _reader->feed(_socket->read(READ_CHUNK));
-            break;
-        case TrelanFrameReader::Malformed:
-        case TrelanFrameReader::TooLarge:
-            breakOff(_reader->faultText());
-            if (!self || !isConnected(_socket))
-                return;
-            progress = false; // a slot has opened it again, and may have kept it from reading
-            break;
-        }
-    }
-}
-
-/// False if the connection is not there any more.
-bool TrelanMessageReciever::takeFrame()
-{
-    const QPointer<TrelanMessageReciever> self(this);
-    const TrelanFrame::Kind kind = _reader->kind();
-    const bool done = kind == TrelanFrame::Request ? takeRequest(_reader->payload())
-                                                   : takeReply(_reader->payload());
-    if (!self)
-        return false;
-    if (!done && kind == TrelanFrame::Request)
+    if (isRequest)
         qWarning().noquote() << tr("Invalid request data");
-    else if (!done)
+    else
         qWarning().noquote() << tr("Incorrect reply data");
-    if (isConnected(_socket) && _socket->bytesToWrite() > MAX_UNREAD_BY_BUS)
-        breakOff(QStringLiteral("the bus does not read"));
-    return self && isConnected(_socket);
 }
 
-/// The clock runs from the beginning of a frame to its end.
-void TrelanMessageReciever::watchStall(bool progress)
-{
-    if (!_reader->isInsideFrame())
-        _stall.stop();
-    else if (progress || !_stall.isActive())
-        _stall.start(TrelanTransport::patience());
-}
-
-void TrelanMessageReciever::breakOff(const QString &reason)
+void TrelanMessageReciever::Private::onBroken(const QString &reason)
 {
     qWarning().noquote() << "The message channel is closed:" << reason;
-    if (!isConnected(_socket))
+    if (!isConnected())
         return;
     {
         // A slot that was told of a loss in between may open again, and that must not be aborted.
         const QSignalBlocker blocker(_socket);
-        sendAll();
-        letGo();
+        _inbox->end();
         _socket->abort();
     }
     _opened = false;
-    socketDisconnected();
+    _receiver.socketDisconnected();
 }
 
-void TrelanMessageReciever::prepareRequest()
+void TrelanMessageReciever::Private::write(const QByteArray &frame)
+{
+    if (isPrompt()) {
+        _inbox->write(frame);
+        return;
+    }
+    // A connection that is found lost here is a signal, and a slot may delete the receiver.
+    const QPointer<QTcpSocket> socket = _socket;
+    const ConnectionCount::Mark here = _connections.mark();
+    socket->write(frame);
+    socket->flush();
+    if (socket && !here.isOver())
+        wait::bytesWritten(*socket, here, WAIT_MS);
+}
+
+void TrelanMessageReciever::Private::prepareRequest()
 {
     const qint32 size = readSize();
     if (size < 0) {
@@ -492,7 +438,7 @@ void TrelanMessageReciever::prepareRequest()
         qWarning().noquote() << tr("Invalid request data");
 }
 
-void TrelanMessageReciever::prepareReply()
+void TrelanMessageReciever::Private::prepareReply()
 {
     const qint32 size = readSize();
     QVariant envelope;
@@ -500,7 +446,7 @@ void TrelanMessageReciever::prepareReply()
         qWarning().noquote() << tr("Incorrect reply data");
 }
 
-qint32 TrelanMessageReciever::readSize()
+qint32 TrelanMessageReciever::Private::readSize()
 {
     if (!_socket || !_socket->canReadLine()) {
         qWarning().noquote() << tr("Socket is empty");
@@ -515,13 +461,13 @@ qint32 TrelanMessageReciever::readSize()
     return -1;
 }
 
-bool TrelanMessageReciever::readData(qint32 size, QVariant &out)
+bool TrelanMessageReciever::Private::readData(qint32 size, QVariant &out)
 {
     const QByteArray payload = readPayload(size);
     return payload.size() == size && decode(payload, out);
 }
 
-bool TrelanMessageReciever::decode(const QByteArray &payload, QVariant &out)
+bool TrelanMessageReciever::Private::decode(const QByteArray &payload, QVariant &out)
 {
     const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(payload);
     if (decoded.fault != TrelanFrame::NoFault) {
@@ -535,27 +481,31 @@ bool TrelanMessageReciever::decode(const QByteArray &payload, QVariant &out)
 
 /// Reads at most \a size bytes, and fewer when the attempts for that size are used up or the
 /// connection is gone. The announced size by itself takes no memory.
-QByteArray TrelanMessageReciever::readPayload(qint32 size)
+QByteArray TrelanMessageReciever::Private::readPayload(qint32 size)
 {
-    const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
+    const ConnectionCount::Mark here = _connections.mark();
     const int attempts = size / BYTES_PER_ATTEMPT + 1;
     QByteArray payload;
-    for (int attempt = 0; payload.size() < size && attempt < attempts && self; ++attempt) {
+    for (int attempt = 0; payload.size() < size && attempt < attempts; ++attempt) {
         if (!_socket)
             break;
         const qint64 arrived = _socket->bytesAvailable();
         if (arrived > 0)
             payload.append(_socket->read(qMin<qint64>(size - payload.size(), arrived)));
         QThread::msleep(READ_PAUSE_MS);
-        if (wait::isInterrupted() || (arrived == 0 && !isConnected(_socket)))
+        if (wait::isInterrupted() || (arrived == 0 && !isConnected()))
             break;
-        if (isConnected(_socket))
+        if (isConnected())
             _socket->waitForReadyRead(READ_WAIT_MS);
+        // The wait may find the connection lost. A slot that is told may delete the receiver, or
+        // open it again: what comes then is no part of this payload.
+        if (here.isOver())
+            return {};
     }
-    return self ? payload : QByteArray(); // a whole one has nobody left to process it
+    return payload;
 }
 
-bool TrelanMessageReciever::takeRequest(const QByteArray &payload)
+bool TrelanMessageReciever::Private::takeRequest(const QByteArray &payload)
 {
     if (const auto message = delivery::decode(payload)) {
         takeMessage(*message);
@@ -565,30 +515,30 @@ bool TrelanMessageReciever::takeRequest(const QByteArray &payload)
     return decode(payload, envelope) && processRequest(envelope);
 }
 
-bool TrelanMessageReciever::takeReply(const QByteArray &payload)
+bool TrelanMessageReciever::Private::takeReply(const QByteArray &payload)
 {
     QVariant envelope;
     return decode(payload, envelope) && processReply(envelope);
 }
 
-bool TrelanMessageReciever::processRequest(const QVariant &envelope)
+bool TrelanMessageReciever::Private::processRequest(const QVariant &envelope)
 {
     const QVariantMap request = envelope.toMap();
-    const QString operation = request.value(QStringLiteral("operation")).toString();
-    if (operation != OPERATION_SEND_MESSAGE) {
-        reply(operation, TrelanError(TrelanError::UnsupportedRequest));
+    const QString operation = request.value(keys::OPERATION).toString();
+    if (operation != operations::SEND_MESSAGE) {
+        _receiver.reply(operation, TrelanError(TrelanError::UnsupportedRequest));
         return false;
     }
 
-    takeMessage(TrelanMessage::fromVariantMap(request.value(QStringLiteral("data")).toMap()));
+    takeMessage(TrelanMessage::fromVariantMap(request.value(keys::DATA).toMap()));
     return true;
 }
 
-void TrelanMessageReciever::takeMessage(const TrelanMessage &msg)
+void TrelanMessageReciever::Private::takeMessage(const TrelanMessage &msg)
 {
     // Repeated ones too, so that the bus stops sending them.
-    const QPointer<TrelanMessageReciever> self(this); // a connection lost here is a signal
-    if (isConnected(_socket))
+    const QPointer<TrelanMessageReciever> self(&_receiver); // a connection lost here is a signal
+    if (isConnected())
         write(delivery::acknowledgement(msg, _coding));
     if (!self)
         return;
@@ -602,30 +552,30 @@ void TrelanMessageReciever::takeMessage(const TrelanMessage &msg)
         return;
     }
     _cache->insert(key, new TrelanMessage(msg));
-    processMessage(msg);
+    _receiver.processMessage(msg);
 }
 
-bool TrelanMessageReciever::processReply(const QVariant &envelope)
+bool TrelanMessageReciever::Private::processReply(const QVariant &envelope)
 {
     const QVariantMap answer = envelope.toMap();
-    const QString operation = answer.value(QStringLiteral("operation")).toString();
-    const QVariantMap result = answer.value(QStringLiteral("result")).toMap();
-    const quint16 code = TrelanFrame::replyCode(result);
-    if (operation == OPERATION_HANDSHAKE) {
+    const QString operation = answer.value(keys::OPERATION).toString();
+    const QVariantMap result = answer.value(keys::RESULT).toMap();
+    const TrelanError error = replies::error(result);
+    const quint16 code = error.error();
+    if (operation == operations::HANDSHAKE) {
         const bool accepted = code == 0;
         _opened = accepted;
         _answer.stop();
         if (!accepted) {
             close();
-            emit handshakeRefused();
+            emit _receiver.handshakeRefused();
         } else {
-            emit handshakeAccepted();
+            emit _receiver.handshakeAccepted();
         }
         return accepted;
     }
     if (code != 0) {
-        qCritical().noquote().nospace()
-            << code << logtab << result.value(QStringLiteral("description")).toString();
+        qCritical().noquote().nospace() << code << logtab << error.description();
     }
     return true;
 }

@@ -4,24 +4,18 @@
 
 #include "trelancommand.h"
 #include "trelanerror.h"
-#include "trelanframereader.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
 #include "trelantransport.h"
 
 #include <QtCore/QCache>
-#include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
-#include <QtCore/QPointer>
 #include <QtCore/QSharedPointer>
-#include <QtCore/QTimer>
 #include <QtCore/QVariantMap>
 #include <QtNetwork/QAbstractSocket>
 
 #include <atomic>
 #include <memory>
-
-class QTcpSocket;
 
 namespace bus
 {
@@ -91,11 +85,13 @@ public:
     /// Hands an object on by its signal; one under the reserved prefix is a command.
     virtual void processObject(const TrelanObject &obj);
 
-    bool eventFilter(QObject *watched, QEvent *event) override;
-
 Q_SIGNALS:
+    /// A message that is neither a notification nor a command.
     void incomingMessage(TrelanMessage msg);
+    /// A published object that a subscription of this client takes in. Its flags are not part of a
+    /// notification, and are those of a default object.
     void incomingObject(TrelanObject msg);
+    /// A command to this client, a command to everybody, or an answer to a command of this client.
     void incomingCommand(TrelanCommand msg);
     /// The connection dropped by itself; never emitted by close().
     void busDisconnected();
@@ -103,6 +99,7 @@ Q_SIGNALS:
     void kelbusConnected();
     /// The bus has refused the handshake, and the connection is closed.
     void handshakeRefused();
+    /// The bus has accepted the handshake: isOpen() is true now.
     void handshakeAccepted();
 
 public Q_SLOTS:
@@ -123,42 +120,8 @@ private Q_SLOTS:
     bool reply(QString cmd, TrelanError error, QVariantMap data = QVariantMap());
 
 private:
-    bool takeArrival();
-    void takeFrames();
-    void readFrames();
-    bool takeFrame();
-    void watchStall(bool progress);
-    void breakOff(const QString &reason);
-    void write(const QByteArray &frame);
-    void writeLater(const QByteArray &frame);
-    void sendAll();
-    void letGo();
-    void prepareRequest();
-    void prepareReply();
-    qint32 readSize();
-    QByteArray readPayload(qint32 size);
-    bool readData(qint32 size, QVariant &out);
-    bool decode(const QByteArray &payload, QVariant &out);
-    bool takeRequest(const QByteArray &payload);
-    bool takeReply(const QByteArray &payload);
-    bool processRequest(const QVariant &envelope);
-    void takeMessage(const TrelanMessage &msg);
-    bool processReply(const QVariant &envelope);
-
-    QPointer<QTcpSocket> _socket;
-    QString _clientName;
-    bool _prompt;
-    bool _opened = false;
-    TrelanTransport::Coding _coding = TrelanTransport::Classic;
-    std::unique_ptr<TrelanFrameReader> _reader; // in Prompt mode; since open()
-    QTimer _stall;                              // likewise: runs inside a frame
-    QTimer _answer;                             // likewise: runs until the handshake is answered
-    QByteArray _unsent;                         // likewise: acknowledgements, which leave together
-    QElapsedTimer _sinceUnsent;                 // likewise: since the first of these
-    bool _sendsLater = false;
-    bool _isHeld = false;    // likewise: the system may hold some of them
-    bool _isReading = false; // likewise: what has come is being handed on
-    Filter _cache;
+    class Private;
+    const std::unique_ptr<Private> d;
 
     static std::atomic<quint16> _msgPort;
     static std::atomic<quint32> _msgHost;

@@ -2,62 +2,84 @@
 
 #include "channel/reconnection.h"
 
+#include "sharedobjectsstorage.h"
+#include "trelanmessagereciever.h"
+
 namespace bus
 {
 
+class TrelanMsgWorker::Private
+{
+public:
+    QString _clientName;
+    QFlags<Option> _options;
+    QPointer<TrelanMessageReciever> _reciever;
+    QPointer<QTimer> _restartTimer;
+    TrelanMessageReciever::Filter _filter; // of the current channel, or of the one before
+    SharedObjectsStorage _storage;
+    channelworker::Reconnection _reconnection;
+
+    void stopChannel()
+    {
+        channelworker::stopTimer(_restartTimer);
+        channelworker::stopChannel(_reciever);
+    }
+};
+
 TrelanMsgWorker::TrelanMsgWorker(const QString &clientName, QFlags<Option> options)
-    : _clientName(clientName)
-    , _options(options)
-    , _reconnection(std::make_unique<channelworker::Reconnection>())
-{}
+    : d(std::make_unique<Private>())
+{
+    d->_clientName = clientName;
+    d->_options = options;
+}
 
 TrelanMsgWorker::~TrelanMsgWorker()
 {
-    stopChannel();
+    d->stopChannel();
 }
 
 QFlags<TrelanMsgWorker::Option> TrelanMsgWorker::options() const
 {
-    return _options;
+    return d->_options;
 }
 
 void TrelanMsgWorker::setOptions(const QFlags<Option> &options)
 {
-    _options = options;
+    d->_options = options;
 }
 
 bool TrelanMsgWorker::doStart()
 {
     doStop();
-    _reciever = new TrelanMessageReciever(_clientName, this);
-    _restartTimer = channelworker::makeRestartTimer(
-        this, _reciever.data(), &TrelanMessageReciever::handshakeAccepted, *_reconnection);
-    if (_filter && _options.testFlag(KeepFilter))
-        _reciever->setFilter(_filter);
-    _filter = _reciever->filter();
+    d->_reciever = new TrelanMessageReciever(d->_clientName, this);
+    d->_restartTimer = channelworker::makeRestartTimer(
+        this, d->_reciever.data(), &TrelanMessageReciever::handshakeAccepted, d->_reconnection);
+    if (d->_filter && d->_options.testFlag(KeepFilter))
+        d->_reciever->setFilter(d->_filter);
+    d->_filter = d->_reciever->filter();
 
-    connect(_restartTimer, SIGNAL(timeout()), this, SLOT(restart()));
-    connect(_reciever, SIGNAL(incomingMessage(TrelanMessage)), this,
+    connect(d->_restartTimer, SIGNAL(timeout()), this, SLOT(restart()));
+    connect(d->_reciever, SIGNAL(incomingMessage(TrelanMessage)), this,
             SLOT(processMessage(TrelanMessage)));
-    connect(_reciever, SIGNAL(incomingObject(TrelanObject)), this,
+    connect(d->_reciever, SIGNAL(incomingObject(TrelanObject)), this,
             SLOT(processObject(TrelanObject)));
-    connect(_reciever, SIGNAL(incomingCommand(TrelanCommand)), this,
+    connect(d->_reciever, SIGNAL(incomingCommand(TrelanCommand)), this,
             SLOT(processCommand(TrelanCommand)));
-    connect(_reciever, SIGNAL(busDisconnected()), _restartTimer, SLOT(start()));
-    connect(_reciever, SIGNAL(kelbusConnected()), this, SIGNAL(workerConnected()));
-    // A refusal closes the connection, which then says nothing of its own.
-    connect(_reciever, &TrelanMessageReciever::handshakeRefused, _restartTimer,
-            [this] { channelworker::restartLater(*_restartTimer, *_reconnection); });
+    connect(d->_reciever, SIGNAL(busDisconnected()), d->_restartTimer, SLOT(start()));
+    connect(d->_reciever, SIGNAL(kelbusConnected()), this, SIGNAL(workerConnected()));
+    // A refusal closes the connection without busDisconnected().
+    connect(d->_reciever, &TrelanMessageReciever::handshakeRefused, d->_restartTimer,
+            [this] { channelworker::restartLater(*d->_restartTimer, d->_reconnection); });
 
-    // Otherwise the timer is left alone: it runs if the connection was lost again meanwhile.
-    if (!_reciever->open())
-        channelworker::restartLater(*_restartTimer, *_reconnection);
+    // After a success the timer is left alone: it runs if the connection has been lost meanwhile.
+    if (!d->_reciever->open())
+        channelworker::restartLater(*d->_restartTimer, d->_reconnection);
     return true;
 }
 
 bool TrelanMsgWorker::doStop()
 {
-    stopChannel();
+    d->stopChannel();
     return true;
 }
 
@@ -83,23 +105,17 @@ void TrelanMsgWorker::processMessage(TrelanMessage msg)
 
 void TrelanMsgWorker::processCommand(TrelanCommand cmd)
 {
-    // An answer to a command of this process; the storage keeps it if the command is still there.
+    // The command answers one of this process; the storage keeps the answer if it has the command.
     if (!cmd.parentUid().isEmpty())
-        _storage.storeCmdAnswer(cmd);
+        d->_storage.storeCmdAnswer(cmd);
     doProcessCommand(cmd);
 }
 
 void TrelanMsgWorker::processObject(TrelanObject obj)
 {
-    if (_options.testFlag(StoreObjects))
-        _storage.store(obj);
+    if (d->_options.testFlag(StoreObjects))
+        d->_storage.store(obj);
     doProcessObject(obj);
-}
-
-void TrelanMsgWorker::stopChannel()
-{
-    channelworker::stopTimer(_restartTimer);
-    channelworker::stopChannel(_reciever);
 }
 
 } // namespace bus

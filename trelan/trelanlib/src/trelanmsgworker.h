@@ -2,27 +2,19 @@
 
 #include "trelanglobal.h"
 
-#include "sharedobjectsstorage.h"
 #include "trelancommand.h"
 #include "trelanmessage.h"
-#include "trelanmessagereciever.h"
 #include "trelanobject.h"
+#include "trelantransport.h"
 
 #include <abstractworker.h>
 
 #include <QtCore/QFlags>
-#include <QtCore/QPointer>
-#include <QtCore/QTimer>
 
 #include <memory>
 
 namespace bus
 {
-
-namespace channelworker
-{
-class Reconnection;
-}
 
 /// \brief Owns the message channel: keeps it connected, stores what its options say, and hands
 /// everything that arrives to virtual handlers, whose defaults emit the unprocessed... signals.
@@ -31,7 +23,8 @@ class Reconnection;
 /// (TrelanController::initWorkers()). The handlers run in that thread; the signals reach the
 /// application through queued connections.
 ///
-/// While the bus is away a new attempt follows every 5 s, with a new channel each time.
+/// While the bus is away a new attempt follows every 5 s, with a new channel each time. With
+/// TrelanTransport::Prompt the first one follows at once, and later ones after up to 5 s.
 class TRELAN_EXPORT TrelanMsgWorker : public morvik::AbstractWorker
 {
     Q_OBJECT
@@ -63,27 +56,27 @@ public:
     virtual void doProcessObject(const TrelanObject &obj);
 
 Q_SIGNALS:
+    /// A message has arrived that doProcessMessage() leaves to the application.
     void unprocessedMessage(TrelanMessage msg);
+    /// A subscribed object has changed, and doProcessObject() leaves it to the application.
     void unprocessedObject(TrelanObject obj);
+    /// A call, or the answer to one, has arrived that doProcessCommand() leaves to the application.
+    /// The answer is in the SharedObjectsStorage already if its command is kept there.
     void unprocessedCommand(TrelanCommand cmd);
     /// The connection is made; the bus has yet to accept the handshake.
     void workerConnected();
 
 protected Q_SLOTS:
+    /// Hands the message to doProcessMessage().
     void processMessage(TrelanMessage msg);
+    /// Stores an answer beside its command, and hands the command to doProcessCommand().
     void processCommand(TrelanCommand cmd);
+    /// Stores the object if the options say so, and hands it to doProcessObject().
     void processObject(TrelanObject obj);
 
 private:
-    void stopChannel();
-
-    QString _clientName;
-    QPointer<TrelanMessageReciever> _reciever;
-    QPointer<QTimer> _restartTimer;
-    QFlags<Option> _options;
-    TrelanMessageReciever::Filter _filter; // of the current channel, or of the one before
-    SharedObjectsStorage _storage;
-    std::unique_ptr<channelworker::Reconnection> _reconnection;
+    class Private;
+    const std::unique_ptr<Private> d;
 };
 
 Q_DECLARE_OPERATORS_FOR_FLAGS(TrelanMsgWorker::Options)

@@ -1,30 +1,22 @@
 #include "trelanobject.h"
 
 #include "trelanmessage.h"
+#include "values/uids.h"
 #include "values/wildcard.h"
 #include "values/wirevalue.h"
 
 #include <jsonwriter.h>
+#include <wirekeys.h>
 
 #include <utility>
 
 namespace bus
 {
 
-const QString TrelanObject::MSG_REASON_HD = QStringLiteral("__reason__");
-const QString TrelanObject::MSG_REASON_SUB = QStringLiteral("sub");
-const QString TrelanObject::MSG_NAME_HD = QStringLiteral("__name__");
-const QString TrelanObject::MSG_CONTEXT_HD = QStringLiteral("__context__");
-
-namespace
-{
-const QString KEY_PUBLISHER = QStringLiteral("p");
-const QString KEY_NAME = QStringLiteral("nm");
-const QString KEY_DT = QStringLiteral("dt");
-const QString KEY_CONTENT = QStringLiteral("cnt");
-const QString KEY_UID = QStringLiteral("uid");
-const QString KEY_OPTIONS = QStringLiteral("opt");
-} // namespace
+const QString TrelanObject::MSG_REASON_HD = keys::NOTIFIED_REASON;
+const QString TrelanObject::MSG_REASON_SUB = reasons::SUBSCRIPTION;
+const QString TrelanObject::MSG_NAME_HD = keys::NOTIFIED_NAME;
+const QString TrelanObject::MSG_CONTEXT_HD = keys::NOTIFIED_CONTENT;
 
 TrelanObject::TrelanObject()
     : TrelanObject(TrelanTimestamp::now())
@@ -93,11 +85,6 @@ void TrelanObject::setDt(const QDateTime &dt)
     _timestamp = dt;
 }
 
-const TrelanTimestamp &TrelanObject::timestamp() const
-{
-    return _timestamp;
-}
-
 QVariantMap TrelanObject::content() const
 {
     return _content;
@@ -164,27 +151,29 @@ void TrelanObject::setPermanent(bool permanent)
 
 QString TrelanObject::genUid() const
 {
-    const QString text = QStringLiteral("TrelanObject") + _publisher + _name +
-                         _timestamp.toIsoText() + QString::number(int(_options)) + value::nowText();
-    return value::digest(text.toUtf8(), json::compact(_content));
+    return uids::of(*this, json::compact(_content));
 }
 
 QVariantMap TrelanObject::toVariantMap() const
 {
     return {
-        {KEY_PUBLISHER, _publisher}, {KEY_NAME, _name}, {KEY_DT, value::timeToWire(_timestamp)},
-        {KEY_CONTENT, _content},     {KEY_UID, _uid},   {KEY_OPTIONS, int(_options)},
+        {keys::OBJECT_PUBLISHER, _publisher},
+        {keys::OBJECT_NAME, _name},
+        {keys::TIME, value::timeToWire(_timestamp)},
+        {keys::OBJECT_CONTENT, _content},
+        {keys::UID, _uid},
+        {keys::OBJECT_OPTIONS, int(_options)},
     };
 }
 
 TrelanObject TrelanObject::fromVariantMap(const QVariantMap &map)
 {
-    TrelanObject object(value::timeFromWire(map.value(KEY_DT)));
-    object.setPublisher(map.value(KEY_PUBLISHER).toString());
-    object.setName(map.value(KEY_NAME).toString());
-    object.setContent(map.value(KEY_CONTENT).toMap());
-    object.setUid(map.value(KEY_UID).toString());
-    object.setOptions(Options(QFlag(map.value(KEY_OPTIONS).toInt())));
+    TrelanObject object(value::timeFromWire(map.value(keys::TIME)));
+    object.setPublisher(map.value(keys::OBJECT_PUBLISHER).toString());
+    object.setName(map.value(keys::OBJECT_NAME).toString());
+    object.setContent(map.value(keys::OBJECT_CONTENT).toMap());
+    object.setUid(map.value(keys::UID).toString());
+    object.setOptions(Options(QFlag(map.value(keys::OBJECT_OPTIONS).toInt())));
     return object;
 }
 
@@ -196,7 +185,7 @@ TrelanMessage TrelanObject::toMessage(const QString &reciever) const
         {MSG_CONTEXT_HD, _content},
     };
     TrelanMessage message(_timestamp);
-    // Indented, unlike a command's body: readers of the bus compare these bytes.
+    // The text is indented, unlike a command's body: readers of the bus compare its bytes.
     message.setMessage(QString::fromUtf8(json::indented(notification)));
     message.setOptions({});
     message.setReciever(reciever);
@@ -208,6 +197,11 @@ TrelanMessage TrelanObject::toMessage(const QString &reciever) const
 bool TrelanObject::testWildCard(const QString &name, const QString &wildcard)
 {
     return wildcard::matches(name, wildcard);
+}
+
+const TrelanTimestamp &TrelanObject::timestamp() const
+{
+    return _timestamp;
 }
 
 } // namespace bus

@@ -46,11 +46,11 @@ public:
 
     /// An object without name, content and uid, Stored, with the current time as its time stamp.
     TrelanObject();
-    /// One of another time.
-    explicit TrelanObject(const TrelanTimestamp &timestamp);
     TrelanObject(const TrelanObject &other);
     /// Leaves \a other without its values, its time included; the flag word is copied.
     TrelanObject(TrelanObject &&other);
+    /// As the default constructor, with another time.
+    explicit TrelanObject(const TrelanTimestamp &timestamp);
     ~TrelanObject();
 
     TrelanObject &operator=(const TrelanObject &other);
@@ -72,8 +72,6 @@ public:
     /// Time stamp; travels with millisecond resolution and comes back in local time.
     QDateTime dt() const;
     void setDt(const QDateTime &dt);
-    /// The same as it travels, without asking the clock for local time.
-    const TrelanTimestamp &timestamp() const;
 
     QVariantMap content() const;
     void setContent(const QVariantMap &content);
@@ -97,8 +95,9 @@ public:
     /// Setting it sets Stored too; clearing it leaves Stored as it was.
     void setPermanent(bool permanent);
 
-    /// A fresh unique id (28 characters) over the fields and the current time in milliseconds. It
-    /// is returned, not stored. Two calls within one millisecond on equal objects return equal ids.
+    /// A fresh unique id (28 characters) over the fields and the current time in milliseconds. The
+    /// object does not store it. Two calls within one millisecond on equal objects return equal
+    /// ids.
     QString genUid() const;
 
     /// The wire form, a map with the keys "p", "nm", "dt", "cnt", "uid" and "opt".
@@ -113,13 +112,17 @@ public:
 
     /// \brief Whether the subscription \a wildcard takes in an object called \a name.
     ///
-    /// Both are split at dots; in a wildcard the segment "+" stands for exactly one segment, "*" at
-    /// the end for one or more, and "*" at the beginning, of a wildcard that also ends in "*", for
-    /// any number, none included. "*" alone takes in everything. Case matters. Two rules surprise
-    /// and are part of the contract of the bus: the literal segments of a wildcard have to stand
-    /// side by side in the name ("a.+.c" does not take in "a.b.c"), and a star at the beginning
-    /// counts only together with one at the end ("*.c" takes in nothing but "*.c").
+    /// Names and wildcards are split at dots. In a wildcard the segment "+" stands for exactly one
+    /// segment, and "*" at the end for one or more. "*" at the beginning stands for any number of
+    /// segments, none included, if the wildcard also ends in "*". "*" alone takes in everything.
+    /// Case matters. Two rules surprise and are part of the contract of the bus: the literal
+    /// segments of a wildcard have to stand side by side in the name ("a.+.c" does not take in
+    /// "a.b.c"), and a star at the beginning needs one at the end ("*.c" takes in nothing but
+    /// "*.c").
     static bool testWildCard(const QString &name, const QString &wildcard);
+
+    /// The time stamp as it travels: unlike dt(), it does not ask the system for local time.
+    const TrelanTimestamp &timestamp() const;
 
 private:
     QString _publisher;

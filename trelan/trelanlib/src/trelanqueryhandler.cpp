@@ -1,23 +1,20 @@
 #include "trelanqueryhandler.h"
 
+#include "channel/queryhandlerprivate.h"
 #include "channel/socketwait.h"
 #include "codec/publishrequest.h"
+#include "codec/replies.h"
 #include "trelanframe.h"
-#include "trelanframereader.h"
 #include "values/uids.h"
 
-#include <jsonwriter.h>
 #include <loghelpers.h>
+#include <wirekeys.h>
 
 #include <QtCore/QDateTime>
-#include <QtCore/QDeadlineTimer>
 #include <QtCore/QDebug>
-#include <QtCore/QQueue>
 #include <QtCore/QThread>
 #include <QtNetwork/QHostAddress>
 #include <QtNetwork/QTcpSocket>
-
-#include <utility>
 
 namespace bus
 {
@@ -36,18 +33,8 @@ constexpr int CLOSE_PAUSE_MS = 100; // before a connection is ended
 constexpr int BYTES_PER_ATTEMPT = 100;
 constexpr int MIN_READ_ATTEMPTS = 100;
 constexpr int ATTEMPTS_WITHOUT_WAIT = 2;
+constexpr int MAX_REMEMBERED = 512; // of a payload, in Prompt mode
 
-// In Prompt mode: what is sent ahead of its replies, so that neither side waits for the other to
-// read.
-constexpr int MAX_AHEAD = 64;
-constexpr qint64 MAX_BYTES_AHEAD = 256 * 1024;
-constexpr int MAX_REMEMBERED = 512;   // of a reply
-constexpr int MAX_UNSENT = 16 * 1024; // of small requests, which leave together
-
-const QString OPERATION_HANDSHAKE = QStringLiteral("handshake");
-const QString OPERATION_PUBLISH = QStringLiteral("pub");
-const QString OPERATION_LOAD = QStringLiteral("loadObject");
-const QString KEY_NAME = QStringLiteral("nm"); // of what is loaded
 const QString LIST_SEPARATOR = QStringLiteral("::");
 
 /// The lines of what came of a payload. Only what a log shows is taken apart, since millions of
@@ -68,15 +55,8 @@ std::atomic<quint32> TrelanQueryHandler::_queryHost {
 
 TrelanQueryHandler::TrelanQueryHandler(const QString &clientName, QObject *parent)
     : QObject(parent)
-    , _socket(new QTcpSocket(this))
-    , _clientName(clientName)
-    , _prompt(TrelanTransport::mode() == TrelanTransport::Prompt)
-{
-    connect(_socket, SIGNAL(connected()), this, SLOT(socketConnected()));
-    connect(_socket, SIGNAL(disconnected()), this, SLOT(socketDisconnected()));
-    connect(_socket, SIGNAL(error(QAbstractSocket::SocketError)), this,
-            SLOT(socketError(QAbstractSocket::SocketError)));
-}
+    , d(std::make_unique<Private>(*this, clientName))
+{}
 
 TrelanQueryHandler::~TrelanQueryHandler()
 {
@@ -105,67 +85,40 @@ void TrelanQueryHandler::setQueryPort(const quint16 &port)
 
 QString TrelanQueryHandler::clientName() const
 {
-    return _clientName;
+    return d->_clientName;
 }
 
 bool TrelanQueryHandler::handshaked() const
 {
-    return _handshaked;
+    return d->_handshaked;
 }
 
 bool TrelanQueryHandler::isOpen() const
 {
-    return canRequest() && _handshaked;
+    return d->isConnected() && d->_handshaked;
 }
 
 TrelanQueryHandler::Failure TrelanQueryHandler::lastFailure() const
 {
-    return _lastFailure;
+    return d->_lastFailure;
 }
 
 TrelanError TrelanQueryHandler::lastError() const
 {
-    return _lastError;
+    return d->_lastError;
 }
 
 bool TrelanQueryHandler::open()
 {
-    resetFailure();
-    if (queryPort() == 0 || !_socket)
-        return fail(NotOpen);
-    if (isOpen())
-        return true;
-
-    ++_connection;
-    _unsent.clear();
-    _lastDone.clear();
-    _prompt = TrelanTransport::mode() == TrelanTransport::Prompt;
-    _coding = TrelanTransport::coding();
-    _reader.reset(_prompt ? new TrelanFrameReader(TrelanTransport::maxPayload()) : nullptr);
-    if (!connectToBus()) {
-        close();
-        return fail(NotOpen);
-    }
-    if (handshake() && _handshaked) {
-        emit kelbusConnected();
-        return true;
-    }
-    if (_lastFailure == None)
-        fail(Framing); // an answer, but not to the handshake
-    close();
-    return false;
+    d->resetFailure();
+    if (queryPort() == 0 || !d->_socket)
+        return d->fail(NotOpen);
+    return isOpen() || d->open();
 }
 
 void TrelanQueryHandler::close()
 {
-    if (!_socket)
-        return;
-    ++_connection;
-    _socket->blockSignals(true);
-    if (!_prompt)
-        QThread::msleep(CLOSE_PAUSE_MS);
-    _socket->disconnectFromHost();
-    _handshaked = false;
+    d->close();
 }
 
 bool TrelanQueryHandler::rmPersistent(const QStringList &names)
@@ -173,72 +126,43 @@ bool TrelanQueryHandler::rmPersistent(const QStringList &names)
     QVariantList objects;
     for (const QString &name : names)
         objects.append(name.trimmed());
-    return request(QStringLiteral("rm"), {{QStringLiteral("objects"), objects}});
+    return request(operations::REMOVE, {{keys::OBJECTS, objects}});
 }
 
 bool TrelanQueryHandler::publish(TrelanObject object)
 {
-    const json::Keep keep; // of the content, which the id is made of, too
-    object = completed(std::move(object));
-    return _reader ? promptRequest(publishFrame(object))
-                   : request(OPERATION_PUBLISH, object.toVariantMap());
+    return d->request(d->publishFrame(object));
 }
 
 bool TrelanQueryHandler::publish(QList<TrelanObject> objects)
 {
-    if (_reader)
-        return publishAhead(objects);
-    Failure failure = None;
-    TrelanError error;
-    for (const TrelanObject &object : std::as_const(objects)) {
-        if (!publish(object)) {
-            failure = _lastFailure;
-            error = _lastError;
-        }
-    }
-    _lastFailure = failure;
-    _lastError = error;
-    return failure == None;
+    return d->publish(objects);
 }
 
 bool TrelanQueryHandler::subscribe(const QString &wildCard)
 {
-    return request(QStringLiteral("sub"), {{QStringLiteral("wc"), wildCard}});
+    return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCard));
 }
 
 bool TrelanQueryHandler::subscribe(const QStringList &wildCards)
 {
-    return request(QStringLiteral("sub"),
-                   {{QStringLiteral("wcs"), wildCards.join(LIST_SEPARATOR)}});
-}
-
-bool TrelanQueryHandler::subscribeNow(const QString &wildCard)
-{
-    return request(QStringLiteral("sub"),
-                   {{QStringLiteral("wc"), wildCard}, {QStringLiteral("now"), true}});
-}
-
-bool TrelanQueryHandler::subscribeNow(const QStringList &wildCards)
-{
-    return request(QStringLiteral("sub"), {{QStringLiteral("wcs"), wildCards.join(LIST_SEPARATOR)},
-                                           {QStringLiteral("now"), true}});
+    return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCards));
 }
 
 bool TrelanQueryHandler::unsubscribe(const QString &wildCard)
 {
-    return request(QStringLiteral("unsub"), {{QStringLiteral("wc"), wildCard}});
+    return d->request(d->wildcardFrame(operations::UNSUBSCRIBE, wildCard));
 }
 
 bool TrelanQueryHandler::unsubscribe(const QStringList &wildCards)
 {
-    return request(QStringLiteral("unsub"),
-                   {{QStringLiteral("wcs"), wildCards.join(LIST_SEPARATOR)}});
+    return d->request(d->wildcardFrame(operations::UNSUBSCRIBE, wildCards));
 }
 
 bool TrelanQueryHandler::loadObject(const QString &name, TrelanObject &object)
 {
     QVariantMap answer;
-    if (!request(answer, OPERATION_LOAD, {{KEY_NAME, name}}))
+    if (!d->request(d->loadFrame(name), answer))
         return false;
     object = TrelanObject::fromVariantMap(answer);
     return true;
@@ -247,7 +171,7 @@ bool TrelanQueryHandler::loadObject(const QString &name, TrelanObject &object)
 bool TrelanQueryHandler::loadObjects(const QString &wildCard, QMap<QString, TrelanObject> &objects)
 {
     QVariantMap answer;
-    if (!request(answer, QStringLiteral("loadObjects"), {{QStringLiteral("wc"), wildCard}}))
+    if (!request(answer, operations::LOAD_OBJECTS, {{keys::WILDCARD, wildCard}}))
         return false;
     for (auto entry = answer.cbegin(); entry != answer.cend(); ++entry)
         objects.insert(entry.key(), TrelanObject::fromVariantMap(entry.value().toMap()));
@@ -256,23 +180,13 @@ bool TrelanQueryHandler::loadObjects(const QString &wildCard, QMap<QString, Trel
 
 bool TrelanQueryHandler::sendMessage(TrelanMessage msg)
 {
-    if (msg.uid().isEmpty())
-        msg.setUid(_reader ? uids::unique(msg) : msg.genUid());
-    msg.setSender(_clientName);
-    return request(QStringLiteral("sendMessage"), msg.toVariantMap());
+    return d->request(d->messageFrame(msg));
 }
 
 bool TrelanQueryHandler::sendCommand(TrelanCommand cmd)
 {
-    if (_reader && cmd.uid().isEmpty()) // making a message of it would fill in one that may repeat
-        cmd.setUid(uids::unique(cmd));
-    TrelanMessage message;
-    if (cmd.hasDestination() && cmd.toTrelanMessage(message))
-        return sendMessage(message);
-    TrelanObject object;
-    if (cmd.toTrelanObject(object))
-        return publish(object);
-    return false;
+    const QByteArray frame = d->commandFrame(cmd);
+    return !frame.isEmpty() && d->request(frame);
 }
 
 void TrelanQueryHandler::socketConnected()
@@ -288,49 +202,252 @@ void TrelanQueryHandler::socketDisconnected()
 void TrelanQueryHandler::socketError(QAbstractSocket::SocketError error)
 {
     // Every timed wait ends in this one when nothing came, and says so by its result.
-    if (!_socket || error == QAbstractSocket::SocketTimeoutError)
+    if (!d->_socket || error == QAbstractSocket::SocketTimeoutError)
         return;
-    qWarning().noquote() << error << _socket->errorString() << QDateTime::currentDateTime();
+    qWarning().noquote() << error << d->_socket->errorString() << QDateTime::currentDateTime();
 }
 
 bool TrelanQueryHandler::handshake()
 {
     QVariantMap ignored;
-    return request(ignored, OPERATION_HANDSHAKE, {{QStringLiteral("name"), _clientName}});
+    return request(ignored, operations::HANDSHAKE, {{keys::CLIENT_NAME, d->_clientName}});
 }
 
 bool TrelanQueryHandler::request(QVariantMap &answer, QString operation, QVariantMap data)
 {
-    if (_reader)
-        return promptRequest(frameOf(operation, data), answer);
-    resetFailure();
-    // The handshake comes this way too, so that being handshaked is no condition here.
-    if (!canRequest())
-        return fail(NotOpen);
-    const qint64 staleBytes = _socket->bytesAvailable();
-    sendRequest(operation, data);
-    return waitForReply(staleBytes) && readReply(answer);
+    return d->request(d->frameOf(operation, data), answer);
 }
 
 bool TrelanQueryHandler::request(QString operation, QVariantMap data)
 {
-    if (_reader)
-        return promptRequest(frameOf(operation, data));
-    QVariantMap ignored;
-    return request(ignored, std::move(operation), std::move(data));
+    return d->request(d->frameOf(operation, data));
 }
 
 bool TrelanQueryHandler::processReply(QString operation, QVariantMap data, QVariantMap result)
 {
     Q_UNUSED(data)
-    const quint16 code = TrelanFrame::replyCode(result);
-    const QString description = result.value(QStringLiteral("description")).toString();
+    return d->judge(operation, result);
+}
+
+bool TrelanQueryHandler::subscribeNow(const QString &wildCard)
+{
+    return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCard, {{keys::NOW, true}}));
+}
+
+bool TrelanQueryHandler::subscribeNow(const QStringList &wildCards)
+{
+    return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCards, {{keys::NOW, true}}));
+}
+
+TrelanQueryHandler::Private::Private(TrelanQueryHandler &handler, const QString &clientName)
+    : _clientName(clientName)
+    , _handler(handler)
+    , _mode(TrelanTransport::mode())
+    , _prompt(_socket, _connections, handler)
+{
+    makeSocket();
+}
+
+void TrelanQueryHandler::Private::makeSocket()
+{
+    _socket = new QTcpSocket(&_handler);
+    connect(_socket, SIGNAL(connected()), &_handler, SLOT(socketConnected()));
+    connect(_socket, SIGNAL(disconnected()), &_handler, SLOT(socketDisconnected()));
+    connect(_socket, SIGNAL(error(QAbstractSocket::SocketError)), &_handler,
+            SLOT(socketError(QAbstractSocket::SocketError)));
+}
+
+QByteArray TrelanQueryHandler::Private::frameOf(const QString &operation,
+                                                const QVariantMap &data) const
+{
+    return TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(operation, data),
+                               _coding);
+}
+
+QByteArray TrelanQueryHandler::Private::publishFrame(TrelanObject object) const
+{
+    object.setPublisher(_clientName);
+    return requests::publish(std::move(object), _coding,
+                             isPrompt() ? requests::Unique : requests::Generated);
+}
+
+QByteArray TrelanQueryHandler::Private::messageFrame(TrelanMessage message) const
+{
+    if (message.uid().isEmpty())
+        message.setUid(isPrompt() ? uids::unique(message) : message.genUid());
+    message.setSender(_clientName);
+    return frameOf(operations::SEND_MESSAGE, message.toVariantMap());
+}
+
+/// A command without a receiver, or one that does not become a message, goes to everybody as an
+/// object.
+QByteArray TrelanQueryHandler::Private::commandFrame(TrelanCommand command) const
+{
+    // The conversions below would fill in an id that may repeat one.
+    if (isPrompt() && command.uid().isEmpty())
+        command.setUid(uids::unique(command));
+    TrelanMessage message;
+    if (command.hasDestination() && command.toTrelanMessage(message))
+        return messageFrame(message);
+    TrelanObject object;
+    return command.toTrelanObject(object) ? publishFrame(object) : QByteArray();
+}
+
+QByteArray TrelanQueryHandler::Private::loadFrame(const QString &name) const
+{
+    return frameOf(operations::LOAD_OBJECT, {{keys::OBJECT_NAME, name}});
+}
+
+QByteArray TrelanQueryHandler::Private::wildcardFrame(const QString &operation,
+                                                      const QString &wildcard,
+                                                      const QVariantMap &more) const
+{
+    QVariantMap data = more;
+    data.insert(keys::WILDCARD, wildcard);
+    return frameOf(operation, data);
+}
+
+QByteArray TrelanQueryHandler::Private::wildcardFrame(const QString &operation,
+                                                      const QStringList &wildcards,
+                                                      const QVariantMap &more) const
+{
+    QVariantMap data = more;
+    data.insert(keys::WILDCARDS, wildcards.join(LIST_SEPARATOR));
+    return frameOf(operation, data);
+}
+
+bool TrelanQueryHandler::Private::request(const QByteArray &frame, QVariantMap &answer)
+{
+    if (!isPrompt())
+        return pacedRequest(frame, answer);
+    bool isDone = false;
+    const auto take = [&](bool done, const QVariantMap &reply) {
+        isDone = done;
+        if (done)
+            answer = reply;
+    };
+    _prompt.request(frame, judgeLater(take));
+    return isDone;
+}
+
+bool TrelanQueryHandler::Private::request(const QByteArray &frame)
+{
+    QVariantMap ignored;
+    return request(frame, ignored);
+}
+
+void TrelanQueryHandler::Private::requestLater(const QByteArray &frame, const Done &done)
+{
+    if (isPrompt()) {
+        _prompt.askLater(frame, judgeLater(done));
+        return;
+    }
+    QVariantMap answer;
+    const bool isDone = pacedRequest(frame, answer);
+    done(isDone, answer);
+}
+
+void TrelanQueryHandler::Private::takeReplies()
+{
+    _prompt.takeReplies();
+}
+
+bool TrelanQueryHandler::Private::publish(const QList<TrelanObject> &objects)
+{
+    Failure failure = None;
+    TrelanError error;
+    const Done note = [&](bool done, const QVariantMap & /*answer*/) {
+        if (!done) {
+            failure = _lastFailure;
+            error = _lastError;
+        }
+    };
+    const ConnectionCount::Mark here = _connections.mark();
+    for (const TrelanObject &object : objects) {
+        if (!isPrompt()) {
+            note(request(publishFrame(object)), {});
+        } else if (!here.isOver() && !wait::isInterrupted()) {
+            _prompt.ask(publishFrame(object), judgeLater(note));
+        } else {
+            _prompt.takeReplies();
+            note(fail(NotOpen), {});
+        }
+    }
+    _prompt.takeReplies();
+    _lastFailure = failure;
+    _lastError = error;
+    return failure == None;
+}
+
+/// A QTcpSocket stays open as a device after its connection is gone, and while a close() is still
+/// sending what was left, so the state decides.
+bool TrelanQueryHandler::Private::isConnected() const
+{
+    return _socket && _socket->isOpen() && _socket->state() == QAbstractSocket::ConnectedState;
+}
+
+bool TrelanQueryHandler::Private::open()
+{
+    _connections.next();
+    const ConnectionCount::Mark here = _connections.mark();
+    _mode = TrelanTransport::mode();
+    _coding = TrelanTransport::coding();
+    _plainYes.clear();
+    _prompt.begin(TrelanTransport::maxPayload());
+    const bool isAccepted = connectToBus() && !here.isOver() && _handler.handshake();
+    if (here.isOver()) {
+        // Refused, or a slot that was told of a loss has closed the channel or opened it again.
+        const bool isOpen = isConnected() && _handshaked;
+        if (isOpen)
+            resetFailure();
+        else if (_lastFailure == None)
+            fail(NotOpen);
+        return isOpen;
+    }
+    if (isAccepted && _handshaked) {
+        emit _handler.kelbusConnected();
+        return true;
+    }
+    if (_lastFailure == None)
+        fail(Framing); // an answer, but not to the handshake
+    close();
+    return false;
+}
+
+void TrelanQueryHandler::Private::close()
+{
+    if (!_socket)
+        return;
+    _connections.next();
+    _socket->blockSignals(true);
+    if (!isPrompt())
+        QThread::msleep(CLOSE_PAUSE_MS);
+    _socket->disconnectFromHost();
+    _handshaked = false;
+}
+
+void TrelanQueryHandler::Private::resetFailure()
+{
+    _lastFailure = None;
+    _lastError = TrelanError();
+}
+
+bool TrelanQueryHandler::Private::fail(Failure failure)
+{
+    _lastFailure = failure;
+    return false;
+}
+
+bool TrelanQueryHandler::Private::judge(const QString &operation, const QVariantMap &result)
+{
+    const TrelanError error = replies::error(result);
+    const quint16 code = error.error();
     if (code != 0) {
         fail(Refused);
-        _lastError = TrelanError(TrelanError::Error(code), description);
+        _lastError = error;
     }
 
-    if (operation == OPERATION_HANDSHAKE) {
+    if (operation == operations::HANDSHAKE) {
         _handshaked = code == 0;
         if (!_handshaked)
             close();
@@ -338,44 +455,16 @@ bool TrelanQueryHandler::processReply(QString operation, QVariantMap data, QVari
     }
     if (code == 0)
         return true;
-    qCritical().noquote().nospace() << code << logtab << description;
+    qCritical().noquote().nospace() << code << logtab << error.description();
     return false;
 }
 
-/// A QTcpSocket stays open as a device after its connection is gone, and while a close() is still
-/// sending what was left, so the state decides.
-bool TrelanQueryHandler::canRequest() const
+bool TrelanQueryHandler::Private::isPrompt() const
 {
-    return _socket && _socket->isOpen() && _socket->state() == QAbstractSocket::ConnectedState;
+    return _mode == TrelanTransport::Prompt;
 }
 
-void TrelanQueryHandler::resetFailure()
-{
-    _lastFailure = None;
-    _lastError = TrelanError();
-}
-
-bool TrelanQueryHandler::fail(Failure failure)
-{
-    _lastFailure = failure;
-    return false;
-}
-
-/// What did not come is late or wrong only as long as there is somebody to send it.
-bool TrelanQueryHandler::failUnlessLost(Failure failure)
-{
-    return fail(canRequest() ? failure : NotOpen);
-}
-
-void TrelanQueryHandler::sendRequest(const QString &operation, const QVariantMap &data)
-{
-    _socket->write(frameOf(operation, data));
-    _socket->flush();
-    if (canRequest()) // the flush notices a connection that is gone
-        wait::bytesWritten(*_socket, WAIT_MS);
-}
-
-bool TrelanQueryHandler::connectToBus()
+bool TrelanQueryHandler::Private::connectToBus()
 {
     // A close that is still sending, or a connection without a handshake, would make
     // connectToHost() refuse; and an earlier handshake says nothing about this connection.
@@ -383,59 +472,159 @@ bool TrelanQueryHandler::connectToBus()
         _socket->blockSignals(true);
         _socket->abort();
     }
+    if (_handler.sender() == _socket) {
+        wait::retire(*_socket);
+        makeSocket();
+    }
     _handshaked = false;
     _socket->blockSignals(false);
     _socket->connectToHost(QHostAddress(queryHost()), queryPort(), QIODevice::ReadWrite);
     const bool connected =
         _socket->state() == QAbstractSocket::ConnectedState ||
-        wait::connected(*_socket, _reader ? TrelanTransport::patience() : WAIT_MS);
-    if (connected && _reader)
+        wait::connected(*_socket, isPrompt() ? TrelanTransport::patience() : WAIT_MS);
+    if (connected && isPrompt())
         _socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    return connected;
+    return connected || fail(NotOpen);
 }
 
-bool TrelanQueryHandler::waitForReply(qint64 staleBytes)
+/// What did not come is late or wrong only as long as there is somebody to send it.
+bool TrelanQueryHandler::Private::failUnlessLost(Failure failure,
+                                                 const ConnectionCount::Mark &connection)
 {
+    return fail(isConnected() && !connection.isOver() ? failure : NotOpen);
+}
+
+/// Ends a connection on which a late reply would be taken for the next one. open() ends one that
+/// is not accepted yet by itself.
+bool TrelanQueryHandler::Private::breakOff(Failure failure)
+{
+    if (_handshaked && _socket) {
+        _prompt.forget();
+        _socket->abort();
+    }
+    return fail(failure); // last: a slot that is told may have asked for something
+}
+
+bool TrelanQueryHandler::Private::pacedRequest(const QByteArray &frame, QVariantMap &answer)
+{
+    resetFailure();
+    // The handshake comes this way too, so that being handshaked is no condition here.
+    if (!isConnected())
+        return fail(NotOpen);
+    // Writing and waiting may notice that the connection is lost, and a slot that is told may open
+    // the channel again: that connection owes no reply.
+    const ConnectionCount::Mark here = _connections.mark();
+    const qint64 staleBytes = _socket->bytesAvailable();
+    _socket->write(frame);
+    _socket->flush();
+    if (!here.isOver() && isConnected())
+        wait::bytesWritten(*_socket, here, WAIT_MS);
+    return waitForReply(staleBytes, here) && readReply(answer, here);
+}
+
+bool TrelanQueryHandler::Private::waitForReply(qint64 staleBytes,
+                                               const ConnectionCount::Mark &connection)
+{
+    if (connection.isOver())
+        return fail(NotOpen);
     // While a large request is being written the reply may arrive, and waiting for the write then
     // takes it off the wire: waiting for it again would wait for nothing. Bytes that were there
     // before the request are not its reply.
     const bool arrived = _socket && _socket->bytesAvailable() > staleBytes;
-    if (!arrived && (!_socket || !wait::readyRead(*_socket, WAIT_MS))) {
-        qCritical().noquote() << tr("Socket wait for ready read error");
-        return failUnlessLost(Timeout);
+    const bool inTime = arrived || (_socket && wait::readyRead(*_socket, connection, WAIT_MS));
+    if (!inTime || connection.isOver()) {
+        qCritical().noquote() << TrelanQueryHandler::tr("Socket wait for ready read error");
+        return failUnlessLost(Timeout, connection);
     }
     if (!_socket || _socket->bytesAvailable() == 0) {
-        qCritical().noquote() << tr("Socket is empty");
-        return failUnlessLost(Framing);
+        qCritical().noquote() << TrelanQueryHandler::tr("Socket is empty");
+        return failUnlessLost(Framing, connection);
     }
     return true;
 }
 
-bool TrelanQueryHandler::readReply(QVariantMap &answer)
+bool TrelanQueryHandler::Private::readReply(QVariantMap &answer,
+                                            const ConnectionCount::Mark &connection)
 {
     const QString header =
         TrelanFrame::lineText(_socket->readLine(TrelanFrame::MAX_LINE_LENGTH + 1));
     const QString sizeText =
         TrelanFrame::lineText(_socket->readLine(TrelanFrame::MAX_LINE_LENGTH + 1));
     if (header != TrelanFrame::headerWord(TrelanFrame::Reply)) {
-        qCritical().noquote().nospace() << tr("Incorrect reply header: ") << header;
+        qCritical().noquote().nospace()
+            << TrelanQueryHandler::tr("Incorrect reply header: ") << header;
         return fail(Framing);
     }
 
     const int size = sizeText.toInt(nullptr, 10); // no number is size 0 on this channel
-    const QByteArray payload = readPayload(size);
+    const QByteArray payload = readPayload(size, connection);
     if (payload.size() != size) {
-        qCritical().noquote()
-            << tr("Incorrect reply data size %1 != %2").arg(payload.size()).arg(size)
-            << loglist(linesOf(payload));
-        return failUnlessLost(Framing);
+        qCritical().noquote() << TrelanQueryHandler::tr("Incorrect reply data size %1 != %2")
+                                     .arg(payload.size())
+                                     .arg(size)
+                              << loglist(linesOf(payload));
+        return failUnlessLost(Framing, connection);
     }
     return takePayload(payload, answer);
 }
 
-bool TrelanQueryHandler::takePayload(const QByteArray &payload, QVariantMap &answer)
+/// Reads at most \a size bytes, and fewer when the attempts for that size are used up or the
+/// connection is gone. The announced size by itself takes no memory.
+QByteArray TrelanQueryHandler::Private::readPayload(int size,
+                                                    const ConnectionCount::Mark &connection)
 {
-    if (!_lastDone.isEmpty() && payload == _lastDone) {
+    const int attempts = qMax(MIN_READ_ATTEMPTS, size / BYTES_PER_ATTEMPT + 1);
+    QByteArray payload;
+    for (int attempt = 0; payload.size() < size && attempt < attempts; ++attempt) {
+        if (attempt >= ATTEMPTS_WITHOUT_WAIT)
+            _socket->waitForReadyRead(READ_WAIT_MS);
+        if (connection.isOver())
+            break;
+        const qint64 arrived = _socket->bytesAvailable();
+        if (arrived > 0)
+            payload.append(_socket->read(qMin<qint64>(size - payload.size(), arrived)));
+        QThread::msleep(READ_PAUSE_MS);
+        if (wait::isInterrupted() || (arrived == 0 && !isConnected()))
+            break;
+    }
+    return payload;
+}
+
+PromptQuery::Done TrelanQueryHandler::Private::judgeLater(const Done &done)
+{
+    return [this, done](const PromptQuery::Result &result) {
+        QVariantMap answer;
+        const bool isDone = takeResult(result, answer);
+        done(isDone, answer);
+    };
+}
+
+bool TrelanQueryHandler::Private::takeResult(const PromptQuery::Result &result, QVariantMap &answer)
+{
+    resetFailure();
+    switch (result.outcome) {
+    case PromptQuery::Replied:
+        return takePayload(result.payload, answer) ||
+               (_lastFailure == Framing && breakOff(Framing));
+    case PromptQuery::Lost:
+        return fail(NotOpen);
+    case PromptQuery::TimedOut:
+        qCritical().noquote() << TrelanQueryHandler::tr("Socket wait for ready read error");
+        return breakOff(Timeout);
+    case PromptQuery::Malformed:
+        qCritical().noquote().nospace()
+            << TrelanQueryHandler::tr("Incorrect reply header: ") << result.fault;
+        return breakOff(Framing);
+    case PromptQuery::Unasked:
+        qCritical().noquote() << TrelanQueryHandler::tr("A reply that nobody has asked for");
+        return breakOff(Framing);
+    }
+    return false;
+}
+
+bool TrelanQueryHandler::Private::takePayload(const QByteArray &payload, QVariantMap &answer)
+{
+    if (!_plainYes.isEmpty() && payload == _plainYes) {
         answer.clear();
         return true;
     }
@@ -446,256 +635,16 @@ bool TrelanQueryHandler::takePayload(const QByteArray &payload, QVariantMap &ans
         return fail(Framing);
     }
 
-    const QVariantMap data = decoded.envelope.value(QStringLiteral("data")).toMap();
-    const QVariantMap result = decoded.envelope.value(QStringLiteral("result")).toMap();
-    const QString operation = decoded.envelope.value(QStringLiteral("operation")).toString();
-    if (!processReply(operation, data, result))
+    const QVariantMap data = decoded.envelope.value(keys::DATA).toMap();
+    const QVariantMap result = decoded.envelope.value(keys::RESULT).toMap();
+    const QString operation = decoded.envelope.value(keys::OPERATION).toString();
+    if (!judge(operation, result))
         return false;
     answer = data;
     // Most replies say nothing but yes, in the same bytes each time.
-    if (_reader && data.isEmpty() && operation != OPERATION_HANDSHAKE)
-        _lastDone = payload.size() <= MAX_REMEMBERED ? payload : QByteArray();
+    if (isPrompt() && data.isEmpty() && operation != operations::HANDSHAKE)
+        _plainYes = payload.size() <= MAX_REMEMBERED ? payload : QByteArray();
     return true;
-}
-
-/// Reads at most \a size bytes, and fewer when the attempts for that size are used up or the
-/// connection is gone. The announced size by itself takes no memory.
-QByteArray TrelanQueryHandler::readPayload(int size)
-{
-    const int attempts = qMax(MIN_READ_ATTEMPTS, size / BYTES_PER_ATTEMPT + 1);
-    QByteArray payload;
-    for (int attempt = 0; payload.size() < size && attempt < attempts; ++attempt) {
-        if (attempt >= ATTEMPTS_WITHOUT_WAIT)
-            _socket->waitForReadyRead(READ_WAIT_MS);
-        const qint64 arrived = _socket->bytesAvailable();
-        if (arrived > 0)
-            payload.append(_socket->read(qMin<qint64>(size - payload.size(), arrived)));
-        QThread::msleep(READ_PAUSE_MS);
-        if (wait::isInterrupted() || (arrived == 0 && !canRequest()))
-            break;
-    }
-    return payload;
-}
-
-/// With what a publish fills in.
-TrelanObject TrelanQueryHandler::completed(TrelanObject object) const
-{
-    object.setPublisher(_clientName);
-    if (object.uid().isEmpty())
-        object.setUid(_reader ? uids::unique(object) : object.genUid());
-    if (!object.timestamp().isValid())
-        object.setDt(QDateTime::currentDateTime());
-    return object;
-}
-
-/// Keeps a bounded number of requests ahead of their replies, which come in the same order.
-bool TrelanQueryHandler::publishAhead(const QList<TrelanObject> &objects)
-{
-    Failure failure = None;
-    TrelanError error;
-    const auto note = [&](bool done, const QVariantMap & /*answer*/) {
-        if (!done) {
-            failure = _lastFailure;
-            error = _lastError;
-        }
-    };
-    const int connection = _connection;
-    const json::Keep keep;
-    for (const TrelanObject &object : objects) {
-        if (_connection == connection && !wait::isInterrupted()) {
-            ask(publishFrame(completed(object)), note);
-        } else {
-            takeReplies();
-            note(fail(NotOpen), {});
-        }
-    }
-    takeReplies();
-    _lastFailure = failure;
-    _lastError = error;
-    return failure == None;
-}
-
-void TrelanQueryHandler::loadObject(const QString &name,
-                                    const std::function<void(const TrelanObject &)> &loaded)
-{
-    const auto taken = [loaded](bool done, const QVariantMap &answer) {
-        if (done)
-            loaded(TrelanObject::fromVariantMap(answer));
-    };
-    const QVariantMap data {{KEY_NAME, name}};
-    if (_reader) {
-        askLater(frameOf(OPERATION_LOAD, data), taken);
-        return;
-    }
-    QVariantMap answer;
-    taken(request(answer, OPERATION_LOAD, data), answer);
-}
-
-QByteArray TrelanQueryHandler::frameOf(const QString &operation, const QVariantMap &data) const
-{
-    return TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(operation, data),
-                               _coding);
-}
-
-QByteArray TrelanQueryHandler::publishFrame(const TrelanObject &object) const
-{
-    return _coding == TrelanTransport::Light ? requests::publish(object)
-                                             : frameOf(OPERATION_PUBLISH, object.toVariantMap());
-}
-
-/// Sends a request and waits for its reply, or goes ahead with it if that is wanted.
-bool TrelanQueryHandler::promptRequest(const QByteArray &frame)
-{
-    // Only this one: who is told of something meanwhile may request as ever.
-    if (std::exchange(_goesAhead, false)) {
-        askLater(frame, [](bool, const QVariantMap &) {});
-        return true;
-    }
-    QVariantMap ignored;
-    return promptRequest(frame, ignored);
-}
-
-bool TrelanQueryHandler::promptRequest(const QByteArray &frame, QVariantMap &answer)
-{
-    bool done = false;
-    ask(frame, [&](bool success, const QVariantMap &reply) {
-        done = success;
-        if (success)
-            answer = reply;
-    });
-    takeReplies();
-    return done;
-}
-
-/// Sends a request, or says that it cannot be sent, after what came of those before it.
-void TrelanQueryHandler::ask(const QByteArray &frame, const Taken &taken)
-{
-    const int connection = _connection;
-    while (_asked.size() >= MAX_AHEAD || _bytesAsked >= MAX_BYTES_AHEAD)
-        takeReply();
-    // The handshake comes this way too, so that being handshaked is no condition here. Out of step
-    // is for nobody to say while there are replies to come.
-    const bool inStep = !canRequest() || !_asked.isEmpty() || !isOutOfStep();
-    if (_connection == connection && canRequest() && inStep) {
-        _unsent += frame;
-        if (_asked.isEmpty() || _unsent.size() >= MAX_UNSENT)
-            sendAhead();
-        // Of that connection: what is lost while it is sent has no reply on the next one.
-        _asked.enqueue({connection, frame.size(), taken});
-        _bytesAsked += frame.size();
-        return;
-    }
-    takeReplies();
-    resetFailure();
-    const bool isOut = _connection == connection && canRequest();
-    taken(isOut ? breakOff(Framing) : fail(NotOpen), {});
-}
-
-void TrelanQueryHandler::askLater(const QByteArray &frame, const Taken &taken)
-{
-    ask(frame, taken);
-    takeReplyLater();
-}
-
-/// Waits for the reply to the first request that has none yet.
-void TrelanQueryHandler::takeReply()
-{
-    const Asked asked = _asked.dequeue();
-    _bytesAsked -= asked.size;
-    resetFailure();
-    QVariantMap answer;
-    const bool done = asked.connection == _connection ? promptReply(answer) : fail(NotOpen);
-    asked.taken(done, answer);
-}
-
-void TrelanQueryHandler::takeReplies()
-{
-    while (!_asked.isEmpty())
-        takeReply();
-}
-
-/// One at a time, behind what waits to be asked now.
-void TrelanQueryHandler::takeReplyLater()
-{
-    if (_takesLater || _asked.isEmpty())
-        return;
-    _takesLater = true;
-    const auto take = [this] {
-        _takesLater = false;
-        if (!_asked.isEmpty())
-            takeReply();
-        takeReplyLater();
-    };
-    QMetaObject::invokeMethod(this, take, Qt::QueuedConnection);
-}
-
-void TrelanQueryHandler::sendAhead()
-{
-    const QByteArray frames = std::exchange(_unsent, {});
-    if (!frames.isEmpty() && canRequest())
-        direct::send(*_socket, frames);
-}
-
-bool TrelanQueryHandler::promptReply(QVariantMap &answer)
-{
-    const int connection = _connection;
-    const TrelanFrameReader::Status status = awaitFrame(TrelanTransport::patience());
-    if (status == TrelanFrameReader::NeedMoreData) {
-        // Lost, and perhaps opened again by who was told: that one owes no reply.
-        if (_connection != connection || !canRequest())
-            return fail(NotOpen);
-        qCritical().noquote() << tr("Socket wait for ready read error");
-        return breakOff(Timeout);
-    }
-    if (status != TrelanFrameReader::FrameReady || _reader->kind() != TrelanFrame::Reply) {
-        qCritical().noquote().nospace() << tr("Incorrect reply header: ") << _reader->faultText();
-        return breakOff(Framing);
-    }
-    if (takePayload(_reader->payload(), answer))
-        return true;
-    return _lastFailure == Framing ? breakOff(Framing) : false;
-}
-
-/// NeedMoreData if no whole frame has come in this time, the connection is lost, or the thread is
-/// asked to end.
-TrelanFrameReader::Status TrelanQueryHandler::awaitFrame(int milliseconds)
-{
-    const QDeadlineTimer deadline(milliseconds);
-    const int connection = _connection;
-    for (;;) {
-        const TrelanFrameReader::Status status = _reader->next();
-        if (status != TrelanFrameReader::NeedMoreData || !_socket)
-            return status;
-        // Either may notice that the connection is lost, and who is told may open it again.
-        sendAhead();
-        const QByteArray bytes =
-            _connection == connection ? direct::read(*_socket, deadline) : QByteArray();
-        if (_connection != connection || (bytes.isEmpty() && wait::isOver(*_socket, deadline)))
-            return TrelanFrameReader::NeedMoreData;
-        _reader->feed(bytes);
-    }
-}
-
-/// Whether something has come that nobody asked for, or more than was asked for.
-bool TrelanQueryHandler::isOutOfStep()
-{
-    if (!direct::hasArrived(*_socket) && !_reader->isInsideFrame())
-        return false;
-    qCritical().noquote() << tr("A reply that nobody has asked for");
-    return true;
-}
-
-/// Ends a connection on which a late reply would be taken for the next one. open() ends one that
-/// is not accepted yet by itself.
-bool TrelanQueryHandler::breakOff(Failure failure)
-{
-    if (_handshaked && _socket) {
-        // What the reader still holds answers nobody any more.
-        _reader = std::make_unique<TrelanFrameReader>(TrelanTransport::maxPayload());
-        _unsent.clear();
-        _socket->abort();
-    }
-    return fail(failure); // last: who is told may have asked for something
 }
 
 } // namespace bus

@@ -4,24 +4,18 @@
 
 #include "trelancommand.h"
 #include "trelanerror.h"
-#include "trelanframereader.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
 #include "trelantransport.h"
 
 #include <QtCore/QMap>
 #include <QtCore/QObject>
-#include <QtCore/QPointer>
-#include <QtCore/QQueue>
 #include <QtCore/QStringList>
 #include <QtCore/QVariantMap>
 #include <QtNetwork/QAbstractSocket>
 
 #include <atomic>
-#include <functional>
 #include <memory>
-
-class QTcpSocket;
 
 namespace bus
 {
@@ -142,13 +136,6 @@ public Q_SLOTS:
     /// All or nothing. An entry must not contain "::", which separates them on the wire.
     bool subscribe(const QStringList &wildCards);
 
-    /// As subscribe(), and the bus also notifies of every stored object that is taken in, as of a
-    /// change: its value now, before any later one, and none in between is missed. So that what is
-    /// built out of notifications is whole, also for a wildcard that was subscribed before. A bus
-    /// that does not know of this only subscribes.
-    bool subscribeNow(const QString &wildCard);
-    bool subscribeNow(const QStringList &wildCards);
-
     /// A wildcard that is not subscribed is no failure.
     bool unsubscribe(const QString &wildCard);
     bool unsubscribe(const QStringList &wildCards);
@@ -175,72 +162,18 @@ public Q_SLOTS:
     /// Judges the status of a reply: true if its code, cut to 16 bits, is 0.
     bool processReply(QString operation, QVariantMap data, QVariantMap result);
 
+    /// Subscribes as subscribe() does, and the bus also notifies of every stored object that is
+    /// taken in, as of a change: its value now, before any later one, and none in between is
+    /// missed. So what is built out of notifications is whole, also for a wildcard that was
+    /// subscribed before. A bus that does not know of this only subscribes.
+    bool subscribeNow(const QString &wildCard);
+    bool subscribeNow(const QStringList &wildCards);
+
+protected:
+    class Private;
+    const std::unique_ptr<Private> d; // internal to the library
+
 private:
-    friend class TrelanQueryWorker; // goes ahead
-
-    /// What is done about a reply, or about there being none.
-    using Taken = std::function<void(bool done, const QVariantMap &answer)>;
-    struct Asked
-    {
-        int connection;
-        qint64 size;
-        Taken taken;
-    };
-
-    /// What \a operation requests is not waited for, and true at once: its reply is taken when the
-    /// event loop has nothing left to ask before it.
-    template <typename Operation>
-    void ahead(const Operation &operation)
-    {
-        _goesAhead = _reader != nullptr;
-        operation();
-        _goesAhead = false;
-    }
-    void loadObject(const QString &name, const std::function<void(const TrelanObject &)> &loaded);
-    void ask(const QByteArray &frame, const Taken &taken);
-    void askLater(const QByteArray &frame, const Taken &taken);
-    void takeReply();
-    void takeReplies();
-    void takeReplyLater();
-    void sendAhead();
-
-    bool canRequest() const;
-    bool connectToBus();
-    void resetFailure();
-    bool fail(Failure failure);
-    bool failUnlessLost(Failure failure);
-    void sendRequest(const QString &operation, const QVariantMap &data);
-    bool waitForReply(qint64 staleBytes);
-    bool readReply(QVariantMap &answer);
-    QByteArray readPayload(int size);
-    TrelanObject completed(TrelanObject object) const;
-    bool publishAhead(const QList<TrelanObject> &objects);
-    QByteArray frameOf(const QString &operation, const QVariantMap &data) const;
-    QByteArray publishFrame(const TrelanObject &object) const;
-    bool promptRequest(const QByteArray &frame);
-    bool promptRequest(const QByteArray &frame, QVariantMap &answer);
-    bool promptReply(QVariantMap &answer);
-    TrelanFrameReader::Status awaitFrame(int milliseconds);
-    bool isOutOfStep();
-    bool breakOff(Failure failure);
-    bool takePayload(const QByteArray &payload, QVariantMap &answer);
-
-    QPointer<QTcpSocket> _socket;
-    QString _clientName;
-    bool _prompt;
-    int _connection = 0; // number of times that one was opened or closed
-    bool _handshaked = false;
-    TrelanTransport::Coding _coding = TrelanTransport::Classic;
-    std::unique_ptr<TrelanFrameReader> _reader; // in Prompt mode; since open()
-    QQueue<Asked> _asked;                       // likewise: what has no reply yet
-    qint64 _bytesAsked = 0;                     // of all these
-    QByteArray _unsent;                         // the last of these
-    QByteArray _lastDone; // likewise: the last reply that said nothing but yes
-    bool _goesAhead = false;
-    bool _takesLater = false;
-    Failure _lastFailure = None;
-    TrelanError _lastError;
-
     static std::atomic<quint16> _queryPort;
     static std::atomic<quint32> _queryHost;
 };

@@ -1,13 +1,14 @@
 #include "trelanqueryworker.h"
 
+#include "channel/laterqueryhandler.h"
 #include "channel/reconnection.h"
+#include "sharedobjectsstorage.h"
 #include "values/uids.h"
 
 #include <loghelpers.h>
 
 #include <QtCore/QDebug>
 #include <QtCore/QMessageLogger>
-#include <QtCore/QThread>
 
 #include <algorithm>
 #include <utility>
@@ -20,7 +21,7 @@ namespace
 
 const QString TRACED_OBJECT = QStringLiteral("fs.state");
 
-/// The trace of one particular object. Readers of logs look for this very context.
+/// Logs the content of TRACED_OBJECT. Readers of logs look for exactly this context.
 void traceContent(const QVariantMap &content)
 {
     QMessageLogger("trelan/trelanlib/src/trelanqueryworker", 34,
@@ -31,119 +32,137 @@ void traceContent(const QVariantMap &content)
 
 } // namespace
 
+class TrelanQueryWorker::Private
+{
+public:
+    QString _clientName;
+    QStringList _wildcards;
+    QFlags<Option> _options;
+    QPointer<LaterQueryHandler> _handler;
+    QPointer<QTimer> _restartTimer;
+    SharedObjectsStorage _storage;
+    channelworker::Reconnection _reconnection;
+
+    bool isOpen(const TrelanQueryWorker &worker) const;
+    bool subscribeAll();
+    void stopChannel(const TrelanQueryWorker &worker);
+};
+
 TrelanQueryWorker::TrelanQueryWorker(const QString &clientName, QStringList wildcards)
-    : _clientName(clientName)
-    , _wildcards(std::move(wildcards))
-    , _reconnection(std::make_unique<channelworker::Reconnection>())
-{}
+    : d(std::make_unique<Private>())
+{
+    d->_clientName = clientName;
+    d->_wildcards = std::move(wildcards);
+}
 
 TrelanQueryWorker::~TrelanQueryWorker()
 {
-    stopChannel();
-}
-
-QFlags<TrelanQueryWorker::Option> TrelanQueryWorker::options() const
-{
-    return _options;
-}
-
-void TrelanQueryWorker::setOptions(const QFlags<Option> &options)
-{
-    _options = options;
+    d->stopChannel(*this);
 }
 
 bool TrelanQueryWorker::doStart()
 {
     doStop();
-    _handler = new TrelanQueryHandler(_clientName, this);
-    _restartTimer = channelworker::makeRestartTimer(
-        this, _handler.data(), &TrelanQueryHandler::kelbusConnected, *_reconnection);
+    d->_handler = new LaterQueryHandler(d->_clientName, this);
+    d->_restartTimer =
+        channelworker::makeRestartTimer(this, static_cast<TrelanQueryHandler *>(d->_handler),
+                                        &TrelanQueryHandler::kelbusConnected, d->_reconnection);
 
-    connect(_restartTimer, SIGNAL(timeout()), this, SLOT(restart()));
-    connect(_handler, SIGNAL(busDisconnected()), _restartTimer, SLOT(start()));
-    connect(_handler, SIGNAL(kelbusConnected()), this, SIGNAL(workerConnected()));
+    connect(d->_restartTimer, SIGNAL(timeout()), this, SLOT(restart()));
+    connect(d->_handler, SIGNAL(busDisconnected()), d->_restartTimer, SLOT(start()));
+    connect(d->_handler, SIGNAL(kelbusConnected()), this, SIGNAL(workerConnected()));
 
-    // Otherwise the timer is left alone: it runs if the connection was lost again meanwhile.
-    if (!_handler->open() || !subscribeAll())
-        channelworker::restartLater(*_restartTimer, *_reconnection);
+    // After a success the timer is left alone: it runs if the connection has been lost meanwhile.
+    if (!d->_handler->open() || !d->subscribeAll())
+        channelworker::restartLater(*d->_restartTimer, d->_reconnection);
     return true;
 }
 
 bool TrelanQueryWorker::doStop()
 {
-    stopChannel();
+    d->stopChannel(*this);
     return true;
+}
+
+QFlags<TrelanQueryWorker::Option> TrelanQueryWorker::options() const
+{
+    return d->_options;
+}
+
+void TrelanQueryWorker::setOptions(const QFlags<Option> &options)
+{
+    d->_options = options;
 }
 
 void TrelanQueryWorker::sendMessage(TrelanMessage msg)
 {
-    if (isOpen())
-        _handler->ahead([&] { _handler->sendMessage(msg); });
+    if (d->isOpen(*this))
+        d->_handler->sendMessageLater(msg);
 }
 
 void TrelanQueryWorker::publish(TrelanObject obj)
 {
     if (obj.name() == TRACED_OBJECT)
         traceContent(obj.content());
-    if (isOpen())
-        _handler->ahead([&] { _handler->publish(obj); });
+    if (d->isOpen(*this))
+        d->_handler->publishLater(obj);
 }
 
 void TrelanQueryWorker::subscribe(QStringList wildCards)
 {
-    if (isOpen())
-        _handler->ahead([&] { _handler->subscribe(wildCards); });
+    if (d->isOpen(*this))
+        d->_handler->subscribeLater(wildCards);
 }
 
 void TrelanQueryWorker::subscribe(QString wildCard)
 {
-    if (isOpen())
-        _handler->ahead([&] { _handler->subscribe(wildCard); });
+    if (d->isOpen(*this))
+        d->_handler->subscribeLater(wildCard);
 }
 
 void TrelanQueryWorker::unsubscribe(QString wildCard)
 {
-    if (isOpen())
-        _handler->ahead([&] { _handler->unsubscribe(wildCard); });
+    if (d->isOpen(*this))
+        d->_handler->unsubscribeLater(wildCard);
 }
 
 void TrelanQueryWorker::unsubscribe(QStringList wildCards)
 {
-    if (isOpen())
-        _handler->ahead([&] { _handler->unsubscribe(wildCards); });
+    if (d->isOpen(*this))
+        d->_handler->unsubscribeLater(wildCards);
 }
 
 void TrelanQueryWorker::sendCommand(TrelanCommand cmd)
 {
-    if (!isOpen())
+    if (!d->isOpen(*this))
         return;
     if (cmd.needAnswer()) {
-        // Now, so that what is kept and what is sent have the same one.
+        // The uid is set before the command is kept: the sent one must have it too.
         if (cmd.uid().isEmpty())
             cmd.setUid(TrelanTransport::mode() == TrelanTransport::Prompt ? uids::unique(cmd)
                                                                           : cmd.genUid());
-        _storage.storeCmd(cmd);
+        d->_storage.storeCmd(cmd);
     }
-    _handler->ahead([&] { _handler->sendCommand(cmd); });
+    d->_handler->sendCommandLater(cmd);
 }
 
 void TrelanQueryWorker::loadObject(QString name)
 {
-    if (!isOpen())
+    if (!d->isOpen(*this))
         return;
-    _handler->loadObject(name, [this](const TrelanObject &object) {
-        _storage.store(object);
+    d->_handler->loadObjectLater(name, [this](const TrelanObject &object) {
+        d->_storage.store(object);
         emit objectLoaded(object);
     });
 }
 
-bool TrelanQueryWorker::isOpen() const
+bool TrelanQueryWorker::Private::isOpen(const TrelanQueryWorker &worker) const
 {
-    // What still waits when a stop is asked for is dropped: each request would take its time.
-    return _handler && _handler->isOpen() && !thread()->isInterruptionRequested();
+    // A stop drops the requests that still wait: each of them would take its time.
+    return _handler && _handler->isOpen() && !worker.isStopRequested();
 }
 
-bool TrelanQueryWorker::subscribeAll()
+bool TrelanQueryWorker::Private::subscribeAll()
 {
     const bool now = _options.testFlag(SubscribeNow);
     const bool all =
@@ -155,11 +174,11 @@ bool TrelanQueryWorker::subscribeAll()
     return all;
 }
 
-void TrelanQueryWorker::stopChannel()
+void TrelanQueryWorker::Private::stopChannel(const TrelanQueryWorker &worker)
 {
     channelworker::stopTimer(_restartTimer);
-    if (_handler && !thread()->isInterruptionRequested())
-        _handler->takeReplies(); // to what was asked before the stop
+    if (_handler && !worker.isStopRequested())
+        _handler->takeReplies(); // to the requests that were sent before the stop
     channelworker::stopChannel(_handler);
 }
 

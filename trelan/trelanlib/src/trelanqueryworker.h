@@ -2,48 +2,40 @@
 
 #include "trelanglobal.h"
 
-#include "sharedobjectsstorage.h"
 #include "trelancommand.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
-#include "trelanqueryhandler.h"
+#include "trelantransport.h"
 
 #include <abstractworker.h>
 
 #include <QtCore/QFlags>
-#include <QtCore/QPointer>
 #include <QtCore/QStringList>
-#include <QtCore/QTimer>
 
 #include <memory>
 
 namespace bus
 {
 
-namespace channelworker
-{
-class Reconnection;
-}
-
 /// \brief Owns the query channel: everything that this client says to the bus goes through it, one
 /// request after the other, in the order in which it was asked for.
 ///
 /// Threads: as TrelanMsgWorker. The slots are reached through queued connections, and each blocks
 /// the worker's thread until the bus has answered; nothing tells the caller how it went. In Prompt
-/// mode (see TrelanTransport) what is waiting to be asked is sent ahead of the replies to what was
-/// asked before, 64 requests or 256 KiB of them at most; the replies are taken in the same order.
+/// mode (see TrelanTransport) the worker sends waiting requests ahead of the replies to earlier
+/// ones, up to 64 requests or 256 KiB; replies are taken in the order of the requests.
 ///
 /// While the channel is down every slot drops what it is given, without a report. A new attempt
-/// follows every 5 s; on each connection the wildcards given at construction are subscribed, and
-/// only those: what was added through a slot is lost with the connection.
+/// follows as with TrelanMsgWorker; on each connection the wildcards given at construction are
+/// subscribed, and only those: what was added through a slot is lost with the connection.
 class TRELAN_EXPORT TrelanQueryWorker : public morvik::AbstractWorker
 {
     Q_OBJECT
 
 public:
     enum Option {
-        /// With each subscription of the wildcards given at construction come the values that are
-        /// stored now, so that what the application has collected is whole again after every
+        /// Subscribing the wildcards given at construction also brings the values that are stored
+        /// now, so that what the application has collected is whole again after every
         /// reconnection. See TrelanQueryHandler::subscribeNow().
         SubscribeNow = 1
     };
@@ -52,18 +44,19 @@ public:
     TrelanQueryWorker(const QString &clientName, QStringList wildcards);
     ~TrelanQueryWorker() override;
 
-    QFlags<Option> options() const;
-    /// Takes effect with the next connection. Not thread-safe: before the worker is started, or in
-    /// its thread.
-    void setOptions(const QFlags<Option> &options);
-
     /// Builds the channel, opens it and subscribes. Always true: a bus that is not there, or that
     /// refuses a subscription, is tried again.
     bool doStart() override;
     /// Takes the channel down without a signal. Always true, and harmless on a stopped worker.
     bool doStop() override;
 
+    QFlags<Option> options() const;
+    /// Takes effect with the next connection. Not thread-safe: before the worker is started, or in
+    /// its thread.
+    void setOptions(const QFlags<Option> &options);
+
 Q_SIGNALS:
+    /// The bus has accepted the handshake; the wildcards given at construction are subscribed next.
     void workerConnected();
     /// An object asked for with loadObject() has come, and is in the SharedObjectsStorage.
     void objectLoaded(TrelanObject obj);
@@ -81,17 +74,8 @@ public Q_SLOTS:
     void loadObject(QString name);
 
 private:
-    bool isOpen() const;
-    bool subscribeAll();
-    void stopChannel();
-
-    QString _clientName;
-    QPointer<TrelanQueryHandler> _handler;
-    QPointer<QTimer> _restartTimer;
-    QStringList _wildcards;
-    QFlags<Option> _options;
-    SharedObjectsStorage _storage;
-    std::unique_ptr<channelworker::Reconnection> _reconnection;
+    class Private;
+    const std::unique_ptr<Private> d;
 };
 
 Q_DECLARE_OPERATORS_FOR_FLAGS(TrelanQueryWorker::Options)

@@ -16,7 +16,7 @@ qint64 secondOf(qint64 milliseconds)
     return milliseconds % MS_PER_S < 0 ? second - 1 : second;
 }
 
-/// Of a second there may be thousands of messages.
+/// The last text made: thousands of messages may belong to one second.
 struct IsoText
 {
     qint64 second = 0;

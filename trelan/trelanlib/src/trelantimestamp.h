@@ -12,13 +12,13 @@ namespace bus
 
 /// \brief The time stamp of an object, a message or a command.
 ///
-/// Milliseconds since the epoch, as it travels, and a QDateTime only for who asks for one: for a
-/// local time the C library looks at the file of the time zone, each time anew, and that takes
-/// longer than encoding a small object. A plain value; it converts from QDateTime by itself.
+/// Holds milliseconds since the epoch, as they travel, and makes a QDateTime when it is asked for
+/// one: for local time the C library looks at the file of the time zone on every call, which takes
+/// longer than encoding a small object. A plain value; QDateTime converts to it implicitly.
 class TRELAN_EXPORT TrelanTimestamp
 {
 public:
-    /// No time, as a QDateTime without one.
+    /// No time, as of a null QDateTime.
     TrelanTimestamp() = default;
     TrelanTimestamp(const QDateTime &time);
     explicit TrelanTimestamp(qint64 milliseconds);
@@ -31,12 +31,12 @@ public:
     TrelanTimestamp &operator=(const TrelanTimestamp &other) = default;
     TrelanTimestamp &operator=(TrelanTimestamp &&other) noexcept;
 
-    /// Whether both are the same moment.
+    /// Whether both name one moment.
     bool operator==(const TrelanTimestamp &other) const;
     bool operator!=(const TrelanTimestamp &other) const;
 
     bool isValid() const;
-    /// What it was made from; of milliseconds it is local time.
+    /// The QDateTime it was made from, or local time if it was made from milliseconds.
     QDateTime toDateTime() const;
     qint64 toMSecsSinceEpoch() const;
     /// toDateTime().toString(Qt::ISODate), which ends with the seconds.
@@ -44,7 +44,7 @@ public:
 
 private:
     QDateTime _time;
-    std::optional<qint64> _milliseconds; // in place of _time
+    std::optional<qint64> _milliseconds; // if there are any, they count and _time does not
 };
 
 } // namespace bus

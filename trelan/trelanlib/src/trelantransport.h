@@ -33,10 +33,12 @@ public:
         Prompt
     };
     enum Coding {
-        /// Indented JSON, compressed as well as zlib does unless told otherwise.
+        /// Indented JSON, compressed as well as zlib does unless told otherwise. A whole number
+        /// above 2^53 is written as the double that is next to it, as QJsonDocument does it: a time
+        /// in nanoseconds changes.
         Classic,
-        /// Compact JSON, not compressed up to 1 MiB and little above. The same value in a frame of
-        /// the same form: whoever reads the one reads the other.
+        /// Compact JSON, stored up to 1 MiB and compressed fast above, in a frame of the same form:
+        /// whoever reads Classic reads Light. Whole numbers are written exactly.
         Light
     };
 

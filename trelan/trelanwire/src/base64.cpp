@@ -20,7 +20,7 @@ constexpr quint32 FOREIGN = 1U << 24; // above the three bytes of a group
 
 using Pair = std::array<char, 2>;
 
-/// Twelve bits at a time.
+/// The two characters of every twelve bits.
 constexpr std::array<Pair, 4096> encodingTable()
 {
     std::array<Pair, 4096> table {};
@@ -54,16 +54,16 @@ struct Position
 
 #ifdef __x86_64__
 
-// The same for sixteen characters at a time, in a fifth of the time: characters are told apart by
-// the four bits in front.
+// Sixteen characters at a time, in a fifth of the time. The four bits in front of a character tell
+// capitals, small letters, digits and signs apart.
 constexpr int BLOCK = 16;
 constexpr int PACKED = 12;
 
 template <typename Byte>
 using Table = std::array<Byte, BLOCK>;
 
-/// By the front half of a character: a bit of its own where some characters are known, and one that
-/// stands for unknown ones.
+/// One bit for each front half of a character; all front halves without a known character share
+/// one.
 constexpr Table<uchar> frontBits()
 {
     Table<uchar> bits {};
@@ -74,7 +74,7 @@ constexpr Table<uchar> frontBits()
     return bits;
 }
 
-/// By the back half: the bits of all front halves with which it is unknown.
+/// For each back half of a character, the bits of the front halves that make it an unknown one.
 constexpr Table<uchar> foreignBits()
 {
     Table<uchar> bits {};
@@ -85,7 +85,8 @@ constexpr Table<uchar> foreignBits()
     return bits;
 }
 
-/// What to add to a character, by its front half; a slash has that of the one before.
+/// What to add to a character to get its value, by its front half. A slash takes the place of the
+/// front half before its own.
 constexpr Table<signed char> valueShifts()
 {
     Table<signed char> shifts {};
@@ -97,7 +98,7 @@ constexpr Table<signed char> valueShifts()
     return shifts;
 }
 
-/// What to add to a value, by what it is above 51; those of capitals are at 13.
+/// What to add to a value to get its character, by how far it is above 51. Capitals are at 13.
 constexpr Table<signed char> characterShifts()
 {
     Table<signed char> shifts {};
@@ -108,7 +109,8 @@ constexpr Table<signed char> characterShifts()
     return shifts;
 }
 
-/// Stops before what is foreign, and before the last groups, since it writes more than it decodes.
+/// Stops at a block with a foreign character, and before the last groups, since every step writes
+/// four bytes more than it decodes.
 TRELAN_VECTORS Position decodeBlocks(Position at, const uchar *end)
 {
     static constexpr auto FRONTS = frontBits();
@@ -135,14 +137,14 @@ TRELAN_VECTORS Position decodeBlocks(Position at, const uchar *end)
     return at;
 }
 
-/// Stops before the last groups, since it reads more than it encodes.
+/// Stops before the last groups, since every step reads four bytes more than it encodes.
 TRELAN_VECTORS Position encodeBlocks(Position at, const uchar *end)
 {
     static constexpr auto SHIFTS = characterShifts();
     const __m128i order = _mm_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10);
     for (; end - at.from >= BLOCK; at.from += PACKED, at.to += BLOCK) {
-        // The four values of a group are moved to where they belong by multiplying: two of them to
-        // the right, two to the left.
+        // Multiplying moves the four values of a group to where they belong, two of them to the
+        // right and two to the left.
         const __m128i groups = _mm_shuffle_epi8(load(at.from), order);
         const __m128i right = _mm_mulhi_epu16(_mm_and_si128(groups, _mm_set1_epi32(0x0fc0fc00)),
                                               _mm_set1_epi32(0x04000040));
@@ -204,7 +206,7 @@ QByteArray decode(const QByteArray &text, Way way)
     if (whole == 0 || text.size() % GROUP != 0)
         return QByteArray::fromBase64(text);
 
-    // With room for the last group, which would have it all copied otherwise.
+    // Room for the last group, too, or appending it would copy everything.
     QByteArray bytes(text.size() / GROUP * 3, Qt::Uninitialized);
     Position at {reinterpret_cast<const uchar *>(text.constData()),
                  reinterpret_cast<uchar *>(bytes.data())};

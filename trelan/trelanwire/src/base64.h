@@ -2,15 +2,16 @@
 
 #include <QtCore/QByteArray>
 
-/// What QByteArray has of base64, without its branches, which nobody can predict for bytes that are
-/// new every time: a third of the time, or when reading a tenth. Internal to the libraries; pure.
+/// Base64 with the results of QByteArray. Encoding takes a third of QByteArray's time and decoding
+/// a tenth, since no branch depends on the bytes. Internal to the libraries; pure.
 namespace bus::base64
 {
 
-/// The size of QByteArray::toBase64() of that many bytes.
+/// The size of the base64 text of so many bytes.
 int encodedSize(int bytes);
 
-/// What the processor offers, or what any has. The result is the same.
+/// With the widest instructions that the processor has, or with those that every processor has.
+/// Both give the same result.
 enum Way { Fastest, Portable };
 
 /// Appends what \a bytes.toBase64() returns.

@@ -4,12 +4,33 @@
 #include "jsonwriter.h"
 #include "wirekeys.h"
 
+#include <algorithm>
+#include <array>
+#include <charconv>
+
 namespace bus
 {
+
+namespace
+{
+
+// Of an envelope without a large text: its buffer need not grow piece by piece.
+constexpr int USUAL_SIZE = 512;
+
+void appendDigits(QByteArray &out, qint64 number)
+{
+    constexpr size_t MOST_DIGITS = 20;
+    std::array<char, MOST_DIGITS> digits {};
+    const char *const end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+    out.append(digits.data(), int(end - digits.data()));
+}
+
+} // namespace
 
 EnvelopeWriter::EnvelopeWriter(QByteArray &out)
     : EnvelopeWriter(out, 1)
 {
+    _out.reserve(qMax(_out.capacity(), _out.size() + USUAL_SIZE));
     _out += '{';
 }
 
@@ -35,14 +56,16 @@ EnvelopeWriter &EnvelopeWriter::text(std::string_view key, const QByteArray &utf
 EnvelopeWriter &EnvelopeWriter::number(std::string_view key, qint64 value)
 {
     this->key(key);
-    _out += QByteArray::number(value);
+    appendDigits(_out, value);
     return *this;
 }
 
 EnvelopeWriter &EnvelopeWriter::time(std::string_view key, qint64 milliseconds)
 {
     this->key(key);
-    _out += '"' + QByteArray::number(milliseconds) + '"';
+    _out += '"';
+    appendDigits(_out, milliseconds);
+    _out += '"';
     return *this;
 }
 
@@ -56,7 +79,7 @@ EnvelopeWriter &EnvelopeWriter::raw(std::string_view key, const QByteArray &json
 EnvelopeWriter &EnvelopeWriter::map(std::string_view key, const QVariantMap &value)
 {
     this->key(key);
-    json::appendCompact(_out, value);
+    json::appendExact(_out, value);
     return *this;
 }
 
@@ -101,11 +124,18 @@ QByteArray EnvelopeWriter::frame(std::string_view word)
 
 void EnvelopeWriter::key(std::string_view key)
 {
+    constexpr int AROUND = 4; // comma, quotes and colon
+    const int before = _out.size();
+    _out.resize(before + int(key.size()) + AROUND);
+    char *at = _out.data() + before;
     if (!_isFirst)
-        _out += ',';
+        *at++ = ',';
+    *at++ = '"';
+    at = std::copy(key.begin(), key.end(), at);
+    *at++ = '"';
+    *at++ = ':';
+    _out.resize(int(at - _out.constData()));
     _isFirst = false;
-    _out += '"';
-    _out.append(key.data(), int(key.size())) += "\":";
 }
 
 } // namespace bus

@@ -50,6 +50,7 @@ public:
     EnvelopeWriter &time(std::string_view key, qint64 milliseconds);
     /// \a json has to be one JSON value.
     EnvelopeWriter &raw(std::string_view key, const QByteArray &json);
+    /// Whole numbers come out exactly, as json::exact() writes them.
     EnvelopeWriter &map(std::string_view key, const QVariantMap &value);
     /// Opens an object under \a key; what follows goes into it until end().
     EnvelopeWriter &begin(std::string_view key);

@@ -17,7 +17,7 @@ namespace
 
 static_assert(SPARE >= int(simdjson::SIMDJSON_PADDING));
 
-// A parser takes up to fourteen times the largest text that it has seen, and keeps that.
+// A parser keeps up to fourteen times the size of the largest text that it has parsed.
 constexpr int LARGEST_OF_KEPT_PARSER = 256 * 1024;
 constexpr int LARGEST_TEXT = 16 * 1024 * 1024;
 
@@ -31,7 +31,7 @@ QString fromUtf8(std::string_view utf8)
     return QString::fromUtf8(utf8.data(), int(utf8.size()));
 }
 
-/// Makes variants of a parsed text. Every function is false for what only Qt may judge.
+/// Makes variants of a parsed text. Every function returns false for what only Qt may judge.
 class Reader
 {
 public:
@@ -39,17 +39,17 @@ public:
     {
         int fields = 0;
         for (const auto [utf8, element] : from) {
-            // At the end is where the keys of sorted text belong: it takes no search there.
+            // A key of a sorted text belongs at the end, where inserting takes no search.
             if (beginsWithMark(utf8) ||
                 !value(element, *map.insert(map.cend(), fromUtf8(utf8), QVariant())))
                 return false;
             ++fields;
         }
-        // Which value of a key that is there twice Qt takes depends on how it sorts.
+        // If a key is there twice, Qt's way of sorting decides which value it takes.
         return map.size() == fields;
     }
 
-    /// A number that is too small for a double is an error to Qt, and zero here.
+    /// Whether a number was read as zero. One that is too small for a double is an error to Qt.
     bool hasZero() const { return _hasZero; }
 
 private:
@@ -88,7 +88,7 @@ private:
 
     bool string(std::string_view utf8, QVariant &to)
     {
-        // Qt drops the mark, but not if there is an escape in the same string.
+        // Qt drops a byte order mark unless the string has an escape.
         if (beginsWithMark(utf8))
             return false;
         to = QVariant(fromUtf8(utf8));
@@ -105,11 +105,11 @@ private:
     {
         QVariantList list;
         list.reserve(int(from.size()));
-        Like like;
-        like.isWorthIt = from.size() >= ENTRIES_ALIKE;
+        ListPattern pattern;
+        pattern.isWorthIt = from.size() >= ENTRIES_ALIKE;
         for (const simdjson::dom::element element : from) {
             list.append(QVariant());
-            if (!entry(element, like, list))
+            if (!entry(element, pattern, list))
                 return false;
         }
         to = QVariant(list);
@@ -118,53 +118,53 @@ private:
 
     static constexpr size_t ENTRIES_ALIKE = 4;
 
-    /// An object of a list, and from the second one on a map that has its keys, without values.
-    struct Like
+    /// The last object of a list whose keys were new, and a map that has its keys without values.
+    struct ListPattern
     {
         bool isWorthIt = false;
         simdjson::dom::object object;
         int place = -1;
-        bool hasMap = false;
+        bool hasMap = false; // made for the first object that follows the pattern
         QVariantMap map;
     };
 
-    /// Most objects of a list have the same keys: copying a map with them takes less time than
-    /// inserting one after the other.
-    bool entry(simdjson::dom::element from, Like &like, QVariantList &list)
+    /// Most objects of a list have the keys of the object before: copying a map that has them takes
+    /// less time than inserting one key after the other.
+    bool entry(simdjson::dom::element from, ListPattern &pattern, QVariantList &list)
     {
         simdjson::dom::object object;
-        if (!like.isWorthIt || from.get(object) != simdjson::SUCCESS)
+        if (!pattern.isWorthIt || from.get(object) != simdjson::SUCCESS)
             return value(from, list.last());
         QVariantMap map;
-        const bool isLike = like.place >= 0 && haveSameKeys(object, like.object) &&
-                            (like.hasMap || takeKeys(like, list));
-        if (isLike)
-            map = like.map;
+        const bool follows = pattern.place >= 0 && haveSameKeys(object, pattern.object) &&
+                             (pattern.hasMap || takeKeys(pattern, list));
+        if (follows)
+            map = pattern.map;
         else
-            like = {true, object, list.size() - 1, false, {}};
-        const bool isUsual = isLike ? values(object, map) : this->object(object, map);
+            pattern = {true, object, list.size() - 1, false, {}};
+        const bool isUsual = follows ? values(object, map) : this->object(object, map);
         list.last() = QVariant(map);
         return isUsual;
     }
 
     /// False if the keys are not in the order of maps.
-    bool takeKeys(Like &like, const QVariantList &list)
+    bool takeKeys(ListPattern &pattern, const QVariantList &list)
     {
-        QVariantMap map = list.at(like.place).toMap();
+        QVariantMap map = list.at(pattern.place).toMap();
         auto at = map.cbegin();
-        for (const auto member : like.object) {
+        for (const auto member : pattern.object) {
             if (at.key() != fromUtf8(member.key))
                 return false;
             ++at;
         }
         for (QVariant &value : map)
             value = QVariant();
-        like.map = map;
-        like.hasMap = true;
+        pattern.map = map;
+        pattern.hasMap = true;
         return true;
     }
 
-    /// Goes into a map that has the keys.
+    /// Reads the values of an object into a map that has its keys already.
     bool values(simdjson::dom::object from, QVariantMap &map)
     {
         auto at = map.begin();
@@ -190,8 +190,8 @@ private:
     bool _hasZero = false;
 };
 
-/// Whether a number may be written with a negative exponent, or with so many digits that it needs
-/// none to be too small.
+/// Whether the text may have a number that is too small for a double: one with a negative exponent,
+/// or with very many zeros.
 bool mayHaveTinyNumber(const QByteArray &text)
 {
     static const QByteArray MANY_ZEROS(300, '0');

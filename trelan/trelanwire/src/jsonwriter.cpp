@@ -1,7 +1,6 @@
 #include "jsonwriter.h"
 
 #include "jsonnumber.h"
-#include "scratch.h"
 #include "vectors.h"
 
 #include <QtCore/QJsonDocument>
@@ -28,7 +27,7 @@ constexpr std::string_view ESCAPED = "\"\\\b\f\n\r\t";
 constexpr std::string_view LETTERS = "\"\\bfnrt";
 constexpr int LONGEST_ESCAPE = 6;
 
-/// What is written of a byte of UTF-8.
+/// How a byte of UTF-8 is written.
 struct Escape
 {
     char byte = 0;
@@ -50,11 +49,12 @@ std::array<Escape, 256> makeEscapes()
 
 #ifdef __x86_64__
 
-// Of text with a quote every few bytes, where a branch for each would be a wrong guess.
+// Escapes eight bytes at a time without a branch for each: JSON inside of a string has a quote
+// every few bytes, and the processor would guess each of those branches wrong.
 constexpr int BLOCK = 8;
 constexpr signed char SLASH = BLOCK; // where a slash is, behind the bytes of a block
 
-/// Where each byte of a block with slashes comes from, by the set of those that get one.
+/// For each set of bytes of a block that get a slash, where every byte of the result comes from.
 constexpr auto makePlaces()
 {
     std::array<std::array<signed char, size_t(2 * BLOCK)>, 256> places {};
@@ -80,8 +80,8 @@ constexpr auto makeSizes()
     return sizes;
 }
 
-/// Puts slashes in front of quotes and slashes, up to a block with a byte that takes more. There
-/// has to be room for two bytes of each.
+/// Puts slashes in front of quotes and slashes, and stops at a block with a control character.
+/// There has to be room for two bytes for each byte of the text.
 TRELAN_VECTORS void escapeBlocks(const char *&from, const char *end, char *&to)
 {
     static constexpr auto PLACES = makePlaces();
@@ -107,55 +107,25 @@ void escapeBlocks(const char *& /*from*/, const char * /*end*/, char *& /*to*/) 
 
 #endif
 
-/// Four UTF-16 units, if all of them are ASCII that is written as it is.
-bool narrowPlain(const QChar *from, char *to)
-{
-    constexpr quint64 EACH = 0x0001000100010001;
-    constexpr quint64 TOP = EACH * 0x8000;
-    quint64 units = 0;
-    std::memcpy(&units, from, sizeof units);
-    if ((units & (EACH * 0xff80)) != 0)
-        return false;
-    // A sum carries into the top bit of its unit, and no further, if the unit is at least a blank,
-    // is no quote, or is no backslash.
-    const quint64 plain = (units + EACH * (0x8000 - ' ')) &
-                          ((units ^ (EACH * '"')) + EACH * 0x7fff) &
-                          ((units ^ (EACH * '\\')) + EACH * 0x7fff);
-    if ((plain & TOP) != TOP)
-        return false;
-    units = (units | units >> 8) & 0x0000ffff0000ffff;
-    const auto bytes = quint32(units | units >> 16);
-    std::memcpy(to, &bytes, sizeof bytes);
-    return true;
-}
+/// How a whole number above 2^53 is written: as the double that is next to it, as Qt does it, or
+/// exactly.
+enum Numbers { Nearest, Exact };
 
-/// What a thread has written last, if it wants to keep that.
-struct Kept
-{
-    bool wanted = false;
-    QVariantMap map; // a copy shares its data, which tells it from any other
-    QByteArray text;
-};
-thread_local Kept _kept;
-
-/// Writes a document as Qt's writer does.
+/// Writes a document as QJsonDocument does, except for whole numbers that are to be exact.
 class Writer
 {
 public:
-    Writer(QByteArray &out, QJsonDocument::JsonFormat format)
+    Writer(QByteArray &out, QJsonDocument::JsonFormat format, Numbers numbers)
         : _out(out)
         , _isCompact(format == QJsonDocument::Compact)
+        , _numbers(numbers)
         , _at(out.data() + out.size())
         , _end(_at)
     {}
 
-    /// False if it is nested too deeply; what is written is of no use then.
+    /// False if the map is nested too deeply; what is written is of no use then.
     bool object(const QVariantMap &map, int level)
     {
-        if (_isCompact && _kept.wanted && !map.isEmpty() && map.isSharedWith(_kept.map)) {
-            append({_kept.text.constData(), size_t(_kept.text.size())});
-            return true;
-        }
         begin('{');
         bool isUsual = level < MAX_DEPTH;
         for (auto entry = map.cbegin(); isUsual && entry != map.cend(); ++entry) {
@@ -178,12 +148,17 @@ public:
 
     void finish() { _out.resize(int(_at - _out.constData())); }
 
+    /// Whether Numbers made no difference.
+    bool isExact() const { return _isExact; }
+
 private:
     bool value(const QVariant &value, int level);
     bool array(const QVariantList &list, int level);
     void array(const QStringList &list, int level);
-    void integer(qint64 number);
+    template <typename Integer>
+    void integer(Integer number);
     void number(double number);
+    void whole(qint64 number);
     bool shortFraction(double number);
     void fraction(double number);
     void rare(double number, char form);
@@ -191,7 +166,7 @@ private:
     const QChar *escape(const QChar *from, const QChar *end);
 
     template <typename Integer>
-    void integer(Integer number)
+    void digits(Integer number)
     {
         constexpr int MOST_DIGITS = 20;
         char *const to = room(MOST_DIGITS);
@@ -205,7 +180,7 @@ private:
             append("\n");
     }
 
-    /// Before an entry.
+    /// Writes what goes in front of an entry.
     void separate(bool isFirst, int level)
     {
         if (!isFirst)
@@ -227,7 +202,7 @@ private:
         _at = std::fill_n(room(blanks), blanks, ' ');
     }
 
-    /// Where the next bytes go; there is room for that many.
+    /// Where the next bytes go; makes room for so many of them.
     char *room(qint64 bytes)
     {
         if (_end - _at < bytes)
@@ -239,6 +214,8 @@ private:
 
     QByteArray &_out;
     const bool _isCompact;
+    const Numbers _numbers;
+    bool _isExact = true;
     char *_at; // behind what is written
     char *_end;
 };
@@ -249,7 +226,7 @@ void Writer::grow(qint64 bytes)
     constexpr qint64 MOST = std::numeric_limits<int>::max() - 64;
     const qint64 used = _at - _out.constData();
     if (used + bytes > MOST)
-        qBadAlloc(); // as Qt does with what no QByteArray can hold
+        qBadAlloc(); // no QByteArray can hold it; Qt does this, too
     _out.resize(int(qBound(used + bytes, qMax(FIRST, used * 2), MOST)));
     _at = _out.data() + used;
     _end = _out.data() + _out.size();
@@ -262,24 +239,21 @@ void Writer::string(const QString &text)
     const QChar *const end = from + text.size();
     *room(qint64(text.size()) + QUOTES) = '"';
     ++_at;
-    // There is always room for what is left, as long as none of it takes more than a byte.
+    // There is room for the rest of the text as long as no character takes more than a byte;
+    // escape() makes more.
     while (from != end) {
-        while (end - from >= 4 && narrowPlain(from, _at)) {
-            from += 4;
-            _at += 4;
-        }
-        const ushort unit = from == end ? '"' : from->unicode();
+        const ushort unit = from->unicode();
         if (unit >= ' ' && unit < 0x80 && unit != '"' && unit != '\\') {
             *_at++ = char(unit);
             ++from;
-        } else if (from != end) {
+        } else {
             from = escape(from, end);
         }
     }
     *_at++ = '"';
 }
 
-/// Writes a character that takes more than a byte, and returns what is behind it.
+/// Writes a character that takes more than a byte. Returns the place behind it.
 const QChar *Writer::escape(const QChar *from, const QChar *end)
 {
     constexpr int QUOTE = 1;
@@ -320,6 +294,14 @@ const Type &get(const QVariant &value)
     return *static_cast<const Type *>(value.constData());
 }
 
+QVariantMap sorted(const QVariantHash &hash)
+{
+    QVariantMap map;
+    for (auto entry = hash.cbegin(); entry != hash.cend(); ++entry)
+        map.insert(entry.key(), entry.value());
+    return map;
+}
+
 bool Writer::value(const QVariant &value, int level)
 {
     switch (value.userType()) {
@@ -327,16 +309,16 @@ bool Writer::value(const QVariant &value, int level)
         string(get<QString>(value));
         return true;
     case QMetaType::Int:
-        integer(get<int>(value));
+        digits(get<int>(value));
         return true;
     case QMetaType::UInt:
-        integer(get<uint>(value));
+        digits(get<uint>(value));
         return true;
     case QMetaType::LongLong:
         integer(get<qlonglong>(value));
         return true;
     case QMetaType::ULongLong:
-        number(double(get<qulonglong>(value)));
+        integer(get<qulonglong>(value));
         return true;
     case QMetaType::Double:
         number(get<double>(value));
@@ -355,6 +337,8 @@ bool Writer::value(const QVariant &value, int level)
     case QMetaType::QStringList:
         array(get<QStringList>(value), level);
         return true;
+    case QMetaType::QVariantHash:
+        return object(sorted(get<QVariantHash>(value)), level);
     default:
         other(value, level);
         return true;
@@ -383,21 +367,32 @@ void Writer::array(const QStringList &list, int level)
     end(']', list.isEmpty(), level);
 }
 
-void Writer::integer(qint64 number)
+/// A value that a program has given as a whole number.
+template <typename Integer>
+void Writer::integer(Integer number)
 {
-    // Qt writes the double that is next to it.
+    const bool isExact = number <= MAX_EXACT && (number >= 0 || qint64(number) >= -MAX_EXACT);
+    _isExact = _isExact && isExact;
+    if (isExact || _numbers == Exact)
+        digits(number);
+    else
+        this->number(double(number));
+}
+
+/// A double without a fraction.
+void Writer::whole(qint64 number)
+{
     if (number > MAX_EXACT || number < -MAX_EXACT)
-        return rare(double(number), 'f');
-    constexpr int MOST_DIGITS = 20;
-    char *const to = room(MOST_DIGITS);
-    _at = std::to_chars(to, to + MOST_DIGITS, number).ptr;
+        rare(double(number), 'f');
+    else
+        digits(number);
 }
 
 void Writer::number(double number)
 {
     constexpr double BEYOND_QUINT64 = 2 * INTEGERS_END;
     if (isInteger(number))
-        integer(qint64(number));
+        whole(qint64(number));
     else if (!qIsFinite(number))
         append("null");
     else if (std::abs(number) >= INTEGERS_END)
@@ -412,11 +407,12 @@ void Writer::rare(double number, char form)
     append({text.constData(), size_t(text.size())});
 }
 
-/// A number of few digits behind the point, as most have that somebody measured: false for others.
+/// Writes a number with up to four digits behind the point, as most measured ones are. False for
+/// any other number.
 bool Writer::shortFraction(double number)
 {
-    // Of so many digits no two texts are the same number, so that the one found is the shortest;
-    // and a division of two exact numbers is rounded as reading the text is.
+    // No two texts of up to 15 digits are the same double, so that the text found is the shortest.
+    // Dividing two exact numbers is rounded in the way in which reading the text is rounded.
     constexpr double MOST = 1e15;
     constexpr std::array<int, 4> SCALES {10, 100, 1000, 10000};
     const double absolute = std::abs(number);
@@ -428,9 +424,9 @@ bool Writer::shortFraction(double number)
             continue;
         if (number < 0)
             append("-");
-        integer(digits / scale);
+        this->digits(digits / scale);
         append(".");
-        // Those behind the point have zeros in front, of which a one keeps the place.
+        // The digits behind the point may begin with zeros: a one in front keeps their places.
         const qint64 behind = digits % scale + scale;
         constexpr int MOST_DIGITS = 5;
         std::array<char, MOST_DIGITS> text {};
@@ -441,7 +437,7 @@ bool Writer::shortFraction(double number)
     return false;
 }
 
-/// The shortest text that is the same number again, in the form that Qt prefers.
+/// Writes the shortest text that is read as the same number, in the form that Qt prefers.
 void Writer::fraction(double number)
 {
     // Sign, digits with a point behind the first, exponent.
@@ -476,7 +472,7 @@ void Writer::fraction(double number)
     append(text.substr(2 + size_t(exponent)));
 }
 
-/// Qt knows what becomes of the value: a list with nothing else is the least that it writes.
+/// Leaves the value to Qt, in a list of its own, since Qt writes nothing smaller than a list.
 void Writer::other(const QVariant &value, int level)
 {
     const QJsonDocument document = QJsonDocument::fromVariant(QVariantList {value});
@@ -491,19 +487,21 @@ void Writer::other(const QVariant &value, int level)
     append({text.constData(), size_t(text.size())});
 }
 
-/// Appends a document.
-void write(const QVariantMap &map, QJsonDocument::JsonFormat format, QByteArray &out)
+/// Appends a document. Returns whether Numbers made no difference.
+bool write(const QVariantMap &map, QJsonDocument::JsonFormat format, Numbers numbers,
+           QByteArray &out)
 {
     const int before = out.size();
-    Writer writer(out, format);
+    Writer writer(out, format, numbers);
     if (!writer.object(map, 0)) {
         out.resize(before);
         out += QJsonDocument::fromVariant(map).toJson(format);
-        return;
+        return true; // Exact is written in the same way
     }
     if (format == QJsonDocument::Indented)
         writer.append("\n");
     writer.finish();
+    return writer.isExact();
 }
 
 } // namespace
@@ -511,53 +509,44 @@ void write(const QVariantMap &map, QJsonDocument::JsonFormat format, QByteArray 
 QByteArray indented(const QVariantMap &map)
 {
     QByteArray text;
-    write(map, QJsonDocument::Indented, text);
+    write(map, QJsonDocument::Indented, Nearest, text);
     return text;
 }
 
 QByteArray compact(const QVariantMap &map)
 {
     QByteArray text;
-    if (_kept.wanted) {
-        if (_kept.text.isDetached())
-            text.swap(_kept.text);
-        _kept = Kept();
-        const Scratch scratch(text);
-        write(map, QJsonDocument::Compact, text);
-        _kept = {true, map, text};
-        return _kept.text;
-    }
-    write(map, QJsonDocument::Compact, text);
+    appendCompact(text, map);
     return text;
 }
 
-void appendCompact(QByteArray &out, const QVariantMap &map)
+bool appendCompact(QByteArray &out, const QVariantMap &map)
 {
-    write(map, QJsonDocument::Compact, out);
+    return write(map, QJsonDocument::Compact, Nearest, out);
 }
 
-Keep::Keep()
+QByteArray exact(const QVariantMap &map)
 {
-    _kept.wanted = true;
+    QByteArray text;
+    appendExact(text, map);
+    return text;
 }
 
-Keep::~Keep()
+void appendExact(QByteArray &out, const QVariantMap &map)
 {
-    _kept.wanted = false;
-    _kept.map.clear();
-    const Scratch scratch(_kept.text);
+    write(map, QJsonDocument::Compact, Exact, out);
 }
 
 void appendString(QByteArray &out, const QString &text)
 {
-    Writer writer(out, QJsonDocument::Compact);
+    Writer writer(out, QJsonDocument::Compact, Nearest);
     writer.string(text);
     writer.finish();
 }
 
 void appendString(QByteArray &out, const QByteArray &utf8)
 {
-    // Without a branch for each byte, which no processor can predict in JSON inside of a string.
+    // No branch depends on a byte, unless it takes a long escape.
     static const std::array<Escape, 256> _escapes = makeEscapes();
     constexpr int QUOTES = 2;
     constexpr int AT_ONCE = 8;

@@ -5,10 +5,11 @@
 namespace bus
 {
 
-/// \brief Lends a buffer that is used again and again, empty at first.
+/// \brief Lends a buffer that is used again and again. It is empty at first. Internal to the
+/// libraries.
 ///
-/// Fresh memory of some dozen KiB comes from the system, page by page, and goes back to it: for a
-/// large content that takes as long as encoding it. Internal to the library.
+/// Fresh memory of some dozen KiB comes from the system page by page and goes back to it, which
+/// takes as long as encoding a large content.
 ///
 /// \code
 /// static thread_local QByteArray _buffer;
@@ -21,7 +22,7 @@ public:
     explicit Scratch(QByteArray &buffer)
         : _buffer(buffer)
     {
-        _buffer.reserve(qMax(_buffer.capacity(), LEAST)); // or resize() would free it
+        _buffer.reserve(qMax(_buffer.capacity(), LEAST)); // without it resize() frees the memory
         _buffer.resize(0);
     }
     ~Scratch()

@@ -6,13 +6,14 @@
 #include <tmmintrin.h>
 #endif
 
-/// What is done to sixteen bytes at a time, on processors that can. Internal to the libraries.
+/// Instructions for sixteen bytes at a time, on processors that have them. Internal to the
+/// libraries.
 namespace bus::vectors
 {
 
 #ifdef __x86_64__
 
-/// In front of a function that is only called where hasVectors() says so.
+/// Marks a function that may only be called where hasVectors() is true.
 #define TRELAN_VECTORS __attribute__((target("ssse3")))
 
 inline bool hasVectors()

@@ -4,62 +4,88 @@
 
 #include <string_view>
 
-/// The keys of everything that travels, each spelled here and nowhere else. Internal to the
-/// libraries.
-///
-/// A key is bytes where text is written or parsed, and a QString without memory of its own where a
-/// QVariantMap is made or searched.
-namespace bus::keys
-{
-
-#define TRELAN_WIRE_KEY(NAME, SPELLING)                                                            \
-    struct Key_##NAME                                                                              \
+// Keys and operations as they travel, each spelled here and nowhere else. Internal to the
+// libraries.
+//
+// A word is bytes where text is written or parsed, and a QString without memory of its own where a
+// QVariantMap is made or searched.
+#define TRELAN_WIRE_WORD(NAME, SPELLING)                                                           \
+    struct Word_##NAME                                                                             \
     {                                                                                              \
         constexpr operator std::string_view() const { return SPELLING; }                           \
         operator QString() const { return QStringLiteral(SPELLING); }                              \
     };                                                                                             \
-    inline constexpr Key_##NAME NAME {};
+    inline constexpr Word_##NAME NAME {};
+
+/// What travels in the place of a key.
+namespace bus::keys
+{
 
 // Envelopes.
-TRELAN_WIRE_KEY(OPERATION, "operation")
-TRELAN_WIRE_KEY(DATA, "data")
-TRELAN_WIRE_KEY(RESULT, "result")
-TRELAN_WIRE_KEY(CODE, "code")
-TRELAN_WIRE_KEY(DESCRIPTION, "description")
+TRELAN_WIRE_WORD(OPERATION, "operation")
+TRELAN_WIRE_WORD(DATA, "data")
+TRELAN_WIRE_WORD(RESULT, "result")
+TRELAN_WIRE_WORD(CODE, "code")
+TRELAN_WIRE_WORD(DESCRIPTION, "description")
 
 // Objects and messages. An object has its options under "opt", a message under "ops".
-TRELAN_WIRE_KEY(TIME, "dt")
-TRELAN_WIRE_KEY(UID, "uid")
-TRELAN_WIRE_KEY(OBJECT_NAME, "nm")
-TRELAN_WIRE_KEY(OBJECT_CONTENT, "cnt")
-TRELAN_WIRE_KEY(OBJECT_PUBLISHER, "p")
-TRELAN_WIRE_KEY(OBJECT_OPTIONS, "opt")
-TRELAN_WIRE_KEY(MESSAGE_TEXT, "msg")
-TRELAN_WIRE_KEY(MESSAGE_OPTIONS, "ops")
-TRELAN_WIRE_KEY(MESSAGE_RECIEVER, "r")
-TRELAN_WIRE_KEY(MESSAGE_SENDER, "s")
+TRELAN_WIRE_WORD(TIME, "dt")
+TRELAN_WIRE_WORD(UID, "uid")
+TRELAN_WIRE_WORD(OBJECT_NAME, "nm")
+TRELAN_WIRE_WORD(OBJECT_CONTENT, "cnt")
+TRELAN_WIRE_WORD(OBJECT_PUBLISHER, "p")
+TRELAN_WIRE_WORD(OBJECT_OPTIONS, "opt")
+TRELAN_WIRE_WORD(MESSAGE_TEXT, "msg")
+TRELAN_WIRE_WORD(MESSAGE_OPTIONS, "ops")
+TRELAN_WIRE_WORD(MESSAGE_RECIEVER, "r")
+TRELAN_WIRE_WORD(MESSAGE_SENDER, "s")
 
 // The acknowledgement of a message.
-TRELAN_WIRE_KEY(SENDER, "sender")
-TRELAN_WIRE_KEY(RECIEVER, "reciever")
+TRELAN_WIRE_WORD(SENDER, "sender")
+TRELAN_WIRE_WORD(RECIEVER, "reciever")
 
 // Requests.
-TRELAN_WIRE_KEY(CLIENT_NAME, "name")
-TRELAN_WIRE_KEY(PROMPT, "prompt")
-TRELAN_WIRE_KEY(OBJECTS, "objects")
-TRELAN_WIRE_KEY(WILDCARD, "wc")
-TRELAN_WIRE_KEY(WILDCARDS, "wcs")
-TRELAN_WIRE_KEY(NOW, "now")
+TRELAN_WIRE_WORD(CLIENT_NAME, "name")
+TRELAN_WIRE_WORD(PROMPT, "prompt")
+TRELAN_WIRE_WORD(OBJECTS, "objects")
+TRELAN_WIRE_WORD(WILDCARD, "wc")
+TRELAN_WIRE_WORD(WILDCARDS, "wcs")
+TRELAN_WIRE_WORD(NOW, "now")
+TRELAN_WIRE_WORD(CLIENTS, "clients")
 
 // The text of a notification and of a command. Both say "__name__".
-TRELAN_WIRE_KEY(NOTIFIED_REASON, "__reason__")
-TRELAN_WIRE_KEY(NOTIFIED_NAME, "__name__")
-TRELAN_WIRE_KEY(NOTIFIED_CONTENT, "__context__")
-TRELAN_WIRE_KEY(COMMAND, "__cmd__")
-TRELAN_WIRE_KEY(COMMAND_NAME, "__name__")
-TRELAN_WIRE_KEY(COMMAND_PARAMS, "__params__")
-TRELAN_WIRE_KEY(COMMAND_PARENT, "__parent__")
-
-#undef TRELAN_WIRE_KEY
+TRELAN_WIRE_WORD(NOTIFIED_REASON, "__reason__")
+TRELAN_WIRE_WORD(NOTIFIED_NAME, "__name__")
+TRELAN_WIRE_WORD(NOTIFIED_CONTENT, "__context__")
+TRELAN_WIRE_WORD(COMMAND, "__cmd__")
+TRELAN_WIRE_WORD(COMMAND_NAME, "__name__")
+TRELAN_WIRE_WORD(COMMAND_PARAMS, "__params__")
+TRELAN_WIRE_WORD(COMMAND_PARENT, "__parent__")
 
 } // namespace bus::keys
+
+/// What a request asks for.
+namespace bus::operations
+{
+
+TRELAN_WIRE_WORD(HANDSHAKE, "handshake")
+TRELAN_WIRE_WORD(PUBLISH, "pub")
+TRELAN_WIRE_WORD(REMOVE, "rm")
+TRELAN_WIRE_WORD(LOAD_OBJECT, "loadObject")
+TRELAN_WIRE_WORD(LOAD_OBJECTS, "loadObjects")
+TRELAN_WIRE_WORD(SUBSCRIBE, "sub")
+TRELAN_WIRE_WORD(UNSUBSCRIBE, "unsub")
+TRELAN_WIRE_WORD(SEND_MESSAGE, "sendMessage")
+TRELAN_WIRE_WORD(CLIENTS, "clients")
+
+} // namespace bus::operations
+
+/// Why somebody is notified.
+namespace bus::reasons
+{
+
+TRELAN_WIRE_WORD(SUBSCRIPTION, "sub")
+
+} // namespace bus::reasons
+
+#undef TRELAN_WIRE_WORD

@@ -7,8 +7,8 @@
 #include <QtCore/QRandomGenerator>
 #include <QtCore/QTimer>
 
-/// What the two workers have in common: how they come back, and how a channel is taken down.
-/// Internal to the library.
+/// Shared by the two workers: when to connect again, and how to take a channel down. Internal to
+/// the library.
 namespace bus::channelworker
 {
 
@@ -16,10 +16,10 @@ constexpr int RESTART_INTERVAL_MS = 5000;
 
 /// \brief How long to wait before the next attempt to connect.
 ///
-/// In Paced mode always the same. In Prompt mode not at all at first, then longer each time, and by
-/// chance not as long as others, so that a thousand clients do not come back on the same beat. Only
-/// a connection that has lasted makes the first attempt free again: two programs of one name, which
-/// take over from each other, must not do so at full speed.
+/// In Paced mode the delay is constant. In Prompt mode the first attempt is immediate and the delay
+/// doubles with each further one; chance varies it, so that a thousand clients do not come back at
+/// once. Only a connection that has lasted makes the next attempt immediate again: two programs of
+/// one name, which take the connection from each other, must not do so at full speed.
 class Reconnection
 {
 public:
@@ -48,8 +48,8 @@ private:
     int _attempts = 0;
 };
 
-/// A timer that restarts \a worker, some time after a signal of \a channel, or of open(), says that
-/// the connection is lost; \a accepted is the signal that the bus has taken the client in.
+/// Makes the timer that restarts \a worker after \a channel has lost its connection, or has failed
+/// to open. \a accepted is the signal by which the channel says that the bus accepts the client.
 template <typename Channel>
 QTimer *makeRestartTimer(QObject *worker, Channel *channel, void (Channel::*accepted)(),
                          Reconnection &reconnection)
@@ -62,15 +62,15 @@ QTimer *makeRestartTimer(QObject *worker, Channel *channel, void (Channel::*acce
     return timer;
 }
 
-/// No connection has come about.
+/// Starts the timer after a failed attempt to connect.
 inline void restartLater(QTimer &timer, Reconnection &reconnection)
 {
     if (TrelanTransport::mode() == TrelanTransport::Prompt && timer.isActive())
-        return; // the loss has been counted
+        return; // the loss of the connection has started it
     timer.start(reconnection.nextDelay());
 }
 
-/// Deleted later, since a restart comes out of the timer's own timeout().
+/// Deletes the timer later, since a restart may come out of the timer's own timeout().
 inline void stopTimer(QPointer<QTimer> &timer)
 {
     if (!timer)
@@ -81,8 +81,8 @@ inline void stopTimer(QPointer<QTimer> &timer)
     timer.clear();
 }
 
-/// Its signals are blocked first: a connection that is closed on purpose must not look like one
-/// that is lost. Deleted later, since a restart may come out of one of its signals.
+/// Closes the channel with its signals blocked, so that a connection closed on purpose does not
+/// look lost. Deletes it later, since a restart may come out of one of its signals.
 template <typename Channel>
 void stopChannel(QPointer<Channel> &channel)
 {

@@ -1,9 +1,8 @@
 #pragma once
 
-#include <QtCore/QByteArray>
+#include "channel/connectioncount.h"
 
 class QDeadlineTimer;
-class QObject;
 class QTcpSocket;
 
 /// Blocking waits on a socket, as long as Qt's own, but left within a tenth of a second once the
@@ -13,44 +12,23 @@ namespace bus::wait
 {
 
 bool connected(QTcpSocket &socket, int milliseconds);
-bool bytesWritten(QTcpSocket &socket, int milliseconds);
-bool readyRead(QTcpSocket &socket, int milliseconds);
+/// Both end early, too, when \a connection is over: a slot may open the channel again meanwhile.
+bool bytesWritten(QTcpSocket &socket, const ConnectionCount::Mark &connection, int milliseconds);
+bool readyRead(QTcpSocket &socket, const ConnectionCount::Mark &connection, int milliseconds);
 
 /// Whether the current thread is asked to end.
 bool isInterrupted();
 
-/// Whether there is nothing left to wait for: that, the deadline, or no connection any more.
+/// Whether there is nothing left to wait for: the thread is asked to end, the deadline has passed,
+/// or the connection has ended.
 bool isOver(const QTcpSocket &socket, const QDeadlineTimer &deadline);
 
+/// To be called with a socket that is in the middle of one of its own signals before a new
+/// connection is made, with another socket: Qt goes on with this one when the slots have returned,
+/// and would take the write buffer of a connection that was made meanwhile.
+void retire(QTcpSocket &socket);
+
+/// How long one wait below Qt may take before isOver() is asked again, in milliseconds.
+int slice(const QDeadlineTimer &deadline);
+
 } // namespace bus::wait
-
-/// The same socket without what Qt does around every call, which costs more system calls than the
-/// calls themselves: one to send, one to wait and one to read. Qt is left what it does better: what
-/// does not leave at once, and every end of a connection, so that its signals come as ever.
-namespace bus::direct
-{
-
-/// Sends \a bytes; what does not leave at once follows as Qt gets at it.
-void send(QTcpSocket &socket, const QByteArray &bytes);
-
-/// The same, but the system may hold them until letGo(), more is sent, or the end of the
-/// connection; for 200 ms at the longest.
-void sendSoon(QTcpSocket &socket, const QByteArray &bytes);
-void letGo(QTcpSocket &socket);
-
-/// Some of what has arrived; if there is nothing, what comes within a tenth of a second. Empty
-/// before that at the deadline, if the connection is lost, or if the thread is asked to end.
-QByteArray read(QTcpSocket &socket, const QDeadlineTimer &deadline);
-
-/// What has just arrived, if Qt has nothing that came before it; empty, too, at the end of the
-/// connection, which is left for Qt to notice.
-QByteArray take(QTcpSocket &socket);
-
-/// Shows \a filter what the event loop is told of arrivals, before Qt reads them; until the end of
-/// the connection.
-void watchArrivals(QTcpSocket &socket, QObject *filter);
-
-/// Whether something has arrived that was not read. It may notice that the connection is lost.
-bool hasArrived(QTcpSocket &socket);
-
-} // namespace bus::direct

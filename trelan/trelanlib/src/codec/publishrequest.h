@@ -1,5 +1,7 @@
 #pragma once
 
+#include "trelantransport.h"
+
 #include <QtCore/QByteArray>
 
 namespace bus
@@ -7,13 +9,17 @@ namespace bus
 
 class TrelanObject;
 
-/// Frames in the coding Light, written without making maps of what is no map. Internal to the
-/// library; thread-safe.
+/// Frames that are written without making maps of what is no map. Internal to the library;
+/// thread-safe.
 namespace requests
 {
 
-/// Of the request that publishes \a object.
-QByteArray publish(const TrelanObject &object);
+/// How an object gets its id if it has none: by genUid(), or so that it equals none of the last
+/// thousand given here.
+enum Uid { Generated, Unique };
+
+/// The frame of the request that publishes \a object, which gets an id and a time if it has none.
+QByteArray publish(TrelanObject object, TrelanTransport::Coding coding, Uid uid);
 
 } // namespace requests
 

@@ -20,7 +20,6 @@ namespace
 
 namespace dom = simdjson::dom;
 
-constexpr std::string_view OPERATION = "sendMessage";
 constexpr size_t ENVELOPE_FIELDS = 2;
 constexpr uint ALL_FIELDS = 0x3f;
 
@@ -116,7 +115,8 @@ std::optional<TrelanMessage> decode(const QByteArray &payload)
         std::string_view operation;
         if (root.get(envelope) == simdjson::SUCCESS && envelope.size() == ENVELOPE_FIELDS &&
             envelope[keys::OPERATION].get(operation) == simdjson::SUCCESS &&
-            operation == OPERATION && envelope[keys::DATA].get(data) == simdjson::SUCCESS)
+            operation == operations::SEND_MESSAGE &&
+            envelope[keys::DATA].get(data) == simdjson::SUCCESS)
             message = Reader().read(data);
         return message.has_value();
     });
@@ -125,10 +125,9 @@ std::optional<TrelanMessage> decode(const QByteArray &payload)
 
 QByteArray acknowledgement(const TrelanMessage &message, TrelanTransport::Coding coding)
 {
-    const QString operation = QStringLiteral("sendMessage");
     if (coding == TrelanTransport::Classic) {
         return TrelanFrame::encode(TrelanFrame::Reply,
-                                   TrelanFrame::reply(operation, TrelanError(),
+                                   TrelanFrame::reply(operations::SEND_MESSAGE, TrelanError(),
                                                       {{keys::SENDER, message.sender()},
                                                        {keys::RECIEVER, message.reciever()},
                                                        {keys::UID, message.uid()}}),
@@ -141,7 +140,7 @@ QByteArray acknowledgement(const TrelanMessage &message, TrelanTransport::Coding
         .text(keys::SENDER, message.sender())
         .text(keys::UID, message.uid())
         .end()
-        .text(keys::OPERATION, operation)
+        .text(keys::OPERATION, operations::SEND_MESSAGE)
         .success()
         .frame(frameformat::REPLY);
 }

@@ -1,5 +1,8 @@
 #include "values/uids.h"
 
+#include "trelanobject.h"
+#include "values/wirevalue.h"
+
 #include <QtCore/QMutex>
 #include <QtCore/QQueue>
 #include <QtCore/QSet>
@@ -13,33 +16,42 @@ namespace
 
 constexpr int REMEMBERED = 1000;
 
-struct Given
+class Memory
 {
-    QMutex mutex;
-    QSet<QString> set;
-    QQueue<QString> order;
-};
+public:
+    bool add(const QString &uid)
+    {
+        const QMutexLocker lock(&_mutex);
+        if (_uids.contains(uid))
+            return false;
+        _uids.insert(uid);
+        _order.enqueue(uid);
+        if (_order.size() > REMEMBERED)
+            _uids.remove(_order.dequeue());
+        return true;
+    }
 
-Given &given()
-{
-    // Never destroyed: a thread may still send while the process ends.
-    static auto *const _given = new Given;
-    return *_given;
-}
+private:
+    QMutex _mutex; // guards the members below
+    QSet<QString> _uids;
+    QQueue<QString> _order;
+};
 
 } // namespace
 
-bool take(const QString &uid)
+QString of(const TrelanObject &object, const QByteArray &contentJson)
 {
-    Given &known = given();
-    const QMutexLocker lock(&known.mutex);
-    if (known.set.contains(uid))
-        return false;
-    known.set.insert(uid);
-    known.order.enqueue(uid);
-    if (known.order.size() > REMEMBERED)
-        known.set.remove(known.order.dequeue());
-    return true;
+    const QString text = QStringLiteral("TrelanObject") + object.publisher() + object.name() +
+                         object.timestamp().toIsoText() + QString::number(int(object.options())) +
+                         value::nowText();
+    return value::digest(text.toUtf8(), contentJson);
+}
+
+bool remember(const QString &uid)
+{
+    // Never destroyed: a thread may still send while the process ends.
+    static auto *const _memory = new Memory;
+    return _memory->add(uid);
 }
 
 void waitForNext()

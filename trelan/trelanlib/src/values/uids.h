@@ -1,27 +1,44 @@
 #pragma once
 
+#include <QtCore/QByteArray>
 #include <QtCore/QString>
 
-/// Ids of what this process sends. Internal to the library; thread-safe.
+namespace bus
+{
+class TrelanObject;
+}
+
+/// Unique ids for what this process sends. Internal to the library; thread-safe.
 namespace bus::uids
 {
 
-/// Gives an id, and remembers it. False if it is one of the last thousand given.
-bool take(const QString &uid);
+/// What \a object.genUid() returns, given its content as json::compact() writes it.
+QString of(const TrelanObject &object, const QByteArray &contentJson);
+
+/// Remembers \a uid. False if it is one of the last thousand remembered.
+bool remember(const QString &uid);
+/// Waits for the next millisecond, in which ids come out differently.
 void waitForNext();
 
-/// An id for \a value that equals none of the last thousand given here: ids are made of the value
-/// and the millisecond, and receivers drop what repeats one. Waits for the next millisecond if it
-/// has to.
-template <typename Value>
-QString unique(const Value &value)
+/// An id that \a make returns and that differs from the last thousand ids. An id is made of a value
+/// and the millisecond, so that two equal values in one millisecond would share theirs, and
+/// receivers drop a message whose id they have seen.
+template <typename Make>
+QString uniqueOf(const Make &make)
 {
     for (;;) {
-        QString uid = value.genUid();
-        if (take(uid))
+        QString uid = make();
+        if (remember(uid))
             return uid;
         waitForNext();
     }
+}
+
+/// An id for \a value, by its genUid().
+template <typename Value>
+QString unique(const Value &value)
+{
+    return uniqueOf([&value] { return value.genUid(); });
 }
 
 } // namespace bus::uids

@@ -3,9 +3,9 @@
 #include <QtCore/QStringList>
 #include <QtCore/QVector>
 
-// The steps below are the contract of the bus, taken one by one: servers and clients have to agree
-// on every outcome, the surprising ones included, so nothing here may be smoothed over. "Starts
-// with" and "ends with" are about characters of the wildcard, not about its segments.
+// The steps below are the contract of the bus, one by one. Servers and clients have to agree on
+// every outcome, the surprising ones included, so no step may be simplified. "Starts with" and
+// "ends with" are about the characters of a wildcard, not about its segments.
 namespace bus::wildcard
 {
 
@@ -30,7 +30,8 @@ bool hasStarForm(const QString &wildcard)
     return wildcard.startsWith(QLatin1String("*.")) || wildcard.endsWith(QLatin1String(".*"));
 }
 
-/// Looks at the very first "+." and the very last ".+" only; others may be glued to anything.
+/// Looks at the very first "+." and the very last ".+" only; any other "+" may be glued to
+/// anything.
 bool isWellFormed(const QString &wildcard)
 {
     const int firstPlus = wildcard.indexOf(QLatin1String("+."));

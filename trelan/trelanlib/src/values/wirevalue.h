@@ -6,7 +6,7 @@
 #include <QtCore/QString>
 #include <QtCore/QVariant>
 
-/// What the value types have in common on the wire. Internal to the library.
+/// Helpers for the wire forms of the value types. Internal to the library.
 namespace bus::value
 {
 
@@ -19,7 +19,7 @@ QString nowText();
 /// A time as it travels: a string of decimal milliseconds since the epoch.
 QString timeToWire(const TrelanTimestamp &time);
 
-/// A travelling time; what is not a decimal integer in its string form is the epoch.
+/// The time in \a wire, a decimal integer or the text of one; anything else is the epoch.
 TrelanTimestamp timeFromWire(const QVariant &wire);
 
 } // namespace bus::value

@@ -1,0 +1,91 @@
+#pragma once
+
+#include "channel/connectioncount.h"
+#include "channel/promptquery.h"
+#include "trelanqueryhandler.h"
+#include "trelantransport.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QPointer>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+#include <QtCore/QVariantMap>
+
+#include <functional>
+
+class QTcpSocket;
+
+namespace bus
+{
+
+/// What TrelanQueryHandler keeps, the requests that it makes of its operations, and the paced way
+/// of asking them. The prompt way is a PromptQuery's. Internal to the library.
+class TrelanQueryHandler::Private
+{
+public:
+    /// What is done about a reply, or about there being none.
+    using Done = std::function<void(bool done, const QVariantMap &answer)>;
+
+    Private(TrelanQueryHandler &handler, const QString &clientName);
+
+    /// \name Frames of requests
+    /// @{
+    QByteArray frameOf(const QString &operation, const QVariantMap &data) const;
+    QByteArray publishFrame(TrelanObject object) const;
+    QByteArray messageFrame(TrelanMessage message) const;
+    QByteArray commandFrame(TrelanCommand command) const;
+    QByteArray loadFrame(const QString &name) const;
+    /// \a operation is "sub" or "unsub".
+    QByteArray wildcardFrame(const QString &operation, const QString &wildcard,
+                             const QVariantMap &more = {}) const;
+    QByteArray wildcardFrame(const QString &operation, const QStringList &wildcards,
+                             const QVariantMap &more = {}) const;
+    /// @}
+
+    /// Asks a request and waits for the reply.
+    bool request(const QByteArray &frame, QVariantMap &answer);
+    bool request(const QByteArray &frame);
+    /// Asks a request. In Prompt mode its reply is taken when the event loop has nothing left to
+    /// ask before it, or by takeReplies(); in Paced mode it is waited for.
+    void requestLater(const QByteArray &frame, const Done &done);
+    void takeReplies();
+
+    /// Publishes one after the other, in Prompt mode ahead of the replies.
+    bool publish(const QList<TrelanObject> &objects);
+
+    bool isConnected() const;
+    bool open();
+    void close();
+    void resetFailure();
+    bool fail(Failure failure);
+    bool judge(const QString &operation, const QVariantMap &result);
+
+    QPointer<QTcpSocket> _socket;
+    QString _clientName;
+    bool _handshaked = false;
+    Failure _lastFailure = None;
+    TrelanError _lastError;
+
+private:
+    void makeSocket();
+    bool isPrompt() const;
+    bool connectToBus();
+    bool failUnlessLost(Failure failure, const ConnectionCount::Mark &connection);
+    bool breakOff(Failure failure);
+    bool pacedRequest(const QByteArray &frame, QVariantMap &answer);
+    bool waitForReply(qint64 staleBytes, const ConnectionCount::Mark &connection);
+    bool readReply(QVariantMap &answer, const ConnectionCount::Mark &connection);
+    QByteArray readPayload(int size, const ConnectionCount::Mark &connection);
+    PromptQuery::Done judgeLater(const Done &done);
+    bool takeResult(const PromptQuery::Result &result, QVariantMap &answer);
+    bool takePayload(const QByteArray &payload, QVariantMap &answer);
+
+    TrelanQueryHandler &_handler;
+    TrelanTransport::Mode _mode;
+    TrelanTransport::Coding _coding = TrelanTransport::Classic;
+    ConnectionCount _connections;
+    PromptQuery _prompt;
+    QByteArray _plainYes; // the last payload in Prompt mode that said nothing but that it is done
+};
+
+} // namespace bus
