@@ -23,7 +23,6 @@ namespace dom = simdjson::dom;
 
 // As deep as Qt reads. The size of a text has its limit where it is inflated.
 constexpr json::Limits LIMITS {1024, std::numeric_limits<int>::max()};
-constexpr std::string_view PUBLISH = "pub";
 constexpr std::string_view MARK = "\xef\xbb\xbf"; // of byte order
 
 /// Qt drops a mark in front of a text or a string, but not in front of a string with an escape.
@@ -170,7 +169,7 @@ bool readPublish(const Document &document, Request &request)
     dom::object data;
     std::string_view text;
     if (!document.isExact || document.root.get(envelope) != simdjson::SUCCESS ||
-        envelope[keys::OPERATION].get(text) != simdjson::SUCCESS || text != PUBLISH ||
+        envelope[keys::OPERATION].get(text) != simdjson::SUCCESS || text != operations::PUBLISH ||
         envelope[keys::DATA].get(data) != simdjson::SUCCESS ||
         data[keys::OBJECT_NAME].get(text) != simdjson::SUCCESS || envelope.size() > MOST_MEMBERS ||
         data.size() > MOST_MEMBERS || haveRepeatedKey({envelope, data}))
