@@ -13,7 +13,7 @@ for program in "$busd" "$ctl" "$hoststate" "$thermostat"; do
     [[ -x $program ]] || { echo "demo: $program is not there; build the tree first" >&2; exit 1; }
 done
 
-deadline=30 # seconds that anything here may take to come up
+deadline=30 # seconds that a program may take to come up
 work=$(mktemp -d)
 declare -A pids=()
 
@@ -40,7 +40,7 @@ fail() {
 
 caption() { printf '\n# %s\n' "$1"; }
 
-# A command as one would type it.
+# Prints a command as one would type it.
 show() {
     local program=$1 word
     shift
@@ -60,7 +60,7 @@ run() {
     ((status == expected)) || fail "that ended with $status, not with $expected"
 }
 
-# start NAME COMMAND...: runs it in the background; what it says is in NAME.log.
+# start NAME COMMAND...: runs the command in the background, with its output in NAME.log.
 start() {
     local name=$1
     shift
@@ -70,7 +70,7 @@ start() {
     pids[$name]=$!
 }
 
-# wait_for WHAT COMMAND...: until the command succeeds, as long as everything runs.
+# wait_for WHAT COMMAND...: waits until the command succeeds, as long as everything runs.
 wait_for() {
     local what=$1 end=$((SECONDS + deadline)) name
     shift
@@ -87,7 +87,7 @@ says() { grep -qE -- "$2" "$work/$1.log"; }
 lines() { grep -cE -- "$2" "$work/$1.log" || true; }
 has_lines() { (($(lines "$1" "$2") >= $3)); }
 
-# more NAME PATTERN COUNT: waits for so many lines more than there are, and shows them.
+# more NAME PATTERN COUNT: waits for COUNT more lines of NAME.log that match, and shows them.
 more() {
     local had
     had=$(lines "$1" "$2")
@@ -95,7 +95,7 @@ more() {
     grep -E -- "$2" "$work/$1.log" | sed -n "$((had + 1)),$((had + $3))p"
 }
 
-# end NAME: asks it to stop, and holds it to exit code 0.
+# end NAME: asks the program to stop, and holds it to exit code 0.
 end() {
     local status=0 pid=${pids[$1]}
     unset "pids[$1]"

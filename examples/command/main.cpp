@@ -15,7 +15,7 @@ namespace
 constexpr int ASK_AGAIN_MS = 1000;
 constexpr int GIVE_UP_MS = 15000;
 
-/// A client that can send commands, which a controller does not do by itself.
+/// A client that can send commands. A controller does not connect that signal by itself.
 class CommandController : public bus::TrelanController
 {
 public:
@@ -65,7 +65,7 @@ int ping(CommandController &controller, const QString &name)
                      [&](const bus::TrelanCommand &answer) {
                          if (answer.parentUid() != call.uid())
                              return;
-                         // The message worker has put the answer beside its call.
+                         // The message worker has stored the answer beside its call.
                          const auto pair = bus::SharedObjectsStorage().takeCmd(call.uid());
                          qInfo() << pair.first.name() << "answered by" << pair.second.sender()
                                  << pair.second.params();

@@ -19,7 +19,7 @@ void printLine(QtMsgType, const QMessageLogContext &, const QString &text)
     std::fprintf(stderr, "%s\n", qUtf8Printable(text));
 }
 
-/// From here on what is logged goes to the terminal and to the client "logger" of the bus.
+/// Sends what is logged from now on to the terminal and to the client "logger" of the bus.
 void installLogBridge(Thermostat &thermostat)
 {
     bus::TrelanLogCreator::init(&thermostat, SIGNAL(sendLogMessage(TrelanMessage)),

@@ -31,7 +31,7 @@ bool Thermostat::doStart()
 
 void Thermostat::prepareQueryWorker(bus::TrelanQueryWorker *worker)
 {
-    // A controller leaves this to those that send commands.
+    // A controller connects sendCommand only if it sends commands.
     connect(this, &Thermostat::sendCommand, worker, &bus::TrelanQueryWorker::sendCommand,
             Qt::QueuedConnection);
 }
@@ -47,7 +47,7 @@ void Thermostat::answer(const bus::TrelanCommand &call)
     if (call.name() != "rooms" || !call.needAnswer())
         return;
     QVariantMap rooms;
-    // The message worker has put everything there that it was told of.
+    // The message worker stores every object that it is told of.
     for (const bus::TrelanObject &room : bus::SharedObjectsStorage().getAllObjects())
         rooms[room.name()] = room.content().value("celsius");
     bus::TrelanCommand reply;

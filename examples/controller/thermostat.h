@@ -2,7 +2,7 @@
 
 #include <trelancontroller.h>
 
-/// \brief A client with both workers: hears of all rooms, and answers the command "rooms".
+/// \brief A client with both workers, which hears of all rooms and answers the command "rooms".
 class Thermostat : public bus::TrelanController
 {
 public:

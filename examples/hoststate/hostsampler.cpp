@@ -12,14 +12,15 @@ namespace hoststate
 namespace
 {
 
-/// Files under /proc have no size, so that they are read to their end.
+/// Reads a file under /proc to its end, since such a file tells no size.
 QByteArray contentOf(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-/// Empty for what has no blocks, which are the pseudo file systems that have a new name.
+/// The figures of a file system. Empty if it has no blocks, like a pseudo file system whose name is
+/// too new to be known.
 QVariantMap diskFigures(const Mount &mount)
 {
     struct statvfs state = {};

@@ -10,7 +10,8 @@ namespace hoststate
 
 /// \brief Reads the state of this machine from the kernel's files, as objects to publish.
 ///
-/// host.<name>.load, .memory, .net.<interface> and .disk.<mount>. What cannot be read is left out.
+/// The objects are host.<name>.load, .memory, .net.<interface> and .disk.<mount>. An object whose
+/// figures cannot be read is left out.
 class HostSampler
 {
 public:

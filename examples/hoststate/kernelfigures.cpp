@@ -33,7 +33,8 @@ bool isPseudo(const QString &type)
     return TYPES.contains(type) || type.startsWith("fuse.");
 }
 
-/// The kernel writes blanks, tabs, line feeds and backslashes as three octal digits.
+/// Undoes the escapes of the kernel, which writes blanks, tabs, line feeds and backslashes as three
+/// octal digits.
 QByteArray unescaped(const QByteArray &field)
 {
     QByteArray result;
@@ -139,7 +140,7 @@ QList<Mount> parseMounts(const QByteArray &text)
             continue;
         const Mount mount = {QString::fromUtf8(unescaped(fields.at(0))), unescaped(fields.at(1)),
                              QString::fromUtf8(fields.at(2))};
-        // What is mounted later on the same path hides what was there.
+        // A mount hides an earlier one on its path.
         mounts.erase(std::remove_if(mounts.begin(), mounts.end(),
                                     [&](const Mount &other) { return other.path == mount.path; }),
                      mounts.end());

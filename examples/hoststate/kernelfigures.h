@@ -5,23 +5,24 @@
 #include <QtCore/QString>
 #include <QtCore/QVariantMap>
 
-/// Text of the kernel's files in, figures out: pure functions. A line that is not as it should be
-/// gives no figure, and never a wrong one.
+/// Pure functions that make figures of the kernel's files. A line that is not as it should be gives
+/// no figure, and never a wrong one.
 namespace hoststate
 {
 
-/// /proc/loadavg: "one", "five", "fifteen", "running", "tasks"; empty if it is not readable.
+/// Reads /proc/loadavg into "one", "five", "fifteen", "running" and "tasks". Empty if \a text is
+/// not readable.
 QVariantMap parseLoad(const QByteArray &text);
 
-/// /proc/meminfo, in KiB as the kernel counts: "total", "free", "available", "buffers", "cached",
-/// "swapTotal", "swapFree"; a kernel that does not tell one of them leaves it out.
+/// Reads /proc/meminfo into "total", "free", "available", "buffers", "cached", "swapTotal" and
+/// "swapFree", in KiB as the kernel counts. A figure that the kernel does not tell is left out.
 QVariantMap parseMemory(const QByteArray &text);
 
-/// /proc/net/dev: for each interface a map of counters since it came up, "rxBytes", "rxPackets",
-/// "rxErrors", "rxDropped" and the same with "tx".
+/// Reads /proc/net/dev into a map for each interface, with its counters since it came up:
+/// "rxBytes", "rxPackets", "rxErrors" and "rxDropped", and four that begin with "tx".
 QVariantMap parseNetwork(const QByteArray &text);
 
-/// A file system that holds files on something.
+/// A file system that is mounted.
 struct Mount
 {
     QString device;
@@ -29,14 +30,15 @@ struct Mount
     QString type;
 };
 
-/// /proc/self/mounts: without pseudo file systems, without those of the network (asking them for
-/// their size may block for ever), and each device once, at its shortest path.
+/// Reads /proc/self/mounts. Pseudo file systems are left out, and so are file systems of the
+/// network, which may block for ever when asked for their size. Each device is there once, at its
+/// shortest path.
 QList<Mount> parseMounts(const QByteArray &text);
 
 /// \brief \a text as one segment of an object name.
 ///
-/// Dots separate segments and become "_", as do control characters, white space at either end, and
-/// what would be no segment: an empty text, "+" and "*".
+/// Dots, control characters and white space at either end become "_". A text that can be no segment
+/// becomes "_" as a whole: an empty one, "+" and "*".
 QString segment(const QString &text);
 
 } // namespace hoststate

@@ -30,7 +30,7 @@ struct Options
 
 volatile std::sig_atomic_t _stopped = 0;
 
-// The first signal ends the program after the round it is in, a second one at once.
+// Makes the first signal end the program after its current round, and a second signal at once.
 void stopOnSignals()
 {
     struct sigaction action = {};
@@ -56,7 +56,7 @@ void addOptions(CLI::App &app, Options &options)
         ->capture_default_str();
 }
 
-/// The bus is at an IPv4 address; false if \a host has none.
+/// Tells the library where the bus is. False if \a host has no IPv4 address.
 bool setBus(const QString &host, quint16 port)
 {
     const QHostAddress literal(host);
@@ -84,7 +84,7 @@ void publishInRounds(hoststate::StatePublisher &publisher, const Options &option
     clock.start();
     for (qint64 next = 0; _stopped == 0 && (end == 0 || next < end);) {
         publisher.publish(sampler.sample());
-        // What took longer than an interval is not made up for.
+        // A round that took longer than its interval delays the next ones.
         next = qMax(next + interval, clock.elapsed());
         if (_stopped == 0 && (end == 0 || next < end))
             ::poll(nullptr, 0, int(qMax<qint64>(0, next - clock.elapsed()))); // a signal ends it
@@ -96,7 +96,7 @@ void publishInRounds(hoststate::StatePublisher &publisher, const Options &option
 int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
-    // What the library logs is said here in other words; QT_LOGGING_RULES brings it back.
+    // This program says in its own words what the library logs; QT_LOGGING_RULES shows those lines.
     QLoggingCategory::setFilterRules("default.warning=false\ndefault.critical=false");
 
     Options options;

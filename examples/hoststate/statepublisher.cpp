@@ -24,7 +24,7 @@ bool StatePublisher::open()
 
 void StatePublisher::publish(const QList<bus::TrelanObject> &objects)
 {
-    // There is no event loop here, and only events tell that the connection has dropped.
+    // Only events tell that the connection has dropped, and this program has no event loop.
     QCoreApplication::processEvents();
     if (!_handler.isOpen() && !reopen())
         return;
@@ -33,7 +33,7 @@ void StatePublisher::publish(const QList<bus::TrelanObject> &objects)
             continue;
         say(reason() + "; trying again");
         _hasBus = false;
-        // A reply that is only late would be taken for the one to the next request.
+        // A late reply would be taken for the reply to the next request.
         _handler.close();
         return;
     }

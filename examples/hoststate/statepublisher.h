@@ -10,14 +10,14 @@ namespace hoststate
 /// \brief Publishes rounds of objects, says once what goes wrong, and comes back by itself when
 /// the bus does.
 ///
-/// Blocks as the query channel does; one thread. A value that could not be published is not kept
-/// for later: the next round has a newer one.
+/// publish() blocks for as long as the query channel does. A value that could not be published is
+/// not kept for later, since the next round has a newer one.
 class StatePublisher
 {
 public:
     explicit StatePublisher(const QString &clientName);
 
-    /// Connects for the first time; false, and said why, if there is no bus or it refuses.
+    /// Connects for the first time. If there is no bus, or it refuses, says why and returns false.
     bool open();
 
     void publish(const QList<bus::TrelanObject> &objects);
@@ -26,7 +26,7 @@ public:
     bool hasBus() const { return _hasBus; }
     int published() const { return _published; }
     int refused() const { return _refused; }
-    /// Whether the bus refused this client, or an object of it, as opposed to not being there.
+    /// Whether there was a bus that refused this client or one of its objects.
     bool wasRefused() const;
 
 private:
@@ -38,10 +38,10 @@ private:
     bool _hasBus = false;
     int _published = 0;
     int _refused = 0;
-    QMap<QString, QString> _refusals; ///< by object name, so that each is said once
+    QMap<QString, QString> _refusals; ///< reasons that were said already, by object name
 };
 
-/// One line on standard error, without anything a terminal would obey.
+/// Prints one line on standard error, without anything that a terminal would obey.
 void say(const QString &text);
 
 } // namespace hoststate

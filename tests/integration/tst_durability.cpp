@@ -193,10 +193,11 @@ private slots:
     {
         const TestTable<QString, int, QString> row("arguments", "code", "text");
         row("version", "--version", 0, "^trelanbusd 1\\.2\\.1\n$");
-        row("host name", "--host localhost", 2, "--host.*localhost");
-        row("unknown option", "--nonsense", 2, "--nonsense");
+        row("host name", "--host localhost", 2, "^trelanbusd: --host.*localhost");
+        row("no option", "ports", 2, "^trelanbusd: unexpected argument 'ports'; see trelanbusd");
+        row("unknown option", "--nonsense", 2, "^trelanbusd: unknown option '--nonsense'");
         row("no folder", "--data ", 2, "--data");
-        row("limit too large", "--max-frame 2GiB", 2, "not in range 1 to 1073741824\n");
+        row("limit too large", "--max-frame 2GiB", 2, "not in range 1 to 1073741824; see");
         row("folder", "--data /dev/null", 1, "/dev/null/trelan.db: the folder cannot");
         row("folder in use", "--data DATA", 1, "/trelan.db: .* in use by another");
         row("port in use", "--query-port PORT", 1, "127.0.0.1:\\d+: .*in use");

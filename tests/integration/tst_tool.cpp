@@ -106,7 +106,6 @@ private Q_SLOTS:
             R"(0\|\{"content":\{"n":1,"s":"x"\},"logged":true,"name":"k.ls".*\}\|)", "");
         row("get gone.a", R"(1\|\|trelanctl: refused by the bus: 2 [^\n]*"gone\.a")", "");
         row("pub a..b x=1", R"(1\|\|trelanctl: refused by the bus: 2 [^\n]*empty segment)", "");
-        row("ls --name ''", R"(1\|\|trelanctl: refused by the bus: 3 [^\n]*)", "");
         row("pub a..b x=1 --verbose",
             R"(1\|\|trelanctl: 2 .*\ntrelanctl: refused by the bus: 2 .*)", "");
         row("match ls '[ls]'", R"(1\|no match\|)", "");
@@ -117,9 +116,12 @@ private Q_SLOTS:
             good + "\n");
         row("frame  ", R"(1\|.*\|trelanctl: frame 2: the input ends .*)", good + good.chopped(1));
         row("frame   ", R"(1\|\|.*frame 1: the input ends .*)", "[-REPLY-]\r\n2000000000\r\nx");
-        row("wait k.l+ --timeout 0.3", R"(1\|\|trelanctl: nothing that 'k.l\+' takes .*)", "");
+        row("wait k.l+ --timeout 0.3",
+            R"(1\|\|trelanctl: warning: 'k.l\+' can .*\ntrelanctl: nothing that 'k.l\+' takes .*)",
+            "");
+        row("ls '*.ls'", R"(0\|NAME [^\n]*\|trelanctl: warning: '\*\.ls' can match nothing but .*)",
+            "");
         row("wait k.ls", R"(0\|k\.ls  me  \S+ \S+  \{"n":1,"s":"x"\}\|)", "");
-        row("watch ''", R"(1\|\|trelanctl: refused by the bus: 2 [^\n]*)", "");
         row("watch 'k.*' | head -1", R"(0\|k\.[^\n]*\|trelanctl: nobody reads[^\n]*)", "");
         row("watch 'k.*' >/dev/full", R"(1\|\|trelanctl: cannot write the output: .*)", "");
         row("send nobody hi", R"(1\|\|trelanctl: no client 'nobody' is there)", "");
@@ -131,7 +133,9 @@ private Q_SLOTS:
         for (const char *line :
              {"''", "nonsense", "ls a b", "get", "pub a", "pub a x", "pub a '{x}'",
               "pub a x=1 --permanent --not-stored", "ls --query-port 65536", "ls --host ::1",
-              "get \"$(printf '\\377')\""})
+              "get \"$(printf '\\377')\"", "serve ''  --exec cat",
+              "serve x --exec /nowhere/program", "serve x --exec nowhere-program",
+              "serve x --exec /dev/null"})
             row(line, R"(2\|\|trelanctl: [^\n]+)", "");
         row("pub a - ", R"(2\|\|trelanctl: [^\n]*no JSON object[^\n]*)", "{");
     }
@@ -173,24 +177,33 @@ private Q_SLOTS:
     void serves_data()
     {
         const TestTable<QByteArray, QByteArray> row("server", "answer");
-        row("program", "--exec /bin/cat", R"({"k":\[1,null]})");
-        row("exit code", "--exec /bin/sh -- -c 'exit 3'", R"({"error":".* exit code 3"})");
-        row("no JSON", "--exec /bin/echo hi", R"({"error":".*no JSON object.*"})");
-        row("no program", "--exec /nowhere/program", R"({"error":".*cannot be started.*"})");
-        row("too much", "--exec /usr/bin/yes", R"({"error":".*more than \d+ bytes"})");
+        const QByteArray error = R"(1\|\|trelanctl: 'server' answers with an error: )";
+        row("program", "--exec cat", R"(0\|\{"k":\[1,null]}\|)");
+        row("exit code", "--exec /bin/sh -- -c 'exit 3'", error + ".* exit code 3");
+        row("no JSON", "--exec /bin/echo hi", error + ".*no JSON object.*");
+        row("no interpreter", "--exec \"$BROKEN\"", error + ".*cannot be started.*");
+        row("too much", "--exec /usr/bin/yes", error + ".*more than \\d+ bytes");
         row("too long", "--timeout 0.3 --exec /bin/sh -- -c 'sleep 100 & echo =$!= >&2; wait'",
-            R"({"error":".*within 0.3 s"})");
+            error + ".*within 0.3 s");
+        row("error of its own", "--exec /bin/echo '{\"error\":7,\"k\":1}'",
+            R"(1\|\{"error":7,"k":1\}\|trelanctl: 'server' answers with an error: 7)");
     }
 
     void serves()
     {
         QFETCH(QByteArray, server);
         QFETCH(QByteArray, answer);
+        const QTemporaryDir folder;
+        QFile broken(folder.filePath("broken"));
+        QVERIFY(broken.open(QIODevice::WriteOnly) && broken.write("#!/nowhere/shell\n") > 0);
+        QVERIFY(broken.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
+        broken.close();
+        server.replace("$BROKEN", broken.fileName().toUtf8());
         RunningTool serve("--name server serve do " + server, _at);
         AWAIT(serve.err.contains("serving 'do' as the client"));
         const QString result = runTool("call server do 'k=[1,null]'", _at);
-        const QString pattern = QString::fromLatin1("0\\|" + answer.replace('{', "\\{") + "\\|");
-        QVERIFY2(QRegularExpression(pattern).match(result).hasMatch(), qPrintable(result));
+        const QRegularExpression expected("\\A" + QString::fromLatin1(answer) + "\\z");
+        QVERIFY2(expected.match(result).hasMatch(), qPrintable(result));
         if (server.contains('=')) { // what the program has started is killed with it
             AWAIT(serve.err.count('=') == 2);
             AWAIT(runningCommand(serve.err.split('=')[1]).isEmpty());
@@ -221,6 +234,34 @@ private Q_SLOTS:
         // The subscription and four answers: to the command to everybody there is none.
         QVERIFY(runTool(clients, _at).contains(R"("in":5,)"));
         QCOMPARE(serve.end(SIGINT), 0);
+    }
+
+    void lateAnswerLeavesNothing()
+    {
+        const QTemporaryDir folder;
+        const QByteArray fifo = folder.filePath("fifo").toUtf8();
+        QCOMPARE(::mkfifo(fifo.constData(), 0600), 0);
+        RunningTool serve("--name server serve do --exec cat " + fifo, _at);
+        AWAIT(serve.err.contains("serving"));
+        QVERIFY(runTool("--name caller call server do --timeout 0.3", _at).contains("no answer"));
+        AWAIT(release(fifo) && serve.err.contains("the answer to 'caller' is lost"));
+        QVERIFY(!runTool("clients", _at).contains("caller"));
+    }
+
+    void otherChannelsPort()
+    {
+        bus::TrelanBusSettings swapped = _at;
+        swapped.setQueryPort(_at.msgPort());
+        swapped.setMsgPort(_at.queryPort());
+        const QString hint =
+            QString("127.0.0.1:%1 seems to be the port of the message channel").arg(_at.msgPort());
+        for (const char *line : {"ls", "watch x", "logs", "call x y", "bench --seconds 0.001"}) {
+            const QString result = runTool(line, swapped);
+            QVERIFY2(result.startsWith("1||") && result.contains(hint), qPrintable(result));
+        }
+        swapped.setQueryPort(swapped.msgPort());
+        QVERIFY(
+            runTool("watch x", swapped).startsWith("2||trelanctl: --query-port and --msg-port"));
     }
 
     void showsLogs()

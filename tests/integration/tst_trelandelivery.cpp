@@ -150,6 +150,43 @@ private Q_SLOTS:
         }
     }
 
+    void nothingWaitsForATransientClient()
+    {
+        const QTemporaryDir folder;
+        TrelanBusSettings settings;
+        settings.setDataFolder(folder.path());
+        const auto stored = [](const QByteArray &text) {
+            return "sendMessage {'r':'a','ops':2,'msg':'" + text + "'}";
+        };
+        const auto clients = [](RawPeer &query) {
+            return query.ask("clients {}") == "0 " ? query.data()["clients"].toList().size() : -1;
+        };
+        {
+            TestBus server(settings);
+            RawPeer query(server, "me");
+            QCOMPARE(query.ask(stored("on disk")), "0 ");
+            {
+                RawPeer messages;
+                QVERIFY(messages.connectTo(server.msgPort()));
+                QCOMPARE(messages.ask("handshake {'name':'a','transient':true}"), "0 ");
+                QCOMPARE(messages.receiveDelivery()["msg"].toString(), "on disk");
+                QCOMPARE(query.ask(stored("in memory")), "0 ");
+                QCOMPARE(messages.receiveDelivery()["msg"].toString(), "in memory");
+            }
+            QTRY_COMPARE(clients(query), 1);
+            QCOMPARE(query.ask(stored("late")), "3 client \"a\" is not connected");
+            RawPeer usual; // another one of the name, for whom messages wait as ever
+            QVERIFY(usual.connectTo(server.msgPort()));
+            QCOMPARE(usual.ask("handshake {'name':'a','transient':'yes'}"), "0 ");
+            QCOMPARE(query.ask(stored("for another")), "0 ");
+        }
+        TestBus server(settings);
+        RawPeer messages;
+        QVERIFY(messages.connectTo(server.msgPort()));
+        QCOMPARE(messages.ask("handshake {'name':'a'}"), "0 ");
+        QCOMPARE(messages.receiveDelivery()["msg"].toString(), "for another");
+    }
+
     void logLinesAreNeverRefused()
     {
         // The refusal would be logged, and come back as the next line.

@@ -3,6 +3,7 @@
 
 #include <logcapture.h>
 #include <scriptedserver.h>
+#include <testsupport.h>
 #include <testtable.h>
 #include <trelanmessagereciever.h>
 #include <trelanqueryhandler.h>
@@ -261,6 +262,17 @@ private Q_SLOTS:
         QCOMPARE(_server->frames()[0].data, QVariantMap({{"name", "me"}, {"prompt", true}}));
         QCOMPARE(_server->frames()[1].data["uid"], QVariant("0"));
         QVERIFY(reciever.isOpen());
+    }
+
+    void saysThatItIsTransient()
+    {
+        serve([](ScriptedPeer &peer) { peer.readFrame(); });
+        TrelanMessageReciever reciever("a");
+        reciever.setTransient(true);
+        QVERIFY(reciever.open());
+        QTRY_COMPARE(_server->frames().size(), 1);
+        const QByteArray golden = testData("frames/handshake-transient.bin").split('\n').last();
+        QCOMPARE(_server->frames()[0].json, qUncompress(QByteArray::fromBase64(golden)));
     }
 
     void deliveriesAreReadAsMaps()

@@ -354,6 +354,17 @@ private Q_SLOTS:
         QVERIFY(transport::PROMPT || timer.elapsed() > 9500); // two intervals
     }
 
+    void swappedPortsAreNamed()
+    {
+        const LogCapture log;
+        TestBus bus;
+        Controller controller("me");
+        controller.setBus(HOST, bus.queryPort(), bus.msgPort());
+        QTRY_VERIFY(
+            log.texts().contains(QString("warning: Port %1 seems to be that of the message channel")
+                                     .arg(bus.msgPort())));
+    }
+
     void valuesOfNowAfterEveryConnection()
     {
         const TrelanTransport::Mode before = TrelanTransport::mode();

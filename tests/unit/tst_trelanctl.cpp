@@ -3,6 +3,7 @@
 #include "contentparser.h"
 #include "objecttable.h"
 #include "terminaltext.h"
+#include "wildcardadvice.h"
 
 #include <testtable.h>
 
@@ -44,7 +45,8 @@ private Q_SLOTS:
             "x|||./p,--flag,++,[a],-|1000|127.0.0.1:43537");
         for (const char *line :
              {"serve x", "serve --exec p", "watch", "wait a b", "send c", "logs x",
-              "wait a --timeout 0", "wait a --timeout 1e9", "bench --seconds -1"})
+              "wait a --timeout 0", "wait a --timeout 1e9", "bench --seconds -1", "call  x",
+              "send  x", "rm a ", "ls --name ", "watch a  --json"})
             row(line, Usage, "");
     }
 
@@ -62,6 +64,52 @@ private Q_SLOTS:
                                  .join('|');
         if (parsed.run)
             QTEST(seen.toUtf8(), "seen");
+    }
+
+    void usageErrors_data()
+    {
+        const TestTable<QByteArray> row("text");
+        row("ls --foo x --jsno", "unknown options '--foo', '--jsno' (did you mean '--json'?)");
+        row("call c x --tiemout=5", "unknown option '--tiemout' (did you mean '--timeout'?)");
+        row("--verb ls", "unknown option '--verb' (did you mean '--verbose'?)");
+        row("ls --print-completoin", "unknown option '--print-completoin'");
+        row("ls a [b] c", "unexpected arguments '[b]', 'c'");
+        row("wach x", "'wach' is no command (did you mean 'watch'?); there are pub, get, ls,");
+        row("call c ", "COMMAND: must not be empty");
+        row("ls --host", "--host needs a value");
+        row("ls --host a --host b", "--host is given more than once");
+    }
+
+    void usageErrors()
+    {
+        const QByteArray line = QTest::currentDataTag();
+        QFETCH(const QByteArray, text);
+        QCOMPARE(parseArguments(line.split(' ')).text.left(text.size()).toUtf8(), text);
+    }
+
+    void wildcards_data()
+    {
+        const TestTable<QByteArray> row("advice");
+        for (const char *wildcard : {"*", "room.*", "room.+", "+.temp", "+.+", "*.room.*",
+                                     "*.+.a.b.*", "room.temp", "*.*"})
+            row(wildcard, "");
+        row("room*", "nothing but itself: '*' and '+' count only as whole segments");
+        row("room+.*", "nothing but itself: '*' and '+' count only as whole segments");
+        row("+", "nothing but itself: a '+' counts only beside");
+        row("*.temp", "nothing but itself: a '*' counts only at the end");
+        row("a.*.b.*", "nothing but itself: a '*' counts only at the end");
+        row("a..*", "nothing but itself: no name has an empty segment");
+        row("a.b.+.c.d", "nothing but itself: a name would have to contain 'a.b.c.d'");
+        row("room.+.temp", "only names that contain 'room.temp'"); // such as room.room.temp
+        row("a.ba.+.a.b", "only names that contain 'a.ba.a.b'");   // a.ba.ba.a.b
+        row("room*.+", "takes 'room*' as it stands");
+    }
+
+    void wildcards()
+    {
+        const QString said = wildcardAdvice(QTest::currentDataTag());
+        QFETCH(const QByteArray, advice);
+        QVERIFY2(advice.isEmpty() ? said.isEmpty() : said.contains(advice), qPrintable(said));
     }
 
     void logLines()

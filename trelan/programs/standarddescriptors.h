@@ -6,9 +6,11 @@
 namespace programs
 {
 
-/// A standard descriptor that is closed would become the first socket, and what is printed would go
-/// to a peer. What takes its place can be neither read nor written, so that the fault is noticed.
-/// To be called before anything is opened.
+/// \brief Opens each standard descriptor that is closed. To be called before anything else is
+/// opened.
+///
+/// The first socket would become a closed standard descriptor, and what is printed would go to a
+/// peer. What is opened here can be neither read nor written, so that the fault is noticed.
 inline void occupyStandardDescriptors()
 {
     int descriptor = ::open("/dev/null", O_PATH);

@@ -18,7 +18,8 @@ namespace trelanbusd
 namespace
 {
 
-// Log, signals, event loops and disk, with room for what Qt and SQLite open for a moment.
+// Descriptors for the log, signals, event loops and the disk, with room for what Qt and SQLite open
+// for a moment.
 constexpr rlim_t OWN_DESCRIPTORS = 64;
 
 QStringList takeNames(char **names)

@@ -1,6 +1,7 @@
 #include "environment.h"
 #include "options.h"
 
+#include <commandlinefault.h>
 #include <standarddescriptors.h>
 #include <trelanbus.h>
 
@@ -35,7 +36,7 @@ void configureLog(const QString &level)
         rules += QStringLiteral("*.%1=false\n").arg(QLatin1String(name));
     }
     QLoggingCategory::setFilterRules(rules);
-    // The journal stamps the time itself, and reads the level off the number in front.
+    // The journal stamps the time itself and reads the level off the number in front.
     qSetMessagePattern(
         logsToJournal()
             ? QStringLiteral("%{if-debug}<7>%{endif}%{if-info}<6>%{endif}%{if-warning}<4>%{endif}"
@@ -43,8 +44,8 @@ void configureLog(const QString &level)
             : QStringLiteral("%{time yyyy-MM-dd hh:mm:ss.zzz} %{type} %{message}"));
 }
 
-/// SIGTERM and SIGINT as bytes to read. Blocked before any thread is started, since every thread
-/// inherits that.
+/// Makes SIGTERM and SIGINT bytes to read. To be called before any thread is started, since threads
+/// inherit which signals are blocked.
 int openSignals()
 {
     sigset_t handled;
@@ -55,16 +56,17 @@ int openSignals()
     return signalfd(-1, &handled, SFD_NONBLOCK | SFD_CLOEXEC);
 }
 
+/// Says why the daemon ends, under its own name.
 int fail(const QString &reason)
 {
     std::fprintf(stderr, "trelanbusd: %s\n", qUtf8Printable(reason));
     return EXIT_FAILED;
 }
 
-/// Returns what went wrong, or nothing.
+/// Returns what went wrong; empty if nothing did.
 QString writePortFile(const QString &path, const bus::TrelanBus &server)
 {
-    // At once, so that whoever waits for the file never reads half a line.
+    // The file appears as a whole, so that whoever waits for it never reads half a line.
     QSaveFile file(path);
     const QByteArray lines = "query=" + QByteArray::number(server.queryPort()) +
                              "\nmsg=" + QByteArray::number(server.msgPort()) + "\n";
@@ -73,7 +75,7 @@ QString writePortFile(const QString &path, const bus::TrelanBus &server)
     return QStringLiteral("cannot write the port file %1: %2").arg(path, file.errorString());
 }
 
-/// "127.0.0.1:43535 and 127.0.0.1:43537"; of sockets that were handed over, the ports.
+/// "127.0.0.1:43535 and 127.0.0.1:43537", or the ports alone if the sockets were handed over.
 QString whereItListens(const bus::TrelanBus &server, const bus::TrelanBusSettings &settings)
 {
     const bool given = settings.queryDescriptor() >= 0;
@@ -116,14 +118,19 @@ int main(int argc, char **argv)
 {
     programs::occupyStandardDescriptors();
     CLI::App cli("Trelan's bus server: keeps shared objects and answers the applications of this "
-                 "machine.");
+                 "machine.",
+                 "trelanbusd");
     bus::TrelanTransport::setCoding(bus::TrelanTransport::Light); // before the settings are made
     Options options;
     addOptions(cli, options);
     try {
         cli.parse(argc, argv);
+    } catch (const CLI::Success &success) { // help or version
+        return cli.exit(success);
     } catch (const CLI::ParseError &error) {
-        return cli.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+        fail(QString::fromStdString(programs::commandLineFault(cli, error)) +
+             QStringLiteral("; see trelanbusd --help"));
+        return EXIT_USAGE;
     }
     finish(options);
     const QString fault = takeSockets(options.settings);
@@ -132,7 +139,7 @@ int main(int argc, char **argv)
 
     const int signalFd = openSignals();
     QCoreApplication app(argc, argv);
-    // Paths and log lines are UTF-8 also in the C locale that a service starts in.
+    // Paths and log lines are UTF-8, also in the C locale that a service starts in.
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
     configureLog(QString::fromStdString(options.logLevel));
     return run(app, options, signalFd);

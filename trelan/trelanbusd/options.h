@@ -19,9 +19,10 @@ struct Options
     int messageLifetime = 60 * 60; ///< in seconds
 };
 
-/// What is given on the command line goes into \a options, except what the settings
-/// get from finish(), since they have it in another form.
+/// Makes \a app fill in \a options.
 void addOptions(CLI::App &app, Options &options);
+/// Completes the settings with the options that they hold in another form. To be called after the
+/// command line is parsed.
 void finish(Options &options);
 
 } // namespace trelanbusd

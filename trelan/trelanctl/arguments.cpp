@@ -4,6 +4,9 @@
 #include "completion.h"
 #include "terminaltext.h"
 
+#include <commandlinefault.h>
+
+#include <QtCore/QSet>
 #include <QtCore/QTextCodec>
 
 #include <cmath>
@@ -16,8 +19,8 @@ namespace
 
 const double MS_PER_S = 1000;
 
-// CLI11 takes a word in brackets for a list and "++" for the end of a command; both are good names
-// and wildcards. A mark before them, taken off again afterwards, hides them from it.
+// CLI11 takes a word in brackets for a list and "++" for the end of a command, and both are good
+// names and wildcards. A mark in front hides such a word from CLI11 and is taken off afterwards.
 const char MARK = '\x1f';
 
 std::string marked(const QByteArray &word)
@@ -45,7 +48,8 @@ Arguments toArguments(const CLI::App &app, const RawArguments &raw)
     arguments.command = commandOf(app);
     arguments.name = unmarked(raw.name);
     arguments.wildCard = unmarked(raw.wildCard);
-    arguments.names = toList(raw.names);
+    const bool waits = arguments.command == Arguments::Wait;
+    arguments.names = waits ? QStringList(arguments.wildCard) : toList(raw.names);
     arguments.content = toList(raw.content);
     arguments.client = unmarked(raw.client);
     arguments.text = unmarked(raw.text);
@@ -82,17 +86,43 @@ ParsedArguments completion(const CLI::App &app)
     return parsed;
 }
 
-/// For what was given where a command should be.
-QString noCommandText(const CLI::App &app)
+/// What to say of \a word, which stands where a command should; empty if there is nothing.
+QString noCommandText(const CLI::App &app, const std::string &word)
 {
-    const std::vector<std::string> words = app.remaining();
-    if (words.empty())
-        return QStringLiteral("a command is expected: ") + commandNames(app);
-    return QStringLiteral("'%1' is no command; expected %2")
-        .arg(terminal::escaped(unmarked(words.front())), commandNames(app));
+    const std::vector<std::string> names = commandNames(app);
+    const QString expected = QString::fromStdString(CLI::detail::join(names, ", "));
+    if (word.empty())
+        return QStringLiteral("a command is expected: ") + expected;
+    return QStringLiteral("'%1' is no command%2; there are %3")
+        .arg(QString::fromStdString(word),
+             QString::fromStdString(programs::didYouMean(word, names)), expected);
 }
 
-/// Bytes that are no UTF-8 would reach the bus as other characters than were meant.
+QString faultText(const CLI::App &app, const CLI::ParseError &error)
+{
+    const std::vector<std::string> words = programs::unexpectedWords(app);
+    const std::string word = words.empty() ? std::string() : words.front();
+    QString text = QString::fromStdString(programs::commandLineFault(app, error));
+    if (app.get_subcommands().empty() && !programs::isOption(word) &&
+        dynamic_cast<const CLI::RequiredError *>(&error) != nullptr)
+        text = noCommandText(app, word);
+    return text.remove(QLatin1Char(MARK));
+}
+
+/// What is wrong with words that are right one by one; empty if nothing is.
+QString conflict(const Arguments &arguments)
+{
+    static const QSet<int> NEEDS_BOTH {Arguments::Watch, Arguments::Wait, Arguments::Call,
+                                       Arguments::Serve, Arguments::Logs, Arguments::Bench};
+    if (NEEDS_BOTH.contains(arguments.command) && arguments.queryPort == arguments.messagePort) {
+        return QStringLiteral("--query-port and --msg-port are both %1, and each channel of a bus "
+                              "has a port of its own")
+            .arg(arguments.queryPort);
+    }
+    return {};
+}
+
+/// Other bytes would reach the bus as other characters than were meant.
 bool isUtf8(const QByteArray &bytes)
 {
     QTextCodec::ConverterState state;
@@ -104,7 +134,7 @@ bool isUtf8(const QByteArray &bytes)
 
 ParsedArguments parseArguments(const QList<QByteArray> &argv)
 {
-    std::vector<std::string> words; // CLI11 takes them from the end
+    std::vector<std::string> words; // reversed, since CLI11 takes them from the end
     for (const QByteArray &word : argv) {
         if (!isUtf8(word)) {
             return usageError(QStringLiteral("the argument '%1' is no valid UTF-8")
@@ -128,12 +158,15 @@ ParsedArguments parseArguments(const QList<QByteArray> &argv)
         parsed.text = QString::fromStdString(app.help()).trimmed();
         return parsed;
     } catch (const CLI::ParseError &error) {
-        if (app.get_subcommands().empty() && dynamic_cast<const CLI::RequiredError *>(&error))
-            return raw.printCompletion ? completion(app) : usageError(noCommandText(app));
-        return usageError(terminal::escaped(QString::fromUtf8(error.what())));
+        if (raw.printCompletion)
+            return completion(app);
+        return usageError(terminal::escaped(faultText(app, error)));
     }
-    parsed.run = true;
     parsed.arguments = toArguments(app, raw);
+    const QString fault = conflict(parsed.arguments);
+    if (!fault.isEmpty())
+        return usageError(fault);
+    parsed.run = true;
     return parsed;
 }
 

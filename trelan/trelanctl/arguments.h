@@ -17,7 +17,7 @@ enum ExitCode {
     NoBus = 3
 };
 
-/// What the command line asks for.
+/// What a command line asks for.
 struct Arguments
 {
     enum Command {
@@ -61,18 +61,19 @@ struct Arguments
     bool verbose = false;
 };
 
-/// \brief A command line taken apart. Pure; the texts are for the caller to print.
+/// \brief A command line taken apart.
 struct ParsedArguments
 {
-    /// Whether to go on with arguments. If not, print text and end with exitCode: it is help for
-    /// Done, and an error for Usage.
+    /// Whether to go on with arguments. Otherwise the caller prints text and ends with exitCode:
+    /// text is help for Done, and an error for Usage.
     bool run = false;
     ExitCode exitCode = Done;
     QString text;
     Arguments arguments;
 };
 
-/// \a argv without the program's own name, in UTF-8 whatever the locale, as the bus has it.
+/// Takes a command line apart. Pure. \a argv leaves out the program's own name, and is UTF-8
+/// whatever the locale, since the texts on the bus are UTF-8.
 ParsedArguments parseArguments(const QList<QByteArray> &argv);
 
 } // namespace trelanctl

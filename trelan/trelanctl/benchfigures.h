@@ -7,11 +7,11 @@
 
 #include <vector>
 
-/// What a measurement says. Pure functions.
+/// What a measurement says. All functions are pure.
 namespace trelanctl
 {
 
-/// How long each of a number of repetitions took, one after the other.
+/// How long each repetition of one measurement took.
 struct BenchFigures
 {
     QString what;
@@ -19,10 +19,11 @@ struct BenchFigures
     std::vector<qint64> nanoseconds;
 };
 
-/// The smallest time that \a percent of them, or more, do not exceed; 0 if there are none.
+/// The smallest time that at least \a percent of the times do not exceed; 0 without any time.
 qint64 percentile(std::vector<qint64> nanoseconds, int percent);
 
-/// Content whose compact JSON has \a bytes bytes; figures, which compress as figures do.
+/// Content whose compact JSON has \a bytes bytes. It consists of figures, since real contents
+/// compress like figures.
 QVariantMap benchContent(int bytes);
 
 QStringList benchTable(const QList<BenchFigures> &figures);

@@ -20,10 +20,11 @@ const qint64 MAX_PAYLOAD = 16 * 1024 * 1024;
 
 } // namespace
 
-BenchPeer::BenchPeer(quint32 host, quint16 port, const QString &name)
-    : _reader(MAX_PAYLOAD)
+BenchPeer::BenchPeer(const Arguments &arguments, quint16 port, const QString &name)
+    : _arguments(arguments)
+    , _reader(MAX_PAYLOAD)
 {
-    _socket.connectToHost(QHostAddress(host), port);
+    _socket.connectToHost(QHostAddress(bus::TrelanQueryHandler::queryHost()), port);
     if (!_socket.waitForConnected(WAIT_MS)) {
         fail(NoBus,
              QStringLiteral("no connection to port %1: %2").arg(port).arg(_socket.errorString()));
@@ -46,11 +47,9 @@ bool BenchPeer::request(const QByteArray &frame)
     const QVariantMap result = TrelanFrame::decodePayload(_reader.payload())
                                    .envelope.value(QStringLiteral("result"))
                                    .toMap();
-    return TrelanFrame::replyCode(result) == 0 ||
-           fail(Failed, QStringLiteral("refused by the bus: %1 %2")
-                            .arg(TrelanFrame::replyCode(result))
-                            .arg(terminal::escaped(
-                                result.value(QStringLiteral("description")).toString())));
+    const auto code = bus::TrelanError::Error(TrelanFrame::replyCode(result));
+    const bus::TrelanError error(code, result.value(QStringLiteral("description")).toString());
+    return code == bus::TrelanError::NoError || fail(Failed, refusal(_arguments, error).text);
 }
 
 bool BenchPeer::awaitDelivery()

@@ -12,20 +12,20 @@ namespace trelanctl
 {
 
 /// \brief One connection to the bus that does not pace itself as the client library does, so that
-/// what is measured with it is the bus.
+/// a measurement with it is one of the bus.
 ///
-/// Blocking. After a fault every call fails, and fault() says what it was.
+/// All methods block. After a fault every call fails, and fault() says what it was.
 class BenchPeer
 {
 public:
-    /// Connected and registered, unless there is a fault.
-    BenchPeer(quint32 host, quint16 port, const QString &name);
+    /// Connected and registered, unless there is a fault. To be made after locateBus().
+    BenchPeer(const Arguments &arguments, quint16 port, const QString &name);
 
     static QByteArray requestFrame(const QString &operation, const QVariantMap &data);
 
     /// Sends a request and waits until the bus has answered it with code 0.
     bool request(const QByteArray &frame);
-    /// Waits for a delivery; acknowledge() it before the next one.
+    /// Waits for a delivery, which has to be acknowledged before the next one.
     bool awaitDelivery();
     bool acknowledge();
 
@@ -35,6 +35,7 @@ private:
     bool awaitFrame(bus::TrelanFrame::Kind kind);
     bool fail(ExitCode code, const QString &text);
 
+    const Arguments _arguments;
     QTcpSocket _socket;
     bus::TrelanFrameReader _reader;
     Outcome _fault;

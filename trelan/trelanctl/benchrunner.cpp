@@ -46,8 +46,7 @@ ExitCode BenchRunner::run()
     EndSignals::install();
     _outcome = locateBus(_arguments);
     if (_outcome.code == Done) {
-        _publisher = std::make_unique<BenchPeer>(bus::TrelanQueryHandler::queryHost(),
-                                                 _arguments.queryPort, _name);
+        _publisher = std::make_unique<BenchPeer>(_arguments, _arguments.queryPort, _name);
         _outcome = _publisher->fault();
     }
     const QList<BenchFigures> all = measureAll();
@@ -63,7 +62,7 @@ ExitCode BenchRunner::run()
     return _outcome.code;
 }
 
-/// As much of it as there is before a fault.
+/// Returns what was measured before a fault.
 QList<BenchFigures> BenchRunner::measureAll()
 {
     QList<BenchFigures> all;
@@ -81,9 +80,8 @@ QList<BenchFigures> BenchRunner::measureAll()
 bool BenchRunner::addReceiver()
 {
     const QString name = QStringLiteral("%1-%2").arg(_name).arg(_receivers.size());
-    const quint32 host = bus::TrelanQueryHandler::queryHost();
-    Receiver receiver {std::make_unique<BenchPeer>(host, _arguments.queryPort, name),
-                       std::make_unique<BenchPeer>(host, _arguments.messagePort, name)};
+    Receiver receiver {std::make_unique<BenchPeer>(_arguments, _arguments.queryPort, name),
+                       std::make_unique<BenchPeer>(_arguments, _arguments.messagePort, name)};
     const QByteArray subscription =
         BenchPeer::requestFrame(QStringLiteral("sub"), {{QStringLiteral("wc"), _name}});
     if (!receiver.query->request(subscription))
@@ -106,7 +104,7 @@ bool BenchRunner::measure(BenchFigures &figures)
         qint64(_arguments.seconds * 1000) / qint64(SIZES.size() * RECEIVERS.size());
     Output::progress(QStringLiteral("%1, %2 bytes ...").arg(figures.what).arg(figures.bytes));
     qint64 nanoseconds = 0;
-    if (!publishOnce(frame, nanoseconds)) // the first finds everything cold, and is not counted
+    if (!publishOnce(frame, nanoseconds)) // not counted, since it finds everything cold
         return false;
     QElapsedTimer timer;
     timer.start();

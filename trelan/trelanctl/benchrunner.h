@@ -15,8 +15,8 @@ class BenchPeer;
 /// \brief Measures what this bus does on this machine: acknowledged publishes, the way from a
 /// publish to one receiver, and to the last of several.
 ///
-/// One publish after the other, so that the times are those of an idle bus. Nothing is stored, and
-/// the names are of this run alone.
+/// It publishes one object after the other, so that the times are those of an idle bus. Nothing is
+/// stored, and the names are used by this run alone.
 class BenchRunner
 {
 public:

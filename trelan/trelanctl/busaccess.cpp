@@ -73,9 +73,7 @@ Outcome failureOf(const bus::TrelanQueryHandler &handler, const Arguments &argum
     const QString place = busPlace(arguments, arguments.queryPort);
     switch (handler.lastFailure()) {
     case TrelanQueryHandler::Refused:
-        return {Failed, QStringLiteral("refused by the bus: %1 %2")
-                            .arg(handler.lastError().error())
-                            .arg(terminal::escaped(handler.lastError().description()))};
+        return refusal(arguments, handler.lastError());
     case TrelanQueryHandler::Timeout:
         return silentBus(arguments);
     case TrelanQueryHandler::Framing:
@@ -87,6 +85,19 @@ Outcome failureOf(const bus::TrelanQueryHandler &handler, const Arguments &argum
     if (!connected)
         return noBus(arguments, arguments.queryPort);
     return {NoBus, QStringLiteral("the bus at %1 went away before it answered").arg(place)};
+}
+
+Outcome refusal(const Arguments &arguments, const bus::TrelanError &error)
+{
+    QString text = QStringLiteral("refused by the bus: %1 %2")
+                       .arg(error.error())
+                       .arg(terminal::escaped(error.description()));
+    // The message channel takes a handshake and nothing else.
+    if (error.error() == bus::TrelanError::UnsupportedRequest)
+        text += QStringLiteral("\n%1 seems to be the port of the message channel; see "
+                               "--query-port and --msg-port.")
+                    .arg(busPlace(arguments, arguments.queryPort));
+    return {Failed, text};
 }
 
 Outcome noBus(const Arguments &arguments, quint16 port)

@@ -9,7 +9,7 @@
 namespace trelanctl
 {
 
-/// Why a command ends, and what is to be told about it. Done and no text: it does not.
+/// Why a command ends, and what to say about it. Done without a text means that it goes on.
 struct Outcome
 {
     ExitCode code = Done;
@@ -24,12 +24,15 @@ QString busPlace(const Arguments &arguments, quint16 port);
 /// A host name is looked up here, which may take a while.
 Outcome locateBus(const Arguments &arguments);
 
-/// The same, and opens \a handler.
+/// Tells the library where the bus is, and opens \a handler.
 Outcome connectTo(bus::TrelanQueryHandler &handler, const Arguments &arguments);
 
 /// Why the last operation of \a handler failed. \a connected: whether there had been a bus before.
 Outcome failureOf(const bus::TrelanQueryHandler &handler, const Arguments &arguments,
                   bool connected);
+
+/// The bus has answered a request with \a error.
+Outcome refusal(const Arguments &arguments, const bus::TrelanError &error);
 
 /// Nothing listens on that port.
 Outcome noBus(const Arguments &arguments, quint16 port);

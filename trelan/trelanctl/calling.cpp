@@ -24,7 +24,7 @@ Calling::Calling(const Arguments &arguments, const QVariantMap &parameters)
 
 ExitCode Calling::run()
 {
-    // Not before both channels are there: the answer would find nobody.
+    // The call waits for both channels, or the answer would find nobody.
     QObject::connect(&_session, &Session::ready, &_session, [this] { call(); });
     QObject::connect(
         &_session, &Session::sent, &_session,
@@ -40,7 +40,7 @@ void Calling::call()
     bus::TrelanMessage message;
     if (_called || !_call.toTrelanMessage(message))
         return;
-    _called = true; // once: the client may have it although the bus went away
+    _called = true; // never twice: the client may have the command although the bus went away
     message.setStored(false);
     emit _session.send(message);
 }
@@ -57,8 +57,14 @@ void Calling::take(const bus::TrelanCommand &answer)
 {
     if (answer.parentUid() != _call.uid() || _session.isFinished())
         return;
-    _session.print(_arguments.json ? answerJson(answer) : answerText(answer));
-    _session.finish({});
+    const QString error = errorOf(answer);
+    // An error alone is said once, except to a script.
+    if (error.isNull() || _arguments.json || answer.params().size() > 1)
+        _session.print(_arguments.json ? answerJson(answer) : answerText(answer));
+    _session.finish(error.isNull()
+                        ? Outcome()
+                        : Outcome {Failed, QStringLiteral("'%1' answers with an error: %2")
+                                               .arg(terminal::escaped(answer.sender()), error)});
 }
 
 void Calling::giveUp()

@@ -7,8 +7,8 @@ namespace trelanctl
 
 /// \brief A command to one client, and its answer.
 ///
-/// It does not wait for a client that is not there: what is carried out when nobody waits for the
-/// answer any more is a hazard.
+/// The command does not wait for a client that is not there: a command carried out when nobody
+/// waits for the answer any more is a hazard. Nor does a late answer wait for the caller.
 class Calling
 {
 public:

@@ -15,9 +15,9 @@ namespace
 
 const int ACCEPTANCE_POLL_MS = 10;
 const int ROOM_POLL_MS = 50;
-const int ACCEPTANCE_MS = 30000; // what the query channel gives an answer, too
+const int ACCEPTANCE_MS = 30000; // as long as the query channel waits for an answer
 
-/// The channel of this start; the one before may still wait for its deletion.
+/// The channel of this start, which is the last child: one before may still wait for its deletion.
 template <typename Channel>
 Channel *channelOf(const QObject &worker)
 {
@@ -25,7 +25,8 @@ Channel *channelOf(const QObject &worker)
     return channels.isEmpty() ? nullptr : channels.last();
 }
 
-/// The address from which a query channel of that name is open; empty if there is none, or no bus.
+/// The address from which a query channel is open under \a clientName; empty if there is none, or
+/// no bus.
 QString holderOf(const QString &clientName)
 {
     bus::TrelanQueryHandler probe(QUuid::createUuid().toString());
@@ -57,7 +58,7 @@ bool QueryLink::doStart()
 {
     TrelanQueryWorker::doStart();
     auto *handler = channelOf<bus::TrelanQueryHandler>(*this);
-    // Queued, as it may come out of a request.
+    // Queued, since the signal may come out of a request.
     connect(handler, &bus::TrelanQueryHandler::busDisconnected, this, &QueryLink::judgeLoss,
             Qt::QueuedConnection);
     if (!handler->isOpen()) {
@@ -68,7 +69,7 @@ bool QueryLink::doStart()
     } else {
         const Outcome outcome = failureOf(*handler, _arguments, true);
         emit failed(outcome.code, outcome.text);
-        // One that does not answer is as good as lost, and the worker tries another.
+        // A connection without answers is as good as lost: the signal makes the worker try another.
         if (outcome.code == NoBus && handler->isOpen())
             emit handler->busDisconnected();
     }
@@ -77,19 +78,23 @@ bool QueryLink::doStart()
 
 bool QueryLink::subscribe(bus::TrelanQueryHandler &handler)
 {
-    if (_wildCards.isEmpty())
-        return true;
-    // A list is separated by what a single wildcard may contain.
+    if (_wildCards.isEmpty()) {
+        // Asks for nothing, but the port of a message channel refuses even that.
+        return handler.subscribe(QStringList()) ||
+               (handler.lastFailure() == bus::TrelanQueryHandler::Refused &&
+                handler.lastError().error() != bus::TrelanError::UnsupportedRequest);
+    }
+    // A single wildcard may contain what separates the wildcards of a list.
     return _wildCards.size() == 1 ? handler.subscribeNow(_wildCards.first())
                                   : handler.subscribeNow(_wildCards);
 }
 
-/// A bus that is away is waited for. But two clients of one name would take it from each other for
-/// ever, so that the first one gives way.
+/// Waits for a bus that is away, but gives way to another client of the same name: two of them
+/// would take the name from each other for ever.
 void QueryLink::judgeLoss()
 {
     const auto *handler = channelOf<bus::TrelanQueryHandler>(*this);
-    const bool connected = handler && handler->isOpen(); // it only does not answer
+    const bool connected = handler && handler->isOpen(); // and the bus only does not answer
     const QString holder = connected ? QString() : holderOf(_clientName);
     if (holder.isEmpty())
         emit lost();
@@ -110,10 +115,11 @@ void QueryLink::send(bus::TrelanMessage message)
               handler ? failureOf(*handler, _arguments, true).text : QString());
 }
 
-MessageLink::MessageLink(const QString &clientName, std::shared_ptr<QSemaphore> room)
-    : TrelanMsgWorker(clientName, KeepFilter)
+MessageLink::MessageLink(const QString &clientName, Options options,
+                         std::shared_ptr<QSemaphore> room)
+    : TrelanMsgWorker(clientName, options | KeepFilter)
     , _room(std::move(room))
-    , _acceptance(this) // and so moved to the worker's thread with it
+    , _acceptance(this) // a child goes to the worker's thread with it
 {
     _acceptance.setInterval(ACCEPTANCE_POLL_MS);
     connect(&_acceptance, &QTimer::timeout, this, &MessageLink::awaitAcceptance);
@@ -153,7 +159,7 @@ void MessageLink::doProcessObject(const bus::TrelanObject &obj)
     TrelanMsgWorker::doProcessObject(obj);
 }
 
-/// In steps, since whoever would make room may be the one that stops this thread.
+/// Waits in steps, since the thread that would make room may be the one that stops this thread.
 void MessageLink::awaitRoom()
 {
     while (!_room->tryAcquire(1, ROOM_POLL_MS) && !thread()->isInterruptionRequested()) {}
@@ -168,7 +174,7 @@ void MessageLink::awaitAcceptance()
             return;
         _acceptance.stop();
         emit unreachable();
-        if (channel) // as good as lost, and the worker tries another
+        if (channel) // makes the worker try another, as this one is as good as lost
             emit channel->busDisconnected();
         return;
     }

@@ -13,14 +13,14 @@
 #include <memory>
 
 /// The library's workers, with what a tool has to know of their channels and an application need
-/// not. They live in threads of their own; who hears their signals is in another one.
+/// not. They live in threads of their own, and whoever hears their signals lives in another one.
 namespace trelanctl
 {
 
 /// \brief The query channel, which subscribes what is stored now and what changes from then on.
 ///
-/// It subscribes by itself, and not through the worker it is made of, which tries a wildcard again
-/// and again that the bus refuses.
+/// It subscribes by itself, since the worker that it derives from would try a wildcard that the bus
+/// refuses again and again.
 class QueryLink : public bus::TrelanQueryWorker
 {
     Q_OBJECT
@@ -31,14 +31,14 @@ public:
     bool doStart() override;
 
 Q_SIGNALS:
-    /// Connected and subscribed.
+    /// The channel is connected and subscribed.
     void opened();
     void lost();
-    /// Could not be opened, or is another client's now; the text says why. With NoBus it is tried
-    /// again, anything else is final.
+    /// The channel could not be opened, or another client has its name now; the text says why. With
+    /// NoBus it is tried again, anything else is final.
     void failed(int code, QString text);
-    /// What became of a message: the code of the bus, -1 if it did not answer, and what is to be
-    /// told.
+    /// What became of a message: the code of the bus, -1 if it did not answer, and what to say
+    /// about it.
     void sent(bus::TrelanMessage message, int code, QString text);
 
 public Q_SLOTS:
@@ -46,7 +46,6 @@ public Q_SLOTS:
 
 private:
     bool subscribe(bus::TrelanQueryHandler &handler);
-
     void judgeLoss();
 
     const Arguments _arguments;
@@ -56,18 +55,18 @@ private:
 
 /// \brief The message channel.
 ///
-/// It reads no further while much of what it has handed over is not printed yet: a reader of the
+/// It stops reading while much of what it has handed over is not printed yet: a reader of the
 /// output that takes nothing must not fill the memory of the tool, and the bus has bounds for that.
 class MessageLink : public bus::TrelanMsgWorker
 {
     Q_OBJECT
 
 public:
-    /// How much may be on its way to who prints it: as many as the bus keeps for a client.
+    /// How many things may be on their way to be printed: as many as the bus keeps for a client.
     static constexpr int ROOM = 1000;
 
-    /// \a room: what is left of that; who has dealt with one thing that came releases one.
-    MessageLink(const QString &clientName, std::shared_ptr<QSemaphore> room);
+    /// \a room is what is left of ROOM; whoever has dealt with one thing that came releases one.
+    MessageLink(const QString &clientName, Options options, std::shared_ptr<QSemaphore> room);
 
     bool doStart() override;
     void doProcessMessage(const bus::TrelanMessage &msg) override;
@@ -75,7 +74,7 @@ public:
     void doProcessObject(const bus::TrelanObject &obj) override;
 
 Q_SIGNALS:
-    /// Connected, and the bus has accepted the handshake.
+    /// The channel is connected, and the bus has accepted the handshake.
     void opened();
     void lost();
     void unreachable();

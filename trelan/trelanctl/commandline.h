@@ -12,7 +12,7 @@
 namespace trelanctl
 {
 
-/// What the parser fills in; it knows std::string only.
+/// What the parser fills in. It knows std::string, and no QString.
 struct RawArguments
 {
     std::string host = "127.0.0.1";
@@ -28,7 +28,7 @@ struct RawArguments
     std::vector<std::string> content;
     std::vector<std::string> programArguments;
     double timeout = 30;
-    double programTimeout = 20; // less, so that who calls with the other one hears of it
+    double programTimeout = 20; // less than a call waits, so that the caller hears of it
     double seconds = 10;
     bool permanent = false;
     bool notStored = false;
@@ -39,13 +39,13 @@ struct RawArguments
     bool printCompletion = false;
 };
 
-/// All options and commands of the tool: what is parsed, and what help and completion are made of.
+/// Adds all options and commands of the tool, of which help and completion are made too.
 void addCommandLine(CLI::App &app, RawArguments &raw);
 
 /// The command that \a app has parsed.
 Arguments::Command commandOf(const CLI::App &app);
 
-/// The names of all commands, as a person lists them.
-QString commandNames(const CLI::App &app);
+/// The names of all commands, in the order of the help.
+std::vector<std::string> commandNames(const CLI::App &app);
 
 } // namespace trelanctl

@@ -8,7 +8,9 @@
 #include "logging.h"
 #include "objecttable.h"
 #include "serving.h"
+#include "terminaltext.h"
 #include "watching.h"
+#include "wildcardadvice.h"
 
 #include <trelanerror.h>
 
@@ -18,8 +20,18 @@ namespace trelanctl
 namespace
 {
 
-// Far above what a bus takes in one frame; it only keeps a wrong pipe from filling the memory.
+// Keeps a wrong pipe from filling the memory; it is far above what a bus takes in one frame.
 const qint64 INPUT_LIMIT = 64 * 1024 * 1024;
+
+/// Warns of wildcards that will not take in what they seem to.
+void adviseOn(const QStringList &wildcards)
+{
+    for (const QString &wildcard : wildcards) {
+        const QString advice = wildcardAdvice(wildcard);
+        if (!advice.isEmpty())
+            Output::error(QStringLiteral("warning: ") + terminal::escaped(advice));
+    }
+}
 
 ExitCode told(const Outcome &outcome)
 {
@@ -48,11 +60,13 @@ ExitCode Commands::runCommand()
     case Arguments::Get:
         return get();
     case Arguments::List:
+        adviseOn({_arguments.wildCard});
         return list();
     case Arguments::Remove:
         return remove();
     case Arguments::Watch:
     case Arguments::Wait:
+        adviseOn(_arguments.names);
         return Watching(_arguments).run();
     case Arguments::Send:
         return send();
@@ -106,7 +120,7 @@ ExitCode Commands::get()
     if (_arguments.json)
         _output.line(objectJson(object));
     else
-        _output.lines(objectTable({object}, 0)); // who asks for one object wants all of it
+        _output.lines(objectTable({object}, 0)); // a single object is shown in full
     return Done;
 }
 
@@ -204,7 +218,7 @@ ExitCode Commands::frame()
     return dump.errors.isEmpty() ? Done : Failed;
 }
 
-/// On a fault says what it is and returns false.
+/// Returns false on a fault, which it has told by then.
 bool Commands::readContent(QVariantMap &content)
 {
     ParsedContent parsed;

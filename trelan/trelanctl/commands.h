@@ -8,8 +8,8 @@ namespace trelanctl
 
 /// \brief Does what the command line asks for, and tells each fault once on standard error.
 ///
-/// What ends by itself and only asks the bus opens one query connection, and blocks for as long as
-/// the query channel does. The rest has classes of its own.
+/// A command that only asks the bus opens one query connection, and blocks for as long as the query
+/// channel does. All other commands have classes of their own.
 class Commands
 {
 public:

@@ -10,8 +10,8 @@ namespace trelanctl
 namespace
 {
 
-// %1 name of the program, %2 its options, %3 its commands, %4 the options that take a value, %5 one
-// branch for each command.
+// %1 is the name of the program, %2 its options, %3 its commands, %4 the options that take a value,
+// and %5 one branch for each command.
 const char *const SCRIPT = R"(# bash completion for %1; made from the tables of its command line
 _%1()
 {
@@ -43,7 +43,7 @@ _%1()
 complete -F _%1 %1
 )";
 
-/// The long names of the options that are shown in the help; only those with a value if asked for.
+/// The long names of the options that the help shows, or only of the options with a value.
 QStringList optionNames(const CLI::App &app, bool withValue)
 {
     QStringList names;

@@ -11,7 +11,7 @@ class App;
 namespace trelanctl
 {
 
-/// A script that completes the commands and options of \a app in bash.
+/// Makes a script that completes the commands and options of \a app in bash.
 QString completionScript(const CLI::App &app);
 
 } // namespace trelanctl

@@ -28,7 +28,7 @@ QString quoted(const QString &text)
     return QStringLiteral("'%1'").arg(terminal::cut(terminal::escaped(text), MAX_QUOTED));
 }
 
-/// QJsonDocument only takes objects and arrays, so that a value is read as the one entry of one.
+/// Reads a value as the only entry of an array, since QJsonDocument takes objects and arrays only.
 QVariant parseValue(const QString &text)
 {
     const QJsonDocument document = QJsonDocument::fromJson("[" + text.toUtf8() + "]");

@@ -19,7 +19,7 @@ void onSignal(int)
 {
     const int before = errno;
     const ssize_t written = ::write(_pipe[1], "", 1);
-    static_cast<void>(written); // the pipe has room for the two there can be
+    static_cast<void>(written); // the pipe has room for both signals
     errno = before;
 }
 
@@ -31,7 +31,7 @@ void EndSignals::install()
         return;
     struct sigaction action = {};
     action.sa_handler = onSignal;
-    action.sa_flags = int(SA_RESETHAND); // who asks twice does not want to wait any more
+    action.sa_flags = int(SA_RESETHAND); // the second signal ends a tool that takes its time
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
 }

@@ -18,7 +18,7 @@ namespace
 using bus::TrelanFrame;
 using bus::TrelanFrameReader;
 
-/// What is wrong with a payload, or an empty text.
+/// What is wrong with a payload; empty if nothing is.
 QString faultText(const TrelanFrame::Payload &payload, const QJsonDocument &envelope)
 {
     switch (payload.fault) {
@@ -93,7 +93,7 @@ FrameDump dumpFrames(QByteArray stream, bool asJson)
             dumpFrame(dump, number++, reader, asJson);
         } else if (status == TrelanFrameReader::NeedMoreData && reader.isInsideFrame() &&
                    !tail.isEmpty()) {
-            reader.feed(tail); // then it belongs to the frame
+            reader.feed(tail); // the white space belongs to the frame
             tail.clear();
         } else {
             break;

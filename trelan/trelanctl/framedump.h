@@ -7,7 +7,7 @@
 namespace trelanctl
 {
 
-/// What a stream of frames holds, for people who debug: lines to print, and each fault found.
+/// What a stream of frames holds: lines to print for people who debug, and each fault found.
 struct FrameDump
 {
     QStringList lines;
@@ -16,9 +16,9 @@ struct FrameDump
 
 /// \brief Takes apart the frames in \a stream. Pure.
 ///
-/// A frame that cannot be decoded is an error, and the next one is looked at; after a line that
-/// is none, nothing more can be found. White space behind the last frame, which editors leave, is
-/// not counted as the beginning of another.
+/// A frame that cannot be decoded is an error, and the next frame is still read. A line that is no
+/// header is the end, since no frame can be found behind it. White space behind the last frame,
+/// which editors leave there, is no error.
 FrameDump dumpFrames(QByteArray stream, bool asJson);
 
 } // namespace trelanctl

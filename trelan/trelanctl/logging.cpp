@@ -9,7 +9,7 @@ namespace trelanctl
 ExitCode showLogs(const Arguments &arguments)
 {
     const bool coloured = Output::isTerminal();
-    Session session(arguments, QStringLiteral("logger"), {}, Done); // the name that lines go to
+    Session session(arguments, QStringLiteral("logger"), {}, Done); // applications send to it
     QObject::connect(
         &session, &Session::unprocessedCommand, &session, [&](const bus::TrelanCommand &command) {
             if (command.name() == QLatin1String("saveLog"))

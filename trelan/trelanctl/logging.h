@@ -5,7 +5,8 @@
 namespace trelanctl
 {
 
-/// The command logs: the log lines that applications send to the client "logger", until the end.
+/// Runs the command logs: prints the log lines that applications send to the client "logger", until
+/// the end.
 ExitCode showLogs(const Arguments &arguments);
 
 } // namespace trelanctl

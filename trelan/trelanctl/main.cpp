@@ -13,7 +13,7 @@ namespace
 
 bool _verbose = false;
 
-// The tool says by itself what went wrong; what the library logs of it would say it twice.
+// Silent unless asked: the tool says what went wrong by itself, and the library would say it again.
 void showLog(QtMsgType, const QMessageLogContext &, const QString &text)
 {
     if (_verbose)
@@ -25,7 +25,7 @@ void showLog(QtMsgType, const QMessageLogContext &, const QString &text)
 int main(int argc, char **argv)
 {
     programs::occupyStandardDescriptors();
-    QList<QByteArray> words; // before Qt, which would take options of its own away
+    QList<QByteArray> words; // taken before Qt removes the options that it knows
     for (int index = 1; index < argc; ++index)
         words.append(argv[index]);
     qInstallMessageHandler(showLog);

@@ -14,7 +14,7 @@ namespace trelanctl
 namespace
 {
 
-// What the log bridge of the library puts before its lines; anything else is not coloured.
+// The colours of log lines whose prefix is that of an error or a warning.
 const char *const RED = "\x1b[31m";
 const char *const YELLOW = "\x1b[33m";
 const char *const PLAIN = "\x1b[0m";
@@ -25,7 +25,7 @@ struct ClientColumn
     const char *key;
 };
 
-// The address is last, as what is missed least where a line is cut.
+// The address stands last, since it is missed least where a line is cut.
 constexpr std::array<ClientColumn, 8> CLIENT_COLUMNS = {{{"NAME", "name"},
                                                          {"CONNECTIONS", "connections"},
                                                          {"SUBSCRIPTIONS", "subscriptions"},
@@ -121,6 +121,18 @@ QString changeJson(const bus::TrelanObject &change)
     return compact(changeObject(change));
 }
 
+QString errorOf(const bus::TrelanCommand &answer)
+{
+    const QVariant error = answer.params().value(QStringLiteral("error"));
+    if (error.isNull())
+        return {};
+    if (error.userType() == QMetaType::QString)
+        return terminal::escaped(error.toString());
+    const QByteArray list =
+        QJsonDocument::fromVariant(QVariantList {error}).toJson(QJsonDocument::Compact);
+    return terminal::escapedJson(list.mid(1).chopped(1));
+}
+
 QString answerText(const bus::TrelanCommand &answer)
 {
     return compactMap(answer.params());
@@ -138,7 +150,7 @@ QString logText(const bus::TrelanCommand &saveLog, bool coloured)
 {
     const QString prefix = parameter(saveLog, "prefix");
     QString text = parameter(saveLog, "text");
-    text.replace(QLatin1Char('\t'), QStringLiteral("  ")); // the bridge has put it for a line break
+    text.replace(QLatin1Char('\t'), QStringLiteral("  ")); // the bridge's mark of a line break
     const QString line = QStringLiteral("%1  %2  %3  %4")
                              .arg(localTime(saveLog.dt()), terminal::escaped(saveLog.sender()),
                                   terminal::escaped(prefix), terminal::escaped(text));

@@ -7,8 +7,8 @@
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
-/// What is on the bus as people and as scripts want to see it. Pure functions, everything escaped.
-/// Tables have local times, and JSON is compact, on one line, with times in UTC.
+/// What is on the bus, written for people and for scripts. All functions are pure and escape what
+/// they quote. Tables have local times; JSON is compact, on one line, with times in UTC.
 namespace trelanctl
 {
 
@@ -17,15 +17,19 @@ namespace trelanctl
 /// The content column is cut so that lines fit into \a width cells; 0 is no limit.
 QStringList objectTable(const QList<bus::TrelanObject> &objects, int width);
 
-/// The time is null if it is no time that can be written.
+/// An object as JSON. A time that cannot be written is null.
 QString objectJson(const bus::TrelanObject &object);
 
-/// The names of the set flags, separated by commas, unknown ones in hexadecimal.
+/// The names of the set flags, separated by commas, with unknown flags in hexadecimal.
 QString flagNames(const bus::TrelanObject &object);
 
-/// The cells of a change: name, publisher, time and content. What tells of a change knows no flags.
+/// The cells of a change: name, publisher, time and content. A notification carries no flags.
 QStringList changeCells(const bus::TrelanObject &change);
 QString changeJson(const bus::TrelanObject &change);
+
+/// What the parameter "error" of an answer says, a text as it is and anything else as JSON. Null if
+/// there is none, or if it is null.
+QString errorOf(const bus::TrelanCommand &answer);
 
 /// The parameters of an answer, as JSON.
 QString answerText(const bus::TrelanCommand &answer);
@@ -35,7 +39,7 @@ QString answerJson(const bus::TrelanCommand &answer);
 QString logText(const bus::TrelanCommand &saveLog, bool coloured);
 QString logJson(const bus::TrelanCommand &saveLog);
 
-/// A heading and one line for each of \a clients, as the bus describes them.
+/// A heading and one line for each of \a clients, which are as the bus lists them.
 QStringList clientTable(const QVariantList &clients, int width);
 QString clientJson(const QVariant &client);
 

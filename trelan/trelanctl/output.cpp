@@ -21,25 +21,26 @@ namespace
 const int DEFAULT_WIDTH = 80;
 const int READ_CHUNK = 64 * 1024;
 
-/// Until \a descriptor takes bytes; false if an end is asked for meanwhile.
+/// Waits until \a descriptor takes bytes. Returns false if a signal asks for the end first.
 bool awaitRoom(int descriptor)
 {
     for (;;) {
         std::array<pollfd, 2> polled {
             {{descriptor, POLLOUT, 0}, {EndSignals::descriptor(), POLLIN, 0}}};
         if (::poll(polled.data(), polled.size(), -1) > 0)
-            return polled[0].revents != 0; // faults too: writing tells which
+            return polled[0].revents != 0; // also after a fault, which the write reports
     }
 }
 
-/// 0, or the error number of what stopped it.
+/// Returns 0, or the number of the error that kept it from writing all.
 int writeAll(int descriptor, const QByteArray &bytes)
 {
     qint64 done = 0;
     while (done < bytes.size()) {
         if (!awaitRoom(descriptor))
             return EINTR;
-        // Not more than there is room for, or the write would wait, and no signal end it.
+        // A larger piece than there is room for would make the write wait, and no signal would end
+        // that.
         const auto count = ::write(descriptor, bytes.constData() + done,
                                    size_t(qMin<qint64>(bytes.size() - done, PIPE_BUF)));
         if (count < 0 && errno != EINTR && errno != EAGAIN)
@@ -55,7 +56,7 @@ void Output::line(const QString &text)
 {
     if (_closed)
         return;
-    // Sockets set this too, but not every command has one.
+    // Qt ignores the signal once it has a socket, but some commands have none.
     std::signal(SIGPIPE, SIG_IGN);
     const int fault = writeAll(STDOUT_FILENO, text.toUtf8() + '\n');
     if (fault == 0)

@@ -13,27 +13,27 @@ namespace trelanctl
 /// silently, and isClosed() tells. Any other fault of writing is told once on standard error and by
 /// failed().
 ///
-/// Once EndSignals are installed, a reader that takes nothing holds up the tool only until one of
-/// them comes.
+/// Once EndSignals are installed, a reader that takes nothing holds up the tool only until a signal
+/// comes.
 class Output
 {
 public:
     void line(const QString &text);
     void lines(const QStringList &texts);
 
-    /// "trelanctl: " and \a text on standard error; \a text is escaped by the caller where it
+    /// Prints "trelanctl: " and \a text on standard error. The caller has escaped what \a text
     /// quotes.
     static void error(const QString &text);
 
-    /// What is going on, in place of the last progress, if standard error is a terminal; an empty
-    /// one wipes it off.
+    /// Shows what is going on in place of the last progress, if standard error is a terminal. An
+    /// empty \a text wipes it off.
     static void progress(const QString &text);
 
     /// Width of the terminal, or 0 if standard output is none.
     static int terminalWidth();
     static bool isTerminal();
 
-    /// Whether output was lost for another reason than a reader that has gone.
+    /// Whether output was lost although its reader was there.
     bool failed() const { return _failed; }
 
     /// Whether nothing more can be written, for whatever reason.
@@ -44,8 +44,8 @@ private:
     bool _closed = false;
 };
 
-/// Standard input up to its end; false if it holds more than \a limit bytes or cannot be read, and
-/// then \a errorText says which.
+/// Reads standard input up to its end. Returns false if it holds more than \a limit bytes or cannot
+/// be read; \a errorText says which.
 bool readStandardInput(qint64 limit, QByteArray &bytes, QString &errorText);
 
 } // namespace trelanctl

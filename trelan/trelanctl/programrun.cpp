@@ -1,8 +1,11 @@
 #include "programrun.h"
 
 #include "contentparser.h"
+#include "terminaltext.h"
 
+#include <QtCore/QFileInfo>
 #include <QtCore/QJsonDocument>
+#include <QtCore/QStandardPaths>
 
 #include <csignal>
 
@@ -15,7 +18,7 @@ namespace trelanctl
 namespace
 {
 
-// Far below what a frame takes, and more than anybody should say in one answer.
+// More than anybody should say in one answer, and far below the limit of a frame.
 const int OUTPUT_LIMIT = 1024 * 1024;
 
 } // namespace
@@ -34,7 +37,7 @@ ProgramRun::ProgramRun(const QString &program, const QStringList &arguments, QOb
     });
     connect(this, &QProcess::readyReadStandardOutput, this, &ProgramRun::readOutput);
     connect(this, &QProcess::errorOccurred, this, [this](QProcess::ProcessError error) {
-        // Input that it does not want to read is no fault, and the others end it.
+        // A program may leave its input unread, and all other faults end it.
         if (error == QProcess::FailedToStart)
             end(errorAnswer(
                 QStringLiteral("the program cannot be started: %1").arg(errorString())));
@@ -60,16 +63,33 @@ void ProgramRun::run(const QVariantMap &parameters, int timeoutMs)
     _deadline.start(timeoutMs);
 }
 
+/// Finds a program as QProcess does: one without a slash is looked for in PATH.
+QString ProgramRun::faultOf(const QString &program)
+{
+    const QString shown = terminal::escaped(program);
+    const bool hasFolder = program.contains(QLatin1Char('/'));
+    const QFileInfo file(hasFolder ? program : QStandardPaths::findExecutable(program));
+    if (!hasFolder && file.filePath().isEmpty())
+        return QStringLiteral("there is no program '%1' in PATH").arg(shown);
+    if (!file.exists())
+        return QStringLiteral("there is no program '%1'").arg(shown);
+    if (!file.isFile())
+        return QStringLiteral("'%1' is no file").arg(shown);
+    if (!file.isExecutable())
+        return QStringLiteral("'%1' is not executable").arg(shown);
+    return {};
+}
+
 QVariantMap ProgramRun::errorAnswer(const QString &text)
 {
     return {{QStringLiteral("error"), text}};
 }
 
-/// In the child, before the program.
+/// Runs in the child, before the program.
 void ProgramRun::setupChildProcess()
 {
     ::setpgid(0, 0);
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL); // if the tool itself is killed
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL); // ends the program if the tool itself is killed
 }
 
 void ProgramRun::readOutput()
@@ -87,7 +107,7 @@ void ProgramRun::killAll()
     const qint64 group = processId();
     if (group > 0)
         ::kill(pid_t(-group), SIGKILL);
-    kill(); // if it is not yet as far as to have a group
+    kill(); // the group may not exist yet
 }
 
 void ProgramRun::end(const QVariantMap &answer)

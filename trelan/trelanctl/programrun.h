@@ -13,8 +13,9 @@ namespace trelanctl
 /// as a JSON object from its standard output.
 ///
 /// Whatever goes wrong is an answer too, with the one parameter "error". There is no shell. The
-/// program gets a process group of its own, and that is killed as a whole when the time is over,
-/// when it writes too much, and when this object is destroyed. Its error output is the tool's own.
+/// program gets a process group of its own, which is killed as a whole when the time is over, when
+/// the program writes too much, and when this object is destroyed. The program shares the tool's
+/// error output.
 class ProgramRun : public QProcess
 {
     Q_OBJECT
@@ -25,11 +26,14 @@ public:
 
     void run(const QVariantMap &parameters, int timeoutMs);
 
+    /// Why \a program cannot be run, for people; empty if it can.
+    static QString faultOf(const QString &program);
+
     /// The answer that says no more than that something went wrong.
     static QVariantMap errorAnswer(const QString &text);
 
 Q_SIGNALS:
-    /// Once, from the event loop.
+    /// Emitted once.
     void answered(QVariantMap parameters);
 
 protected:

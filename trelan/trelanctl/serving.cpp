@@ -27,6 +27,11 @@ Serving::~Serving()
 
 ExitCode Serving::run()
 {
+    const QString fault = ProgramRun::faultOf(_arguments.program);
+    if (!fault.isEmpty()) {
+        Output::error(QStringLiteral("--exec: ") + fault);
+        return Usage;
+    }
     QObject::connect(&_session, &Session::unprocessedCommand, &_session,
                      [this](const bus::TrelanCommand &call) { take(call); });
     QObject::connect(&_session, &Session::ready, &_session, [this] {
@@ -46,7 +51,7 @@ ExitCode Serving::run()
 
 void Serving::take(const bus::TrelanCommand &call)
 {
-    // An answer is a command too, and would be answered for ever.
+    // An answer is a command too: two servers would answer each other for ever.
     if (_session.isFinished() || !call.parentUid().isEmpty())
         return;
     if (call.name() != _arguments.name) {

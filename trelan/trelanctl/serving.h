@@ -12,9 +12,10 @@ class ProgramRun;
 
 /// \brief Answers a command with what a program makes of its parameters, until the end.
 ///
-/// Commands to everybody are carried out like those to this client; where no answer is wanted, none
-/// goes out. A few programs run at once, a bounded number of commands waits, and what is beyond is
-/// refused by an answer with an "error". Answers wait for a bus that is away, as many as commands.
+/// Commands to everybody are carried out like commands to this client, and a command that wants no
+/// answer gets none. A few programs run at once, a bounded number of commands waits, and a command
+/// beyond is refused by an answer with an "error". As many answers as commands wait for a bus that
+/// is away.
 class Serving
 {
 public:

@@ -16,7 +16,8 @@ namespace trelanctl
 namespace
 {
 
-// One channel may be lost before the other, and with that it is known whether it is the bus.
+// The two channels may be lost one after the other, and only the loss of both shows that the bus is
+// away.
 const int LOSS_JUDGEMENT_MS = 600;
 
 } // namespace
@@ -44,7 +45,7 @@ ExitCode Session::run()
         if (!_finished)
             QCoreApplication::exec();
         stop();
-        // What was acknowledged to the bus is not withheld from the reader.
+        // Prints what was acknowledged to the bus already and would be lost otherwise.
         QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
     } else {
         finish(located);
@@ -66,7 +67,7 @@ void Session::finish(const Outcome &outcome)
 void Session::print(const QString &line)
 {
     _output.line(line);
-    if (_output.isClosed() && !EndSignals::arrived()) // else that is the end
+    if (_output.isClosed() && !EndSignals::arrived()) // after a signal the session ends anyway
         finish({Failed,
                 _output.failed() ? QString() : QStringLiteral("nobody reads the output any more")});
 }
@@ -75,7 +76,10 @@ bool Session::doStart()
 {
     auto *query = new QueryLink(_arguments, clientName(), _wildCards);
     const auto room = std::make_shared<QSemaphore>(MessageLink::ROOM);
-    auto *messages = new MessageLink(clientName(), room);
+    // An answer that comes after the call has ended must not wait on the bus.
+    const MessageLink::Options options(
+        _arguments.command == Arguments::Call ? MessageLink::Transient : 0);
+    auto *messages = new MessageLink(clientName(), options, room);
     const auto release = [room] { room->release(); };
     connect(this, &Session::unprocessedMessage, this, release);
     connect(this, &Session::unprocessedCommand, this, release);
@@ -122,14 +126,15 @@ void Session::sayAway()
         QStringLiteral("the bus at %1 is away").arg(busPlace(_arguments, _arguments.queryPort)));
 }
 
-/// Where neither port has a bus, the query channel says so.
+/// Ends the session if only the message port has no bus. If neither port has one, the query channel
+/// says so.
 void Session::judgeStart()
 {
     if (_unreachable && _queryOpen && !_wasReady)
         finish(noBus(_arguments, _arguments.messagePort));
 }
 
-/// A reader that goes away is noticed at once, and not with the next line, which may never come.
+/// Notices a reader that goes away at once, and not with the next line, which may never come.
 void Session::watchEnds()
 {
     EndSignals::install();

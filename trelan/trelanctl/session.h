@@ -12,17 +12,18 @@
 namespace trelanctl
 {
 
-/// \brief What a command that stays has of the bus: both channels, which come back by themselves.
+/// \brief The bus for a command that stays: both channels, which come back by themselves.
 ///
-/// It says on standard error when the bus goes away and when it is back. A bus that was never there
-/// ends it with NoBus. It ends on SIGINT and SIGTERM too, and when nobody reads its output any
-/// more; what the bus has handed over until then is still told by the controller's signals.
+/// The session says on standard error when the bus goes away and when it is back. A bus that was
+/// never there ends it with NoBus. SIGINT and SIGTERM end it too, and so does a reader of its
+/// output that goes away; what the bus has handed over until then still comes out of the
+/// controller's signals.
 class Session : public bus::TrelanController
 {
     Q_OBJECT
 
 public:
-    /// \a endCode: what a signal that ends it ends it with.
+    /// \a endCode is the exit code after SIGINT or SIGTERM.
     Session(const Arguments &arguments, const QString &clientName, QStringList wildCards,
             ExitCode endCode);
     ~Session() override;
@@ -30,20 +31,20 @@ public:
     /// Returns when finish() was called.
     ExitCode run();
 
-    /// The first outcome counts.
+    /// Ends the session. Only the first outcome counts.
     void finish(const Outcome &outcome);
     bool isFinished() const { return _finished; }
 
-    /// Whether both channels are there.
+    /// Whether both channels are open.
     bool isReady() const { return _queryOpen && _messageOpen; }
-    /// Whether they have ever been.
+    /// Whether both channels have ever been open.
     bool wasReady() const { return _wasReady; }
 
-    /// One line; the session ends if nobody takes it.
+    /// Prints one line. The session ends if nobody takes it.
     void print(const QString &line);
 
 Q_SIGNALS:
-    /// Both channels are there, for the first time or again.
+    /// Both channels are open, for the first time or again.
     void ready();
     void send(bus::TrelanMessage message);
     void sent(bus::TrelanMessage message, int code, QString text);

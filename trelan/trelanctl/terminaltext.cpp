@@ -17,7 +17,7 @@ struct Range
     uint last;
 };
 
-// What terminals draw two cells wide. Blocks, not characters: a cell too many in a seldom used
+// Characters that terminals draw two cells wide, in whole blocks: a cell too many in a seldom used
 // block only costs alignment.
 constexpr std::array<Range, 11> WIDE = {{{0x1100, 0x115F},
                                          {0x2E80, 0x303E},

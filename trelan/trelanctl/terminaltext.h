@@ -3,27 +3,28 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
 
-/// Text that came from somebody else, made fit for a terminal. Pure functions.
+/// Makes text of other clients fit for a terminal. All functions are pure.
 namespace trelanctl::terminal
 {
 
-/// \brief \a text on one line and without anything a terminal would obey.
+/// \brief \a text on one line and without anything that a terminal would obey.
 ///
 /// Control characters, escape sequences, controls of the writing direction, invisible and
-/// unassigned characters are shown as \\uXXXX, and a backslash as two, so that nobody can pretend.
+/// unassigned characters are shown as \\uXXXX. A backslash is shown as two, so that nobody can
+/// fake such a text.
 QString escaped(const QString &text);
 
-/// \brief JSON text with the same characters written as \\uXXXX.
+/// \brief JSON text with everything that a terminal would obey written as \\uXXXX.
 ///
-/// In JSON text they can only stand inside strings, so that it still means the same. Line breaks
-/// between its lines stay.
+/// Such characters can only stand inside the strings of JSON, where the escape means the same
+/// character. Line breaks between the lines stay.
 QString escapedJson(const QByteArray &json);
 
-/// Number of terminal cells that \a text takes: 2 for wide East Asian characters, 0 for marks that
-/// sit on the one before.
+/// Number of terminal cells that \a text takes: 2 for a wide East Asian character, 0 for a mark
+/// that sits on the character before it.
 int width(const QString &text);
 
-/// \a text with blanks up to \a cells; a longer one as it is.
+/// \a text with blanks up to \a cells. A longer text stays as it is.
 QString padded(const QString &text, int cells);
 
 /// \a text if it fits into \a cells, else its beginning and an ellipsis.

@@ -12,7 +12,7 @@ namespace trelanctl
 Watching::Watching(const Arguments &arguments)
     : _arguments(arguments)
     , _firstOnly(arguments.command == Arguments::Wait)
-    , _width(_firstOnly ? 0 : Output::terminalWidth()) // who waits for one object wants all of it
+    , _width(_firstOnly ? 0 : Output::terminalWidth()) // a single object is shown in full
     , _session(arguments, arguments.clientName, arguments.names, _firstOnly ? Failed : Done)
 {}
 

@@ -7,8 +7,8 @@
 namespace trelanctl
 {
 
-/// \brief What is stored now and what changes from then on, one line an object: all of it until the
-/// end for the command watch, and the first for wait.
+/// \brief The commands watch and wait: what is stored now and what changes from then on, one line
+/// an object. watch prints all of it until the end, wait prints the first line.
 class Watching
 {
 public:

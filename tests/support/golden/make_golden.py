@@ -81,6 +81,8 @@ def written_rows():
     plain = {"cnt": {"load": 0.42, "up": True}, "dt": "1700000000123", "nm": "host.box.load",
              "opt": 2, "p": "box", "uid": "kG2yYz5XbTtmYqvR7yk0rX1uVbU="}
     written("handshake", request("handshake", {"name": "a"}))
+    written("handshake-transient",
+            request("handshake", {"name": "a", "prompt": True, "transient": True}))
     written("no-data", request("sub", {}))
     written("object", request("pub", plain))
     written("unicode", request("pub", dict(plain, cnt={

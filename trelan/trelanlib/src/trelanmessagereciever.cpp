@@ -85,6 +85,7 @@ public:
     QPointer<QTcpSocket> _socket;
     QString _clientName;
     bool _opened = false;
+    bool _transient = false;
     Filter _cache;
     PromptInbox *_inbox; // a child of the receiver, with which it goes to another thread
     QTimer _answer;      // runs, in Prompt mode, until the handshake is answered
@@ -145,6 +146,11 @@ TrelanMessageReciever::Filter TrelanMessageReciever::filter() const
 void TrelanMessageReciever::setFilter(const Filter &filter)
 {
     d->_cache = filter;
+}
+
+void TrelanMessageReciever::setTransient(bool transient)
+{
+    d->_transient = transient;
 }
 
 quint32 TrelanMessageReciever::msgHost()
@@ -249,6 +255,8 @@ bool TrelanMessageReciever::handshake()
         d->_inbox->watchArrivals();
         data.insert(keys::PROMPT, true); // the bus may send more ahead
     }
+    if (d->_transient)
+        data.insert(keys::TRANSIENT, true);
     return request(operations::HANDSHAKE, data);
 }
 

@@ -70,6 +70,11 @@ public:
     Filter filter() const;
     void setFilter(const Filter &filter);
 
+    /// Asks the bus to keep nothing for this client once its message connection has ended: what is
+    /// still on its way then is dropped, and what comes later is refused. False unless set; takes
+    /// effect with the next open(). For a program that is called once and ends, such as a tool.
+    void setTransient(bool transient);
+
     /// IPv4 address used by the next open() of any receiver of the process; 127.0.0.1 unless set.
     /// Not thread-safe: set host and port before the first receiver opens.
     static quint32 msgHost();

@@ -57,6 +57,7 @@ bool TrelanMsgWorker::doStart()
     if (d->_filter && d->_options.testFlag(KeepFilter))
         d->_reciever->setFilter(d->_filter);
     d->_filter = d->_reciever->filter();
+    d->_reciever->setTransient(d->_options.testFlag(Transient));
 
     connect(d->_restartTimer, SIGNAL(timeout()), this, SLOT(restart()));
     connect(d->_reciever, SIGNAL(incomingMessage(TrelanMessage)), this,

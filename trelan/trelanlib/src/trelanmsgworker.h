@@ -34,7 +34,9 @@ public:
         StoreObjects = 1, ///< every incoming object goes into the SharedObjectsStorage
         /// A new channel remembers which messages the one before has received, so that a message
         /// whose acknowledgement was lost with the connection is not seen twice.
-        KeepFilter = 2
+        KeepFilter = 2,
+        /// The bus keeps nothing for this client while it is away.
+        Transient = 4
     };
     Q_DECLARE_FLAGS(Options, Option)
 

@@ -30,6 +30,16 @@ void traceContent(const QVariantMap &content)
         << morvik::logvariant(content);
 }
 
+/// The message channel takes a handshake and refuses everything else as unsupported: swapped ports
+/// would end in that refusal for ever.
+void warnOfOtherPort(const TrelanQueryHandler &handler)
+{
+    if (handler.lastFailure() == TrelanQueryHandler::Refused &&
+        handler.lastError().error() == TrelanError::UnsupportedRequest)
+        qWarning("Port %d seems to be that of the message channel",
+                 TrelanQueryHandler::queryPort());
+}
+
 } // namespace
 
 class TrelanQueryWorker::Private
@@ -169,8 +179,10 @@ bool TrelanQueryWorker::Private::subscribeAll()
         std::all_of(_wildcards.cbegin(), _wildcards.cend(), [&](const QString &wildcard) {
             return now ? _handler->subscribeNow(wildcard) : _handler->subscribe(wildcard);
         });
-    if (!all)
+    if (!all) {
+        warnOfOtherPort(*_handler);
         _handler->unsubscribe(_wildcards); // no partial subscription is left
+    }
     return all;
 }
 

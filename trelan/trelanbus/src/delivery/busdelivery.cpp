@@ -24,6 +24,12 @@ QString totalFault(qint64 maxBytes)
     return QStringLiteral("the bus queues %1 bytes at most").arg(maxBytes);
 }
 
+TrelanError absenceFault(const QString &name)
+{
+    return {TrelanError::UnregisteredClient,
+            QStringLiteral("client %1 is not connected").arg(names::quoted(name))};
+}
+
 qint64 costOf(const TrelanMessage &message)
 {
     return QueuedMessage(std::make_shared<const MessageBody>(message), message.reciever(),
@@ -60,6 +66,7 @@ BusDelivery::BusDelivery(const TrelanBusSettings &settings, BusStorage &storage,
     , _storage(storage)
     , _output(output)
     , _onSent(std::move(onSent))
+    , _left(settings.maxQueues())
 {
     _clock.start();
 }
@@ -84,15 +91,16 @@ void BusDelivery::accept(const TrelanMessage &message, const Done &done)
     const QString name = message.reciever();
     const auto known = _clients.constFind(name);
     const bool connected = known != _clients.constEnd() && known->connection != 0;
-    if (!connected && !message.isStored() && name != LOGGER_NAME) {
-        done({TrelanError::UnregisteredClient,
-              QStringLiteral("client %1 is not connected").arg(names::quoted(name))});
+    if (!connected && name != LOGGER_NAME && (!message.isStored() || hasLeft(name))) {
+        done(absenceFault(name));
         return;
     }
     const qint64 cost = costOf(message);
     const TrelanError fault = roomFault(name, cost);
     // A log line is not worth the wait for the disk, where the queue of log lines has no bound.
-    if (fault.error() == TrelanError::NoError && message.isStored() && name != LOGGER_NAME) {
+    // What ends with a connection ends with the bus.
+    const bool endsWithBus = name == LOGGER_NAME || (connected && known->transient);
+    if (fault.error() == TrelanError::NoError && message.isStored() && !endsWithBus) {
         keep(message, cost, done);
         return;
     }
@@ -107,10 +115,14 @@ void BusDelivery::keep(const TrelanMessage &message, qint64 cost, const Done &do
     reserve(message.reciever(), 1, cost);
     _storage.keepMessage(message, [this, message, cost, done](const TrelanError &error, qint64 id) {
         reserve(message.reciever(), -1, -cost);
-        if (error.error() == TrelanError::NoError)
+        const bool kept = error.error() == TrelanError::NoError;
+        const bool late = kept && hasLeft(message.reciever());
+        if (late)
+            _storage.removeMessages({id});
+        else if (kept)
             append(message, now(), id);
         settleAccount(message.reciever());
-        finish(message, error, done);
+        finish(message, late ? absenceFault(message.reciever()) : error, done);
     });
 }
 
@@ -182,11 +194,14 @@ void BusDelivery::dropNotifications(const QString &client)
     settleAccount(client);
 }
 
-void BusDelivery::attach(const QString &name, ConnectionId id, TrelanTransport::Mode mode)
+void BusDelivery::attach(const QString &name, ConnectionId id, TrelanTransport::Mode mode,
+                         bool transient)
 {
     Client &attached = client(name);
     _absent -= int(attached.connection == 0);
     attached.connection = id;
+    attached.transient = transient;
+    _left.remove(name);
     attached.queue.setMode(mode);
 }
 
@@ -197,7 +212,12 @@ void BusDelivery::detach(const QString &client)
         return;
     known->connection = 0;
     ++_absent;
-    known->queue.restart();
+    if (known->transient) {
+        known->queue.clear();
+        _left.insert(client, new qint64(now()));
+    } else {
+        known->queue.restart();
+    }
     settleAccount(client);
 }
 
@@ -294,6 +314,13 @@ BusDelivery::Client &BusDelivery::client(const QString &name)
         return *known;
     ++_absent;
     return *_clients.insert(name, Client());
+}
+
+/// Whether a transient client of this name has gone, so lately that messages may still come for it.
+bool BusDelivery::hasLeft(const QString &name)
+{
+    const qint64 *at = _left.object(name);
+    return at && now() - *at < _settings.messageLifetime();
 }
 
 TrelanError BusDelivery::roomFault(const QString &name, qint64 cost) const

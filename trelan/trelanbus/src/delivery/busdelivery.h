@@ -7,6 +7,7 @@
 #include "trelanbussettings.h"
 #include "values/buslog.h"
 
+#include <QtCore/QCache>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
 #include <QtCore/QMap>
@@ -56,8 +57,10 @@ public:
     void dropNotifications(const QString &client);
 
     /// The message connection of the client \a name is \a id from now on; \a mode is how it reads.
-    /// Nothing is sent before sendMore().
-    void attach(const QString &name, ConnectionId id, TrelanTransport::Mode mode);
+    /// Nothing is sent before sendMore(). If \a transient, its queue ends with the connection, and
+    /// for an hour nothing waits for the name, so that a late answer does not begin a new queue.
+    void attach(const QString &name, ConnectionId id, TrelanTransport::Mode mode,
+                bool transient = false);
     /// The client has no message connection any more.
     void detach(const QString &client);
 
@@ -85,6 +88,7 @@ private:
     {
         ClientQueue queue;
         ConnectionId connection = 0;
+        bool transient = false;   // its queue ends with its connection
         bool encoding = false;    // its next frame is being made
         int reservedMessages = 0; // on their way to the disk
         qint64 reservedBytes = 0;
@@ -94,6 +98,7 @@ private:
     };
 
     Client &client(const QString &name);
+    bool hasLeft(const QString &name);
     TrelanError roomFault(const QString &name, qint64 cost) const;
     bool isFull(const Client &client, int messages, qint64 bytes) const;
     bool isBehind(const QString &name, const ObjectRecord &record) const;
@@ -120,8 +125,9 @@ private:
     const Sent _onSent;
     QElapsedTimer _clock;
     QHash<QString, Client> _clients;
-    int _absent = 0;   // clients without a connection
-    qint64 _bytes = 0; // of all messages, those on their way to the disk included
+    QCache<QString, qint64> _left; // when a transient client went, by name
+    int _absent = 0;               // clients without a connection
+    qint64 _bytes = 0;             // of all messages, those on their way to the disk included
     qint64 _nameBytes = 0;
     qint64 _lostLogLines = 0;
     QElapsedTimer _logWarning;

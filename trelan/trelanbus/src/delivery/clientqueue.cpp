@@ -161,6 +161,15 @@ void ClientQueue::dropNotifications()
         message.expired = message.expired || message.kind != QueuedMessage::Direct;
 }
 
+void ClientQueue::clear()
+{
+    restart();
+    dropNotifications();
+    for (const QueuedMessage &message : std::as_const(_waiting))
+        forget(message);
+    _waiting.clear();
+}
+
 bool ClientQueue::dropOldest(QueuedMessage::Kind kind, bool keepNext)
 {
     for (int i = int(keepNext); i < _waiting.size(); ++i) {

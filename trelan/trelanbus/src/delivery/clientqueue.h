@@ -81,6 +81,9 @@ public:
     /// until they are acknowledged, but are not sent again.
     void dropNotifications();
 
+    /// Forgets everything, since the client has gone for good.
+    void clear();
+
     /// Drops the oldest waiting message of a kind, but spares the next message if \a keepNext.
     /// Returns false if there is none to drop.
     bool dropOldest(QueuedMessage::Kind kind, bool keepNext);

@@ -63,21 +63,23 @@ bool takeText(const QVariantMap &data, const QString &key, QString &text, BusReq
 // Notifications and answers may be indented, which takes a line for each value.
 constexpr qint64 MAX_INDENTED = 64 * 1024 * 1024;
 
+bool isTruth(const QVariant &value)
+{
+    return value.userType() == QMetaType::Bool;
+}
+
 bool parseHandshake(const QVariantMap &data, BusRequest &request)
 {
     // "prompt" is not checked, since clients may say there what they like.
     request.prompt = data.value(keys::PROMPT).toBool();
+    const QVariant transient = data.value(keys::TRANSIENT);
+    request.transient = isTruth(transient) && transient.toBool();
     return takeText(data, keys::CLIENT_NAME, request.name, request);
 }
 
 bool isObject(const QVariant &value)
 {
     return value.userType() == QMetaType::QVariantMap;
-}
-
-bool isTruth(const QVariant &value)
-{
-    return value.userType() == QMetaType::Bool;
 }
 
 bool isTime(const QVariant &value)

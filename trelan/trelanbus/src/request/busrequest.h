@@ -40,11 +40,12 @@ struct BusRequest
     TrelanError fault; ///< of an Invalid request
     TrelanFrame::Fault payloadFault = TrelanFrame::NoFault;
 
-    QString name;        ///< client (Handshake), object (LoadObject), wildcard (LoadObjects),
-                         ///< receiver (SendMessage)
-    bool prompt = false; ///< Handshake: how the client reads
-    bool now = false;    ///< Subscribe: with the values that are stored
-    QStringList names;   ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
+    QString name;           ///< client (Handshake), object (LoadObject), wildcard (LoadObjects),
+                            ///< receiver (SendMessage)
+    bool prompt = false;    ///< Handshake: how the client reads
+    bool transient = false; ///< Handshake: nothing waits for the client once it has gone
+    bool now = false;       ///< Subscribe: with the values that are stored
+    QStringList names;      ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
     std::optional<TrelanMessage> message; ///< SendMessage; with the time, without a sender
     ObjectRecord record; ///< Publish; without publisher, and without uid where none was sent
 

@@ -149,7 +149,8 @@ void BusCore::handshake(ClientRegistry &registry, ConnectionId id, const BusRequ
     // Before the reply, whose sending may find the connection at its end: then it is detached.
     if (receives)
         _delivery.attach(request.name, id,
-                         request.prompt ? TrelanTransport::Prompt : TrelanTransport::Paced);
+                         request.prompt ? TrelanTransport::Prompt : TrelanTransport::Paced,
+                         request.transient);
     _output.reply(id, request.word, TrelanError());
     if (receives)
         _delivery.sendMore(request.name);
