@@ -7,7 +7,7 @@
 
 #include <functional>
 
-/// Parsed JSON, for those who need no map of it, or look at it before. Internal to the libraries;
+/// Parsed JSON, for code that needs no map of it or looks at it first. Internal to the libraries;
 /// thread-safe.
 namespace bus::json
 {
@@ -19,16 +19,16 @@ struct Limits
     int bytes;
 };
 
-/// Has \a read look at the parsed text, which is valid until \a read returns or anything else is
-/// parsed on this thread. Returns why the text cannot be parsed; \a read is not called then.
+/// Parses \a text and calls \a read with its root, which is valid until \a read returns or this
+/// thread parses something else. Returns why the text cannot be parsed; \a read is not called then.
 simdjson::error_code parse(const QByteArray &text, const Limits &limits,
                            const std::function<void(simdjson::dom::element)> &read);
 
-/// Has \a read look at the parsed text. False if \a read says so, or if only Qt may judge the text:
-/// it is nested deeply, very long, or no JSON.
+/// Parses \a text and returns what \a read makes of its root. False without a call if only Qt may
+/// judge the text, since it is nested deeply, very long, or no JSON.
 bool parse(const QByteArray &text, const std::function<bool(simdjson::dom::element)> &read);
 
-/// What read() makes of a text that is parsed already. False if it is left to Qt; \a object may
+/// Makes of a parsed text what read() makes of the text. False if it is left to Qt; \a object may
 /// hold anything then.
 bool convert(const QByteArray &text, simdjson::dom::element root, QVariantMap &object);
 
