@@ -83,6 +83,25 @@ private Q_SLOTS:
         }
     }
 
+    void wholeNumbersStayExact()
+    {
+        TrelanBusSettings settings;
+        settings.setCoding(TrelanTransport::Light);
+        TestBus server(settings);
+        RawPeer peer(server, "me");
+        // A number that is no double is read by way of a map, and all that is around it.
+        for (const QByteArray more : {"", "100000000000000000000"}) {
+            QByteArray envelope = "{'operation':'pub','data':{'nm':'a','opt':2,'cnt':{'t':"
+                                  "[1700000000123456789,9007199254740993]}},'x':[" +
+                                  more + "]}";
+            QVERIFY(peer.send(RawPeer::jsonFrame(envelope.replace('\'', '"'))));
+            QCOMPARE(peer.receive(), "0 ");
+            QCOMPARE(peer.ask("loadObject {'nm':'a'}"), "0 ");
+            QCOMPARE(peer.data().value("cnt").toMap().value("t"),
+                     QVariant(QVariantList {1700000000123456789LL, 9007199254740993LL}));
+        }
+    }
+
     void publishedValueIsWhole()
     {
         TestBus server;

@@ -84,7 +84,7 @@ private Q_SLOTS:
         const char *const noData = "2 payload is no base64 text of compressed data";
         row("blanks around", " [-REQUEST-] \r\n 4\r\nAAAA", noData, "");
         row("no payload", "[-REQUEST-]\r\n0\r\n", noData, "");
-        row("no JSON", RawPeer::jsonFrame("{"), "2 payload is no JSON: unterminated object", "");
+        row("no JSON", RawPeer::jsonFrame("{"), "2 payload is no JSON: invalid structure", "");
         const char *const noWord =
             "2 payload has to be an object with a string under \"operation\"";
         row("JSON list", RawPeer::jsonFrame("[1]"), noWord, "");

@@ -515,7 +515,7 @@ QByteArray TrelanMessageReciever::Private::readPayload(qint32 size)
 
 bool TrelanMessageReciever::Private::takeRequest(const QByteArray &payload)
 {
-    if (const auto message = delivery::decode(payload)) {
+    if (const auto message = pushes::decode(payload)) {
         takeMessage(*message);
         return true;
     }
@@ -547,7 +547,7 @@ void TrelanMessageReciever::Private::takeMessage(const TrelanMessage &msg)
     // Repeated ones too, so that the bus stops sending them.
     const QPointer<TrelanMessageReciever> self(&_receiver); // a connection lost here is a signal
     if (isConnected())
-        write(delivery::acknowledgement(msg, _coding));
+        write(pushes::acknowledgement(msg, _coding));
     if (!self)
         return;
 

@@ -7,33 +7,29 @@
 
 #include <functional>
 
-/// Parsed JSON, for those who need no map of it, or look at it before. Internal to the libraries;
+/// Parsed JSON, for code that needs no map of it or looks at it first. Internal to the libraries;
 /// thread-safe.
 namespace bus::json
 {
 
-/// Has \a read look at the parsed text, which is valid until it returns, or anything else is parsed
-/// on this thread. False if it says so, or if only Qt may judge the text: it is nested deeply, very
-/// long, or no JSON.
-bool parse(const QByteArray &text,
-                         const std::function<bool(simdjson::dom::element)> &read);
-
-/// Where the tokens of a text begin: its brackets, commas and colons, its strings, keys among them,
-/// and its other values.
-struct Tokens
+/// The largest texts that are parsed.
+struct Limits
 {
-    const quint32 *positions = nullptr;
-    size_t count = 0;
+    size_t depth; ///< levels of nesting
+    int bytes;
 };
 
-/// The same with the tokens, which the parser has found anyway.
-bool
-parse(const QByteArray &text,
-      const std::function<bool(simdjson::dom::element, const Tokens &tokens)> &read);
+/// Parses \a text and calls \a read with its root, which is valid until \a read returns or this
+/// thread parses something else. Returns why the text cannot be parsed; \a read is not called then.
+simdjson::error_code parse(const QByteArray &text, const Limits &limits,
+                           const std::function<void(simdjson::dom::element)> &read);
 
-/// What read() makes of a text that is parsed already. False if it is left to Qt; \a object may
+/// Parses \a text and returns what \a read makes of its root. False without a call if only Qt may
+/// judge the text, since it is nested deeply, very long, or no JSON.
+bool parse(const QByteArray &text, const std::function<bool(simdjson::dom::element)> &read);
+
+/// Makes of a parsed text what read() makes of the text. False if it is left to Qt; \a object may
 /// hold anything then.
-bool convert(const QByteArray &text, simdjson::dom::element root,
-                           QVariantMap &object);
+bool convert(const QByteArray &text, simdjson::dom::element root, QVariantMap &object);
 
 } // namespace bus::json

@@ -206,30 +206,36 @@ bool mayHaveTinyNumber(const QByteArray &text)
 
 bool parse(const QByteArray &text, const std::function<bool(simdjson::dom::element)> &read)
 {
-    return parse(text, [&](simdjson::dom::element root, const Tokens &) { return read(root); });
+    bool isRead = false;
+    const auto error = parse(text, {MAX_DEPTH, LARGEST_TEXT},
+                             [&](simdjson::dom::element root) { isRead = read(root); });
+    return error == simdjson::SUCCESS && isRead;
 }
 
-bool parse(const QByteArray &text,
-           const std::function<bool(simdjson::dom::element, const Tokens &)> &read)
+simdjson::error_code parse(const QByteArray &text, const Limits &limits,
+                           const std::function<void(simdjson::dom::element)> &read)
 {
-    const auto parseWith = [&](simdjson::dom::parser &parser) {
+    constexpr size_t FIRST_CAPACITY = 1024;
+    const auto parseWith = [&](simdjson::dom::parser &parser, size_t capacity) {
+        simdjson::error_code error = simdjson::SUCCESS;
+        if (parser.max_depth() != limits.depth || parser.capacity() == 0)
+            error = parser.allocate(capacity, limits.depth);
         const bool mustCopy = text.capacity() - text.size() < SPARE;
         simdjson::dom::element root;
-        if (parser.parse(text.constData(), size_t(text.size()), mustCopy).get(root) !=
-            simdjson::SUCCESS)
-            return false;
-        const auto &found = *parser.implementation;
-        return read(root, {found.structural_indexes.get(), found.n_structural_indexes});
+        if (error == simdjson::SUCCESS)
+            error = parser.parse(text.constData(), size_t(text.size()), mustCopy).get(root);
+        if (error == simdjson::SUCCESS)
+            read(root);
+        return error;
     };
+    if (text.size() > limits.bytes)
+        return simdjson::CAPACITY;
     if (text.size() > LARGEST_OF_KEPT_PARSER) {
         simdjson::dom::parser parser;
-        return text.size() <= LARGEST_TEXT &&
-               parser.allocate(size_t(text.size()), MAX_DEPTH) == simdjson::SUCCESS &&
-               parseWith(parser);
+        return parseWith(parser, size_t(text.size()));
     }
     static thread_local simdjson::dom::parser _parser;
-    static thread_local const auto _allocated = _parser.allocate(1024, MAX_DEPTH);
-    return _allocated == simdjson::SUCCESS && parseWith(_parser);
+    return parseWith(_parser, FIRST_CAPACITY);
 }
 
 bool convert(const QByteArray &text, simdjson::dom::element root, QVariantMap &object)

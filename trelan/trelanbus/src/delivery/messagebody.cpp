@@ -13,7 +13,6 @@ namespace bus
 
 namespace
 {
-const QString WORD = QStringLiteral("sendMessage");
 constexpr int FIXED_TEXT = 256; // bytes that the keys around a text take
 constexpr int OPEN_OBJECTS = 2; // behind a beginning: the envelope and its data
 } // namespace
@@ -81,9 +80,10 @@ QByteArray MessageBody::classicFrame(const QString &reciever, const QString &uid
     message.setSender(_sender);
     message.setReciever(reciever);
     message.setUid(uid);
-    return TrelanFrame::encode(TrelanFrame::Request,
-                               TrelanFrame::request(WORD, message.toVariantMap()),
-                               TrelanTransport::Classic);
+    return TrelanFrame::encode(
+        TrelanFrame::Request,
+        TrelanFrame::request(operations::SEND_MESSAGE, message.toVariantMap()),
+        TrelanTransport::Classic);
 }
 
 bool MessageBody::isEncoded() const
@@ -108,7 +108,9 @@ QByteArray MessageBody::beginning() const
     QByteArray text;
     text.reserve(FIXED_TEXT + 2 * textSize());
     EnvelopeWriter envelope(text);
-    envelope.text(keys::OPERATION, WORD).begin(keys::DATA).time(keys::TIME, _time);
+    envelope.text(keys::OPERATION, operations::SEND_MESSAGE)
+        .begin(keys::DATA)
+        .time(keys::TIME, _time);
     if (_utf8.isEmpty())
         envelope.text(keys::MESSAGE_TEXT, _text);
     else

@@ -29,7 +29,7 @@ QByteArray lightText(const ObjectRecord &record)
     EnvelopeWriter(text)
         .raw(keys::NOTIFIED_CONTENT, record.contentJson)
         .text(keys::NOTIFIED_NAME, record.head.name)
-        .text(keys::NOTIFIED_REASON, QByteArrayLiteral("sub"))
+        .text(keys::NOTIFIED_REASON, reasons::SUBSCRIPTION)
         .finish();
     return text;
 }

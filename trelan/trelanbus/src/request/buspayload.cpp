@@ -1,12 +1,18 @@
 #include "request/buspayload.h"
 
+#include "request/jsoninspector.h"
+#include "request/jsontext.h"
+
 #include <base64.h>
 #include <jsondom.h>
+#include <jsonreader.h>
+#include <wirekeys.h>
 #include <zstream.h>
 
-#include <algorithm>
+#include <functional>
+#include <initializer_list>
+#include <limits>
 #include <string_view>
-#include <vector>
 
 namespace bus::payload
 {
@@ -16,134 +22,83 @@ namespace
 
 namespace dom = simdjson::dom;
 
-const QString KEY_OPERATION = QStringLiteral("operation");
-const QString KEY_DATA = QStringLiteral("data");
+// As deep as Qt reads. The size of a text has its limit where it is inflated.
+constexpr json::Limits LIMITS {1024, std::numeric_limits<int>::max()};
+constexpr std::string_view MARK = "\xef\xbb\xbf"; // of byte order
 
-/// Whether a byte order mark is in front. Qt drops it, but not if there is an escape in the same
-/// string.
+/// Qt drops a mark in front of a text or a string, but not in front of a string with an escape.
 bool beginsWithMark(std::string_view utf8)
 {
-    return utf8.substr(0, 3) == "\xef\xbb\xbf";
+    return utf8.substr(0, MARK.size()) == MARK;
 }
 
-struct Text
+/// The parser's own words are long, and other words in other versions.
+QString textOf(simdjson::error_code error)
+{
+    switch (error) {
+    case simdjson::EMPTY:
+        return QStringLiteral("nothing");
+    case simdjson::DEPTH_ERROR:
+        return QStringLiteral("nested too deeply");
+    case simdjson::UTF8_ERROR:
+        return QStringLiteral("invalid UTF-8");
+    case simdjson::NUMBER_ERROR:
+        return QStringLiteral("invalid number");
+    case simdjson::STRING_ERROR:
+    case simdjson::UNCLOSED_STRING:
+    case simdjson::UNESCAPED_CHARS:
+        return QStringLiteral("invalid string");
+    default:
+        return QStringLiteral("invalid structure");
+    }
+}
+
+/// A parsed text.
+struct Document
 {
     const QByteArray &json;
-    const json::Tokens &tokens;
+    dom::element root;
+    bool isExact = true; // false if the values are to be taken from the text alone
 };
 
-/// Looks at every value of a text: whether an object has a key twice, and how large it is when it
-/// is indented. Every function is false for what has to go the long way.
-class Inspector
+/// Has \a read look at a parsed text. Returns why it cannot be parsed, for people.
+QString parse(const QByteArray &json, const std::function<void(const Document &)> &read)
 {
-public:
-    bool value(dom::element element, int level)
-    {
-        dom::object object;
-        dom::array array;
-        double number = 0;
-        switch (element.type()) {
-        case dom::element_type::OBJECT:
-            return element.get(object) == simdjson::SUCCESS && members(object, level + 1);
-        case dom::element_type::ARRAY:
-            return element.get(array) == simdjson::SUCCESS && entries(array, level + 1);
-        case dom::element_type::DOUBLE:
-            // It may have been too small for a number, which Qt refuses.
-            return element.get(number) == simdjson::SUCCESS && number != 0;
-        default:
-            return true;
-        }
-    }
-
-    /// Whether all keys of an object differ.
-    bool keysDiffer(dom::object object)
-    {
-        _keys.clear();
-        for (const auto member : object)
-            _keys.push_back(member.key);
-        std::sort(_keys.begin(), _keys.end());
-        return std::adjacent_find(_keys.begin(), _keys.end()) == _keys.end();
-    }
-
-    int depth() const { return _depth; }
-    qint64 indentation() const { return _indentation; }
-
-private:
-    bool members(dom::object object, int level)
-    {
-        int number = 0;
-        bool ascend = true; // as in most texts, so that they differ
-        std::string_view last;
-        for (const auto member : object) {
-            ascend = ascend && (number == 0 || isBefore(last, member.key));
-            last = member.key;
-            if (!value(member.value, level))
-                return false;
-            ++number;
-        }
-        count(number, level);
-        return ascend || keysDiffer(object);
-    }
-
-    static bool isBefore(std::string_view a, std::string_view b)
-    {
-        // Mostly the first bytes say it, for less than a call.
-        const bool same = a.empty() || b.empty() || a.front() == b.front();
-        return same ? a < b : uchar(a.front()) < uchar(b.front());
-    }
-
-    bool entries(dom::array array, int level)
-    {
-        int number = 0;
-        for (const dom::element entry : array) {
-            if (!value(entry, level))
-                return false;
-            ++number;
-        }
-        count(number, level);
-        return true;
-    }
-
-    /// The brackets, and the commas between.
-    void count(int values, int level)
-    {
-        _depth = qMax(_depth, level);
-        _indentation += (2 + qMax(0, values - 1)) * jsontext::indentation(level);
-    }
-
-    std::vector<std::string_view> _keys; // of one object
-    int _depth = 0;
-    qint64 _indentation = 0;
-};
+    const simdjson::error_code error = json::parse(json, LIMITS, [&](dom::element root) {
+        read({json, root});
+    });
+    if (error == simdjson::SUCCESS)
+        return {};
+    const QByteArray standIn = jsontext::standIn(json);
+    const auto readStandIn = [&](dom::element root) { read({json, root, false}); };
+    if (!standIn.isNull() && json::parse(standIn, LIMITS, readStandIn) == simdjson::SUCCESS)
+        return {};
+    return textOf(error);
+}
 
 /// Without its blanks; null if that is impossible.
-QByteArray copied(const jsontext::Piece &piece)
+QByteArray compact(std::string_view json)
 {
-    if (!piece.hasBlanks)
-        return {piece.text.data(), int(piece.text.size())};
-    QByteArray compact(int(piece.text.size()), Qt::Uninitialized);
+    QByteArray compact(int(json.size()), Qt::Uninitialized);
     size_t size = 0;
-    if (simdjson::minify(piece.text.data(), piece.text.size(), compact.data(), size) !=
-        simdjson::SUCCESS)
+    if (simdjson::minify(json.data(), json.size(), compact.data(), size) != simdjson::SUCCESS)
         return {};
     compact.resize(int(size));
-    compact.squeeze(); // the blanks would be kept as memory that nobody counts
+    compact.squeeze(); // memory in place of the blanks would be kept, and not be counted
     return compact;
 }
 
-/// Copies the value of "cnt".
-bool takeContent(const Text &text, dom::element content, Request &request)
+/// Takes the value of "cnt" as it stands in the text.
+bool takeContent(std::string_view text, dom::element content, Request &request)
 {
-    Inspector inspector;
-    const jsontext::Piece piece = jsontext::member(text.json, text.tokens, "\"data\"", "\"cnt\"");
-    if (piece.text.empty() || !inspector.value(content, 0))
+    JsonInspector inspector;
+    inspector.look(content);
+    if (!content.is_object() || inspector.hasRepeatedKey() ||
+        (inspector.hasZero() && jsontext::hasTinyNumber(text)))
         return false;
-    const QByteArray compact = copied(piece);
-    if (compact.isNull())
-        return false;
-    request.record.contentJson = compact;
-    request.measure = {inspector.depth(), compact.size() + inspector.indentation()};
-    return true;
+    request.record.contentJson = compact(text);
+    request.measure = {inspector.depth(), inspector.indentation()};
+    return !request.record.contentJson.isNull();
 }
 
 bool takeText(dom::element element, QString &text)
@@ -155,75 +110,149 @@ bool takeText(dom::element element, QString &text)
     return true;
 }
 
-/// A value of the data of a publish. False for what has to go the long way.
-bool takeMember(const Text &text, std::string_view key, dom::element value, Request &request)
+bool takeTime(dom::element element, Request &request)
 {
-    ObjectHead &head = request.record.head;
-    if (key == "cnt")
-        return takeContent(text, value, request);
-    if (key == "nm")
-        return takeText(value, head.name);
-    if (key == "uid")
-        return takeText(value, head.uid) && head.uid.size() <= MAX_UID;
-    if (key == "dt") {
-        QString time;
-        const bool isText = takeText(value, time);
-        request.hasTime = !time.isEmpty();
-        head.time = time.toLongLong(nullptr, 10);
-        return isText;
-    }
-    if (key == "opt") {
-        int64_t options = 0;
-        const bool isNumber = value.get(options) == simdjson::SUCCESS;
-        head.options = TrelanObject::Options(QFlag(int(options)));
-        return isNumber && options == int(options);
-    }
-    return !beginsWithMark(key); // others mean nothing
-}
-
-bool readPublish(const Text &text, dom::object envelope, dom::object data, Request &request)
-{
-    Inspector inspector;
-    std::string_view name;
-    if (!inspector.keysDiffer(envelope) || !inspector.keysDiffer(data) || envelope.size() != 2 ||
-        data["nm"].get(name) != simdjson::SUCCESS)
+    QString time;
+    if (!takeText(element, time))
         return false;
-    request.record.contentJson = "{}";
-    for (const auto member : data) {
-        if (!takeMember(text, member.key, member.value, request))
-            return false;
-    }
-    request.isPublish = true;
+    request.hasTime = !time.isEmpty();
+    request.record.head.time = time.toLongLong(nullptr, 10);
     return true;
 }
 
-/// A request as clients usually send it. False for any other, of which nothing is known then.
-bool readFast(const Text &text, dom::element root, Request &request)
+bool takeOptions(dom::element element, ObjectHead &head)
 {
-    dom::object envelope;
-    dom::object data;
-    std::string_view operation;
-    if (root.get(envelope) != simdjson::SUCCESS ||
-        envelope["operation"].get(operation) != simdjson::SUCCESS)
+    int64_t options = 0;
+    if (element.get(options) != simdjson::SUCCESS || options != int(options))
         return false;
-    if (operation == "pub") {
-        return envelope["data"].get(data) == simdjson::SUCCESS &&
-               readPublish(text, envelope, data, request);
-    }
-    Inspector inspector;
-    return inspector.value(root, 0) && json::convert(text.json, root, request.envelope);
+    head.options = TrelanObject::Options(QFlag(int(options)));
+    return true;
 }
 
-TrelanFrame::Payload readSlowly(const QByteArray &json)
+/// A value of the data of a publish, other than its content.
+bool takeMember(std::string_view key, dom::element value, Request &request)
 {
-    const QByteArray key = jsontext::repeatedKey(json);
-    if (key.isNull())
-        return TrelanFrame::decodeJson(json);
-    TrelanFrame::Payload decoded;
-    decoded.fault = TrelanFrame::NotJson;
-    decoded.errorText =
-        QStringLiteral("an object has the key %1 twice").arg(QString::fromUtf8(key.left(100)));
-    return decoded;
+    ObjectHead &head = request.record.head;
+    if (key == keys::OBJECT_NAME)
+        return takeText(value, head.name);
+    if (key == keys::UID)
+        return takeText(value, head.uid) && head.uid.size() <= MAX_UID;
+    if (key == keys::TIME)
+        return takeTime(value, request);
+    if (key == keys::OBJECT_OPTIONS)
+        return takeOptions(value, head);
+    return !beginsWithMark(key); // others mean nothing
+}
+
+bool haveRepeatedKey(std::initializer_list<dom::object> objects)
+{
+    JsonInspector inspector;
+    for (const dom::object object : objects)
+        inspector.lookAtKeys(object);
+    return inspector.hasRepeatedKey();
+}
+
+/// The place of a key that the object has.
+jsontext::Place placeOf(std::string_view key, dom::object object)
+{
+    int before = 0;
+    for (auto member = object.begin(); member.key() != key; ++member)
+        ++before;
+    return {before, int(object.size()) - 1 - before};
+}
+
+/// Reads a publish as clients usually send it. False for any other request; \a request may hold
+/// anything then.
+bool readPublish(const Document &document, Request &request)
+{
+    constexpr size_t MOST_MEMBERS = 100; // their number is not exact when it is huge
+    dom::object envelope;
+    dom::object data;
+    std::string_view text;
+    if (!document.isExact || document.root.get(envelope) != simdjson::SUCCESS ||
+        envelope[keys::OPERATION].get(text) != simdjson::SUCCESS || text != operations::PUBLISH ||
+        envelope[keys::DATA].get(data) != simdjson::SUCCESS ||
+        data[keys::OBJECT_NAME].get(text) != simdjson::SUCCESS || envelope.size() > MOST_MEMBERS ||
+        data.size() > MOST_MEMBERS || haveRepeatedKey({envelope, data}))
+        return false;
+    request.record.contentJson = "{}";
+    for (const auto [key, value] : data) {
+        if (key != keys::OBJECT_CONTENT && !takeMember(key, value, request))
+            return false;
+    }
+    dom::element content;
+    if (data[keys::OBJECT_CONTENT].get(content) != simdjson::SUCCESS)
+        return true;
+    const std::string_view json(document.json.constData(), size_t(document.json.size()));
+    const std::string_view dataText = jsontext::member(json, placeOf(keys::DATA, envelope));
+    return takeContent(jsontext::member(dataText, placeOf(keys::OBJECT_CONTENT, data)), content,
+                       request);
+}
+
+/// What is wrong with a text that could be parsed, for people; empty if nothing is.
+QString faultIn(const Document &document)
+{
+    JsonInspector inspector;
+    inspector.look(document.root);
+    if (inspector.hasRepeatedKey()) {
+        return QStringLiteral("an object has the key \"%1\" twice")
+            .arg(QString::fromUtf8(inspector.repeatedKey().left(100)));
+    }
+    const std::string_view json(document.json.constData(), size_t(document.json.size()));
+    return inspector.hasZero() && jsontext::hasTinyNumber(json)
+               ? QStringLiteral("a number is too small")
+               : QString();
+}
+
+Measure measureOf(dom::element content)
+{
+    JsonInspector inspector;
+    inspector.look(content);
+    return {inspector.depth(), inspector.indentation()};
+}
+
+/// Makes a map of the envelope. The document is not valid any more afterwards.
+void readEnvelope(const Document &document, Request &request)
+{
+    request.errorText = faultIn(document);
+    dom::element content;
+    if (document.root[keys::DATA][keys::OBJECT_CONTENT].get(content) == simdjson::SUCCESS)
+        request.measure = measureOf(content);
+    const auto convert = [&] {
+        return document.isExact && json::convert(document.json, document.root, request.envelope);
+    };
+    const auto read = [&] {
+        return json::read(document.json, request.envelope, &request.errorText);
+    };
+    if (!request.errorText.isEmpty() || !(convert() || read()))
+        request.fault = TrelanFrame::NotJson;
+}
+
+bool readAcknowledgement(const Document &document, Acknowledgement &acknowledgement)
+{
+    dom::object data;
+    dom::element operation;
+    if (!document.isExact || document.root[keys::OPERATION].get(operation) != simdjson::SUCCESS ||
+        document.root[keys::DATA].get(data) != simdjson::SUCCESS)
+        return false;
+    const auto take = [](dom::element value, QString &text) {
+        return !value.is_string() || takeText(value, text);
+    };
+    const auto takeData = [&](std::string_view key, QString &text) {
+        dom::element value;
+        return data[key].get(value) != simdjson::SUCCESS || take(value, text);
+    };
+    return take(operation, acknowledgement.operation) &&
+           takeData(keys::SENDER, acknowledgement.sender) &&
+           takeData(keys::RECIEVER, acknowledgement.reciever) &&
+           takeData(keys::UID, acknowledgement.uid);
+}
+
+Acknowledgement acknowledgementIn(const QVariantMap &envelope)
+{
+    const QVariantMap data = envelope.value(keys::DATA).toMap();
+    return {envelope.value(keys::OPERATION).toString(), data.value(keys::SENDER).toString(),
+            data.value(keys::RECIEVER).toString(), data.value(keys::UID).toString()};
 }
 
 QByteArray inflate(const QByteArray &payload, qint64 maxInflatedSize, TrelanFrame::Fault &fault)
@@ -233,7 +262,11 @@ QByteArray inflate(const QByteArray &payload, qint64 maxInflatedSize, TrelanFram
     fault = outcome == zstream::Done       ? TrelanFrame::NoFault
             : outcome == zstream::TooLarge ? TrelanFrame::TooLarge
                                            : TrelanFrame::NotInflatable;
-    return fault == TrelanFrame::NoFault ? json : QByteArray();
+    if (fault != TrelanFrame::NoFault)
+        return {};
+    if (beginsWithMark({json.constData(), size_t(json.size())}))
+        json.remove(0, int(MARK.size()));
+    return json;
 }
 
 } // namespace
@@ -242,17 +275,19 @@ Request decodeRequest(const QByteArray &payload, qint64 maxInflatedSize)
 {
     Request request;
     const QByteArray json = inflate(payload, maxInflatedSize, request.fault);
-    if (request.fault != TrelanFrame::NoFault ||
-        json::parse(json, [&](dom::element root, const json::Tokens &tokens) {
-            return readFast({json, tokens}, root, request);
-        }))
+    if (request.fault != TrelanFrame::NoFault)
         return request;
-
-    const TrelanFrame::Payload decoded = readSlowly(json);
-    request = Request();
-    request.fault = decoded.fault;
-    request.errorText = decoded.errorText;
-    request.envelope = decoded.envelope;
+    const QString errorText = parse(json, [&](const Document &document) {
+        request.isPublish = readPublish(document, request);
+        if (!request.isPublish) {
+            request = Request();
+            readEnvelope(document, request);
+        }
+    });
+    if (!errorText.isEmpty()) {
+        request.fault = TrelanFrame::NotJson;
+        request.errorText = errorText;
+    }
     return request;
 }
 
@@ -263,33 +298,14 @@ Acknowledgement decodeAcknowledgement(const QByteArray &payload, qint64 maxInfla
     Acknowledgement acknowledgement;
     if (fault != TrelanFrame::NoFault)
         return acknowledgement;
-    const bool isRead = json::parse(json, [&](dom::element root) {
-        dom::object data;
-        dom::element operation;
-        if (root["operation"].get(operation) != simdjson::SUCCESS ||
-            root["data"].get(data) != simdjson::SUCCESS)
-            return false;
-        const auto take = [](dom::element value, QString &text) {
-            return !value.is_string() || takeText(value, text);
-        };
-        const auto takeData = [&](const char *key, QString &text) {
-            dom::element value;
-            return data[key].get(value) != simdjson::SUCCESS || take(value, text);
-        };
-        return take(operation, acknowledgement.operation) &&
-               takeData("sender", acknowledgement.sender) &&
-               takeData("reciever", acknowledgement.reciever) &&
-               takeData("uid", acknowledgement.uid);
+    parse(json, [&](const Document &document) {
+        if (readAcknowledgement(document, acknowledgement))
+            return;
+        Request request;
+        readEnvelope(document, request);
+        acknowledgement = acknowledgementIn(request.envelope);
     });
-    if (isRead)
-        return acknowledgement;
-    const QVariantMap envelope = readSlowly(json).envelope;
-    const QVariantMap data = envelope.value(KEY_DATA).toMap();
-    const auto text = [&data](const char *key) {
-        return data.value(QLatin1String(key)).toString();
-    };
-    return {envelope.value(KEY_OPERATION).toString(), text("sender"), text("reciever"),
-            text("uid")};
+    return acknowledgement;
 }
 
 } // namespace bus::payload

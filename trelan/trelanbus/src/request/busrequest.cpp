@@ -5,6 +5,7 @@
 
 #include <jsonwriter.h>
 #include <trelanframe.h>
+#include <wirekeys.h>
 
 #include <QtCore/QHash>
 #include <QtCore/QVariantMap>
@@ -17,11 +18,11 @@ namespace bus
 namespace
 {
 
-// Answers wrap a content into one level more than a publish did, and JSON parsers stop at 1024
-// levels: an object nested deeper could be published, but not be loaded back.
+// An answer has one level more around a content than a publish has, and JSON parsers stop at 1024
+// levels: an object nested deeper could be published, but not be loaded.
 constexpr int MAX_CONTENT_DEPTH = 1000;
 
-// Longer than any there is. The reply repeats the word, which must not take long to encode.
+// No operation has a longer name. The reply repeats the word, which must not take long to encode.
 constexpr int MAX_WORD = 64;
 
 const QString LIST_SEPARATOR = QStringLiteral("::");
@@ -47,20 +48,19 @@ bool isNumber(const QVariant &value)
     return type == QMetaType::Double || type == QMetaType::LongLong || type == QMetaType::Int;
 }
 
-/// Takes the text under \a key, or sets the fault. Absent is not text.
-bool takeText(const QVariantMap &data, const char *key, QString &text, BusRequest &request)
+/// Takes the text under \a key, or sets the fault, also if there is no such key.
+bool takeText(const QVariantMap &data, const QString &key, QString &text, BusRequest &request)
 {
-    const QVariant value = data.value(QLatin1String(key));
+    const QVariant value = data.value(key);
     if (!isText(value)) {
-        request.fault =
-            dataFault(QStringLiteral("\"%1\" has to be a string").arg(QLatin1String(key)));
+        request.fault = dataFault(QStringLiteral("\"%1\" has to be a string").arg(key));
         return false;
     }
     text = value.toString();
     return true;
 }
 
-// Notifications and answers may be indented, which makes a line of each value.
+// Notifications and answers may be indented, which takes a line for each value.
 constexpr qint64 MAX_INDENTED = 64 * 1024 * 1024;
 
 bool isTruth(const QVariant &value)
@@ -70,11 +70,11 @@ bool isTruth(const QVariant &value)
 
 bool parseHandshake(const QVariantMap &data, BusRequest &request)
 {
-    // Not checked: clients may say there what they like.
-    request.prompt = data.value(QStringLiteral("prompt")).toBool();
-    const QVariant transient = data.value(QStringLiteral("transient"));
+    // "prompt" is not checked, since clients may say there what they like.
+    request.prompt = data.value(keys::PROMPT).toBool();
+    const QVariant transient = data.value(keys::TRANSIENT);
     request.transient = isTruth(transient) && transient.toBool();
-    return takeText(data, "name", request.name, request);
+    return takeText(data, keys::CLIENT_NAME, request.name, request);
 }
 
 bool isObject(const QVariant &value)
@@ -87,38 +87,40 @@ bool isTime(const QVariant &value)
     return isText(value) || isNumber(value);
 }
 
-/// What a value has to be if it is there.
+/// The kind of a value that may be missing.
 struct Type
 {
-    const char *key;
+    QString key;
     const char *text;
     bool (*fits)(const QVariant &value);
 };
 
-constexpr Type UID {"uid", "a string of up to 1024 characters", isUid};
-constexpr Type TIME {"dt", "a string of milliseconds", isTime};
+const Type UID {keys::UID, "a string of up to 1024 characters", isUid};
+const Type TIME {keys::TIME, "a string of milliseconds", isTime};
 
-/// The values that may be missing, but not be of another kind.
+/// Checks the kind of values that may be missing.
 bool checkTypes(const QVariantMap &data, std::initializer_list<Type> types, BusRequest &request)
 {
     for (const Type &type : types) {
-        const auto value = data.constFind(QLatin1String(type.key));
+        const auto value = data.constFind(type.key);
         if (value == data.constEnd() || type.fits(*value))
             continue;
-        request.fault = dataFault(QStringLiteral("\"%1\" has to be %2")
-                                      .arg(QLatin1String(type.key), QLatin1String(type.text)));
+        request.fault = dataFault(
+            QStringLiteral("\"%1\" has to be %2").arg(type.key, QLatin1String(type.text)));
         return false;
     }
     return true;
 }
 
 /// What is wrong with the content of an object, for people; empty if nothing is.
-QString contentFault(const jsontext::Measure &measure, const QString &name)
+QString contentFault(const ObjectRecord &record, const payload::Measure &measure)
 {
-    if (measure.indented > MAX_INDENTED) {
+    const QString &name = record.head.name;
+    const qint64 indented = record.contentJson.size() + measure.indentation;
+    if (indented > MAX_INDENTED) {
         return QStringLiteral("content of %1 takes %2 bytes with its indentation, more than %3")
             .arg(names::quoted(name))
-            .arg(measure.indented)
+            .arg(indented)
             .arg(MAX_INDENTED);
     }
     if (measure.depth > MAX_CONTENT_DEPTH) {
@@ -130,13 +132,12 @@ QString contentFault(const jsontext::Measure &measure, const QString &name)
     return {};
 }
 
-/// Checks what is left when the values are those of an object.
-bool checkPublish(const jsontext::Measure &measure, BusRequest &request)
+/// Checks the name and the content of an object; all other values are sound.
+bool checkPublish(const payload::Measure &measure, BusRequest &request)
 {
-    const QString &name = request.record.head.name;
-    QString fault = names::objectNameFault(name);
+    QString fault = names::objectNameFault(request.record.head.name);
     if (fault.isEmpty())
-        fault = contentFault(measure, name);
+        fault = contentFault(request.record, measure);
     if (!fault.isEmpty())
         request.fault = dataFault(fault);
     return fault.isEmpty();
@@ -145,25 +146,28 @@ bool checkPublish(const jsontext::Measure &measure, BusRequest &request)
 bool parsePublish(const QVariantMap &data, BusRequest &request)
 {
     ObjectHead &head = request.record.head;
-    if (!takeText(data, "nm", head.name, request) ||
+    if (!takeText(data, keys::OBJECT_NAME, head.name, request) ||
         !checkTypes(data,
-                    {UID, TIME, {"opt", "a number", isNumber}, {"cnt", "an object", isObject}},
+                    {UID,
+                     TIME,
+                     {keys::OBJECT_OPTIONS, "a number", isNumber},
+                     {keys::OBJECT_CONTENT, "an object", isObject}},
                     request))
         return false;
-    head.uid = data.value(QStringLiteral("uid")).toString();
-    const QString time = data.value(QStringLiteral("dt")).toString();
+    head.uid = data.value(keys::UID).toString();
+    const QString time = data.value(keys::TIME).toString();
     head.time = time.isEmpty() ? QDateTime::currentMSecsSinceEpoch() : time.toLongLong(nullptr, 10);
-    head.options = TrelanObject::Options(QFlag(data.value(QStringLiteral("opt")).toInt()));
-    request.record.contentJson = json::compact(data.value(QStringLiteral("cnt")).toMap());
+    head.options = TrelanObject::Options(QFlag(data.value(keys::OBJECT_OPTIONS).toInt()));
+    request.record.contentJson = json::exact(data.value(keys::OBJECT_CONTENT).toMap());
     request.record.contentJson.squeeze();
-    return checkPublish(jsontext::measure(request.record.contentJson), request);
+    return true;
 }
 
-/// A publish of which everything is known but whether its name and its content will do.
+/// A publish that was read already, except for the checks of its name and its content.
 BusRequest takePublish(const payload::Request &decoded)
 {
     BusRequest request;
-    request.word = QStringLiteral("pub");
+    request.word = operations::PUBLISH;
     request.record = decoded.record;
     if (!decoded.hasTime)
         request.record.head.time = QDateTime::currentMSecsSinceEpoch();
@@ -174,7 +178,7 @@ BusRequest takePublish(const payload::Request &decoded)
 
 bool parseRemove(const QVariantMap &data, BusRequest &request)
 {
-    const QVariant objects = data.value(QStringLiteral("objects"));
+    const QVariant objects = data.value(keys::OBJECTS);
     const QVariantList list = objects.toList();
     bool fits = objects.userType() == QMetaType::QVariantList;
     for (const QVariant &entry : list) {
@@ -188,24 +192,24 @@ bool parseRemove(const QVariantMap &data, BusRequest &request)
 
 bool parseLoadObject(const QVariantMap &data, BusRequest &request)
 {
-    return takeText(data, "nm", request.name, request);
+    return takeText(data, keys::OBJECT_NAME, request.name, request);
 }
 
 bool parseLoadObjects(const QVariantMap &data, BusRequest &request)
 {
-    return takeText(data, "wc", request.name, request);
+    return takeText(data, keys::WILDCARD, request.name, request);
 }
 
-/// Either one wildcard under "wc", which may not be empty, or a list under "wcs", which may.
+/// Takes either one wildcard under "wc", which may not be empty, or a list under "wcs", which may.
 bool takeWildcards(const QVariantMap &data, BusRequest &request)
 {
-    const bool one = data.contains(QStringLiteral("wc"));
-    if (one == data.contains(QStringLiteral("wcs"))) {
+    const bool one = data.contains(keys::WILDCARD);
+    if (one == data.contains(keys::WILDCARDS)) {
         request.fault = dataFault(QStringLiteral("either \"wc\" or \"wcs\" has to be given"));
         return false;
     }
     QString text;
-    if (!takeText(data, one ? "wc" : "wcs", text, request))
+    if (!takeText(data, one ? QString(keys::WILDCARD) : QString(keys::WILDCARDS), text, request))
         return false;
     if (one)
         request.names.append(text);
@@ -221,9 +225,9 @@ bool takeWildcards(const QVariantMap &data, BusRequest &request)
 bool parseSubscribe(const QVariantMap &data, BusRequest &request)
 {
     if (!takeWildcards(data, request) ||
-        !checkTypes(data, {{"now", "true or false", isTruth}}, request))
+        !checkTypes(data, {{keys::NOW, "true or false", isTruth}}, request))
         return false;
-    request.now = data.value(QStringLiteral("now")).toBool();
+    request.now = data.value(keys::NOW).toBool();
     for (const QString &wildcard : std::as_const(request.names)) {
         const QString fault = names::wildcardFault(wildcard);
         if (!fault.isEmpty()) {
@@ -241,8 +245,12 @@ bool parseClients(const QVariantMap &, BusRequest &)
 
 bool parseSendMessage(const QVariantMap &data, BusRequest &request)
 {
-    if (!takeText(data, "r", request.name, request) ||
-        !checkTypes(data, {{"msg", "a string", isText}, UID, TIME, {"ops", "a number", isNumber}},
+    if (!takeText(data, keys::MESSAGE_RECIEVER, request.name, request) ||
+        !checkTypes(data,
+                    {{keys::MESSAGE_TEXT, "a string", isText},
+                     UID,
+                     TIME,
+                     {keys::MESSAGE_OPTIONS, "a number", isNumber}},
                     request))
         return false;
     if (request.name.isEmpty()) {
@@ -255,7 +263,7 @@ bool parseSendMessage(const QVariantMap &data, BusRequest &request)
         return false;
     }
     request.message = TrelanMessage::fromVariantMap(data);
-    if (data.value(QStringLiteral("dt")).toString().isEmpty())
+    if (data.value(keys::TIME).toString().isEmpty())
         request.message->setDt(QDateTime::currentDateTime());
     return true;
 }
@@ -267,17 +275,17 @@ struct Parser
 };
 
 const QHash<QString, Parser> PARSERS {
-    {QStringLiteral("handshake"), {BusRequest::Handshake, parseHandshake}},
-    {QStringLiteral("pub"), {BusRequest::Publish, parsePublish}},
-    {QStringLiteral("rm"), {BusRequest::Remove, parseRemove}},
-    {QStringLiteral("loadObject"), {BusRequest::LoadObject, parseLoadObject}},
-    {QStringLiteral("loadObjects"), {BusRequest::LoadObjects, parseLoadObjects}},
-    {QStringLiteral("sub"), {BusRequest::Subscribe, parseSubscribe}},
-    // No text is too long or too odd not to be subscribed: after a failure clients unsubscribe
-    // whole lists, the refused entry included.
-    {QStringLiteral("unsub"), {BusRequest::Unsubscribe, takeWildcards}},
-    {QStringLiteral("sendMessage"), {BusRequest::SendMessage, parseSendMessage}},
-    {QStringLiteral("clients"), {BusRequest::Clients, parseClients}},
+    {operations::HANDSHAKE, {BusRequest::Handshake, parseHandshake}},
+    {operations::PUBLISH, {BusRequest::Publish, parsePublish}},
+    {operations::REMOVE, {BusRequest::Remove, parseRemove}},
+    {operations::LOAD_OBJECT, {BusRequest::LoadObject, parseLoadObject}},
+    {operations::LOAD_OBJECTS, {BusRequest::LoadObjects, parseLoadObjects}},
+    {operations::SUBSCRIBE, {BusRequest::Subscribe, parseSubscribe}},
+    // Wildcards are not checked here: after a failure clients unsubscribe whole lists, the refused
+    // wildcard included.
+    {operations::UNSUBSCRIBE, {BusRequest::Unsubscribe, takeWildcards}},
+    {operations::SEND_MESSAGE, {BusRequest::SendMessage, parseSendMessage}},
+    {operations::CLIENTS, {BusRequest::Clients, parseClients}},
 };
 
 QString payloadFaultText(const payload::Request &payload, qint64 maxInflatedSize)
@@ -308,8 +316,8 @@ BusRequest BusRequest::parse(const QByteArray &payload, qint64 maxInflatedSize)
     }
     if (decoded.isPublish)
         return takePublish(decoded);
-    const QVariant word = decoded.envelope.value(QStringLiteral("operation"));
-    const QVariant data = decoded.envelope.value(QStringLiteral("data"));
+    const QVariant word = decoded.envelope.value(keys::OPERATION);
+    const QVariant data = decoded.envelope.value(keys::DATA);
     if (!isText(word)) {
         request.fault = dataFault(
             QStringLiteral("payload has to be an object with a string under \"operation\""));
@@ -325,7 +333,9 @@ BusRequest BusRequest::parse(const QByteArray &payload, qint64 maxInflatedSize)
         request.fault = dataFault(QStringLiteral("\"data\" has to be an object"));
         return request;
     }
-    if (parser->parse(data.toMap(), request))
+    if (!parser->parse(data.toMap(), request))
+        return request;
+    if (parser->operation != BusRequest::Publish || checkPublish(decoded.measure, request))
         request.operation = parser->operation;
     return request;
 }

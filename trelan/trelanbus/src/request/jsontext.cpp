@@ -1,14 +1,8 @@
 #include "request/jsontext.h"
 
-#include <QtCore/QJsonArray>
-#include <QtCore/QJsonDocument>
-
 #include <algorithm>
-#include <array>
+#include <charconv>
 #include <cstring>
-#include <functional>
-#include <string_view>
-#include <vector>
 
 namespace bus::jsontext
 {
@@ -16,202 +10,262 @@ namespace bus::jsontext
 namespace
 {
 
-constexpr size_t MAX_DEPTH = 1100; // parsers stop before that
-constexpr int INDENTATION = 4;
-constexpr int OUTER_LEVELS = 3; // around a content, in what is sent
-
-/// Behind the string that begins at \a begin, which is its opening quote.
-int endOfString(const QByteArray &json, int begin)
-{
-    const char *const text = json.constData();
-    for (int at = begin + 1; at < json.size();) {
-        const void *const found = std::memchr(text + at, '"', size_t(json.size() - at));
-        if (!found)
-            break;
-        const int quote = int(static_cast<const char *>(found) - text);
-        int slashes = 0;
-        while (text[quote - 1 - slashes] == '\\')
-            ++slashes;
-        if (slashes % 2 == 0)
-            return quote + 1;
-        at = quote + 1;
-    }
-    return json.size();
-}
-
 bool isBlank(char c)
 {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
 
-int skipBlanks(const QByteArray &json, int at)
+bool isDigit(char c)
 {
-    while (at < json.size() && isBlank(json.at(at)))
-        ++at;
-    return at;
+    return c >= '0' && c <= '9';
 }
 
-bool isKey(const QByteArray &json, int end)
+bool isPartOfNumber(char c)
 {
-    end = skipBlanks(json, end);
-    return end < json.size() && json.at(end) == ':';
+    return isDigit(c) || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E';
 }
 
-constexpr std::array<signed char, 256> makeDepths()
+/// Whether the quote at \a quote is a part of its string.
+bool isEscaped(std::string_view text, size_t quote)
 {
-    std::array<signed char, 256> depths {};
-    depths['{'] = depths['['] = 1;
-    depths['}'] = depths[']'] = -1;
-    return depths;
+    size_t slashes = 0;
+    while (slashes < quote && text[quote - 1 - slashes] == '\\')
+        ++slashes;
+    return slashes % 2 != 0;
 }
 
-/// Passes over the values of a sound text by its tokens.
-class Cursor
+/// Behind the string whose opening quote is at \a begin; the end of the text if it has no end.
+size_t endOfString(std::string_view text, size_t begin)
+{
+    size_t quote = text.find('"', begin + 1);
+    while (quote != std::string_view::npos && isEscaped(text, quote))
+        quote = text.find('"', quote + 1);
+    return quote == std::string_view::npos ? text.size() : quote + 1;
+}
+
+/// The last quote in front of a place, which has to be there.
+size_t quoteBefore(std::string_view text, size_t end)
+{
+    // The standard's search takes one byte at a time.
+    return size_t(static_cast<const char *>(::memrchr(text.data(), '"', end)) - text.data());
+}
+
+/// The opening quote of the string whose closing quote is at \a end.
+size_t beginOfString(std::string_view text, size_t end)
+{
+    size_t quote = quoteBefore(text, end);
+    while (isEscaped(text, quote))
+        quote = quoteBefore(text, quote);
+    return quote;
+}
+
+/// Passes over the members of a sound object from its front.
+class Forward
 {
 public:
-    Cursor(const QByteArray &json, const json::Tokens &tokens)
-        : _text(json.constData(), size_t(json.size()))
-        , _next(tokens.positions)
-        , _end(tokens.positions + tokens.count)
+    explicit Forward(std::string_view object)
+        : _text(object)
+        , _at(object.find('{') + 1)
     {}
 
-    /// Goes to the value of a key of the object that is next; false if it is not there.
-    bool enter(std::string_view quotedKey)
+    /// Passes over so many members, and the key of the next. Returns where its value begins.
+    size_t value(int members)
     {
-        if (byte() != '{')
-            return false;
-        do {
-            ++_next;
-            if (byte() != '"')
-                return false;
-            const bool isFound = _text.substr(*_next, quotedKey.size()) == quotedKey;
-            _next += 2; // and the colon
-            if (isFound)
-                return true;
+        for (; members > 0; --members) {
+            key();
             pass();
-        } while (byte() == ',');
-        return false;
-    }
-
-    /// The object that is next.
-    Piece object()
-    {
-        if (byte() != '{')
-            return {};
-        const quint32 begin = *_next;
-        const bool hasBlanks = pass();
-        return {_text.substr(begin, *(_next - 1) + 1 - begin), hasBlanks};
+        }
+        key();
+        return _at;
     }
 
 private:
-    char byte() const { return _next < _end ? _text[*_next] : '\0'; }
-
-    /// Leaves a value behind. Returns whether there are blanks between its tokens.
-    bool pass()
+    /// What is in front of the key is a brace or a comma, and behind it is a colon.
+    void key()
     {
-        static constexpr auto DEPTHS = makeDepths();
+        _at = endOfString(_text, _text.find('"', _at));
+        _at = _text.find(':', _at) + 1;
+        blanks();
+    }
+
+    void pass()
+    {
         int depth = 0;
-        bool hasBlanks = false;
-        for (const quint32 *const first = _next; _next < _end;) {
-            const quint32 at = *_next;
-            hasBlanks |= _next > first && isBlank(_text[at - 1]);
-            depth += DEPTHS[uchar(_text[at])];
-            ++_next;
-            if (depth == 0)
-                break;
-        }
-        return hasBlanks;
+        do {
+            const char c = _text[_at];
+            if (c == '"') {
+                _at = endOfString(_text, _at);
+                continue;
+            }
+            depth += int(c == '{' || c == '[') - int(c == '}' || c == ']');
+            ++_at;
+        } while (depth > 0 || !endsValue());
+    }
+
+    /// Whether a value outside of brackets is over; a comma or the end of the object follows then.
+    bool endsValue() const { return _text[_at] == ',' || _text[_at] == '}'; }
+
+    void blanks()
+    {
+        while (isBlank(_text[_at]))
+            ++_at;
     }
 
     const std::string_view _text;
-    const quint32 *_next;
-    const quint32 *const _end;
+    size_t _at;
 };
 
-struct Key
+/// Passes over the members of a sound object from its end.
+class Backward
 {
-    size_t hash;
-    int position; // of its opening quote
-};
-using Keys = std::vector<Key>;
-
-/// One number for each key, however it is escaped; two keys have the same so rarely that it does
-/// not matter.
-size_t hashOf(const QByteArray &quoted)
-{
-    QByteArray key = quoted;
-    if (quoted.contains('\\')) {
-        const QJsonDocument document = QJsonDocument::fromJson('[' + quoted + ']');
-        key = '"' + document.array().first().toString().toUtf8() + '"';
+public:
+    explicit Backward(std::string_view object)
+        : _text(object)
+        , _end(object.rfind('}'))
+    {
+        blanks();
     }
-    return std::hash<std::string_view>()({key.constData(), size_t(key.size())});
+
+    /// Passes over so many members. Returns where the value of the one before them ends.
+    size_t value(int members)
+    {
+        for (; members > 0; --members) {
+            pass();
+            _end = beginOfString(_text, quoteBefore(_text, _end));
+            _end = _text.rfind(',', _end);
+            blanks();
+        }
+        return _end;
+    }
+
+private:
+    /// Goes to the colon in front of the value.
+    void pass()
+    {
+        int depth = 0;
+        for (;;) {
+            const char c = _text[--_end];
+            if (c == '"')
+                _end = beginOfString(_text, _end);
+            else if (depth == 0 && c == ':')
+                return;
+            depth += int(c == '}' || c == ']') - int(c == '{' || c == '[');
+        }
+    }
+
+    void blanks()
+    {
+        while (isBlank(_text[_end - 1]))
+            --_end;
+    }
+
+    const std::string_view _text;
+    size_t _end;
+};
+
+/// Whether a number is not zero, but becomes zero as a double.
+bool isTiny(std::string_view number)
+{
+    const auto isSignificant = [](char c) { return c >= '1' && c <= '9'; };
+    const std::string_view mantissa = number.substr(0, number.find_first_of("eE"));
+    if (std::none_of(mantissa.cbegin(), mantissa.cend(), isSignificant))
+        return false;
+    double value = 0;
+    const auto read = std::from_chars(number.data(), number.data() + number.size(), value);
+    return read.ec != std::errc() || value == 0;
 }
 
-/// Position of a key that is there twice; negative if there is none.
-int repeatedIn(Keys &keys)
+/// Replaces escapes of halves of surrogate pairs in the string from \a at to \a end by characters
+/// of the private area, each by another one.
+bool replaceHalves(QByteArray &text, size_t at, size_t end)
 {
-    const auto less = [](const Key &a, const Key &b) { return a.hash < b.hash; };
-    const auto same = [](const Key &a, const Key &b) { return a.hash == b.hash; };
-    std::sort(keys.begin(), keys.end(), less);
-    const auto found = std::adjacent_find(keys.begin(), keys.end(), same);
-    return found == keys.end() ? -1 : found->position;
+    constexpr uint HIGH = 0xd800;
+    constexpr uint LOW = 0xdc00;
+    constexpr uint BEHIND = 0xe000;
+    constexpr size_t ESCAPE = 6;
+    const auto unit = [&](size_t from) -> uint {
+        if (from + ESCAPE > end || text.at(int(from)) != '\\' || text.at(int(from) + 1) != 'u')
+            return 0;
+        return text.mid(int(from) + 2, int(ESCAPE) - 2).toUInt(nullptr, 16);
+    };
+    const auto isIn = [](uint value, uint from, uint to) { return value >= from && value < to; };
+    bool isReplaced = false;
+    while ((at = size_t(text.indexOf('\\', int(at)))) < end) {
+        const uint value = unit(at);
+        if (isIn(value, HIGH, LOW) && isIn(unit(at + ESCAPE), LOW, BEHIND)) {
+            at += 2 * ESCAPE;
+        } else if (isIn(value, HIGH, BEHIND)) {
+            const QByteArray other = QByteArray::number(value - HIGH + BEHIND, 16);
+            text.replace(int(at) + 2, other.size(), other);
+            isReplaced = true;
+            at += ESCAPE;
+        } else {
+            at += 2;
+        }
+    }
+    return isReplaced;
+}
+
+/// Replaces the integer from \a at to \a end by a zero and blanks, if it is a long one.
+bool replaceInteger(QByteArray &text, size_t at, size_t end)
+{
+    constexpr size_t LONGEST = 18; // digits that every 64 bits hold
+    if (text.at(int(at)) == '-')
+        ++at;
+    const auto isNoDigit = [](char c) { return !isDigit(c); };
+    if (end - at <= LONGEST ||
+        std::any_of(text.cbegin() + int(at), text.cbegin() + int(end), isNoDigit))
+        return false;
+    std::fill(text.begin() + int(at), text.begin() + int(end), ' ');
+    text[int(at)] = '0';
+    return true;
 }
 
 } // namespace
 
-QByteArray repeatedKey(const QByteArray &json)
+std::string_view member(std::string_view object, Place place)
 {
-    std::vector<Keys> open; // of the objects, and nothing of the arrays
-    int repeated = -1;
-    for (int i = 0; i < json.size() && repeated < 0 && open.size() <= MAX_DEPTH; ++i) {
-        const char c = json.at(i);
-        if (c == '{' || c == '[') {
-            open.emplace_back();
-        } else if ((c == '}' || c == ']') && !open.empty()) {
-            repeated = repeatedIn(open.back());
-            open.pop_back();
-        } else if (c == '"') {
-            const int end = endOfString(json, i);
-            if (!open.empty() && isKey(json, end))
-                open.back().push_back({hashOf(json.mid(i, end - i)), i});
-            i = end - 1;
+    const size_t begin = Forward(object).value(place.before);
+    return object.substr(begin, Backward(object).value(place.behind) - begin);
+}
+
+bool hasTinyNumber(std::string_view json)
+{
+    for (size_t at = 0; at < json.size();) {
+        if (json[at] == '"') {
+            at = endOfString(json, at);
+            continue;
         }
+        const size_t begin = at;
+        while (at < json.size() && isPartOfNumber(json[at]))
+            ++at;
+        if (at > begin && isTiny(json.substr(begin, at - begin)))
+            return true;
+        at += size_t(at == begin);
     }
-    for (; repeated < 0 && !open.empty(); open.pop_back())
-        repeated = repeatedIn(open.back());
-    return repeated < 0 ? QByteArray() : json.mid(repeated, endOfString(json, repeated) - repeated);
+    return false;
 }
 
-Measure measure(const QByteArray &json)
+QByteArray standIn(const QByteArray &json)
 {
-    Measure measured {0, json.size()};
-    int depth = 0;
-    for (int i = 0; i < json.size(); ++i) {
-        const char c = json.at(i);
-        if (c == '"') {
-            i = endOfString(json, i) - 1;
-        } else if (c == '{' || c == '[') {
-            measured.depth = qMax(measured.depth, ++depth);
-            measured.indented += indentation(depth);
-        } else if (c == '}' || c == ']') {
-            measured.indented += indentation(depth--);
-        } else if (c == ',') {
-            measured.indented += indentation(depth);
+    QByteArray text = json;
+    bool isReplaced = false;
+    const std::string_view bytes(json.constData(), size_t(json.size()));
+    for (size_t at = 0; at < bytes.size();) {
+        const size_t begin = at;
+        if (bytes[at] == '"') {
+            at = endOfString(bytes, at);
+            isReplaced |= replaceHalves(text, begin, at);
+            continue;
         }
+        while (at < bytes.size() && isPartOfNumber(bytes[at]))
+            ++at;
+        if (at > begin)
+            isReplaced |= replaceInteger(text, begin, at);
+        else
+            ++at;
     }
-    return measured;
-}
-
-qint64 indentation(int level)
-{
-    return 1 + INDENTATION * (level + OUTER_LEVELS);
-}
-
-Piece member(const QByteArray &json, const json::Tokens &tokens, std::string_view outer,
-             std::string_view inner)
-{
-    Cursor cursor(json, tokens);
-    return cursor.enter(outer) && cursor.enter(inner) ? cursor.object() : Piece();
+    return isReplaced ? text : QByteArray();
 }
 
 } // namespace bus::jsontext

@@ -1,39 +1,34 @@
 #pragma once
 
-#include <jsondom.h>
-
 #include <QtCore/QByteArray>
 
 #include <string_view>
 
-/// What can be said of a JSON text without taking it apart. Pure.
+/// What can be said of a JSON text by its bytes, which a parser does not tell. Pure.
 namespace bus::jsontext
 {
 
-/// The first key that an object of this text has twice; null if there is none. What is no JSON may
-/// have one or not.
-QByteArray repeatedKey(const QByteArray &json);
-
-struct Measure
+/// Which member of an object: there are \a before members in front of it and \a behind after it.
+struct Place
 {
-    int depth = 0;       ///< levels of nesting
-    qint64 indented = 0; ///< bytes that it takes inside of an envelope when it is indented
+    int before = 0;
+    int behind = 0;
 };
-Measure measure(const QByteArray &json);
 
-/// What one bracket of this level, or one comma inside, adds to the indented size.
-qint64 indentation(int level);
+/// The value of a member as it stands in \a object, a sound text of an object that has this member.
+/// Takes no time for the value itself, however large it is.
+std::string_view member(std::string_view object, Place place);
 
-/// A part of a text.
-struct Piece
-{
-    std::string_view text;
-    bool hasBlanks = false; ///< between its tokens
-};
-/// The object under a key, \a inner in the object under \a outer, both with their quotes, as it
-/// stands in \a json, which has to be sound. Empty if it is not there or no object, or not found as
-/// keys are escaped.
-Piece member(const QByteArray &json, const json::Tokens &tokens, std::string_view outer,
-             std::string_view inner);
+/// Whether a sound text has a number other than zero that is too small for a double. Qt refuses a
+/// text with such a number.
+bool hasTinyNumber(std::string_view json);
+
+/// \brief A text as long as \a json, with the same structure, for a parser that is stricter than
+/// the clients; null if there is nothing to replace.
+///
+/// Clients that write JSON with Qt send halves of surrogate pairs, as escapes, and doubles from
+/// 2^64 to 10^22 as integers. The stand-in has other characters and numbers in their place. What is
+/// no JSON stays none, but for numbers that begin with zeros.
+QByteArray standIn(const QByteArray &json);
 
 } // namespace bus::jsontext

@@ -2,6 +2,8 @@
 
 #include "values/busnames.h"
 
+#include <wirekeys.h>
+
 #include <algorithm>
 #include <functional>
 #include <string_view>
@@ -42,7 +44,7 @@ BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutp
 
 void BusCore::handle(ConnectionId id, const BusRequest &request)
 {
-    const bool isHandshake = request.word == QLatin1String("handshake");
+    const bool isHandshake = request.word == QString(operations::HANDSHAKE);
     // What could not be read at all has no operation to be refused.
     if (!_queryClients.contains(id) && !isHandshake && !request.word.isNull()) {
         _output.reply(id, request.word,
@@ -80,7 +82,7 @@ void BusCore::handleOnMessageChannel(ConnectionId id, const BusRequest &request)
 {
     if (request.operation == BusRequest::Handshake)
         handshake(_msgClients, id, request);
-    else if (request.word.isNull() || request.word == QLatin1String("handshake"))
+    else if (request.word.isNull() || request.word == QString(operations::HANDSHAKE))
         _output.reply(id, request.word, request.fault);
     else
         _output.reply(id, request.word, TrelanError(TrelanError::UnsupportedRequest));
@@ -89,7 +91,7 @@ void BusCore::handleOnMessageChannel(ConnectionId id, const BusRequest &request)
 void BusCore::handleReply(ConnectionId id, const payload::Acknowledgement &acknowledgement)
 {
     const QString client = _msgClients.name(id);
-    if (client.isEmpty() || acknowledgement.operation != QLatin1String("sendMessage"))
+    if (client.isEmpty() || acknowledgement.operation != QString(operations::SEND_MESSAGE))
         return;
     _delivery.acknowledge(client, acknowledgement.sender, acknowledgement.reciever,
                           acknowledgement.uid);

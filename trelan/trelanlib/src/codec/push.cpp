@@ -13,7 +13,7 @@
 #include <charconv>
 #include <string_view>
 
-namespace bus::delivery
+namespace bus::pushes
 {
 
 namespace
@@ -29,7 +29,7 @@ QString toText(std::string_view utf8)
     return QString::fromUtf8(utf8.data(), int(utf8.size()));
 }
 
-/// Only what a bus writes: others may have blanks or signs.
+/// Reads a time as a bus writes it, without blanks and signs.
 bool takeTime(std::string_view text, qint64 &milliseconds)
 {
     const auto [end, fault] =
@@ -37,7 +37,7 @@ bool takeTime(std::string_view text, qint64 &milliseconds)
     return fault == std::errc() && end == text.data() + text.size();
 }
 
-/// The fields of a push, each of which has to be there once.
+/// Reads the fields of a push, each of which has to be there once.
 class Reader
 {
 public:
@@ -145,4 +145,4 @@ QByteArray acknowledgement(const TrelanMessage &message, TrelanTransport::Coding
         .frame(frameformat::REPLY);
 }
 
-} // namespace bus::delivery
+} // namespace bus::pushes

@@ -7,15 +7,16 @@
 
 #include <optional>
 
-/// Bytes of the message channel. Internal to the library; thread-safe.
-namespace bus::delivery
+/// Frames by which the bus hands a message over, and their acknowledgements. Internal to the
+/// library; thread-safe.
+namespace bus::pushes
 {
 
-/// Takes the payload of a push apart without making a map of it. Nothing if it is anything else
-/// than what a bus usually sends, be it sound or not.
+/// Takes the payload of a push apart without making a map of it. Nothing if the payload is unusual,
+/// be it sound or not.
 std::optional<TrelanMessage> decode(const QByteArray &payload);
 
 /// The frame that acknowledges a message.
 QByteArray acknowledgement(const TrelanMessage &message, TrelanTransport::Coding coding);
 
-} // namespace bus::delivery
+} // namespace bus::pushes
