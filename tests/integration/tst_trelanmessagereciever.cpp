@@ -240,6 +240,9 @@ private Q_SLOTS:
         QVERIFY(timer.elapsed() >= attempts * 108); // and there is a pause before that
         _server->release();
         QTRY_COMPARE(log(), first + "|critical: Unknown request header: rest" + ENDED);
+        timer.start();
+        _reciever->close();
+        QVERIFY(timer.elapsed() >= 100); // for what was written last to leave
     }
 
     void remembersAHundredFirstInFirstOut()

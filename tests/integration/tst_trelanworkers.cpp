@@ -1,4 +1,5 @@
 #include <logcapture.h>
+#include <loggermanager.h>
 #include <rawpeer.h>
 #include <scriptedserver.h>
 #include <sharedobjectsstorage.h>
@@ -6,6 +7,7 @@
 #include <testtable.h>
 #include <transport.h>
 #include <trelancontroller.h>
+#include <trelanlogcreator.h>
 #include <trelanmsgworker.h>
 #include <trelanqueryhandler.h>
 #include <trelanqueryworker.h>
@@ -13,10 +15,12 @@
 #include <QtCore/QProcess>
 #include <QtNetwork/QTcpSocket>
 
+#include <atomic>
 #include <list>
 #include <memory>
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 using namespace bus;
 using Server = ScriptedServer;
@@ -34,17 +38,19 @@ public:
     QFlags<TrelanMsgWorker::Option> options;
     QFlags<TrelanQueryWorker::Option> queryOptions;
     int started = 0, stopped = 0;
-    QStringList seen; // what the message worker handed on
+    QStringList seen;                                // what the workers handed on
+    std::atomic<int> msgThread {0}, queryThread {0}; // as the system numbers them
 
     explicit Controller(const QString &name)
         : TrelanController(name)
     {
         connect(this, &Controller::unprocessedMessage,
-                [this](const auto &got) { seen << got.message(); });
+                [this](const auto &got) { note(got.message()); });
         connect(this, &Controller::unprocessedObject,
-                [this](const auto &got) { seen << got.name(); });
+                [this](const auto &got) { note(got.name()); });
         connect(this, &Controller::unprocessedCommand,
-                [this](const auto &got) { seen << got.name(); });
+                [this](const auto &got) { note(got.name()); });
+        connect(this, &Controller::objectLoaded, [this](const auto &got) { note(got.name()); });
     }
 
     bool doStart() override
@@ -57,10 +63,17 @@ public:
 protected:
     void prepareQueryWorker(TrelanQueryWorker *worker) override
     {
+        connect(worker->thread(), &QThread::started, [this] { queryThread = ::gettid(); });
         connect(this, SIGNAL(sendCommand(TrelanCommand)), worker, SLOT(sendCommand(TrelanCommand)));
     }
     void processStartedWorker() override { ++started; }
     void processStoppedWorker() override { ++stopped; }
+
+private:
+    void note(const QString &text)
+    {
+        seen << (QThread::currentThread() == thread() ? text : text + " in another thread");
+    }
 };
 
 /// A delivery of a message with this uid.
@@ -81,10 +94,12 @@ void pushForever(ScriptedPeer &peer)
         next.clear();
 }
 
-/// Accepts whatever it is asked.
+/// Accepts whatever it is asked, and has an object for whoever loads one.
 void serveQueries(ScriptedPeer &peer)
 {
-    while (peer.readFrame() && peer.send(Server::reply(peer.frame.operation.toUtf8()))) {}
+    const QByteArray object = R"({"nm":"loaded"})";
+    while (peer.readFrame() &&
+           peer.send(Server::reply(peer.frame.operation.toUtf8(), 0, {}, object))) {}
 }
 
 QString text(const ScriptedFrame &frame)
@@ -119,6 +134,7 @@ private Q_SLOTS:
     {
         const Server server(serveQueries);
         Controller controller("me");
+        int queriesFirst = 0;
         for (int i = 1; i < 4; ++i) {
             if (i == 2) { // workers that are made without start() are stopped like others
                 controller.stop();
@@ -128,14 +144,15 @@ private Q_SLOTS:
             }
             QTRY_COMPARE(controller.started, 2 * i);
             QCOMPARE(controller.stopped, 2 * (i - 1));
+            queriesFirst += controller.queryThread < controller.msgThread ? 1 : 0;
         }
+        QVERIFY(queriesFirst >= 2); // once the system may have begun its numbers anew
         QTRY_COMPARE(operations(server).count("subb.*"), 3);
         const int before = server.frames().size();
         TrelanCommand command;
         command.setName("call");
         command.setReciever("you");
         command.setNeedAnswer(true);
-        const QSignalSpy loaded(&controller, SIGNAL(objectLoaded(TrelanObject)));
 
         emit controller.publish(named("x"));
         emit controller.subscribe(QString("c"));
@@ -146,7 +163,8 @@ private Q_SLOTS:
         emit controller.sendLogMessage(TrelanMessage());
         emit controller.sendCommand(command);
         emit controller.loadObject("x");
-        QTRY_COMPARE(loaded.size(), 1);
+        QTRY_COMPARE(controller.seen, QStringList("loaded"));
+        QVERIFY(SharedObjectsStorage().contains("loaded"));
         QCOMPARE(
             operations(server, before),
             "pub subc subd::e unsubc unsubd::e sendMessage sendMessage sendMessage loadObject");
@@ -189,6 +207,21 @@ private Q_SLOTS:
             QTRY_COMPARE(controller.seen, QStringList({"hello", "stored", "answer"}));
             QCOMPARE(storage.contains("stored"), stored);
             QVERIFY(storage.containsAnswer("asked"));
+        }
+    }
+
+    void destructorTakesTheLogBridgeDown()
+    {
+        for (const bool installed : {false, true}) {
+            LoggerManager::addOutput("logger", [](auto, auto &, auto &) {});
+            TrelanLogCreator::init(this, SLOT(deleteLater()), "me", 0);
+            {
+                Controller controller("me");
+                controller.setLogBridgeInstalled(installed);
+            }
+            QCOMPARE(LoggerManager::outputs().isEmpty(), installed);
+            const std::unique_ptr<TrelanLogCreator> creator(TrelanLogCreator::createCreator());
+            QCOMPARE(!creator, installed);
         }
     }
 

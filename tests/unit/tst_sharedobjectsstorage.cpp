@@ -21,6 +21,24 @@ class tst_SharedObjectsStorage : public QObject
 private Q_SLOTS:
     void init() { _storage.clear(); }
 
+    void resetsWhatItReadsInto()
+    {
+        TrelanObject kept;
+        kept.setName("a");
+        kept.setContent({{"k", 1}});
+        _storage.store(kept);
+        _storage.storeCmd(command(1));
+        TrelanObject object;
+        QPair<TrelanCommand, TrelanCommand> pair;
+        QVERIFY(_storage.get("a", object) && _storage.getCmd("1", pair));
+        QVERIFY(object == kept && pair.first == command(1));
+        QVERIFY(!_storage.get("b", object) && !_storage.getCmd("2", pair));
+        QVERIFY(object.name().isEmpty() && object.content().isEmpty());
+        QCOMPARE(pair.first.uid(), QString());
+        _storage.clear();
+        QVERIFY(_storage.getAllObjects().isEmpty() && _storage.getAllCommands().isEmpty());
+    }
+
     void keepsTheTwentyUsedLast()
     {
         for (int uid = 1; uid <= 20; ++uid)

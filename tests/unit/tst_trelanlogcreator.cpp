@@ -1,9 +1,25 @@
+#include <testtable.h>
 #include <trelanlogcreator.h>
 
-#include <QtTest/QtTest>
+#include <sys/time.h>
 
 using namespace bus;
 using Creator = TrelanLogCreator;
+
+namespace
+{
+
+qint64 _now = 0; // milliseconds since the epoch, as this program reads its clock
+
+} // namespace
+
+/// Stands for the system's function, which Qt asks for the time: intervals of minutes then pass
+/// without waiting.
+extern "C" Q_DECL_EXPORT int gettimeofday(timeval *time, void *) noexcept
+{
+    *time = {_now / 1000, _now % 1000 * 1000};
+    return 0;
+}
 
 class tst_TrelanLogCreator : public QObject
 {
@@ -40,25 +56,49 @@ private Q_SLOTS:
         log(QtFatalMsg, "f");
         QCOMPARE(_sent, "meloggersaveLogINFOa|meloggersaveLogINFOa|"
                         "meloggersaveLogWARNINGb\tc\td\te|meloggersaveLogERRORf|");
+        const QString sent = _sent;
         Creator::release();
-        log(QtInfoMsg, "g");
-        QVERIFY(_sent.endsWith("f|") && !Creator::createCreator());
+        log(QtInfoMsg, "no init");
+        Creator::init(nullptr, SLOT(take(TrelanMessage)), "me", 0);
+        log(QtInfoMsg, "no receiver");
+        Creator::init(this, {}, "me", 0);
+        log(QtInfoMsg, "no method");
+        Creator::init(this, SLOT(take(TrelanMessage)), "", 0);
+        log(QtInfoMsg, "no name");
+        QVERIFY(!Creator::createCreator());
+        QCOMPARE(_sent, sent);
     }
 
+    void holdsBackRepeatedLines_data()
+    {
+        const TestTable<int, QList<int>> row("interval", "pauses");
+        row("every line is sent", 1000, {0, 0});
+        row("shortest interval", 1001, {1001, 1301});
+        row("the interval grows", 5000, {5000, 6500, 8450, 10985, 14280});
+        row("up to five minutes", 250000, {250000, 300000, 300000});
+        row("not even at first above five minutes", 600000, {300000, 300000});
+    }
     void holdsBackRepeatedLines()
     {
-        init(1001);
-        const auto passes = [](const char *line = "a") { return Creator::checkMessage(line); };
-        QVERIFY(passes("") && !passes("")); // the first line passes, even this one
-        QVERIFY(passes() && !passes());
-        for (const int least : {901, 1290}) { // the second is 1.3 times the interval, cut
-            QElapsedTimer timer;
-            timer.start();
-            QVERIFY(QTest::qWaitFor([=] { return passes(); }));
-            QVERIFY(timer.elapsed() >= least);
+        QFETCH(int, interval);
+        QFETCH(QList<int>, pauses);
+        const auto passes = [](const char *line) { return Creator::checkMessage(line); };
+        _now = QDate(2021, 6, 1).startOfDay().toMSecsSinceEpoch() - 1; // midnight is passed
+        init(interval);
+        QVERIFY(passes("a"));
+        for (const int pause : pauses) {
+            _now += pause - 1;
+            QVERIFY(pause == 0 || !passes("a"));
+            _now += 1;
+            QVERIFY(passes("a"));
         }
-        init(1001); // forgets
-        QVERIFY(passes());
+        QVERIFY(passes("b"));
+        _now += pauses[0]; // another text starts with the first interval
+        QVERIFY(passes("b"));
+        init(interval); // forgets the line
+        QVERIFY(passes("b"));
+        init(interval);
+        QVERIFY(passes("")); // the first line is no repeated one, even if it is empty
     }
 
     void wrongMethodNeitherDeadlocksNorRecurses()
