@@ -14,7 +14,7 @@ bool agreesWithQt(const QByteArray &payload)
     const TrelanFrame::Payload decoded = TrelanFrame::decodePayload(payload, 1 << 26);
     const QByteArray compressed = QByteArray::fromBase64(payload);
     if (!compressed.isEmpty() && compressed.at(0) != 0)
-        return true; // Qt would take what memory it declares
+        return true; // Qt would allocate as much as it declares
     const QByteArray json = qUncompress(compressed);
     QJsonParseError error {};
     const QJsonDocument document = QJsonDocument::fromJson(json, &error);
@@ -24,7 +24,7 @@ bool agreesWithQt(const QByteArray &payload)
            decoded.errorText.isEmpty() != fails;
 }
 
-/// Everything that the reader makes of the stream, in one text.
+/// Describes in one text what the reader makes of the stream.
 QString readAll(const QByteArray &stream, int chunk)
 {
     TrelanFrameReader reader(1 << 16);

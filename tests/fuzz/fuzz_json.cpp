@@ -13,7 +13,8 @@ using namespace bus;
 namespace
 {
 
-/// QVariant's own comparison takes 1 and 1.0 for the same, and nearly equal doubles.
+/// Compares with types, since QVariant takes 1 and 1.0, and doubles that are nearly equal, for
+/// equal.
 bool same(const QVariant &a, const QVariant &b)
 {
     if (a.userType() != b.userType())
@@ -40,7 +41,7 @@ bool writtenAsByQt(const QVariantMap &map)
            json::compact(map) == document.toJson(QJsonDocument::Compact);
 }
 
-/// Texts and numbers that no JSON has brought along.
+/// Makes texts and numbers that no JSON text could have brought.
 QVariantMap anything(const QByteArray &bytes)
 {
     QString text(bytes.size() / 2, Qt::Uninitialized);
@@ -57,7 +58,7 @@ QVariantMap anything(const QByteArray &bytes)
 
 } // namespace
 
-/// The input is JSON text, or else texts and numbers to write.
+/// The input is a JSON text to read, or else texts and numbers to write.
 extern "C" int LLVMFuzzerTestOneInput(const quint8 *data, size_t size)
 {
     const QByteArray text(reinterpret_cast<const char *>(data), int(size));

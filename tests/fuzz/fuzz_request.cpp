@@ -62,11 +62,11 @@ QByteArray content(const BusRequest &request)
     if (error.error != QJsonParseError::NoError || !document.isObject() || json.contains('\n') ||
         (!hasMark(json) && countKeys(document.object()) != countColons(json)))
         abort();
-    // Integers that no double has are as they were, or as Qt writes them.
+    // A whole number that no double holds is left as it was, or written as Qt does.
     return json::compact(document.object().toVariantMap());
 }
 
-/// A time that was not sent is that of the clock, from \a now on.
+/// A request without a time gets that of the clock, which is \a now or later.
 bool sameHead(const ObjectHead &a, const ObjectHead &b, qint64 now)
 {
     return a.name == b.name && a.uid == b.uid && qMin(a.time, now) == qMin(b.time, now) &&

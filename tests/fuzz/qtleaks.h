@@ -1,7 +1,7 @@
 #pragma once
 
-// For programs of one source. Qt loses the memory of what it replaces when an object of a JSON text
-// has a key twice, which a fuzzer finds soon.
+// For programs of one source. Qt leaks a value when a JSON object has its key a second time, which
+// a fuzzer finds soon.
 
 extern "C" const char *__lsan_default_suppressions()
 {

@@ -31,7 +31,7 @@ def start(arguments=(), sockets=(), prepare=lambda: None, **variables):
             variables.update(LISTEN_FDS=str(len(sockets)), LISTEN_PID=str(os.getpid()))
         os.execve(BUSD, [BUSD, *arguments], {**os.environ, **variables})
 
-    # close_fds would close the sockets; what Python opens is closed by exec anyway.
+    # close_fds would close the sockets. What Python has opened ends with exec anyway.
     return subprocess.Popen([BUSD], preexec_fn=exec_with_own_pid, close_fds=False,
                             stderr=subprocess.PIPE, text=True)
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The examples as their readers run them, each a process of its own, around one bus. Called with the
-# build folder; everything that is started here is ended here.
+# Runs the examples as their readers do, each as a process, around one bus. The argument is the
+# build folder. The script ends everything that it has started.
 set -euo pipefail
 
 build=${1:?usage: examples.sh BUILD-FOLDER}
@@ -30,7 +30,7 @@ mkfifo "$work/bus"
 "$build/trelan/trelanbusd/trelanbusd" --query-port 0 --msg-port 0 2>"$work/bus" &
 pids+=($!)
 exec 3<"$work/bus"
-# It says so once it listens: "... listens on 127.0.0.1:QUERY and 127.0.0.1:MSG".
+# The bus says when it listens: "... listens on 127.0.0.1:QUERY and 127.0.0.1:MSG".
 IFS= read -r -t 20 line <&3 || fail "the bus does not start"
 [[ $line =~ listens\ on\ [0-9.]+:([0-9]+)\ and\ [0-9.]+:([0-9]+) ]] || fail "the bus says: $line"
 ports=(--query-port "${BASH_REMATCH[1]}" --msg-port "${BASH_REMATCH[2]}")
@@ -39,7 +39,7 @@ pids+=($!)
 
 ctl=("$build/trelan/trelanctl/trelanctl" "${ports[@]}")
 
-# run NAME ARGUMENTS...: an example, in the background.
+# run NAME ARGUMENTS...: starts an example in the background.
 run() {
     local name=$1
     shift

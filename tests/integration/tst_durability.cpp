@@ -28,7 +28,7 @@ struct Keeper : Daemon
 };
 
 constexpr int NAMES = 4;
-constexpr int NONE = -1; // what the bus has of a name that was removed, or was not permanent
+constexpr int NONE = -1; // stands for an object that was removed, or was not permanent
 
 TrelanMessage letter(const QString &text)
 {
@@ -41,21 +41,21 @@ TrelanMessage letter(const QString &text)
 
 QVariantMap contentOf(int number)
 {
-    // Of a size of its own, so that rows of one name move between the pages of the database.
+    // The size differs from value to value, so that rows move between the pages of the database.
     return {{"number", number}, {"text", QString(number * 997 % 20000, QChar('a' + number % 26))}};
 }
 
-/// \brief Changes permanent objects of its own one after the other, and sends a stored message now
-/// and then, until the bus is gone.
+/// \brief Changes permanent objects that no other writer uses, one after the other, and now and
+/// then sends a stored message, until the bus is gone.
 ///
-/// Knows what a bus that loses nothing can have afterwards: what was acknowledged, and for the name
-/// of the last change, which got no answer, also what that asked for.
+/// Tells whether the bus has lost anything: it has to hold every acknowledged value. The last
+/// change got no answer: its object may have the value before or after it.
 struct Writer
 {
     QString prefix;
     int number = 0;
     QVector<QSet<int>> possible = QVector<QSet<int>>(NAMES, {NONE});
-    QSet<int> sent; // acknowledged, and not received yet
+    QSet<int> sent; // messages that the bus has acknowledged, and not delivered yet
 
     void run(QSemaphore &acknowledged)
     {
@@ -83,7 +83,8 @@ struct Writer
         }
     }
 
-    /// Takes what is there as the new beginning. Returns what is wrong with it.
+    /// Compares what the bus holds with what is possible, and takes it as the new beginning.
+    /// Returns what is wrong with it.
     QString check(int name, const QMap<QString, TrelanObject> &objects)
     {
         const QString key = prefix + QString::number(name);
@@ -96,11 +97,11 @@ struct Writer
     }
 };
 
-/// Takes everything out of the inbox. Returns what is wrong with it.
+/// Takes all messages out of the inbox. Returns what is wrong with them.
 QString checkInbox(const Daemon &daemon, TrelanQueryHandler &client, std::vector<Writer> &writers)
 {
     RawPeer inbox;
-    const QString end = QUuid::createUuid().toString(); // one of before may come again
+    const QString end = QUuid::createUuid().toString(); // that of an earlier round may come again
     if (!client.sendMessage(letter(end)) || !inbox.connectTo(daemon.msgPort) ||
         inbox.ask("handshake {'name':'inbox'}") != "0 ")
         return "the inbox cannot be opened";
@@ -128,8 +129,8 @@ QString checkInbox(const Daemon &daemon, TrelanQueryHandler &client, std::vector
     return {};
 }
 
-/// Publishes from several threads, ends the daemon at a random moment, and looks what is left.
-/// Returns what is wrong with it.
+/// Publishes from several threads, ends the daemon at a random moment, and looks at what is left.
+/// Returns what is wrong with that.
 QString interrupt(const QString &folder, std::vector<Writer> &writers, int signal,
                   QRandomGenerator &random)
 {
@@ -143,7 +144,7 @@ QString interrupt(const QString &folder, std::vector<Writer> &writers, int signa
         threads.emplace_back([&] { writer.run(acknowledged); });
     }
     const bool busy = acknowledged.tryAcquire(random.bounded(4, 40), 20000);
-    // Answers come together; the moment has to be one of any between them.
+    // The bus answers many requests at once: the daemon has to end at any moment between.
     const QDeadlineTimer moment(random.bounded(12), Qt::PreciseTimer);
     while (!moment.hasExpired())
         std::this_thread::yield();

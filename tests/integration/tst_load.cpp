@@ -13,13 +13,13 @@ using namespace bus;
 namespace
 {
 
-/// How many of something: a number for every day, and one for the long run.
+/// A number for everyday runs, and another one for the long run.
 int amount(int everyDay, int soak)
 {
     return qEnvironmentVariableIsSet("TRELAN_SOAK") ? soak : everyDay;
 }
 
-/// A client that does no harm, and how long it waits for its answers meanwhile.
+/// A client that does no harm, and measures how long it waits for its answers.
 class Bystander
 {
 public:
@@ -29,7 +29,8 @@ public:
     {}
     ~Bystander() { longestWait(); }
 
-    /// Ends. In milliseconds; huge if it was not served at all.
+    /// Ends the client. Returns its longest wait in milliseconds; a huge number if it got no
+    /// answer.
     int longestWait()
     {
         _over = true;
@@ -55,7 +56,7 @@ private:
     std::thread _thread;
 };
 
-/// Frames as nobody should send them, the same for a seed.
+/// Frames as nobody should send them. A seed always makes the frames that it made before.
 class Attacker
 {
 public:
@@ -65,7 +66,7 @@ public:
 
     int below(int end) { return int(_random() % unsigned(end)); }
 
-    /// Any payload in a sound frame, which has to be answered.
+    /// A sound frame around any payload: the bus has to answer it.
     QByteArray soundFrame(TrelanFrame::Kind kind)
     {
         static const QByteArray BOMB = qCompress(QByteArray(100000000, ' ')).toBase64();
@@ -122,7 +123,7 @@ private:
                                             "[\"a\",1]",
                                             "{\"x\":{\"y\":1}}"};
         const int what = below(200);
-        if (what == 0) // deeper than any recursion ought to go
+        if (what == 0) // nested deeper than any recursion ought to go
             return QByteArray("[").repeated(below(200000));
         if (what == 1)
             return '"' + QByteArray(below(200000), char('a' + below(26))) + '"';
@@ -137,7 +138,7 @@ private:
                                           "wc",   "wcs", "now",    "objects", "r",  "s",
                                           "msg",  "ops", "sender", "reciever"};
         QByteArray data = "\"name\":\"a\",\"nm\":\"a.b\",\"wc\":\"a\",\"r\":\"a\",\"msg\":\"\"";
-        for (int i = below(6); i > 0; --i) // the last one of a key counts
+        for (int i = below(6); i > 0; --i) // the bus takes the last value of a key
             data += ",\"" + oneOf(KEYS) + "\":" + value();
         return R"({"operation":")" + oneOf(OPERATIONS) + R"(","data":{)" + data + "}}";
     }
@@ -147,7 +148,7 @@ private:
 
 } // namespace
 
-/// Many clients, hostile ones, and those that come and go: nobody else is to notice.
+/// Many clients, hostile clients, and clients that come and go: the others must not notice.
 class tst_Load : public QObject
 {
     Q_OBJECT
@@ -171,13 +172,13 @@ private slots:
         std::atomic_bool over {false};
         std::thread counting([&] {
             for (int i = 1; !over;) {
-                const bool isAhead = i > last + 20; // else values would be left out
+                const bool isAhead = i > last + 20; // the bus would leave values out
                 if (isAhead || writer.ask("pub {'nm':'n','opt':2,'cnt':{'i':" +
                                           QByteArray::number(i) + "}}") == "0 ")
                     i += isAhead ? 0 : 1;
             }
         });
-        // The mark comes behind everything of the subscription before.
+        // The bus delivers the mark after everything of the subscription before it.
         const QByteArray join = RawPeer::frame("unsub {'wc':'n'}") +
                                 RawPeer::frame("sendMessage {'r':'me','msg':'mark'}") +
                                 RawPeer::frame("sub {'wc':'n','now':true}");
@@ -210,15 +211,15 @@ private slots:
         const quint32 seed =
             chosen != 0 ? quint32(chosen) : quint32(amount(1, int(std::random_device()())));
         constexpr int BATCH = 40;
-        // What may be stored and queued, and some bombs on their way. The sanitizer keeps for a
-        // while what is freed.
+        // The bus may store and queue this much, and inflate some bombs meanwhile. The sanitizer
+        // keeps freed memory for a while.
 #ifdef __SANITIZE_ADDRESS__
         constexpr int MAX_MIB = 1000;
 #else
         constexpr int MAX_MIB = 400;
 #endif
-        // Qt's parser loses a few bytes of each text that is no JSON. What counts here is the most
-        // memory; all other tests look for leaks.
+        // Qt's parser leaks a few bytes of each text that is no JSON. This test is about the peak
+        // of memory; all other tests look for leaks.
         qputenv("ASAN_OPTIONS", qgetenv("ASAN_OPTIONS") + ":detect_leaks=0");
         Attacker attacker(seed);
         Daemon daemon(TRELANBUSD);
@@ -240,7 +241,7 @@ private slots:
             QVERIFY(peer.send(bytes));
             while (answers > 0) {
                 const bool answered = peer.receive() != "none";
-                QVERIFY2(answered || !peer.envelope().isEmpty(), // something delivered
+                QVERIFY2(answered || !peer.envelope().isEmpty(), // the bus has delivered something
                          qPrintable(QString("seed %1, at %2").arg(seed).arg(sent)));
                 answers -= answered ? 1 : 0;
             }
@@ -257,7 +258,7 @@ private slots:
     {
         const TestTable<int, int, bool> row("number", "descriptors", "stay");
         row("silent, or with half a frame", amount(500, 10000), 0, true);
-#ifndef __SANITIZE_ADDRESS__ // the check of types opens a descriptor, and takes none for a fault
+#ifndef __SANITIZE_ADDRESS__ // its check of types takes a missing descriptor for a fault
         row("more than there are descriptors", 300, 60, true);
 #endif
         row("come and go", amount(2000, 100000), 0, false);

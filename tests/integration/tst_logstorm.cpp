@@ -12,7 +12,7 @@ using namespace bus;
 struct Application : TrelanController
 {
     using TrelanController::TrelanController;
-    bool connected = false; // the query channel
+    bool connected = false; // of the query channel
     bool doStart() override
     {
         auto *queries = new TrelanQueryWorker(clientName(), {});
@@ -30,14 +30,14 @@ private Q_SLOTS:
     {
         QTest::addColumn<int>("repeatInterval");
         QTest::newRow("repeated lines held back") << 5000;
-        QTest::newRow("every line sent") << 0; // nothing but the bus prevents a storm
+        QTest::newRow("every line sent") << 0; // only the bus prevents a storm
     }
 
-    /// A refused line would be logged by its sender, and come back as the next line, for ever.
+    /// A sender that logged the refusal of a line would send that as the next line, for ever.
     void linesCauseNoLines()
     {
         QFETCH(int, repeatInterval);
-        // The bus adds that lines are lost, and maybe that the message channel is connected.
+        // The bus logs that lines are lost, and perhaps that the message channel is connected.
         constexpr int LINES = 20, KEPT = 4, LINES_OF_BUS = 2;
         TrelanBusSettings settings;
         settings.setMaxClientMessages(KEPT);
@@ -51,12 +51,12 @@ private Q_SLOTS:
         const QtMessageHandler before = qInstallMessageHandler(TrelanLogCreator::humanKelLog);
         for (int i = 0; i < LINES; ++i) {
             qWarning("line %d", i);
-            QTest::qWait(500); // 10 s pass on purpose: that no storm comes has no other sign
+            QTest::qWait(500); // 10 s in all: only time shows that no storm comes
         }
         qInstallMessageHandler(before);
         const int excess = sent.size() - LINES;
         QVERIFY2(excess >= 0 && excess <= LINES_OF_BUS, qPrintable(QString::number(excess)));
-        RawPeer logger; // gets what was not lost
+        RawPeer logger; // receives the lines that were kept
         QVERIFY(logger.connectTo(server.msgPort()));
         QCOMPARE(logger.ask("handshake {'name':'logger'}"), "0 ");
         for (int i = LINES - KEPT; i < LINES; ++i)

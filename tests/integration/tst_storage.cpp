@@ -35,7 +35,7 @@ static int load(TrelanQueryHandler &client, const QString &name)
     return object.content().value("value").toInt();
 }
 
-/// No file of this process grows beyond \a size; tests print to a pipe.
+/// Lets no file of this process grow beyond \a size. Tests print to a pipe, which is none.
 static void limitFiles(rlim_t size)
 {
     rlimit limit {};
@@ -73,7 +73,7 @@ private slots:
         _settings.setRequireStorage(true);
     }
 
-    /// Its thread must not log while the program ends, and the log with it.
+    /// Ends the bus: its thread must not log while the program, and the log with it, ends.
     void cleanup() { _bus.stop(); }
 
     void restartBringsBack_data()
@@ -208,8 +208,8 @@ private slots:
 
     void failedWrites()
     {
-        // What does not fit on the disk takes nothing from those it is written together with, and
-        // a value on its way there takes no room beside the one that it replaces.
+        // An object that does not fit on the disk spoils none that is written together with it. A
+        // value on its way to the disk needs no room beside the value that it replaces.
         constexpr int THREADS = 8;
         _settings.setMaxObjects(THREADS);
         TrelanQueryHandler client("client");
@@ -249,7 +249,7 @@ private slots:
     }
 
 private:
-    /// Again, if it runs.
+    /// Starts the bus; ends it first if it runs.
     bool start()
     {
         _bus.stop();
@@ -268,7 +268,7 @@ private:
     TrelanBusSettings _settings;
     TrelanBus _bus;
     QByteArray _clean;      ///< a database at rest
-    QByteArray _live, _log; ///< one whose last object is in the log only
+    QByteArray _live, _log; ///< a database whose last object is in the log only
 };
 
 QTEST_GUILESS_MAIN(tst_Storage)

@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/// The tool as a shell runs it with \a line.
+/// Sets a process up to run the tool with \a line, in a shell.
 static QStringList shellWords(const QByteArray &line, const bus::TrelanBusSettings &bus)
 {
     return {"-c", QStringLiteral("exec '" TRELANCTL "' --query-port %1 --msg-port %2 %3")
@@ -29,14 +29,14 @@ static QString runTool(const QByteArray &line, const bus::TrelanBusSettings &bus
     process.start("/bin/sh", shellWords(line, bus));
     process.write(input);
     process.closeWriteChannel();
-    process.waitForFinished(); // what does not finish in 30 s has no exit code 0 to 3
+    process.waitForFinished(); // after 30 s in vain the exit code is none of 0 to 3
     return QString("%1|%2|%3")
         .arg(process.state() == QProcess::NotRunning ? process.exitCode() : -1)
         .arg(QString::fromUtf8(process.readAllStandardOutput().trimmed()),
              QString::fromUtf8(process.readAllStandardError().trimmed()));
 }
 
-/// The tool while it runs, with all it has said so far.
+/// The tool while it runs, with everything that it has printed so far.
 class RunningTool : public QProcess
 {
 public:
@@ -53,7 +53,7 @@ public:
         kill();
         waitForFinished();
     }
-    /// Its exit code after \a signal; -1 if it does not end by itself.
+    /// Sends \a signal and returns the exit code; -1 if the tool does not end by itself.
     int end(int signal)
     {
         ::kill(pid_t(processId()), signal);
@@ -63,7 +63,7 @@ public:
     QByteArray err;
 };
 
-// A channel comes back within 5 s, and the machine may be busy.
+// A channel comes back within 5 s; a busy machine takes longer.
 #define AWAIT(state) QTRY_VERIFY_WITH_TIMEOUT(state, 20000)
 
 /// The built tool against a real bus, as a person or a script would run it.
@@ -85,7 +85,7 @@ private Q_SLOTS:
             QCOMPARE(runTool(line, _at, R"({"from":"std\u009bin"})"), "0||");
     }
 
-    /// Its thread must not log while the program ends, and the log with it.
+    /// Ends the bus: its thread must not log while the program, and the log with it, ends.
     void cleanupTestCase() { _bus.stop(); }
 
     void run_data()
@@ -100,7 +100,7 @@ private Q_SLOTS:
             "");
         row("ls >/dev/full", R"(1\|\|trelanctl: cannot write the output: .*)", "");
         row("ls >&-", R"(1\|\|trelanctl: cannot write the output: .*)", "");
-        row("ls | :", R"(0\|\|)", ""); // the reader has gone: no fault, no word
+        row("ls | :", R"(0\|\|)", ""); // a reader that has gone is no fault, and no reason to print
         row("ls", R"(0\|(?!.*(gone|passed)).*\|)", "");
         row("--json get k.ls",
             R"(0\|\{"content":\{"n":1,"s":"x"\},"logged":true,"name":"k.ls".*\}\|)", "");
@@ -168,7 +168,7 @@ private Q_SLOTS:
     void waitsForWhatComes()
     {
         RunningTool wait("wait coming.+", _at);
-        // Not stored: until it is there to hear of it.
+        // The bus does not store the object: publish it until the tool is there to see it.
         AWAIT(runTool("pub coming.now n=1 --not-stored", _at) == "0||" &&
               wait.state() == QProcess::NotRunning);
         QCOMPARE(wait.out.count('\n'), 1);
@@ -224,14 +224,15 @@ private Q_SLOTS:
         std::array<std::unique_ptr<RunningTool>, 4> calls;
         for (auto &call : calls)
             call = std::make_unique<RunningTool>("call server do", _at);
-        // All five are with the server, and one of them waits.
+        // The server has all five commands, and one of them waits.
         const QByteArray clients = "--json clients | grep server";
         AWAIT(runTool(clients, _at).contains("\"out\":5,\"queued\":0"));
         AWAIT(serve.err.count("start") == 4);
         const auto ended = [](const auto &call) { return call->out == "{}\n"; };
         AWAIT(release(fifo) && std::all_of(calls.begin(), calls.end(), ended));
         AWAIT(serve.err.count("{\"all\":1}") == 1);
-        // The subscription and four answers: to the command to everybody there is none.
+        // Requests of the server: its subscription and four answers. A command to everybody gets
+        // none.
         QVERIFY(runTool(clients, _at).contains(R"("in":5,)"));
         QCOMPARE(serve.end(SIGINT), 0);
     }
@@ -273,7 +274,7 @@ private Q_SLOTS:
         AWAIT(logs.out.endsWith("  app  ERROR  x\\u001b[2J\n"));
         QCOMPARE(runTool("call logger do --timeout 0.4", _at),
                  "1||trelanctl: no answer from 'logger' to 'do' within 0.4 s");
-        RunningTool other("logs", _at); // there is one client of a name
+        RunningTool other("logs", _at); // takes the name over
         AWAIT(logs.state() == QProcess::NotRunning);
         QVERIFY2(logs.err.contains("has taken the name 'logger' over, from "), logs.err);
         QCOMPARE(other.end(SIGINT), 0);
@@ -321,11 +322,11 @@ private Q_SLOTS:
 private:
     static QByteArray runningCommand(const QByteArray &pid)
     {
-        QFile file("/proc/" + pid + "/cmdline"); // empty for one that is dead and not yet buried
+        QFile file("/proc/" + pid + "/cmdline"); // empty once the process is dead
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
-    /// Gives all that read from \a fifo its end.
+    /// Lets all readers of \a fifo come to its end.
     static bool release(const QByteArray &fifo)
     {
         ::close(::open(fifo.constData(), O_WRONLY | O_NONBLOCK));
@@ -333,7 +334,7 @@ private:
     }
 
     bus::TrelanBus _bus;
-    bus::TrelanBusSettings _at; // as it was started, with the ports that it got
+    bus::TrelanBusSettings _at; // the settings of the bus, with the ports that it got
 };
 
 QTEST_GUILESS_MAIN(tst_Tool)

@@ -16,7 +16,7 @@ class tst_TrelanBus : public QObject
 private Q_SLOTS:
     void operation_data()
     {
-        // <1024> stands for so many characters, and a part of the status is enough.
+        // <1024> stands for 1024 characters. The status only has to contain what is expected.
         const TestTable<QByteArray, QString> row("request", "status");
         const auto rows = [&row](const char *status, const QList<QByteArray> &requests) {
             for (const QByteArray &request : requests)
@@ -168,7 +168,7 @@ private Q_SLOTS:
         const QString refused = "2 a client has 3 subscriptions at most";
         QCOMPARE(peer.ask("sub {'wcs':'a::b::a'}"), "0 ");
         QCOMPARE(peer.ask("sub {'wcs':'c::d'}"), refused);
-        QCOMPARE(peer.ask("sub {'wcs':'c::a'}"), "0 "); // nothing of the refused list was kept
+        QCOMPARE(peer.ask("sub {'wcs':'c::a'}"), "0 "); // the refused list has left nothing
         QCOMPARE(peer.ask("sub {'wc':'d'}"), refused);
         QCOMPARE(RawPeer(server, "other").ask("sub {'wcs':'d::e::f'}"), "0 ");
         QCOMPARE(peer.ask("unsub {'wcs':'b::b::never'}"), "0 ");
@@ -192,7 +192,8 @@ private Q_SLOTS:
 
     void deepestContent()
     {
-        // What can be published can be loaded back, each way: answers nest deeper than requests.
+        // An object that is published can be loaded in each way, though answers nest deeper than
+        // requests.
         TestBus server;
         RawPeer peer(server, "me");
         const auto publish = [&](int levels) {
@@ -205,7 +206,7 @@ private Q_SLOTS:
         QVERIFY(peer.ask("loadObject {'nm':'deep'}") == "0 " && !peer.data().isEmpty());
         QVERIFY(peer.ask("loadObjects {'wc':'deep'}") == "0 " && !peer.data().isEmpty());
         QVERIFY(publish(1001).contains("nested 1001 levels"));
-        // Qt would lose the memory of the first value.
+        // Qt would leak the memory of the first value.
         for (const QByteArray pair :
              {R"({"a":[1],"b":[{"c":{}}],"a" :2})", R"([{"a":{},"\u0061":{}}])"}) {
             peer.send(RawPeer::jsonFrame(R"({"operation":"pub","data":)" + pair + "}"));
@@ -213,13 +214,13 @@ private Q_SLOTS:
             QVERIFY2(answer.startsWith("2 payload is no JSON: an object has the key"),
                      qPrintable(answer));
         }
-        // What is sent is indented: a few kilobytes on the wire would take gigabytes.
+        // Indentation would turn a few kilobytes on the wire into gigabytes.
         const QByteArray wide = "{\"v\":" + QByteArray(990, '[') + "0" +
                                 QByteArray(",0").repeated(20000) + QByteArray(990, ']') + "}";
         peer.send(
             RawPeer::jsonFrame(R"({"operation":"pub","data":{"nm":"wide","cnt":)" + wide + "}}"));
         QVERIFY(peer.receive().startsWith("2 content of \"wide\" takes "));
-        // A thousandfold subscription costs what one does; too many at once are refused.
+        // A wildcard subscribed a thousand times counts once; too many at once are refused.
         QCOMPARE(peer.ask("sub {'wcs':'*" + QByteArray("::*").repeated(100000) + "','now':true}"),
                  "0 ");
         QVERIFY(publish(100000).startsWith("2 payload is no JSON"));
@@ -229,33 +230,34 @@ private Q_SLOTS:
     {
         LogCapture log;
         TestBus server;
-        for (int i = 0; i < 20; ++i) // ends and comes back, which is no takeover
+        for (int i = 0; i < 20; ++i) // a client that comes back takes nothing over
             QCOMPARE(RawPeer(server, "me").ask("sub {'wc':'a'}"), "0 ");
         RawPeer refused(server, "me");
         refused.send("[-REQUEST-]\r\n99999999\r\n");
         QCOMPARE(refused.receive().left(2), "1 ");
-        RawPeer first(server, "me"); // nor is this
+        RawPeer first(server, "me"); // takes nothing over: the bus has closed the one before
         QCOMPARE(log.faults().join("\n"), QString());
 
         RawPeer second(server, "me");
         QVERIFY(first.awaitEnd());
-        RawPeer third(server, "me"); // the end of the first left the second registered
+        RawPeer third(server, "me"); // when the first ended, the second stayed registered
         QVERIFY(second.awaitEnd());
         QCOMPARE(third.ask("sub {'wc':'a'}"), "0 ");
         const QString expected = QString("warning: client \"me\" at %1 is taken over by %2")
                                      .arg(first.address(), second.address());
-        QCOMPARE(log.faults(), QStringList(expected)); // once a minute
+        QCOMPARE(log.faults(), QStringList(expected)); // at most one line a minute
     }
 
     void lateHandshakeTakesNobodyOver()
     {
-        // A request that inflates to megabytes is decoded aside, and may outlive its connection.
+        // A request that inflates to megabytes is decoded in another thread, and may outlive its
+        // connection.
         TestBus server;
         const QVariantMap padded {{"name", "me"}, {"padding", QString(20000000, 'x')}};
         const QByteArray large = RawPeer::frame("handshake", padded);
         RawPeer(server).send(large);
         RawPeer peer(server, "me");
-        QVERIFY(peer.send(large)); // answered after the one before it
+        QVERIFY(peer.send(large)); // the answer comes after that of the request before
         QCOMPARE(peer.receive(), "0 ");
         QCOMPARE(peer.ask("sub {'wc':'a'}"), "0 ");
     }

@@ -49,7 +49,7 @@ extern "C" Q_DECL_EXPORT int deflate(z_streamp stream, int flush)
 namespace
 {
 
-/// For dl_iterate_phdr(): what the libraries of this project take of the stack of every thread.
+/// For dl_iterate_phdr(): adds up what this project's libraries take of the stack of every thread.
 int addThreadLocal(dl_phdr_info *library, size_t /*size*/, void *sum)
 {
     if (!QByteArray(library->dlpi_name).contains("libtrelan"))
@@ -71,7 +71,7 @@ class tst_TrelanBusConnections : public QObject
 private Q_SLOTS:
     void anyBytes_data()
     {
-        // Status "none": the connection is closed, with the text in a warning.
+        // Status "none" stands for a closed connection, and the text for the warning about it.
         const TestTable<QByteArray, QString, QString> row("bytes", "status", "text");
         row("foreign protocol", "GET / HTTP/1\r\n", "none", "\"GET / HTTP/1\" is no header line");
         row("escape sequence", "\x1b[2J\x9b\r\n", "none",
@@ -114,7 +114,8 @@ private Q_SLOTS:
 
     void refusalReachesWhoSendsOn()
     {
-        // Closed at once, what is still on its way would make the system throw the reply away.
+        // A bus that closed at once would lose the reply: the system drops it when more input
+        // arrives.
         TrelanBusSettings settings;
         settings.setDiscardTime(20000); // the sender may be slow
         TestBus server(settings);
@@ -129,7 +130,7 @@ private Q_SLOTS:
         TestBus impatient(settings);
         RawPeer endless(impatient);
         QVERIFY(endless.send("[-REQUEST-]\r\n20971520\r\n"));
-        while (endless.send(QByteArray(1000000, 'A'))) // ends when the bus has had enough
+        while (endless.send(QByteArray(1000000, 'A'))) // until the bus closes the connection
             continue;
     }
 
@@ -175,7 +176,7 @@ private Q_SLOTS:
 
     void lateReaderGetsAll()
     {
-        // An answer leaves in pieces, and what is asked meanwhile waits for it.
+        // A large answer leaves in pieces, and the next request waits until it has left.
         TestBus server;
         RawPeer peer(server, "me"), other(server, "other");
         QVERIFY(peer.send(publishNoise("large", 6000000)));
@@ -209,8 +210,8 @@ private Q_SLOTS:
 
     void takenOverInOneTurn()
     {
-        // Two connections have sent something while the bus was busy, and the first ends the other,
-        // which was found ready with it.
+        // Two connections send something while the bus is busy. The request of the first ends the
+        // second, which the bus has found readable in the same turn.
         TestBus server;
         RawPeer busy(server, "busy");
         QByteArray objects, wildcards("*.0");
@@ -224,7 +225,7 @@ private Q_SLOTS:
         const QByteArray work = RawPeer::frame("sub {'now':true,'wcs':'" + wildcards + "'}");
         for (int i = 0; i < 3; ++i) {
             RawPeer older(server, "me"), newer(server);
-            newer.ask("none {}"); // it has been taken
+            newer.ask("none {}"); // returns when the bus has accepted it
             QVERIFY(busy.send(work) && newer.send(RawPeer::frame("handshake {'name':'me'}")) &&
                     older.send(LOAD));
             QVERIFY(busy.receive() == "0 " && newer.receive() == "0 ");
@@ -262,7 +263,8 @@ private Q_SLOTS:
 
     void pipelinedInOrder()
     {
-        // Behind a large request, which is decoded elsewhere: nothing may overtake it or get stuck.
+        // A large request is decoded in another thread: the next ones must neither overtake it nor
+        // stick.
         TestBus server;
         RawPeer peer(server, "me");
         QByteArray bytes = publishNoise("large", 300000);
@@ -278,7 +280,7 @@ private Q_SLOTS:
             QCOMPARE(answers.at(i), QString("2 there is no object \"n%1\"").arg(i));
     }
 
-    /// Programs may have threads with small stacks.
+    /// Keeps what every thread pays small: programs may have threads with small stacks.
     void otherThreadsKeepTheirStack()
     {
         quint64 bytes = 0;
@@ -299,7 +301,7 @@ private Q_SLOTS:
         QVERIFY(isServed(first) && isServed(*second));
         second.reset();
         QString status;
-        for (int i = 0; i < 1000 && status != "0 "; ++i) // the bus may not have noticed yet
+        for (int i = 0; i < 1000 && status != "0 "; ++i) // until the bus has noticed the end
             status = RawPeer(server).ask("handshake {'name':'third'}");
         QCOMPARE(status, "0 ");
         QCOMPARE(log.faults(),
@@ -311,7 +313,7 @@ private Q_SLOTS:
         LogCapture log;
         TestBus server;
         RawPeer early(server, "early"),
-            late; // the late one has its own descriptor, the bus has none
+            late; // the peer has a descriptor left, the bus has none
         rlimit before {};
         ::getrlimit(RLIMIT_NOFILE, &before);
         const int firstFree = ::dup(0);
@@ -335,7 +337,7 @@ private Q_SLOTS:
 
     void abruptEnds()
     {
-        // Connections end and are taken over while the disk or the codec has their request.
+        // Connections end, and lose their name, while the disk or the codec works on their request.
         QTemporaryDir folder;
         TrelanBusSettings settings;
         settings.setDataFolder(folder.path());

@@ -19,8 +19,8 @@ using namespace bus;
 namespace
 {
 
-/// What one of the senders sends as its number \a i: an object, a message, or a command, to the
-/// reader or to everybody; now and then with a content of 5 to 40 KB.
+/// Makes a sender send its number \a i: an object, a message, or a command, to the reader or to
+/// everybody, now and then with a content of 5 to 40 KB.
 bool sendOne(TrelanQueryHandler &handler, int i)
 {
     static const QString LARGE = noise(30000).first().toString();
@@ -47,14 +47,13 @@ bool sendOne(TrelanQueryHandler &handler, int i)
     return handler.sendMessage(message);
 }
 
-// What the bus has handed to the system as a record of its own: one delivery each, or anything
-// else.
+// Counts of records that the bus has handed to the system: single deliveries, and anything else.
 std::atomic_int _deliveries {0}, _brokenRecords {0};
 
 } // namespace
 
-/// Records are what keeps header and size of a frame together, and its end apart from the next one:
-/// without them the paced reader survives on luck.
+/// A record keeps header and size of a frame together, and its end apart from the next frame. The
+/// paced reader gets along without records only by luck.
 extern "C" Q_DECL_EXPORT ssize_t send(int socket, const void *bytes, size_t size, int flags)
 {
     static const auto _next =
@@ -65,7 +64,7 @@ extern "C" Q_DECL_EXPORT ssize_t send(int socket, const void *bytes, size_t size
         const bool isWhole =
             frame.mid(line, payload - line).trimmed().toInt() == frame.size() - payload;
         _deliveries += isWhole && frame.startsWith("[-REQUEST-]") ? 1 : 0;
-        const bool isRest = !frame.startsWith("[-"); // of a frame that did not fit at once
+        const bool isRest = !frame.startsWith("[-"); // of a frame that the system took in parts
         _brokenRecords += isWhole || isRest ? 0 : 1;
     }
     return _next(socket, bytes, size, flags);
@@ -80,7 +79,7 @@ private Q_SLOTS:
     {
         TestBus server;
         RawPeer query(server, "me"), messages;
-        // Subscribed, and the message connection is late; two wildcards take the same name in.
+        // Two wildcards take one name in, and the message connection comes after the subscription.
         QCOMPARE(query.ask("sub {'wcs':'a.*::a.+'}"), "0 ");
         QCOMPARE(query.ask("pub {'nm':'a.b','uid':'u','cnt':{'x':1}}"), "0 ");
         QCOMPARE(query.ask("pub {'nm':'a.b','uid':'u','cnt':{'x':2}}"), "0 ");
@@ -109,7 +108,7 @@ private Q_SLOTS:
             return QJsonDocument::fromJson(message.value("msg").toByteArray()).object();
         };
         QCOMPARE(query.ask("sub {'wc':'a.b','now':1}"), "2 \"now\" has to be true or false");
-        // Also for who has seen them: receivers drop a key that they know.
+        // The second time both come under new uids: a receiver drops a message that it knows.
         for (int i = 0; i < 2; ++i) {
             QCOMPARE(query.ask("sub {'wcs':'a.b::a.*','now':true}"), "0 ");
             QCOMPARE(next()["__context__"], QJsonObject({{"x", 1}}));
@@ -126,7 +125,7 @@ private Q_SLOTS:
         QCOMPARE(me["connections"].toStringList().join(' '), "query message");
         QCOMPARE(me["subscriptions"].toInt(), 2);
         QVERIFY(me["in"].toInt() == 5 && me["out"].toInt() == 5);
-        QCOMPARE(clients[2].toMap()["queued"].toInt(), 1); // of who is not there
+        QCOMPARE(clients[2].toMap()["queued"].toInt(), 1); // for the client that is absent
     }
 
     void againAfterTakeover()
@@ -135,11 +134,11 @@ private Q_SLOTS:
         RawPeer query(server, "me"), older, newer;
         QVERIFY(older.connectTo(server.msgPort()) && newer.connectTo(server.msgPort()));
         QCOMPARE(older.ask("handshake {'name':'me'}"), "0 ");
-        for (int i = 0; i < 70; ++i) // more than the window takes
+        for (int i = 0; i < 70; ++i) // more than may be sent without an acknowledgement
             QCOMPARE(query.ask("sendMessage {'r':'me','msg':'" + QByteArray::number(i) + "'}"),
                      "0 ");
         QVERIFY(older.acknowledge(older.receiveDelivery()));
-        for (int i = 1; i <= 64; ++i) // the acknowledgement has let one more out
+        for (int i = 1; i <= 64; ++i) // the acknowledgement allows one more
             QCOMPARE(older.receiveDelivery().value("msg").toString(), QString::number(i));
         QCOMPARE(newer.ask("handshake {'name':'me'}"), "0 ");
         QVERIFY(older.awaitEnd());
@@ -189,7 +188,7 @@ private Q_SLOTS:
 
     void logLinesAreNeverRefused()
     {
-        // The refusal would be logged, and come back as the next line.
+        // A logged refusal would come back as the next line to be refused.
         LogCapture log;
         TrelanBusSettings settings;
         settings.setMaxClientMessages(5);
@@ -198,7 +197,7 @@ private Q_SLOTS:
         for (int i = 0; i < 20; ++i)
             QCOMPARE(query.ask("sendMessage {'r':'logger','msg':'" + QByteArray::number(i) + "'}"),
                      "0 ");
-        QCOMPARE(log.faults().size(), 1); // an hour
+        QCOMPARE(log.faults().size(), 1); // one in an hour
         QVERIFY(logger.connectTo(server.msgPort()));
         QCOMPARE(logger.ask("handshake {'name':'logger'}"), "0 ");
         QCOMPARE(logger.receiveDelivery().value("msg").toString(), "15");
@@ -216,7 +215,8 @@ private Q_SLOTS:
         RawPeer writer(server, "writer"), query(server, "me"), messages;
         QCOMPARE(query.ask("sub {'wc':'*'}"), "0 ");
         for (int i = 1; i <= 300; ++i) {
-            // One uid for all values of a name: receivers drop what they know.
+            // The values of a name are published with one uid. Each has to be delivered with
+            // another one, since receivers drop a message that they know.
             const QByteArray kept = "'nm':'a.%1','opt':2,'uid':'u%1','cnt':{'i':%2}";
             const QByteArray event = "'nm':'%1e','cnt':{'i':%2}";
             const QString text = i % 30 == 0 ? event : kept;
@@ -243,13 +243,14 @@ private Q_SLOTS:
             last = text["__context__"]["i"].toInt();
             ++received;
         }
-        QCOMPARE(received, 10 + 4 + 10); // in full, names that are left, events
+        QCOMPARE(received, 10 + 4 + 10); // whole objects, names that are left, events
         const QMap<QString, int> expected {{"a.0", 295}, {"a.1", 6},   {"a.2", 297},
                                            {"a.3", 298}, {"a.4", 299}, {"0e", 300}};
         QCOMPARE(newest, expected);
     }
 
-    /// Its frame is made in another thread, and nothing else is in the way.
+    /// An event above a client's bound is delivered if nothing else waits for the client. Its frame
+    /// is made in another thread.
     void eventAboveTheBound()
     {
         TrelanBusSettings settings;
@@ -273,19 +274,19 @@ private Q_SLOTS:
         QCOMPARE(query.ask("sub {'wc':'*'}"), "0 ");
         const QVariantMap large {{"nm", "e"}, {"uid", "u"}, {"cnt", noise(4000000)}};
         QVERIFY(query.send(RawPeer::frame("pub", large)) && query.receive() == "0 ");
-        QVERIFY(messages.hasInput(30000)); // and the rest cannot leave
+        QVERIFY(messages.hasInput(30000)); // the rest cannot leave before the peer reads
         QVERIFY(messages.acknowledge({{"s", "me"}, {"r", "me"}, {"uid", "u"}}));
         const auto queued = [&query] {
             query.ask("clients {}");
             return query.data()["clients"].toList().first().toMap()["queued"].toInt();
         };
         QTRY_COMPARE_WITH_TIMEOUT(queued(), 0, 30000);
-        // More than the bus keeps answers for.
+        // 40 handshakes: the bus keeps fewer answers for a connection.
         QVERIFY(messages.send(hello.repeated(40)));
         QCOMPARE(query.ask("pub {'nm':'e','uid':'v'}"), "0 ");
         QCOMPARE(messages.receiveDelivery()["uid"].toString(), "u");
         int answers = 0;
-        QString next; // somewhere among them
+        QString next; // a delivery comes somewhere among the answers
         for (int i = 0; i < 41; ++i) {
             if (messages.receive() == "0 ")
                 ++answers;
@@ -322,7 +323,7 @@ private Q_SLOTS:
         TestBus server(settings);
         RawPeer sender(server, "s"), reader;
         QVERIFY(reader.connectTo(server.msgPort()));
-        QCOMPARE(reader.ask("handshake {'name':'connected'}"), "0 "); // is no absent client
+        QCOMPARE(reader.ask("handshake {'name':'connected'}"), "0 "); // is not an absent client
         for (int i = 0; i <= accepted; ++i) {
             const QString name = queues < messages ? QString("r%1").arg(i) : QString("r");
             const QVariantMap data {{"r", name}, {"ops", 2}, {"msg", QString(900, 'x')}};
@@ -381,9 +382,9 @@ private Q_SLOTS:
 
     void twentyThousandFrames()
     {
-        // The reader cannot find the next frame once it has lost one, so that not one may be lost.
+        // The reader loses its place with the first frame that it misses: it must miss none.
 #ifdef __SANITIZE_ADDRESS__
-        constexpr int EACH = 2000; // the codec takes five times as long there
+        constexpr int EACH = 2000; // the sanitizer makes the codec five times slower
 #else
         constexpr int EACH = 10000;
 #endif
@@ -407,7 +408,7 @@ private Q_SLOTS:
         QVERIFY(reader.open());
         PacedReader::_descriptor = int(reader.findChild<QTcpSocket *>()->socketDescriptor());
         PacedReader::_stream = &stream;
-        // With a full window the rest is waiting for TCP, which opens a small buffer late.
+        // Prompt fills the window and then waits for TCP, which is slow to reopen a small buffer.
         const int buffer = transport::PROMPT ? 65536 : 4096;
         ::setsockopt(PacedReader::_descriptor, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
         QMap<QString, int> next;

@@ -40,7 +40,7 @@ QString acknowledged(const QString &uid)
 const QByteArray HELLO = Server::reply("handshake");
 const QByteArray REFUSAL = Server::reply("handshake", 3, "Unregisterd client");
 const QByteArray CUT = "[-REQUEST-]\r\n250000\r\nabc";
-// It is seen in the log, so that what came before it has been dealt with.
+// Leaves a line in the log: once that is there, the receiver has dealt with all that came before.
 const QByteArray END = Server::reply("x", 9, "end");
 const QString ENDED = "|critical: 9\tend";
 
@@ -53,7 +53,7 @@ class tst_TrelanMessageReciever : public QObject
     std::unique_ptr<LogCapture> _log;
     std::unique_ptr<Server> _server;
     QPointer<R> _reciever;
-    QString _events; // each after a "|", as in the other summaries
+    QString _events; // each after a "|"
 
     QTcpSocket *socket() const { return _reciever->findChild<QTcpSocket *>(); }
 
@@ -64,7 +64,8 @@ class tst_TrelanMessageReciever : public QObject
         return _reciever->open();
     }
 
-    /// Sends these pieces, one for each release, when it has got the handshake.
+    /// Opens on a server that answers the handshake with the first piece, and sends one more at
+    /// each release.
     bool openOn(const QByteArrayList &pieces)
     {
         return openOn([pieces](ScriptedPeer &peer) {
@@ -129,7 +130,7 @@ private Q_SLOTS:
         delete _reciever;
         _server.reset();
         const auto log = std::exchange(_log, nullptr);
-        // Whatever else there is in it is Qt complaining of how its sockets are used.
+        // A line of another file would be a complaint of Qt about how its sockets are used.
         for (const LogCapture::Line &line : log->lines())
             QCOMPARE(line.file, "trelan/trelanlib/src/trelanmessagereciever.cpp");
     }
@@ -191,7 +192,7 @@ private Q_SLOTS:
         row("no JSON", {Server::frame("[-REPLY-]", Server::payload("nope")) + END},
             "|warning: illegal value\tnope" + bad + ENDED);
         if (PROMPT)
-            return; // which takes a frame in any pieces: see deliveries in tst_trelanprompt
+            return; // tst_trelanprompt cuts frames everywhere
         const QString unknown = "|critical: Unknown request header: ";
         row("size in two", {"[-REQUEST-]\r\n12", "3\r\nabcdefghijklmnopqrst\r\n" + END},
             "|warning: Socket is empty" + invalid + "size" + unknown + "12" + unknown + "3" +
@@ -202,12 +203,12 @@ private Q_SLOTS:
         QFETCH(QByteArrayList, pieces);
         QFETCH(QString, log);
         QFETCH(QString, replies);
-        // The next piece is sent when one is there, and before the receiver looks at it.
+        // The server sends the next piece as soon as one has arrived, before the receiver reads it.
         socket()->disconnect(SIGNAL(readyRead()), _reciever);
         connect(socket(), SIGNAL(readyRead()), this, SLOT(release()));
         connect(socket(), SIGNAL(readyRead()), _reciever, SLOT(onSocketReadyRead()));
         QVERIFY(openOn(pieces));
-        const auto notifiers = PROMPT // which takes what comes before the socket knows of it
+        const auto notifiers = PROMPT // reads before the socket signals it
                                    ? socket()->findChildren<QSocketNotifier *>()
                                    : QList<QSocketNotifier *>();
         for (QSocketNotifier *notifier : notifiers)
@@ -236,13 +237,13 @@ private Q_SLOTS:
         timer.start();
         const QString first = bytes == END ? ENDED : "|warning: Invalid request data";
         QTRY_COMPARE(log(), first);
-        QCOMPARE(timeouts.count(), attempts);       // each one ends with a wait, the last one too
-        QVERIFY(timer.elapsed() >= attempts * 108); // and there is a pause before that
+        QCOMPARE(timeouts.count(), attempts);       // every attempt ends with a wait, even the last
+        QVERIFY(timer.elapsed() >= attempts * 108); // a pause of 10 ms comes before each wait
         _server->release();
         QTRY_COMPARE(log(), first + "|critical: Unknown request header: rest" + ENDED);
         timer.start();
         _reciever->close();
-        QVERIFY(timer.elapsed() >= 100); // for what was written last to leave
+        QVERIFY(timer.elapsed() >= 100); // what was written last gets time to leave
     }
 
     void remembersAHundredFirstInFirstOut()
@@ -257,12 +258,12 @@ private Q_SLOTS:
         };
         for (int i = 0; i < 100; ++i)
             deliver(i, true);
-        deliver(0, false); // which does not make it a later one
+        deliver(0, false); // a repetition does not make it younger
         deliver(100, true);
         deliver(0, true);
         deliver(2, false);
         deliver(1, true);
-        // The size of a frame, so that none has to wait in vain for more.
+        // The socket hands on one frame at a time, so that no read waits 100 ms for more.
         socket()->setReadBufferSize(bytes.size() / 105);
         QVERIFY(openOn({bytes}));
         QTRY_COMPARE_WITH_TIMEOUT(_events, emitted, 30000);
@@ -306,14 +307,15 @@ private Q_SLOTS:
 
     void lossBeforeTheHandshakeFailsOpen()
     {
-        // Else a worker would take it for connected, and never try again.
-        static QSemaphore _isReset; // the script may still be in it
+        // A worker would take success for a connection, and never try again.
+        static QSemaphore _isReset; // outlives the script, which may still use it
         connect(socket(), &QTcpSocket::connected, this, [] { _isReset.acquire(); });
         const bool opened = openOn([](ScriptedPeer &peer) {
             peer.close(true);
             _isReset.release();
         });
-        // Without the pauses it may be written before the reset is there: then the loss is told.
+        // Without pauses the handshake may leave before the reset arrives; the loss is told later
+        // then.
         if (PROMPT && opened) {
             QTRY_COMPARE(_events, "|connected|lost");
             return;
@@ -384,7 +386,7 @@ private Q_SLOTS:
 
     void deletedByALossWhileItWrites_data()
     {
-        // What is written first is the first thing to notice that the connection is lost.
+        // The first write after the reset notices that the connection is lost.
         const TestTable<QByteArray, bool> row("bytes", "hasEvents");
         row("answer", HELLO + push("a") + push("b"), false);
         row("answer in the slot", HELLO + push("a") + push("b"), true);
@@ -394,7 +396,7 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, bytes);
         QFETCH(bool, hasEvents);
-        static QSemaphore _isReset; // the script may still be in it
+        static QSemaphore _isReset; // outlives the script, which may still use it
         const QPointer<QTcpSocket> socket = this->socket();
         const auto lose = [this, hasEvents] {
             _server->release();

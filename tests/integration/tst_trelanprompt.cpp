@@ -24,7 +24,7 @@ namespace
 
 const QByteArray HELLO = Server::reply("handshake");
 
-/// Byte by byte, as far as the network does not join them again.
+/// Sends byte by byte; the network may join bytes again.
 bool sendSlowly(ScriptedPeer &peer, const QByteArray &bytes)
 {
     return std::all_of(bytes.begin(), bytes.end(),
@@ -39,7 +39,7 @@ QByteArray push(int uid)
     return Server::frame("[-REQUEST-]", Server::payload(data));
 }
 
-/// Inflates to 32 times what is allowed here, within what is allowed on the wire.
+/// A payload whose size is allowed, but which inflates to 32 times the limit of this test.
 QByteArray bomb(const QByteArray &header)
 {
     return Server::frame(header, Server::payload(QByteArray(32 << 20, ' ')));
@@ -61,7 +61,7 @@ class tst_TrelanPrompt : public QObject
 
     std::unique_ptr<Server> _server;
 
-    /// The script goes on while a test ends, and must not look at what is the test's.
+    /// For data that a script uses: it may still run while a test, and its variables, end.
     void serve(const Server::Script &script)
     {
         _server = std::make_unique<Server>(script);
@@ -129,14 +129,14 @@ private Q_SLOTS:
         QCOMPARE(handler.rmPersistent({"a"}), inStep);
         QCOMPARE(lost.count(), inStep ? 0 : 1);
         QCOMPARE(handler.isOpen(), inStep);
-        // What comes late belongs to a connection that is gone.
+        // A late answer belongs to a connection that is gone.
         TrelanTransport::setPatience(30000);
         QVERIFY(inStep || handler.open());
     }
 
     void publishesAhead()
     {
-        // Nothing is answered before all of it is there.
+        // The server answers when it has got all requests.
         constexpr int COUNT = 40;
         serve([](ScriptedPeer &peer) {
             QByteArray replies;
@@ -149,7 +149,7 @@ private Q_SLOTS:
         });
         QList<TrelanObject> objects;
         for (int i = 0; i < COUNT; ++i)
-            objects << named("same"); // of one millisecond, most of them
+            objects << named("same"); // most of them are made within one millisecond
         Q handler("me");
         QVERIFY(handler.open());
         QVERIFY(!handler.publish(objects));
@@ -167,7 +167,8 @@ private Q_SLOTS:
 
     void workerGoesAhead()
     {
-        // As above; what comes of each is in order, and what the loss leaves open is lost.
+        // The server answers four of five requests, all at once, and closes the connection. The
+        // outcomes come in order, and the fifth request is lost.
         serve([](ScriptedPeer &peer) {
             bool more = peer.readFrame() && peer.send(HELLO);
             for (int i = 0; i < 5 && more && peer.number == 0; ++i)
@@ -203,7 +204,7 @@ private Q_SLOTS:
 
     void brokenOffAhead()
     {
-        // Replies behind what is none answer nothing any more, not even the next one.
+        // After bytes that are no reply, later replies answer no request, not even the next one.
         serve([](ScriptedPeer &peer) {
             if (peer.readFrame() && peer.send(HELLO) && peer.readFrame() && peer.readFrame())
                 peer.send(push(1) + Server::reply("pub", 2, "one") + Server::reply("pub"));
@@ -218,7 +219,7 @@ private Q_SLOTS:
 
     void reopenedWhileAsking()
     {
-        // Not as it should be done, but nothing of it may look done.
+        // No slot should open the handler here; but then no request may look successful.
         serve([](ScriptedPeer &peer) {
             for (int i = 0; peer.readFrame() && i < (peer.number == 0 ? 5 : 1); ++i) {
                 if (i == 0)
@@ -239,8 +240,8 @@ private Q_SLOTS:
 
     void deliveries()
     {
-        // In pieces of every size, several at once, one that is known, one that is dropped since it
-        // is a bomb, and before the handshake is answered.
+        // Deliveries come in pieces of every size, several at once, and before the handshake is
+        // answered. One is a repetition, and one is dropped since it inflates too far.
         QByteArray stream = push(0) + HELLO + bomb("[-REQUEST-]");
         for (int uid = 1; uid < 50; ++uid)
             stream += push(uid) + (uid % 10 == 0 ? push(uid) : QByteArray());
@@ -327,13 +328,13 @@ private Q_SLOTS:
                 [&](const TrelanMessage &) { results << acknowledged.tryAcquire(1, 30000); });
         QVERIFY(reciever.open());
         QTRY_COMPARE(results, QList<bool>({true}));
-        _server.reset(); // it uses what ends here
+        _server.reset(); // its script uses variables of this function
     }
 
     void acknowledgedTogether()
     {
-        // The slot for the second of three has an event loop of its own: what it has of them is
-        // acknowledged, and of what comes then not more is taken than is taken at once.
+        // The slot for the second of three messages runs an event loop. The receiver acknowledges
+        // the messages that it has read, and reads only one more piece until the slot returns.
         const QByteArray much = Server::reply("none").repeated(3000);
         serve([much](ScriptedPeer &peer) {
             peer.readFrame();
@@ -404,7 +405,7 @@ private Q_SLOTS:
     void reopenedWhenBrokenOff()
     {
         QFETCH(QByteArray, stream);
-        static QSemaphore _isReset; // the script may still be in it
+        static QSemaphore _isReset; // outlives the script, which may still use it
         serve([stream](ScriptedPeer &peer) {
             if (peer.readFrame() && peer.send(peer.number > 0 ? HELLO + push(2) : stream) &&
                 peer.awaitRelease()) {
@@ -425,7 +426,7 @@ private Q_SLOTS:
         connect(&reciever, &TrelanMessageReciever::busDisconnected, this, [&] {
             QVERIFY(reciever.open());
             const auto *socket = reciever.findChild<QTcpSocket *>();
-            QTRY_VERIFY(socket->bytesAvailable() > 0); // and nothing comes after
+            QTRY_VERIFY(socket->bytesAvailable() > 0); // the server sends no more
         });
         QVERIFY(reciever.open());
         QTRY_VERIFY(reciever.isOpen() && uids.endsWith("2"));
@@ -453,7 +454,7 @@ private Q_SLOTS:
         QTRY_COMPARE(lost.count(), 1);
         TrelanTransport::setPatience(30000);
         QVERIFY(reciever.open());
-        QTRY_VERIFY(timer.elapsed() > 1200); // past the end of the first one's time
+        QTRY_VERIFY(timer.elapsed() > 1200); // the patience of the first connection is over
         _server->release();
         QTRY_COMPARE(accepted.count(), 1);
         QCOMPARE(lost.count(), 1);
@@ -480,7 +481,7 @@ private Q_SLOTS:
         int longest = 0;
         QCOMPARE(reconnection.nextDelay(), 0);
         for (const int most : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
-            reconnection.connected(); // not for long
+            reconnection.connected(); // the connection does not last
             const int delay = reconnection.nextDelay();
             QVERIFY2(delay >= most / 2 && delay <= most, qPrintable(QString::number(delay)));
             longest = qMax(longest, delay);

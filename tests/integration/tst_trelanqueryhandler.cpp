@@ -104,7 +104,7 @@ private Q_SLOTS:
         _server.reset();
         const QList<LogCapture::Line> lines = _log->lines();
         _log.reset();
-        // Whatever else there is in the log is Qt complaining of how its sockets are used.
+        // A line of another file would be a complaint of Qt about how its sockets are used.
         for (const LogCapture::Line &line : lines) {
             QCOMPARE(line.file, "trelan/trelanlib/src/trelanqueryhandler.cpp");
             QVERIFY(line.function.contains("bus::TrelanQueryHandler::"));
@@ -127,7 +127,7 @@ private Q_SLOTS:
         QFETCH(Q::Failure, failure);
         QFETCH(QString, logged);
         const bool accepted = failure == Q::None;
-        // An earlier connection, accepted and lost, must not count for the next one.
+        // A handshake accepted on an earlier connection says nothing about the next one.
         serve([=](ScriptedPeer &peer) {
             peer.readFrame();
             peer.send(peer.number == 0 ? HELLO : reply);
@@ -136,7 +136,7 @@ private Q_SLOTS:
         });
         QSignalSpy connected(_handler.get(), SIGNAL(kelbusConnected()));
         QSignalSpy disconnected(_handler.get(), SIGNAL(busDisconnected()));
-        _handler->close(); // whose silence must end with the next open()
+        _handler->close(); // close() blocks signals, and open() has to let them through
         QVERIFY(_handler->open());
         QTRY_COMPARE(disconnected.count(), 1);
         QVERIFY(!_handler->isOpen() && _handler->handshaked());
@@ -206,7 +206,7 @@ private Q_SLOTS:
         TrelanCommand cmd;
         cmd.setName("go");
         cmd.setDt(QDateTime::fromMSecsSinceEpoch(5));
-        const QRegularExpression uid("\"uid\":\"[^\"]{28}\""); // each copy gets one of its own
+        const QRegularExpression uid("\"uid\":\"[^\"]{28}\""); // every message gets another one
         QCOMPARE(QString::fromUtf8(sent(q.sendCommand(cmd))).remove(uid).toUtf8(),
                  j("pub {'cnt':{},'dt':'5','nm':'__bus__.__cmd__.go','opt':0,'p':'me',}"));
         cmd.setReciever("you");
@@ -256,7 +256,7 @@ private Q_SLOTS:
 
     void replies_data()
     {
-        // The code is -1 for a reply that is none.
+        // The code -1 stands for bytes that are no reply.
         const TestTable<QByteArray, int, QString> row("reply", "code", "logged");
         const auto json = [](const QByteArray &text) {
             return Server::frame("[-REPLY-]", Server::payload(j(text)));
@@ -301,7 +301,7 @@ private Q_SLOTS:
         QFETCH(int, code);
         QFETCH(QString, logged);
         QVERIFY(openOn(answers({reply})));
-        const bool isCut = PROMPT && reply == "[-REPLY-]\r\n"; // the rest is waited for
+        const bool isCut = PROMPT && reply == "[-REPLY-]\r\n"; // the handler awaits the rest
         TrelanTransport::setPatience(isCut ? 200 : 30000);
         QVariantMap answer = map("{'old':1}");
         QCOMPARE(_handler->request(answer, "x", {}), code == 0);
@@ -310,11 +310,11 @@ private Q_SLOTS:
         QCOMPARE(_handler->lastFailure(), code == 0 ? Q::None : failure);
         QCOMPARE(int(_handler->lastError().error()), qMax(code, 0));
         QCOMPARE(_handler->isOpen(), code >= 0 || !PROMPT);
-        if (PROMPT && code < 0) { // and what is said has words of its own
+        if (PROMPT && code < 0) { // without pauses the faults are described in other words
             QCOMPARE(_log->faults().size(), 1);
             return;
         }
-        const bool listed = logged.contains("data size"); // and a list behind it
+        const bool listed = logged.contains("data size"); // the line ends with a list
         QCOMPARE(listed ? log().left(logged.size()) : log(), logged);
     }
 
@@ -325,8 +325,7 @@ private Q_SLOTS:
         row("none", QByteArray(), "|critical: Socket wait for ready read error");
         row("some", QByteArray("[-REPLY-]\r\n300\r\nabcd"), cut + "300");
         if (PROMPT)
-            return; // which does not wait for what is too large: see queryOutOfStep in
-                    // tst_trelanprompt
+            return; // sizes above the limit: see queryOutOfStep in tst_trelanprompt
         row("absurd", QByteArray("[-REPLY-]\r\n2000000000\r\nabcd"), cut + "2000000000");
     }
 
@@ -340,7 +339,7 @@ private Q_SLOTS:
             QVERIFY(openOn([=](ScriptedPeer &peer) {
                 peer.readFrame();
                 if (peer.send(bytes) && !bytes.isEmpty() && !PROMPT)
-                    peer.awaitRelease(); // else a reset would overtake them
+                    peer.awaitRelease(); // a reset would overtake the bytes
                 peer.close(reset);
             }));
             releaseOnReadyRead();
@@ -370,8 +369,8 @@ private Q_SLOTS:
     void readAttemptsGrowWithTheSize_data()
     {
         const TestTable<int, int, bool> row("size", "drops", "answered");
-        // The first two attempts do not wait, so 100 attempts see 98 bytes that come one by one. On
-        // a busy machine some attempts pass without a byte, which the rows leave room for.
+        // The first two attempts do not wait, so that 100 attempts see 98 bytes that come one by
+        // one. The rows leave room for attempts that find no byte on a busy machine.
         row("100 attempts suffice", 250, 80, true);
         row("100 attempts do not", 250, 99, false);
         row("201 attempts suffice", 20000, 180, true);
@@ -384,13 +383,14 @@ private Q_SLOTS:
         QFETCH(int, size);
         QFETCH(int, drops);
         QFETCH(bool, answered);
-        // Foreign characters in a payload are skipped, so blanks make it as long as is wanted.
+        // The decoder skips blanks in a payload, so that they make it as long as wanted.
         const QByteArray payload = Server::payload("{}").leftJustified(size);
         const QByteArray reply = Server::frame("[-REPLY-]", payload);
         QVERIFY(openOn([=](ScriptedPeer &peer) {
             peer.readFrame();
             peer.send(reply.left(reply.size() - drops));
-            // The next byte only when the one before is off the wire: one byte an attempt.
+            // Each byte leaves when the one before has been read, so that an attempt finds one
+            // byte.
             for (int left = drops; left > 0 && peer.awaitRelease(); --left)
                 peer.send(reply.mid(reply.size() - left, 1));
             peer.awaitEnd();
@@ -406,12 +406,12 @@ private Q_SLOTS:
         QVERIFY(openOn([](ScriptedPeer &peer) {
             peer.read(100);
             peer.send(Server::reply("x"));
-            peer.awaitRelease(); // so the client is stuck in its write when the reply reaches it
+            peer.awaitRelease(); // the client is stuck in its write when the reply comes
             answers({{}, Server::reply("sub")})(peer);
         }));
         releaseOnReadyRead();
         QVERIFY(_handler->request("x", noise(8 << 20)));
-        QVERIFY(_handler->subscribe("a")); // the rest of the large request goes first
+        QVERIFY(_handler->subscribe("a")); // writes the rest of the large request first
         QVERIFY(_server->frames()[1].raw.size() > 8 << 20);
         QCOMPARE(_server->frames()[2].operation, "sub");
         QCOMPARE(log(), "");
@@ -425,7 +425,7 @@ private Q_SLOTS:
             peer.read(100);
             peer.send(Server::reply("x", 1, "too large"));
             peer.awaitRelease();
-            peer.read(4 << 20); // lets a part of the write through, and then reads no more
+            peer.read(4 << 20); // takes a part of the request, and then reads no more
             peer.awaitRelease();
         }));
         releaseOnReadyRead();
@@ -478,7 +478,7 @@ private Q_SLOTS:
         SKIP_WITHOUT_PAUSES(
             "stale bytes close the connection: see queryOutOfStep in tst_trelanprompt")
         QFETCH(int, requestBytes);
-        // The second header comes with the first reply: taken for the reply, it has no size.
+        // The second header comes with the first reply. Read as a reply it has no size line.
         const QByteArray second = Server::reply("x", 0, {}, j("{'k':1}"));
         QVERIFY(openOn(answers({Server::reply("sub") + second.left(11), second.mid(11)})));
         QVERIFY(_handler->subscribe("a"));

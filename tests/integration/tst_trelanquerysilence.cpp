@@ -4,7 +4,7 @@
 
 #include <QtTest/QtTest>
 
-/// A program of its own, since it waits for as long as the library does: 30 s.
+/// A separate program, since it waits 30 s, as long as the library does.
 class tst_TrelanQuerySilence : public QObject
 {
     Q_OBJECT

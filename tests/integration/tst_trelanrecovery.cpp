@@ -1,4 +1,4 @@
-#undef QT_NO_CAST_FROM_ASCII // texts of this file are ASCII
+#undef QT_NO_CAST_FROM_ASCII // all texts of this file are ASCII
 
 #include <daemon.h>
 #include <rawpeer.h>
@@ -30,19 +30,19 @@ struct Killer
 };
 using Process = std::unique_ptr<QProcess, Killer>;
 
-constexpr int PACE_MS = 15; // together more than a receiver reads
+constexpr int PACE_MS = 15; // both senders together send more than a receiver reads
 constexpr int WINDOW = 64;
 const QString RECEIVER = "receiver";
 
-/// In one write, so that a process that is killed leaves whole lines.
+/// Prints a line with one write, so that a killed process leaves whole lines.
 void say(const QString &line)
 {
     std::fprintf(stdout, "%s\n", qPrintable(line));
     std::fflush(stdout);
 }
 
-/// A client in a process of its own. What arrives is told in the worker's thread, at once: a line
-/// is what the application has seen.
+/// A client that runs as a separate process. It prints what arrives at once, in the worker's
+/// thread, so that each line stands for what an application has seen.
 class Client : public TrelanController
 {
 public:
@@ -67,8 +67,8 @@ protected:
     }
 };
 
-/// The program that this is with arguments: a name, the ports, and the number to count from, for a
-/// client that sends.
+/// Runs this program as a client. The arguments are a name, the ports, and, for a client that
+/// sends, the number to start with.
 int runClient(const QStringList &arguments)
 {
     Client client(arguments.at(1));
@@ -87,13 +87,13 @@ int runClient(const QStringList &arguments)
     return QCoreApplication::exec();
 }
 
-/// What the receiver has seen of each sender, in all and on its last connection.
+/// What the receiver has seen of each sender: ever, and on its last connection.
 struct Account
 {
     int connections = 0;
     QHash<QString, QMap<int, int>> seen;
     QHash<QString, QList<int>> current;
-    int seenAgain = 0; // on the last connection, from an earlier one
+    int seenAgain = 0; // messages of an earlier connection that came again
     QString fault;
 
     void take(const QString &line)
@@ -115,7 +115,7 @@ struct Account
         while (receiver.canReadLine())
             take(QString::fromUtf8(receiver.readLine()).trimmed());
     }
-    /// Numbers never seen, between the first and the last that were.
+    /// Numbers between the first and the last seen one that never came.
     int missing(const QString &sender) const
     {
         const QMap<int, int> numbers = seen.value(sender);
@@ -123,8 +123,8 @@ struct Account
     }
 };
 
-/// Between receivers and the message port of a bus. Until it is cut, the bus gets nothing of a
-/// connection but the handshake, while everything that the bus sends passes.
+/// Stands between receivers and the message port of a bus. It hands all that the bus sends on to
+/// the receiver, but only the handshake on to the bus, until it is cut.
 class LossyProxy : public QTcpServer
 {
 public:
@@ -137,7 +137,7 @@ public:
             bus->connectToHost(QHostAddress::LocalHost, port);
             connect(bus, &QTcpSocket::readyRead, receiver,
                     [=] { receiver->write(bus->readAll()); });
-            // The handshake is answered before anything is acknowledged: it comes alone.
+            // The handshake comes alone: a receiver acknowledges nothing before the bus answers.
             connect(receiver, &QTcpSocket::readyRead, bus,
                     [this, receiver, bus, first = true]() mutable {
                         const QByteArray bytes = receiver->readAll();
@@ -185,7 +185,7 @@ Process tst_TrelanRecovery::startClient(const QStringList &arguments)
     return process;
 }
 
-/// Until messages of both senders flow on connection number \a connections of the receiver.
+/// Waits until messages of both senders flow on the receiver's connection number \a connections.
 bool tst_TrelanRecovery::awaitBoth(QProcess &receiver, Account &account, int connections)
 {
     const QDeadlineTimer deadline(30000);
@@ -205,8 +205,8 @@ void tst_TrelanRecovery::killedUnderLoad_data()
         QTest::newRow(who) << who;
 }
 
-/// Within a connection nothing comes twice and each sender's order holds; on the next one at most a
-/// window comes again.
+/// Within a connection no message comes twice, and those of each sender keep their order. On the
+/// next connection at most as many come again as may be unacknowledged.
 void tst_TrelanRecovery::killedUnderLoad()
 {
     QFETCH(QString, who);
@@ -233,7 +233,8 @@ void tst_TrelanRecovery::killedUnderLoad()
         a = startClient({"a", "100000"});
     }
     QVERIFY(awaitBoth(*receiver, account, who == "sender" ? 1 : 2));
-    while (who == "sender" && account.seen["a"].lastKey() < 100000) { // after what still waited
+    // The messages that waited come before those of the new sender.
+    while (who == "sender" && account.seen["a"].lastKey() < 100000) {
         QVERIFY(receiver->waitForReadyRead());
         account.takeAll(*receiver);
     }
@@ -242,18 +243,18 @@ void tst_TrelanRecovery::killedUnderLoad()
     QCOMPARE(account.fault, QString());
     QVERIFY(account.seenAgain <= WINDOW);
     if (who == "receiver") {
-        // What waits for a receiver is kept, except the one that it was just taking.
+        // The bus keeps what waits for a receiver; only the message being taken may be lost.
         QVERIFY(account.missing("a") + account.missing("b") <= 1);
     } else {
         QCOMPARE(account.seenAgain, 0);
     }
 }
 
-/// What the receiver had acknowledged and the bus does not know of comes again, in order and before
-/// the rest; a filter that is kept knows it.
+/// The bus sends messages again whose acknowledgement it did not get, in order and before the rest.
+/// A receiver that keeps its filter recognises them.
 void tst_TrelanRecovery::acknowledgementsLost()
 {
-    constexpr int COUNT = 70; // more than the window
+    constexpr int COUNT = 70; // more than may be unacknowledged
     TestBus server;
     LossyProxy proxy(server.msgPort());
     RawPeer sender(server, "sender");
@@ -283,7 +284,7 @@ void tst_TrelanRecovery::acknowledgementsLost()
 int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);
-    // Arguments of its own are those of a client; QtTest's begin with a dash or name a function.
+    // QtTest's arguments begin with a dash or name a function; others are those of a client.
     const QStringList arguments = QCoreApplication::arguments();
     if (arguments.size() >= 4 && arguments.at(3).toUShort() != 0)
         return runClient(arguments);

@@ -39,7 +39,7 @@ public:
     QFlags<TrelanQueryWorker::Option> queryOptions;
     int started = 0, stopped = 0;
     QStringList seen;                                // what the workers handed on
-    std::atomic<int> msgThread {0}, queryThread {0}; // as the system numbers them
+    std::atomic<int> msgThread {0}, queryThread {0}; // ids, which the system counts up
 
     explicit Controller(const QString &name)
         : TrelanController(name)
@@ -94,7 +94,7 @@ void pushForever(ScriptedPeer &peer)
         next.clear();
 }
 
-/// Accepts whatever it is asked, and has an object for whoever loads one.
+/// Accepts every request, and answers each with an object, for those that load one.
 void serveQueries(ScriptedPeer &peer)
 {
     const QByteArray object = R"({"nm":"loaded"})";
@@ -146,7 +146,7 @@ private Q_SLOTS:
             QCOMPARE(controller.stopped, 2 * (i - 1));
             queriesFirst += controller.queryThread < controller.msgThread ? 1 : 0;
         }
-        QVERIFY(queriesFirst >= 2); // once the system may have begun its numbers anew
+        QVERIFY(queriesFirst >= 2); // the system may start its numbers anew, but not twice
         QTRY_COMPARE(operations(server).count("subb.*"), 3);
         const int before = server.frames().size();
         TrelanCommand command;
@@ -273,7 +273,7 @@ private Q_SLOTS:
 
     void stopIsQuick_data()
     {
-        // The bus answers so many queries, and then it is silent.
+        // The bus answers this many requests, and then no more.
         const TestTable<int, QByteArray> row("answers", "delivery");
         row("connecting", -1, "");
         row("handshake unanswered", 0, "");
@@ -296,7 +296,8 @@ private Q_SLOTS:
             peer.send(Server::reply("handshake") + push("1", "before") + delivery);
             peer.awaitEnd();
         });
-        // One connection waits to be accepted; whoever comes next is neither let in nor refused.
+        // One connection fills the queue of the listener: the next ones are neither accepted nor
+        // refused.
         QTcpSocket blocker;
         blocker.bind(QHostAddress(QHostAddress::LocalHost));
         QVERIFY(::listen(int(blocker.socketDescriptor()), 0) == 0);
@@ -321,8 +322,8 @@ private Q_SLOTS:
         QVERIFY2(timer.elapsed() < 1500, qPrintable(QString::number(timer.elapsed())));
     }
 
-    /// Every client loses its first connection at once, its second one in a way of its own, and
-    /// then has one that stays.
+    /// Every client loses its first connection at once, and its second one in the way that its name
+    /// tells. The third connection stays.
     void comesBack()
     {
         const QStringList names {"filter", "plain", "refused"};
@@ -341,7 +342,7 @@ private Q_SLOTS:
             if (!again && name == "refused")
                 return;
             peer.send(push("1", "m"));
-            // The acknowledgement of the first delivery comes, but too late for this connection.
+            // The connection ends when the first delivery is acknowledged.
             if (!again)
                 peer.readFrame();
             else if (peer.send(push("2", "n")))
@@ -384,7 +385,7 @@ private Q_SLOTS:
             const QString seen = client->clientName() == "plain" ? "m m n" : "m n";
             QTRY_COMPARE_WITH_TIMEOUT(client->seen.join(' '), seen, 15000);
         }
-        QVERIFY(transport::PROMPT || timer.elapsed() > 9500); // two intervals
+        QVERIFY(transport::PROMPT || timer.elapsed() > 9500); // two intervals of 5 s have passed
     }
 
     void swappedPortsAreNamed()
@@ -409,7 +410,7 @@ private Q_SLOTS:
         controller.queryOptions = TrelanQueryWorker::SubscribeNow;
         controller.setBus(HOST, bus.msgPort(), bus.queryPort());
         QTRY_COMPARE(controller.seen.join(' '), "a.b");
-        const RawPeer thief(bus, "me"); // from which the worker takes its name back
+        const RawPeer thief(bus, "me"); // takes the name; the worker takes it back
         QTRY_COMPARE(controller.seen.join(' '), "a.b a.b");
         QCOMPARE(writer.ask("pub {'nm':'b.c','opt':2}"), "0 ");
         QTRY_COMPARE(controller.seen.join(' '), "a.b a.b b.c");
@@ -431,7 +432,7 @@ private Q_SLOTS:
             if (i % 4 == 3)
                 controller.setBus(HOST, server.port(), bus.queryPort());
         }
-        // The library may say that a request was left; Qt has nothing to say.
+        // The library may report a request without an answer. Qt has no reason to report anything.
         for (const LogCapture::Line &line : log.lines())
             QVERIFY2(line.file.contains("trelan/"), qPrintable(line.text));
     }
@@ -442,8 +443,8 @@ private Q_SLOTS:
         for (const QString where : {"main", "return", "slot", "worker", "noapp"}) {
             row(qPrintable(where), where);
 #ifdef __SANITIZE_THREAD__
-            // While a worker's exit() destroys what is static, main() still runs its event loop:
-            // the sanitizer is right about that, and no library could make it otherwise.
+            // main() still runs its event loop while a worker's exit() destroys static objects. The
+            // sanitizer reports that rightly, and no library could prevent it.
             if (where == QLatin1String("worker"))
                 continue;
 #endif
@@ -463,8 +464,8 @@ private Q_SLOTS:
         TestBus bus;
         const Server server(pushForever);
         std::list<QProcess> probes;
-        // The library says that it leaves a request, and nothing else is to be said. Rules do not
-        // hold it back, since they are destroyed with what is static.
+        // The library reports a request without an answer, and nothing else may be printed. Logging
+        // rules cannot suppress that line: they are static, and destroyed by then.
         const QRegularExpression left("Socket wait for ready read error\n");
         for (int i = 0; i < (SOAK ? 20 : 2); ++i) {
             QProcess &probe = probes.emplace_back();

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Installs a build into a prefix, moves the prefix, and uses the libraries from there as somebody
-# would who has nothing else of this tree.
+# Installs a build into a prefix, moves the prefix, and uses the libraries there without anything
+# else of this tree.
 #
 # run.sh <cmake> <compiler> <source folder> <build folder> <libdir> <datadir> <compiler flags>
 set -eu
@@ -35,7 +35,7 @@ mkdir "$work/else where"
 mv "$work/first" "$work/else where/moved"
 prefix="$work/else where/moved"
 
-# Neither the prefix it was installed to nor the folder it was built in may be named anywhere.
+# No installed file may name the first prefix or the build folder.
 for trace in "$work/first" "$build"; do
     ! grep -rlF "$trace" "$prefix/$libdir/cmake" "$prefix/$libdir/pkgconfig" ||
         fail "$trace is named in what is installed"
@@ -43,13 +43,13 @@ done
 for internal in trelanvalue.h trelanwildcard.h trelanzstream.h; do
     [ ! -e "$prefix/include/trelan/$internal" ] || fail "$internal is installed"
 done
-# Every installed header has to do with nothing but installed headers.
+# Every installed header has to compile with installed headers alone.
 for header in "$prefix"/include/*/*.h; do
     echo "#include <$(basename "$header")>"
 done >"$work/all.cpp"
 cat "$source/main.cpp" >>"$work/all.cpp"
 
-# The client finds the support library beside itself. (The shell does the comparing: the loader
+# The client library finds the support library beside itself. (The shell compares, since the loader
 # may spell the path with "..".)
 beside=$(LC_ALL=C ldd "$prefix/$libdir/libtrelanclient.so.1" |
     sed -n 's/.*libmorvikcore.so.1 => \(.*\) (0x.*/\1/p')
@@ -67,8 +67,8 @@ check_program "CMake" "$work/cmake/thermometer"
 "$cmake" --build "$work/tutorial" >/dev/null || fail "the programs of the tutorial do not build"
 echo "ok: the programs of the tutorial build"
 
-# The texts above may come out of the library itself: a translation that only the installed folder
-# has shows that this folder is looked at, and first.
+# The library itself holds the translated texts as well. A translation that only the installed
+# folder has shows that the library looks there, and looks there first.
 qm="$prefix/$datadir/morvik/translations/trelanclient_de.qm"
 [ -f "$qm" ] || fail "the translation is not installed"
 cp "$qm" "$work/trelanclient_de.qm"
@@ -81,7 +81,7 @@ cp "$work/trelanclient_de.qm" "$qm"
 
 export PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig"
 expect "pkg-config version" "1.2.1" "$(pkg-config --modversion trelanclient)"
-# A shell of its own takes the quoting that pkg-config puts into paths.
+# Another shell removes the quoting that pkg-config puts into paths.
 eval "\"$compiler\" -std=c++17 $flags \"$work/all.cpp\" -o \"$work/consumer\" \
     $(pkg-config --cflags --libs trelanclient) \"-Wl,-rpath,$prefix/$libdir\""
 check_program "pkg-config" "$work/consumer"

@@ -7,7 +7,7 @@
 #include <csignal>
 #include <unistd.h>
 
-/// \brief `trelanbusd` as a process of its own, and what it takes. It ends with this object.
+/// \brief A process that runs `trelanbusd`. It ends with this object.
 class Daemon
 {
 public:
@@ -19,14 +19,14 @@ public:
     ~Daemon() { end(SIGKILL); }
     Q_DISABLE_COPY(Daemon)
 
-    /// Returns when it listens, or false when it ended instead. At free ports the first time, and
-    /// then at the same ones.
+    /// Returns true as soon as the daemon listens, false if it ends instead. The first start takes
+    /// free ports; later ones use those again.
     bool start(const QStringList &arguments = {})
     {
         const QString ports = _folder.filePath(QStringLiteral("ports"));
         QFile::remove(ports);
         _process.setProcessChannelMode(QProcess::MergedChannels);
-        // Not a pipe, which is full some time, and the daemon waits then.
+        // A file, since the daemon would wait once a pipe is full.
         _process.setStandardOutputFile(_folder.filePath(QStringLiteral("log")));
         _process.start(_program,
                        QStringList {QStringLiteral("--query-port"), QString::number(queryPort),
@@ -43,7 +43,7 @@ public:
         return true;
     }
 
-    /// Returns its exit code; -1 if a signal ended it, this or another.
+    /// Sends \a signal and returns the exit code; -1 if a signal ended the daemon.
     int end(int signal)
     {
         if (_process.state() == QProcess::NotRunning)
@@ -55,7 +55,7 @@ public:
 
     pid_t pid() const { return pid_t(_process.processId()); }
 
-    /// A line of its status: "VmRSS" is what it has in memory, in KiB.
+    /// A number of its status in the system: "VmRSS" is the memory that it occupies, in KiB.
     int status(const char *key) const
     {
         const QByteArray text = read(QStringLiteral("/proc/%1/status").arg(pid()));

@@ -7,7 +7,7 @@
 
 /// \brief Takes every line of the Qt log, of all threads, instead of printing it.
 ///
-/// One at a time, and no other thread may log while it is destroyed.
+/// Only one may exist at a time, and no other thread may log while it is destroyed.
 class LogCapture
 {
 public:
@@ -15,7 +15,7 @@ public:
     {
         QtMsgType level;
         QString category, file, function, text;
-        int number = 0; ///< of the source line
+        int number = 0; ///< the line in the file
     };
 
     LogCapture()
@@ -39,7 +39,7 @@ public:
             texts << QLatin1String(LEVELS[line.level]) + QLatin1String(": ") + line.text;
         return texts;
     }
-    /// The same without what is only said for information.
+    /// The lines above the level of information, as "critical: text".
     QStringList faults() const
     {
         return texts().filter(QRegularExpression(QStringLiteral("^(?!info: )")));

@@ -8,19 +8,19 @@
 #include <poll.h>
 #include <unistd.h>
 
-/// \brief Takes the pauses out of the reader of the message channel, for the program that includes
-/// this, once.
+/// \brief Takes the pauses out of the reader of the message channel. One source of a program may
+/// include this.
 ///
 /// The reader pauses after every piece it reads, and then waits up to 100 ms for more, even if the
-/// frame is complete: only that wait is skipped, which is known by following the bytes of its
-/// socket. A wait for the rest of a frame stays what it is.
+/// frame is complete. The pauses go, and so do the waits after a complete frame, which this class
+/// recognises by following the bytes of the socket. A wait for the rest of a frame stays.
 struct PacedReader
 {
-    static inline thread_local int _descriptor = -1; ///< of the thread's reader
+    static inline thread_local int _descriptor = -1; ///< the socket of the reader in this thread
     static inline thread_local bus::TrelanFrameReader *_stream = nullptr;
 };
 
-// These stand for the system's and Qt's, so that they cannot be inline.
+// These functions replace the system's and Qt's, so that they cannot be inline.
 // NOLINTBEGIN(misc-definitions-in-headers)
 void QThread::msleep(unsigned long)
 {

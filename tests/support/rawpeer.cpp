@@ -38,7 +38,7 @@ RawPeer::RawPeer(quint16 queryPort, const QString &name)
     const bool connected = connectTo(queryPort);
     const QByteArray request = "handshake {'name':'" + name.toUtf8() + "'}";
     if (!connected || (!name.isEmpty() && ask(request) != "0 "))
-        qWarning("the peer is not registered"); // and what needs it to be will fail
+        qWarning("the peer is not registered"); // the test will fail where that matters
 }
 
 RawPeer::~RawPeer()
@@ -119,7 +119,7 @@ bool RawPeer::receiveFrame()
     TrelanFrameReader::Status status = _reader.next();
     ssize_t count = 1;
     while (status == TrelanFrameReader::NeedMoreData && count > 0) {
-        do // a process that was stopped gets EINTR
+        do // EINTR comes when the process was stopped meanwhile
             count = ::recv(_socket, bytes, sizeof bytes, 0);
         while (count < 0 && errno == EINTR);
         _reader.feed(QByteArray(bytes, int(qMax<ssize_t>(count, 0))));

@@ -14,24 +14,24 @@ public:
     explicit TestBus(bus::TrelanBusSettings settings = {});
 };
 
-/// \brief A client that sends any bytes. Blocking; every wait is bounded by 30 s. One thread may
-/// send while another receives.
+/// \brief A client that sends any bytes. Its functions wait, at most 30 s. One thread may send
+/// while another one receives.
 ///
 /// Requests are written as "operation {'key': 'value'}"; a reply is told by its status, "code
 /// description".
 class RawPeer
 {
 public:
-    /// Has its descriptor, but no connection.
+    /// A peer with a descriptor, but without a connection.
     RawPeer();
-    /// Connected, and registered as \a name unless that is empty.
+    /// A connected peer, registered as \a name unless that is empty.
     explicit RawPeer(const bus::TrelanBus &server, const QString &name = QString());
     explicit RawPeer(quint16 queryPort, const QString &name = QString());
     ~RawPeer();
     Q_DISABLE_COPY(RawPeer)
 
     bool connectTo(quint16 port);
-    /// Address and port, as the bus names this peer.
+    /// Address and port, by which the bus names this peer in its log.
     QString address() const;
 
     static QByteArray frame(const QByteArray &request);
@@ -39,24 +39,24 @@ public:
     /// A request frame around a payload that inflates to \a json.
     static QByteArray jsonFrame(const QByteArray &json);
 
-    /// False if the other side does not take it any more.
+    /// Returns false if the other side does not take the bytes any more.
     bool send(const QByteArray &bytes);
-    /// Status of the next reply; "none" if the connection ends instead.
+    /// The status of the next reply; "none" if the connection ends instead.
     QString receive();
     /// The next message that the bus delivers; empty if something else comes.
     QVariantMap receiveDelivery();
     bool acknowledge(const QVariantMap &message);
-    /// The same; the content of the object that it tells of.
+    /// The content of the object that the next delivery tells of. Acknowledges the delivery.
     QVariantMap receiveObject();
     QString ask(const QByteArray &request);
     /// The envelope of the reply received last.
     QVariantMap envelope() const { return _envelope; }
     QVariantMap data() const { return _envelope.value(QStringLiteral("data")).toMap(); }
-    /// Whether anything, the end included, is there within this time.
+    /// Whether bytes, or the end of the connection, arrive within this time.
     bool hasInput(int milliseconds);
-    /// Whether the other side ends the connection; what it still sends is skipped.
+    /// Whether the other side ends the connection. Skips what it still sends.
     bool awaitEnd();
-    /// The end will be a reset, which leaves nothing of the connection in the system.
+    /// Makes the end a reset, after which the system keeps nothing of the connection.
     void endWithReset();
 
 private:
@@ -67,13 +67,13 @@ private:
     QVariantMap _envelope;
 };
 
-/// Both connections of a client that takes in \a wildcard. The constructor does not wait for the
-/// bus, so that many can be made at once.
+/// Both connections of a client that subscribes to \a wildcard. The constructor does not wait for
+/// the bus, so that many clients can be made at once.
 struct RawClient
 {
     RawPeer query, messages;
 
     RawClient(quint16 queryPort, quint16 msgPort, const QString &name, const QString &wildcard);
-    /// Whether the bus has accepted all of it.
+    /// Whether the bus has accepted both connections and the subscription.
     bool isThere();
 };

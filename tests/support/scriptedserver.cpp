@@ -15,7 +15,7 @@ ScriptedPeer::ScriptedPeer(ScriptedServer *server, int socket, int connection)
     , _socket(socket)
 {}
 
-/// True once the descriptor is ready, false once the server ends.
+/// Returns true once the descriptor is ready, false once the server ends.
 bool ScriptedPeer::wait(int descriptor, short events) const
 {
     pollfd fds[] = {{descriptor, events, 0}, {_server->_stop, POLLIN, 0}};
@@ -103,7 +103,7 @@ ScriptedServer::ScriptedServer(const Script &script)
     , _stop(eventfd(0, EFD_CLOEXEC))
     , _released(eventfd(0, EFD_CLOEXEC | EFD_SEMAPHORE))
 {
-    // Small, so that a client with a few megabytes to send is still sending when a script answers.
+    // A small buffer keeps a client with a few megabytes sending until the script answers.
     const int receiveBuffer = 64 * 1024;
     setsockopt(_listener, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
     sockaddr_in address {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
@@ -120,7 +120,8 @@ ScriptedServer::ScriptedServer(const Script &script)
 ScriptedServer::~ScriptedServer()
 {
     eventfd_write(_stop, 1);
-    for (std::thread &thread : _threads) // after the first one none is added any more
+    for (std::thread &thread :
+         _threads) // the first one adds the others, and has ended before they are joined
         thread.join();
     for (const int descriptor : {_listener, _stop, _released})
         ::close(descriptor);

@@ -12,31 +12,31 @@
 /// A frame as the peer received it, taken apart without the library's own codec.
 struct ScriptedFrame
 {
-    QByteArray raw, json; ///< the whole of it, and the inflated envelope
+    QByteArray raw, json; ///< the frame as it came, and the inflated envelope
     QString operation;
     QVariantMap data, result;
 };
 
 class ScriptedServer;
 
-/// \brief One connection, as its script sees it. What returns bool waits until it is done, and is
-/// false when the client is gone or the server ends.
+/// \brief One connection, as its script sees it. A function that returns bool waits until it is
+/// done, and returns false when the client is gone or the server ends.
 class ScriptedPeer
 {
 public:
-    const int number;    ///< of the connection, from 0
-    ScriptedFrame frame; ///< the one that was read last
+    const int number;    ///< of the connection; the first one is 0
+    ScriptedFrame frame; ///< the frame that was read last
 
-    /// Reads one whole frame, which is then among the server's frames.
+    /// Reads one whole frame and adds it to the server's frames.
     bool readFrame();
-    /// Reads bytes off the wire, which readFrame() takes into account.
+    /// Receives bytes, and leaves them to readFrame().
     bool read(int atLeast);
     bool send(const QByteArray &bytes);
     /// Waits for one ScriptedServer::release().
     bool awaitRelease();
     /// Discards what comes until the client ends the connection.
     void awaitEnd();
-    /// In order, or with a reset.
+    /// Ends the connection, in order or with a reset.
     void close(bool reset = false);
 
 private:
@@ -80,7 +80,7 @@ private:
     const Script _script;
     const int _listener, _stop, _released;
     quint16 _port = 0;
-    mutable QMutex _mutex; // for the frames and the threads
+    mutable QMutex _mutex; // guards the frames and the threads
     QList<ScriptedFrame> _frames;
-    std::list<std::thread> _threads; // the one that accepts, then one for each connection
+    std::list<std::thread> _threads; // the first one accepts, each other one serves a connection
 };

@@ -2,14 +2,14 @@
 
 #include <QtTest/QtTest>
 
-/// A file of tests/support/golden, or of anywhere else with an absolute path.
+/// The content of a file in tests/support/golden, or of any file with an absolute path.
 inline QByteArray testData(const QString &path)
 {
     QFile file(QDir(QStringLiteral(TRELAN_GOLDEN_DIR)).filePath(path));
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-/// Test rows, in a column "row", out of an array of JSON objects that have a "name".
+/// Adds a test row for each JSON object of an array, in a column "row"; "name" names the row.
 inline void addTestRows(const QString &path)
 {
     QTest::addColumn<QJsonObject>("row");
@@ -19,7 +19,7 @@ inline void addTestRows(const QString &path)
         QTest::newRow(qPrintable(row[u"name"].toString())) << row.toObject();
 }
 
-/// Whether an id of \a value is the digest of \a head, the time when it is made, and \a tail.
+/// Whether the id of \a value is the digest of \a head, the time when it is made, and \a tail.
 template <typename Value>
 bool makesUidOf(const Value &value, const QByteArray &head, const QByteArray &tail)
 {
@@ -33,8 +33,8 @@ bool makesUidOf(const Value &value, const QByteArray &head, const QByteArray &ta
     return hash.result() == uid && value.genUid().size() == 28;
 }
 
-/// Checks \a json, the wire form of \a value, which is read back through real JSON; and that an
-/// entry that is missing leaves an empty value behind, which a comparison notices.
+/// Checks that \a value has the wire form \a json and is read back from it; and that reading
+/// notices each entry: a value read without it has to differ.
 template <typename Value>
 void checkWireForm(const Value &value, const QByteArray &json)
 {

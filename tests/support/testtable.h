@@ -6,8 +6,7 @@
 #include <functional>
 #include <random>
 
-/// \brief The columns of a test's data; called with a name and a value for each of them, it adds a
-/// row.
+/// \brief The columns of a test's data. A call with a name and a value for each column adds a row.
 template <typename... Types>
 class TestTable
 {
@@ -23,7 +22,7 @@ public:
     }
 };
 
-/// A content that hardly compresses, the same each time; a frame of it has more than \a bytes.
+/// A content that hardly compresses, and never varies. A frame of it has more than \a bytes.
 inline QVariantMap noise(int bytes)
 {
     std::mt19937 random(1);
@@ -32,7 +31,7 @@ inline QVariantMap noise(int bytes)
     return {{QStringLiteral("noise"), QString::fromLatin1(raw.toBase64())}};
 }
 
-/// Most address space that this process ever had, in KiB.
+/// The most address space that this process ever had, in KiB.
 inline int peakMemory()
 {
     QFile status(QStringLiteral("/proc/self/status"));

@@ -7,8 +7,8 @@
 
 /// \brief How the channels of a test program read and write.
 ///
-/// The programs that include this are run twice: as ever, and without pauses, when the environment
-/// says so. Set before main(), so that no test comes before it.
+/// A program that includes this runs twice as a test: with pauses, and, as the environment says,
+/// without. The choice is made before main(), and so before any test.
 namespace transport
 {
 
@@ -25,7 +25,7 @@ inline const bool PROMPT = choose();
 
 } // namespace transport
 
-/// Skips what is about the pauses themselves.
+/// Skips a test that is about the pauses.
 #define SKIP_WITHOUT_PAUSES(reason)                                                                \
     if (transport::PROMPT) {                                                                       \
         QTest::qSkip(reason, __FILE__, __LINE__);                                                  \

@@ -46,7 +46,7 @@ inline bool judgeSegments(const QString &name, const QString &wildcard)
     const QStringList n = name.split(DOT);
     QStringList w = wildcard.split(DOT);
     QStringList run;
-    for (const QString &segment : w + QStringList {PLUS}) { // the last one stands for the end
+    for (const QString &segment : w + QStringList {PLUS}) { // the added "+" ends the last run
         if (segment != PLUS && segment != STAR)
             run << segment;
         else if (!run.isEmpty() && !name.contains(run.join(DOT)))

@@ -1,6 +1,6 @@
-// Loads the library, whose path is the second argument, in one of several ways, and says how its
-// text for an unsupported request reads then. Not linked with it: the moment of loading is the
-// point.
+// Loads the library, whose path is the second argument, in the way that the first one names, and
+// prints its text for an unsupported request. The program is not linked with the library, since the
+// moment of loading matters.
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLibrary>
@@ -33,5 +33,5 @@ int main(int argc, char *argv[])
     std::printf("%s|%d\n",
                 qUtf8Printable(QCoreApplication::translate("QObject", "Unsupported request")),
                 int(application->findChildren<QTranslator *>().size()));
-    return QLibrary(path).isLoaded() ? 0 : 1; // English texts are no proof that it was there
+    return QLibrary(path).isLoaded() ? 0 : 1; // an English text does not prove that it was loaded
 }

@@ -13,7 +13,8 @@ private slots:
     {
         using Ints = std::vector<int>;
         constexpr int COUNT = 20000;
-        // Plain variables of both threads: the class has to order their uses, or tsan says so.
+        // Both threads use plain variables: unless the class orders their uses, tsan reports a
+        // race.
         Ints firstBatch, secondBatch, taken, expected;
         std::promise<void> started, released;
         int wakes = 0;
@@ -33,7 +34,7 @@ private slots:
             worker.add(job);
             expected.push_back(job);
             if (job == 0)
-                started.get_future().wait(); // what comes now comes while the worker is busy
+                started.get_future().wait(); // the worker is busy from here on
             if (job == 99)
                 released.set_value();
             const Ints results = worker.takeResults();

@@ -22,7 +22,7 @@ using bus::BusListener;
 namespace
 {
 
-/// The one that this program runs on.
+/// The dispatcher that this program runs on.
 BusEventDispatcher *_dispatcher = nullptr;
 
 /// Two ends of a connection.
@@ -51,7 +51,7 @@ struct Pair
     int ends[2] {-1, -1};
 };
 
-/// One turn of the loop, which does not wait.
+/// Runs one turn of the loop, without waiting.
 void turn()
 {
     QCoreApplication::processEvents();
@@ -141,7 +141,7 @@ private slots:
         timer.start(400);
         QElapsedTimer clock;
         clock.start();
-        while (!clock.hasExpired(900)) // the loop does not run
+        while (!clock.hasExpired(900)) // the loop stands still
             QThread::yieldCurrentThread();
         turn();
         turn();
@@ -165,7 +165,7 @@ private slots:
         QCOMPARE(afterATurn(), "w");
         pair.write(1);
         QCOMPARE(afterATurn(), "rw");
-        QCOMPARE(afterATurn(), "rw"); // nobody has read it
+        QCOMPARE(afterATurn(), "rw"); // the bytes are still unread
         write.setEnabled(false);
         QCOMPARE(afterATurn(), "r");
         pair.read(0);
@@ -225,7 +225,8 @@ private slots:
         QCOMPARE(told, (QVector<QPair<quint64, quint32>> {{7, EPOLLIN}, {8, EPOLLIN | EPOLLOUT}}));
     }
 
-    /// A listener is told of its connections no more often than each that is ready of its own.
+    /// A listener gets no more turns than any other descriptor that is ready: in one turn it has to
+    /// take all connections that wait.
     void aCrowdIsTakenAmongBusyConnections()
     {
         constexpr int CROWD = 8;
@@ -274,7 +275,7 @@ private slots:
                             loop.quit();
                     };
                     QMetaObject::invokeMethod(this, arrive, Qt::QueuedConnection);
-                    if (n % 16 == 0) // so that it falls asleep in between
+                    if (n % 16 == 0) // the other thread falls asleep in between
                         QThread::yieldCurrentThread();
                 }
             }));
@@ -294,7 +295,7 @@ private slots:
             QThread thread;
             thread.setEventDispatcher(dispatcher.release());
             thread.start();
-            thread.quit(); // whether it waits already or has not begun
+            thread.quit(); // the thread may wait already, or not have begun
             QVERIFY(thread.wait());
         }
     }
@@ -302,7 +303,7 @@ private slots:
 
 int main(int argc, char *argv[])
 {
-    _dispatcher = new BusEventDispatcher; // belongs to the application
+    _dispatcher = new BusEventDispatcher; // the application deletes it
     if (!_dispatcher->open())
         return 1;
     QCoreApplication::setEventDispatcher(_dispatcher);

@@ -11,7 +11,7 @@ class tst_BusRequest : public QObject
 {
     Q_OBJECT
 
-    /// For better reading the quotes of the texts here are single ones.
+    /// Replaces single quotes, which make the JSON texts here easier to read.
     static QByteArray packed(QByteArray json)
     {
         return qCompress(json.replace('\'', '"')).toBase64();
@@ -89,7 +89,7 @@ private Q_SLOTS:
             packed("{'operation':'pub','x':100000000000000000000,'data':" + data + "}"), LIMIT);
         QCOMPARE(described(usual), described(unusual));
         for (const QByteArray &content : {usual.record.contentJson, unusual.record.contentJson})
-            QVERIFY(content.capacity() - content.size() < 64); // as only its size is accounted
+            QVERIFY(content.capacity() - content.size() < 64); // only the size is accounted for
         if (expected.isEmpty())
             QCOMPARE(usual.operation, BusRequest::Invalid);
         else

@@ -103,7 +103,7 @@ private Q_SLOTS:
         QFETCH(QString, script);
         ClientQueue queue;
         QStringList outcome;
-        QMap<QString, QString> values {{"x", "x"}, {"y", "y"}}; // ids of the newest
+        QMap<QString, QString> values {{"x", "x"}, {"y", "y"}}; // the ids of the newest values
         const auto newest = [&values](const QString &name) {
             return values[name].isEmpty() ? QueuedMessage() : message(values[name], 0);
         };

@@ -25,7 +25,7 @@ private Q_SLOTS:
         std::thread other(log);
         log();
         other.join();
-        for (const QStringList &own : lines) // of which "nested" are of the other one
+        for (const QStringList &own : lines) // "nested" is what the other output hands on
             QVERIFY(own.count("line") == 2000 && own.count("nested") == 2000);
         LoggerManager::removeOutput("a");
         qInfo("last");

@@ -16,7 +16,8 @@ private Q_SLOTS:
     void line_data()
     {
         const TestTable<QString, Writer> row("expected", "write");
-        // The stream's own settings show in what follows the helper: blanks, and quotes around "t".
+        // A helper must leave the stream's settings alone: blanks, and quotes around "t", show
+        // them.
         const QStringList ab {"a", "b"};
         const QString t("t");
         row("list", R"(1 ("a", "b") "t")", [=] { qWarning() << 1 << loglist(ab) << t; });
@@ -48,7 +49,7 @@ private Q_SLOTS:
         row("cut list", "(\"ab\", \"" + full.left(MAX - 8) + " ... (10 bytes more)", [=] {
             qWarning() << loglist({"ab", full, "cd"});
         });
-        // Escapes count as they are written, and a character is there as a whole or not at all.
+        // The limit counts escapes as they are written, and cuts no character in two.
         row("cut escapes",
             "(\"" + QString("\\u0001").repeated((MAX - 2) / 6) + " ... (7 bytes more)",
             [] { qWarning() << loglist({QString((MAX - 2) / 6 + 7, '\1')}); });
@@ -65,7 +66,7 @@ private Q_SLOTS:
         const LogCapture log;
         write();
         const QString line = log.lines().last().text;
-        QVERIFY2(line == expected, qPrintable(line.right(60))); // they may be 64 KiB
+        QVERIFY2(line == expected, qPrintable(line.right(60))); // a line may have 64 KiB
     }
 };
 

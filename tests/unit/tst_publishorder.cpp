@@ -4,8 +4,8 @@
 
 using namespace bus;
 
-/// Runs a script of steps. "a" takes a place, "a!" takes effect there, "a-" leaves it, "~a" is
-/// "skip" for the object a.
+/// Runs a script of steps. "a" takes a place in the order, "a!" takes effect at that place, "a-"
+/// gives it up, "~a" calls skip() for the object a.
 class tst_PublishOrder : public QObject
 {
     Q_OBJECT

@@ -43,7 +43,7 @@ private Q_SLOTS:
     {
         for (int uid = 1; uid <= 20; ++uid)
             _storage.storeCmd(command(uid));
-        QVERIFY(_storage.containsCmd("1")); // is no use
+        QVERIFY(_storage.containsCmd("1")); // asking does not count as a use
         _storage.getCmd("2");
         _storage.containsAnswer("3");
         for (int uid = 21; uid <= 22; ++uid)
@@ -55,18 +55,18 @@ private Q_SLOTS:
     void pairsAnswers()
     {
         const QString uid = "1";
-        _storage.storeCmdAnswer(command(2, 1)); // of nothing that is kept
+        _storage.storeCmdAnswer(command(2, 1)); // an answer to no command that is kept
         _storage.storeCmd(command(1));
         _storage.storeCmdAnswer(command(3));
         QVERIFY(!_storage.containsAnswer(uid));
         _storage.storeCmdAnswer(command(2, 1));
         QVERIFY(_storage.containsAnswer(uid));
         QCOMPARE(_storage.getCmd(uid).second, command(2, 1));
-        _storage.storeCmd(command(1)); // starts afresh
+        _storage.storeCmd(command(1)); // a command that is stored again has no answer
         QVERIFY(!_storage.containsAnswer(uid));
         QCOMPARE(_storage.takeCmd(uid).first, command(1));
         QVERIFY(!_storage.containsCmd(uid));
-        _storage.storeCmd(command(0)); // nothing there to tell an answer from none
+        _storage.storeCmd(command(0)); // without ids an answer looks like none
         QVERIFY(_storage.containsAnswer(QString()));
     }
 };

@@ -13,7 +13,7 @@ class tst_SubscriptionIndex : public QObject
     Q_OBJECT
 
 private slots:
-    /// Against the plain scan, with subscriptions that come and go between the questions.
+    /// The index agrees with a plain scan while subscriptions come and go between the questions.
     void agreesWithThePlainScan_data()
     {
         QTest::addColumn<int>("clients");
@@ -73,7 +73,7 @@ private slots:
         QVERIFY(heard > 600);
     }
 
-    /// A client that subscribes and unsubscribes for ever would take all memory.
+    /// A client that subscribes and unsubscribes for ever must not use up the memory.
     void keepsNoTextThatIsGone()
     {
         const QString wildcard = QString("a.%1").arg('+');

@@ -26,9 +26,9 @@ private slots:
         _command.setReciever({});
         TrelanCommand other = _command;
         other.setIsLogged(true);
-        QCOMPARE(other, _command); // how a call is treated, not which call it is
+        QCOMPARE(other, _command); // the flag tells how a call is treated, not which call it is
         other.setNeedAnswer(true);
-        QVERIFY(!other.needAnswer()); // nobody could answer, but the flag is there
+        QVERIFY(!other.needAnswer()); // the flag is there, but without a receiver nobody can answer
         QVERIFY(other != _command);
         other.setReciever("box");
         QVERIFY(other.needAnswer());
@@ -41,8 +41,8 @@ private slots:
         TrelanMessage message;
         QVERIFY(_command.toTrelanMessage(message));
         QVERIFY(message.uid().size() == 28 && message.dt() >= before);
-        QVERIFY(!_command.dt().isValid());                  // the time is not remembered
-        QTRY_VERIFY(QDateTime::currentDateTime() > before); // a second id would be another one
+        QVERIFY(!_command.dt().isValid());                  // the command does not keep the time
+        QTRY_VERIFY(QDateTime::currentDateTime() > before); // a second id would differ
         QCOMPARE(_command.toVariant().toMap()["uid"].toString(), _command.uid());
         QCOMPARE(_command.uid(), message.uid());
     }

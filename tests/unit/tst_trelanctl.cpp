@@ -172,10 +172,10 @@ private Q_SLOTS:
     }
 };
 
-// Outside of the class, since moc does not get over what is quoted here.
+// Outside of the class, since moc cannot parse the literals here.
 void tst_TrelanCtl::content_data()
 {
-    // Words are separated by blanks; made is compact JSON, or the beginning of the error.
+    // Blanks separate the words. The result is compact JSON, or the beginning of an error.
     const TestTable<QByteArray, QByteArray> row("words", "made");
     row("object", R"({"a":{"b":[1,null]}})", R"({"a":{"b":[1,null]}})");
     row("values that are JSON", R"(i=-7 d=2.5 t=true n=null o={"k":1} l=[1,[2]])",

@@ -21,7 +21,7 @@ Q_DECLARE_METATYPE(base64::Way)
 namespace
 {
 
-/// Text, noise or one byte over and over, changing every few hundred bytes.
+/// Bytes that change every few hundred between text, noise and one repeated byte.
 QByteArray someBytes(std::mt19937 &random, int size)
 {
     QByteArray bytes;
@@ -33,7 +33,7 @@ QByteArray someBytes(std::mt19937 &random, int size)
     return bytes.left(size);
 }
 
-/// Size of the first input that is not compressed as Qt does it; 0 if there is none.
+/// The size of the first input whose compression differs from that of Qt; 0 if none does.
 int compressedOtherwise(quint32 seed)
 {
     std::mt19937 random(seed);
@@ -67,7 +67,7 @@ class tst_TrelanFrame : public QObject
     Q_OBJECT
 
 private slots:
-    void takesNoMoreMemoryThanTheLimit() // the first one, since peaks stay
+    void takesNoMoreMemoryThanTheLimit() // has to run first, since a peak of memory stays
     {
         const QByteArray bomb = testData("bomb.b64"); // 32 MB of zeros
         QByteArray liar = qCompress("{}");
@@ -198,7 +198,7 @@ private slots:
                              characters.mid(int(random() % quint32(characters.size())), 1));
             QCOMPARE(base64::decode(text, way), QByteArray::fromBase64(text));
         }
-        // Every byte at every place of a block.
+        // Every byte value at every place of a block.
         for (int place = 0; place < 64; ++place) {
             for (int byte = 0; byte < 256; ++byte) {
                 QByteArray text = QByteArray("AZaz09+/").repeated(8);
@@ -210,7 +210,7 @@ private slots:
 
     void acceptsWhatQtAccepts()
     {
-        const LogCapture quiet; // Qt says what it refuses
+        const LogCapture quiet; // Qt logs what it refuses
         std::mt19937 random(4);
         int accepted = 0, different = 0;
         for (int round = 0; round < 10000; ++round) {
@@ -235,7 +235,7 @@ private slots:
         std::mt19937 random(7);
         int accepted = 0, different = 0;
         for (int round = 0; round < 4000; ++round) {
-            // Of high bytes, whose sums are the first that would not fit.
+            // High bytes make the sums that overflow first.
             const int size = round % 40 ? int(random() % 300) : 60000 + int(random() % 20000);
             const QByteArray text = round % 2 ? QByteArray(size, '\xff') : someBytes(random, size);
             QByteArray bytes = stored(text);

@@ -34,7 +34,7 @@ private slots:
                              : fault.contains(u"above the") ? TrelanFrameReader::TooLarge
                                                             : TrelanFrameReader::Malformed);
             reader.feed("[-REPLY-]\r\n1\r\n!");
-            QVERIFY(fault.isEmpty() || reader.next() == status); // and it stays so
+            QVERIFY(fault.isEmpty() || reader.next() == status); // a fault stays
         }
     }
 };

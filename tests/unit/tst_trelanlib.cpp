@@ -9,7 +9,7 @@
 
 #include <appversionmanager.h>
 
-/// Spells the type as applications do that use the namespace: connect strings are compared as text.
+/// As in an application: the types in connect strings, compared as text, then lack the namespace.
 using bus::TrelanMessage;
 
 Q_DECLARE_METATYPE(const QMetaObject *)
@@ -117,7 +117,7 @@ private Q_SLOTS:
 
     void version()
     {
-        const bus::TrelanLib second; // registers nothing twice, and links the library in
+        const bus::TrelanLib second; // links the library in, and must not register anything twice
         const auto version = morvik::AppVersionManager::version("trelanclient");
         QCOMPARE(version.version(), "1.2.1");
         QVERIFY(QDateTime::fromString(version.buildDate(), Qt::ISODate).isValid());
@@ -125,7 +125,7 @@ private Q_SLOTS:
 
     void translation_data()
     {
-        const TestTable<QString> row("expected"); // each name says mode, locale and languages
+        const TestTable<QString> row("expected"); // a name tells mode, locale and languages
         for (const char *german :
              {"before de_DE.UTF-8 ", "before de_AT.UTF-8 ", "before fi_FI.UTF-8 fi:de",
               "after de_DE.UTF-8 ", "thread de_DE.UTF-8 ", "again de_DE.UTF-8 "})

@@ -49,7 +49,7 @@ private Q_SLOTS:
 
     void sendsLines()
     {
-        init(1000); // so that repeated ones are sent too
+        init(1000); // an interval that sends repeated lines too
         log(QtDebugMsg, "a");
         log(QtDebugMsg, "a");
         log(QtWarningMsg, "b\r\nc\nd\re");
@@ -105,7 +105,7 @@ private Q_SLOTS:
     {
         init(0, "1noSuchSlot()");
         const QtMessageHandler before = qInstallMessageHandler(Creator::humanKelLog);
-        delete Creator::createCreator(); // about which Qt has something to say
+        delete Creator::createCreator(); // Qt logs that there is no such slot
         qInstallMessageHandler(before);
         init(0);
         log(QtInfoMsg, "b");

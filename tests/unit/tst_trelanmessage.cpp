@@ -34,7 +34,8 @@ private slots:
     void key()
     {
         QCOMPARE(_message.msgKey(), "A.B.U");
-        // Filled one after the other: a place mark inside a value is filled by the next one.
+        // The fields are filled in one after the other, so that a place mark inside one is filled
+        // too.
         _message.setSender("%2");
         QCOMPARE(_message.msgKey(), "B.B.U");
     }

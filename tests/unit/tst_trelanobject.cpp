@@ -34,14 +34,14 @@ private slots:
         QVERIFY(object.isPermanent());
         QCOMPARE(after(7, &TrelanObject::setPermanent, false), 3);
         QCOMPARE(after(4, &TrelanObject::setLogged, true), 5);
-        QVERIFY(!object.isPermanent()); // the bit alone is not enough
+        QVERIFY(!object.isPermanent()); // a permanent object has to be stored as well
         QCOMPARE(after(0x40000017, &TrelanObject::setStored, false), 0x40000011);
         QCOMPARE(after(7, &TrelanObject::setLogged, false), 6);
     }
 
     void moveAssignmentSwapsAllButTheFlags()
     {
-        // Not a local object, since it is looked at after the move on purpose.
+        // On the heap: tools complain of a local object that is looked at after a move.
         const auto source = std::make_unique<TrelanObject>(_object);
         TrelanObject target;
         target.setName("old");

@@ -151,7 +151,7 @@ def main():
     written_rows()
     read_rows()
     refused_rows()
-    # What must not be inflated: 32 MB of zeros.
+    # 32 MB of zeros, which nobody must inflate.
     (HERE / "bomb.b64").write_bytes(base64.b64encode(packed(bytes(32 << 20), 9)))
     (HERE / "index.json").write_text(json.dumps(ROWS, indent=1) + "\n")
 
