@@ -42,7 +42,7 @@ public:
     QString errorString() const;
 
 private:
-    /// What is left to do in the thread of the bus.
+    /// The part of a job that is left for the thread of the bus.
     using Completion = std::function<void()>;
     using Job = std::function<Completion()>;
     using Codec = BackgroundWorker<Job, Completion>;

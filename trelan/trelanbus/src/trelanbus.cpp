@@ -12,8 +12,8 @@
 namespace bus
 {
 
-/// The thread of the bus. The server is made, used and destroyed in it; what it reports is written
-/// before the semaphore is released and only read afterwards.
+/// The thread of the bus, in which the server is made, used and destroyed. Members that report
+/// about the server are written before the semaphore is released, and only read afterwards.
 class TrelanBus::Thread : public QThread
 {
 public:

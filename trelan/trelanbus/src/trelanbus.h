@@ -13,9 +13,9 @@ namespace bus
 /// \brief A bus server inside this process: what `trelanbusd` runs, and what a test or an
 /// application can embed.
 ///
-/// It keeps the last value of every stored object, permanent ones on disk, answers the query
-/// channel of its clients and delivers on their message channel, and serves each as if it were
-/// alone: a client that sends half a frame, rubbish or nothing delays no other.
+/// The bus keeps the last value of every stored object, permanent ones on disk. It answers its
+/// clients on the query channel and delivers on the message channel. A client that sends half a
+/// frame, rubbish or nothing delays no other client.
 ///
 /// Threads: the bus runs in threads of its own (one for the clients, one for the disk, one for
 /// large requests), so that blocking channels may be used from any thread, the one that started
@@ -46,9 +46,8 @@ public:
     ~TrelanBus();
     Q_DISABLE_COPY(TrelanBus)
 
-    /// Starts to listen, with the permanent objects of the data folder loaded, and returns when it
-    /// does. False if it cannot, or runs already; errorString() says why. Reading a large data
-    /// folder takes its time.
+    /// Loads the permanent objects of the data folder and returns when the bus listens. False if it
+    /// cannot, or if it runs already; errorString() says why. A large data folder takes its time.
     bool start(const TrelanBusSettings &settings = TrelanBusSettings());
 
     /// Closes all connections, after everything that was handed to the disk is on it, and returns

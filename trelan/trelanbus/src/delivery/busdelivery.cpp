@@ -97,8 +97,8 @@ void BusDelivery::accept(const TrelanMessage &message, const Done &done)
     }
     const qint64 cost = costOf(message);
     const TrelanError fault = roomFault(name, cost);
-    // A log line is not worth the wait for the disk, where the queue of log lines has no bound.
-    // What ends with a connection ends with the bus.
+    // A log line is not worth the wait for the disk, where no bound drops the oldest lines.
+    // The queue of a transient client would end with the bus, anyway.
     const bool endsWithBus = name == LOGGER_NAME || (connected && known->transient);
     if (fault.error() == TrelanError::NoError && message.isStored() && !endsWithBus) {
         keep(message, cost, done);
@@ -245,7 +245,7 @@ void BusDelivery::sendMore(const QString &name, Notification &notification)
         return record ? notification.message(*record, name) : QueuedMessage();
     };
     for (;;) {
-        // Looked up each time, since sending may find the connection at its end.
+        // Look the client up each time, since sending may find the connection at its end.
         const auto known = _clients.find(name);
         if (known == _clients.end() || known->connection == 0 || !known->queue.hasNext() ||
             !_output.canPush(known->connection) || encodesLarge(name, *known, std::cref(newest)))
@@ -326,7 +326,7 @@ bool BusDelivery::hasLeft(const QString &name)
 TrelanError BusDelivery::roomFault(const QString &name, qint64 cost) const
 {
     if (name == LOGGER_NAME)
-        return TrelanError(); // see dropExcess()
+        return TrelanError(); // dropExcess() makes room
     const auto known = _clients.constFind(name);
     const bool isNew = known == _clients.constEnd();
     if (isNew && _absent >= _settings.maxQueues()) {

@@ -21,7 +21,7 @@ class BusOutput
 public:
     virtual ~BusOutput() = default;
 
-    /// Answers the request of \a id that is being handled. Ignored when it is gone.
+    /// Answers the request of \a id that is being handled. Ignored when the connection is gone.
     virtual void reply(ConnectionId id, const QString &word, const TrelanError &error) = 0;
     /// Answers with one object as the data.
     virtual void replyObject(ConnectionId id, const QString &word, const ObjectRecord &record) = 0;
@@ -33,18 +33,18 @@ public:
     virtual void replyData(ConnectionId id, const QString &word, const QVariantMap &data,
                            qint64 cost) = 0;
 
-    /// Whether everything sent so far has left, so that push() may be called.
+    /// Whether everything that was sent has left, so that push() may be called.
     virtual bool canPush(ConnectionId id) const = 0;
     /// Sends a frame that answers nothing, in a block of its own.
     virtual void push(ConnectionId id, const QByteArray &frame) = 0;
 
-    /// Has the frame of a large delivery made where nobody waits for it, and hands it to \a done
-    /// later.
+    /// Runs \a make on the codec thread, so that a large frame delays no other client; calls \a
+    /// done later on the bus thread.
     virtual void encode(const std::function<QByteArray()> &make,
                         const std::function<void(const QByteArray &)> &done) = 0;
 
     virtual void closeConnection(ConnectionId id) = 0;
-    /// Whether the connection takes no more requests, be it unnoticed so far.
+    /// Whether the connection takes no more requests, even if nobody has noticed yet.
     virtual bool isAtEnd(ConnectionId id) const = 0;
     /// Address and port of the other side.
     virtual QString peer(ConnectionId id) const = 0;

@@ -71,7 +71,7 @@ QByteArray MessageBody::frame(const QString &reciever, const QString &uid,
     return shared().frame(frameformat::REQUEST, ending);
 }
 
-/// Peers of this coding expect the bytes of TrelanFrame::encode().
+/// Makes a frame as the client library does, since peers of this coding expect its bytes.
 QByteArray MessageBody::classicFrame(const QString &reciever, const QString &uid) const
 {
     TrelanMessage message {TrelanTimestamp(_time)};
@@ -91,7 +91,7 @@ bool MessageBody::isEncoded() const
     return _isEncoded;
 }
 
-/// Two threads may need it first at once: the codec thread and the thread of the bus.
+/// Makes the beginning for whoever needs it first, the codec thread or the thread of the bus.
 const SharedBeginning &MessageBody::shared() const
 {
     if (!_isEncoded) {

@@ -22,16 +22,16 @@ namespace bus
 namespace
 {
 
-// More from one client in one go would make the others wait. A time and not a number, since one
-// request may take as long as a hundred others.
+// A longer turn of one client would make other clients wait. Time is the measure since one request
+// may take as long as a hundred others.
 constexpr qint64 TURN_MS = 2;
-// Room for all that may be pushed without an acknowledgement, with what the system adds to a frame.
+// Room for all frames that may be pushed without an acknowledgement, with what the system adds.
 constexpr int PUSH_BUFFER = 256 * 1024;
-// Of a client that asks and does not read.
+// More answers do not wait for a client that asks and does not read.
 constexpr int MAX_ANSWERS_LEAVING = 16;
 
 constexpr int READ_CHUNK = 64 * 1024;
-// Not an array: that would be a part of the stack of every thread of the program.
+// An array would be a part of the stack of every thread of the program.
 thread_local std::vector<char> _chunk(READ_CHUNK);
 
 constexpr quint32 AT_END = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
@@ -41,13 +41,13 @@ void setOption(int descriptor, int level, int option, int value)
     ::setsockopt(descriptor, level, option, &value, sizeof(value));
 }
 
-/// Whether a call of a socket that does not block has just found nothing, or no room.
+/// Whether a call of a non-blocking socket has only found no bytes or no room for now.
 bool isPassing(int error)
 {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
-/// Into the chunk; below zero, with errno, if there is nothing or never will be.
+/// Reads into the chunk. Returns less than zero, with errno, if there are no bytes.
 ssize_t readSome(int descriptor)
 {
     return ::recv(descriptor, _chunk.data(), _chunk.size(), 0);
@@ -60,15 +60,15 @@ QString peerOf(int descriptor)
     auto *address = reinterpret_cast<sockaddr *>(&storage);
     if (::getpeername(descriptor, address, &size) != 0)
         return QStringLiteral("unknown");
-    // The port stands in the same place in either.
+    // The port stands in the same place in addresses of either family.
     const quint16 port = ntohs(reinterpret_cast<const sockaddr_in *>(address)->sin_port);
     return QStringLiteral("%1:%2").arg(QHostAddress(address).toString()).arg(port);
 }
 
-/// How many bytes of a frame have left, from \a from on. In one call of the system and as a record
-/// of its own, which is not joined with the next: the paced reader of the message channel wants
-/// header and size of a frame together, and its system cuts what is joined wherever its buffer is
-/// full.
+/// Sends a frame from \a from on, in one call and as a record of its own, which the system does not
+/// join with the next: the paced reader of the message channel needs header and size of a frame
+/// together, and its system cuts joined records wherever its buffer is full. Returns how many bytes
+/// have left.
 int sendSome(int descriptor, const QByteArray &frame, int from)
 {
     const ssize_t sent = ::send(descriptor, frame.constData() + from, size_t(frame.size() - from),
@@ -90,8 +90,8 @@ BusConnection::BusConnection(Channel channel, ConnectionId id, int descriptor,
     , _reader(settings.maxFrameSize())
     , _peer(peerOf(descriptor))
 {
-    // A frame has to start a segment of its own: the paced reader of the message channel wants
-    // header and size together.
+    // A frame has to start a segment of its own, since the paced reader of the message channel
+    // needs header and size together.
     setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
     if (channel == Messages)
         setOption(descriptor, SOL_SOCKET, SO_SNDBUF, PUSH_BUFFER);
@@ -142,19 +142,19 @@ void BusConnection::setRegistered()
 
 void BusConnection::answer(const QByteArray &frame)
 {
-    if (_state != Answering)
+    if (_state != HandingOver && _state != Answering)
         return;
+    const bool comesLater = _state == Answering; // otherwise the turn goes on by itself
     _state = Reading;
     send(frame);
     _answersLeaving = _leaving.isEmpty() ? 0 : _answersLeaving + 1;
-    // It may come while its request is being handed over; the turn goes on then.
-    if (!_inTurn)
+    if (comesLater)
         goOn();
 }
 
 void BusConnection::answerAndEnd(const QByteArray &frame)
 {
-    if (_state != Answering)
+    if (_state != HandingOver && _state != Answering)
         return;
     _state = Ending;
     _handshake.stop();
@@ -191,7 +191,7 @@ void BusConnection::handle(quint32 events)
     if ((events & EPOLLOUT) != 0)
         sendRest();
     const bool isOver = (events & AT_END) != 0;
-    // Who has a turn coming is not to have two for one of the others.
+    // A connection whose turn is due must not take another one before it.
     if (_state == Closed || _nextTurn.isActive() || (!isOver && (events & EPOLLIN) == 0))
         return;
     if (_state >= Ending)
@@ -200,7 +200,7 @@ void BusConnection::handle(quint32 events)
         takeTurn(true);
     else if (isOver)
         close();
-    else // what has come waits in the socket of the sender, not in our memory
+    else // more requests wait in the socket of the sender, not in our memory
         watch(_events & ~quint32(EPOLLIN));
 }
 
@@ -214,8 +214,8 @@ void BusConnection::onStalled()
         closeWith(QStringLiteral("stopped in the middle of a frame"));
 }
 
-/// A timer, and not an event posted to ourselves: events that are posted while events are handled
-/// come before the sockets of the others.
+/// Takes the next turn by a timer. A posted event would be handled before the sockets of other
+/// connections.
 void BusConnection::scheduleTurn()
 {
     if (!_nextTurn.isActive())
@@ -225,14 +225,12 @@ void BusConnection::scheduleTurn()
 void BusConnection::takeTurn(bool isReadable)
 {
     _nextTurn.stop();
-    _inTurn = true;
     takeRequests(isReadable);
-    _inTurn = false;
     goOn();
 }
 
-/// Hands requests over until there is none, one is not answered yet, an answer has not left, or
-/// the turn is over.
+/// Hands requests over until there is none, an answer is missing or has not left, or the turn is
+/// over.
 void BusConnection::takeRequests(bool isReadable)
 {
     QElapsedTimer turn;
@@ -242,7 +240,7 @@ void BusConnection::takeRequests(bool isReadable)
         if (status != TrelanFrameReader::NeedMoreData) {
             takeRequest(status);
         } else if (isReadable) {
-            isReadable = receive() == READ_CHUNK; // less was all there is
+            isReadable = receive() == READ_CHUNK; // less means that there is no more
         } else {
             return;
         }
@@ -251,8 +249,8 @@ void BusConnection::takeRequests(bool isReadable)
     }
 }
 
-/// On the message channel acknowledgements are read while something leaves: both sides would wait
-/// for the other to read.
+/// On the message channel acknowledgements are read while a frame leaves: otherwise each side would
+/// wait for the other side to read.
 bool BusConnection::mayTakeRequest() const
 {
     return _leaving.isEmpty() || (_channel == Messages && _answersLeaving < MAX_ANSWERS_LEAVING);
@@ -261,7 +259,7 @@ bool BusConnection::mayTakeRequest() const
 void BusConnection::takeRequest(TrelanFrameReader::Status status)
 {
     if (status == TrelanFrameReader::TooLarge) {
-        _state = Answering;
+        _state = HandingOver;
         _owner.onFrameTooLarge(_connectionId, _reader.faultText());
     } else if (status == TrelanFrameReader::Malformed) {
         closeWith(names::printable(_reader.faultText()));
@@ -270,12 +268,14 @@ void BusConnection::takeRequest(TrelanFrameReader::Status status)
     } else if (_reader.kind() == TrelanFrame::Reply) {
         closeWith(QStringLiteral("sent a reply that nobody asked for"));
     } else {
-        _state = Answering;
+        _state = HandingOver;
         _owner.onRequest(_connectionId, _reader.payload());
     }
+    if (_state == HandingOver)
+        _state = Answering;
 }
 
-/// With what is here already, in a turn of its own, or when more comes.
+/// Goes on in another turn if there is more to take already, or else when more comes.
 void BusConnection::goOn()
 {
     watchProgress();
@@ -287,7 +287,7 @@ void BusConnection::goOn()
         watch(_events | EPOLLIN);
 }
 
-/// Returns how many bytes came; what comes after the last request is thrown away.
+/// Returns how many bytes have come. What comes after the last request is thrown away.
 int BusConnection::receive()
 {
     const ssize_t size = readSome(_descriptor);
@@ -313,7 +313,7 @@ void BusConnection::send(const QByteArray &frame)
     watchProgress();
 }
 
-/// There is room for the rest of a large frame, or for some of it.
+/// Sends as much of the waiting frames as the socket has room for.
 void BusConnection::sendRest()
 {
     while (!_leaving.isEmpty()) {
@@ -351,7 +351,7 @@ void BusConnection::watch(quint32 events)
     _poller.change(_descriptor, _connectionId, events);
 }
 
-/// The clock runs while the other side owes us something: the rest of a frame, or its reading.
+/// Runs the clock while the other side has to send the rest of a frame or to read one.
 void BusConnection::watchProgress()
 {
     const bool owesBytes = _state == Reading && _reader.isInsideFrame();
@@ -370,8 +370,8 @@ void BusConnection::closeWith(const QString &reason)
     close();
 }
 
-/// What has not been read is read before: closing would make the system of the other side report a
-/// broken connection in place of an ended one.
+/// Reads pending input first: closing with unread input makes the system of the other side report a
+/// broken connection instead of an ended one.
 void BusConnection::release()
 {
     if (_descriptor < 0)

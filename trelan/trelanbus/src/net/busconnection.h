@@ -15,19 +15,19 @@ namespace bus
 
 /// \brief One connection of a client: bytes in and out, and how long they may take.
 ///
-/// It hands over one request at a time and reads the next when that one is answered and the answer
-/// has left, so that what one client can make the bus keep is bounded by one frame each way,
-/// however fast it sends and however slowly it reads. It works in short turns, between which all
-/// others have theirs. Lives in the thread of the bus.
+/// The connection hands over one request at a time, and reads the next when that one is answered
+/// and the answer has left: one client makes the bus keep one frame in each direction at most,
+/// however fast it sends and however slowly it reads. The connection works in short turns, between
+/// which other connections have theirs. It lives in the thread of the bus.
 class BusConnection : public QObject
 {
 public:
     enum Channel {
         Query,   ///< requests and answers in turn
-        Messages ///< frames are pushed, and their replies arrive at any time
+        Messages ///< frames are pushed, and replies to them arrive at any time
     };
 
-    /// What a connection tells whoever has it.
+    /// Is told what happens to a connection.
     class Owner
     {
     public:
@@ -37,39 +37,40 @@ public:
         virtual void onRequest(ConnectionId id, const QByteArray &payload) = 0;
         /// A reply has arrived, on the message channel.
         virtual void onReply(ConnectionId id, const QByteArray &payload) = 0;
-        /// What was sent has left, and canPush() is true again.
+        /// Everything that was sent has left, and canPush() is true again.
         virtual void onDrained(ConnectionId id) = 0;
         /// A frame above the limit has been announced; answerAndEnd() is due.
         virtual void onFrameTooLarge(ConnectionId id, const QString &fault) = 0;
-        /// The connection has ended. The last thing it tells, and it is told once; the connection
-        /// may be in the middle of something, and must not be destroyed at once.
+        /// The connection has ended. This is called once, and last. The connection may be in the
+        /// middle of something, and must not be destroyed at once.
         virtual void onClosed(ConnectionId id) = 0;
     };
 
-    /// Takes \a descriptor, a connected socket that does not block. Nothing is told before open().
+    /// Takes \a descriptor, a connected socket that does not block. The owner is told nothing
+    /// before open().
     BusConnection(Channel channel, ConnectionId id, int descriptor,
                   const TrelanBusSettings &settings, BusPoller &poller, Owner &owner);
     ~BusConnection() override;
 
-    /// Begins to read. False, with errno, if the system cannot watch one more.
+    /// Begins to read. False, with errno, if the system cannot watch one more socket.
     bool open();
 
     Channel channel() const;
     /// Address and port of the other side.
     QString peer() const;
-    /// Whether it takes no more requests: the other side has ended it, be it unnoticed so far, or
-    /// it was sent its last frame.
+    /// Whether the connection takes no more requests, since the other side has ended it, even if
+    /// nobody has noticed yet, or since its last frame was sent.
     bool isAtEnd() const;
 
     /// Ends the wait for the handshake.
     void setRegistered();
 
-    /// Sends the answer to the request handed over last, and goes on reading.
+    /// Sends the answer to the request that was handed over last, and goes on reading.
     void answer(const QByteArray &frame);
 
-    /// Sends a last frame, ends the sending side, and reads on without looking for a while: were
-    /// the connection closed at once, what the client still sends would make its system throw the
-    /// answer away.
+    /// Sends a last frame, ends the sending side, and reads on for a while without looking at what
+    /// comes. If the connection were closed at once, what the client still sends would make its
+    /// system throw the answer away.
     void answerAndEnd(const QByteArray &frame);
 
     /// Whether everything sent so far has left, so that push() may be called.
@@ -80,15 +81,16 @@ public:
     /// Ends the connection; Owner::onClosed() follows.
     void close();
 
-    /// What the poller has found of this connection.
+    /// Handles what the poller has found, in the bits of epoll.
     void handle(quint32 events);
 
 private:
     enum State {
-        Reading,    ///< taking requests
-        Answering,  ///< one was handed over
-        Ending,     ///< the last answer is leaving
-        Discarding, ///< the last answer has left
+        Reading,     ///< requests are taken
+        HandingOver, ///< the owner is looking at a request, and may answer at once
+        Answering,   ///< the answer to a request comes later
+        Ending,      ///< the last answer is leaving
+        Discarding,  ///< the last answer has left
         Closed
     };
 
@@ -114,12 +116,11 @@ private:
     BusPoller &_poller;
     Owner &_owner;
     int _descriptor;
-    quint32 _events; // that are watched
+    quint32 _events; // that the poller watches
     TrelanFrameReader _reader;
     State _state = Reading;
-    bool _inTurn = false;
-    QList<QByteArray> _leaving; // frames that have not left, or not as a whole
-    int _sentOfFirst = 0;       // of them
+    QList<QByteArray> _leaving; // frames that have not left as a whole
+    int _sentOfFirst = 0;       // bytes of the first of them
     int _answersLeaving = 0;
     QTimer _nextTurn;
     QTimer _stall;

@@ -19,19 +19,20 @@ namespace
 {
 
 constexpr quint64 WAKE_TOKEN = BusEventDispatcher::OWN_TOKENS;
-constexpr quint64 NOTIFIER_TOKENS = BusEventDispatcher::OWN_TOKENS + 1; // and the descriptor
-constexpr int MAX_WAIT_MS = 3600 * 1000;                                // it just looks again then
+constexpr quint64 NOTIFIER_TOKENS = BusEventDispatcher::OWN_TOKENS + 1; // plus the descriptor
+constexpr int MAX_WAIT_MS = 3600 * 1000; // after which it looks again
 
-// By QSocketNotifier::Type: what is asked for, and what is told of it.
-constexpr std::array<quint32, 3> ASKED {EPOLLIN, EPOLLOUT, EPOLLPRI};
-constexpr std::array<quint32, 3> TOLD {
+// By QSocketNotifier::Type: the events that are watched for a notifier, and the events that
+// activate it.
+constexpr std::array<quint32, 3> WATCHED {EPOLLIN, EPOLLOUT, EPOLLPRI};
+constexpr std::array<quint32, 3> ACTIVATING {
     EPOLLIN | EPOLLHUP | EPOLLERR, EPOLLOUT | EPOLLHUP | EPOLLERR, EPOLLPRI | EPOLLHUP | EPOLLERR};
 
-quint32 askedBy(const std::array<QSocketNotifier *, 3> &notifiers)
+quint32 watchedBy(const std::array<QSocketNotifier *, 3> &notifiers)
 {
     quint32 events = 0;
     for (size_t type = 0; type < notifiers.size(); ++type)
-        events |= notifiers.at(type) ? ASKED.at(type) : 0;
+        events |= notifiers.at(type) ? WATCHED.at(type) : 0;
     return events;
 }
 
@@ -63,7 +64,7 @@ void BusEventDispatcher::setHandler(const Handler &handler)
 
 bool BusEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
 {
-    QCoreApplication::sendPostedEvents(); // what they post in turn wakes this up again
+    QCoreApplication::sendPostedEvents(); // events that they post wake the dispatcher again
     const bool canWait = flags.testFlag(QEventLoop::WaitForMoreEvents);
     if (canWait)
         emit aboutToBlock();
@@ -91,8 +92,8 @@ void BusEventDispatcher::registerSocketNotifier(QSocketNotifier *notifier)
     notifiers.at(notifier->type()) = notifier;
     const quint64 token = NOTIFIER_TOKENS + quint64(descriptor);
     if (isKnown)
-        _poller.change(descriptor, token, askedBy(notifiers));
-    else if (!_poller.watch(descriptor, token, askedBy(notifiers)))
+        _poller.change(descriptor, token, watchedBy(notifiers));
+    else if (!_poller.watch(descriptor, token, watchedBy(notifiers)))
         qCWarning(BUS_LOG).noquote()
             << "cannot watch descriptor" << descriptor << ':' << qt_error_string(errno);
 }
@@ -104,7 +105,7 @@ void BusEventDispatcher::unregisterSocketNotifier(QSocketNotifier *notifier)
     if (notifiers == _notifiers.end() || notifiers->at(notifier->type()) != notifier)
         return;
     notifiers->at(notifier->type()) = nullptr;
-    const quint32 events = askedBy(*notifiers);
+    const quint32 events = watchedBy(*notifiers);
     if (events != 0) {
         _poller.change(descriptor, NOTIFIER_TOKENS + quint64(descriptor), events);
         return;
@@ -166,7 +167,7 @@ void BusEventDispatcher::wakeUp()
         ::eventfd_write(_wakeDescriptor, 1);
 }
 
-/// The loop looks for its end whenever it has gone through what there is.
+/// Waking is enough, since the loop looks for its end after each round of events.
 void BusEventDispatcher::interrupt()
 {
     wakeUp();
@@ -174,7 +175,7 @@ void BusEventDispatcher::interrupt()
 
 void BusEventDispatcher::flush() {}
 
-/// How long nothing has to be done, in milliseconds; below zero without end.
+/// How many milliseconds nothing has to be done; less than zero without end.
 int BusEventDispatcher::patience() const
 {
     if (_schedule.empty())
@@ -184,7 +185,8 @@ int BusEventDispatcher::patience() const
     return int(qBound<qint64>(0, remaining.count(), MAX_WAIT_MS));
 }
 
-/// Each that is due, once: one of no time at all is for the next turn again.
+/// Activates each timer that is due once. A timer without an interval is due again in the next
+/// turn.
 bool BusEventDispatcher::activateTimers()
 {
     if (_schedule.empty())
@@ -194,13 +196,13 @@ bool BusEventDispatcher::activateTimers()
     for (auto next = _schedule.begin(); next != _schedule.end() && next->first <= now; ++next)
         due.push_back(next->second);
     for (const int id : due) {
-        const auto timer = _timers.find(id); // unless one before it has ended this one
+        const auto timer = _timers.find(id); // another timer may have ended this one
         if (timer == _timers.end() || timer->due > now)
             continue;
         _schedule.erase({timer->due, id});
         const std::chrono::milliseconds interval(timer->milliseconds);
         timer->due += interval;
-        if (timer->due < now) // those that were missed are not made up for
+        if (timer->due < now) // missed times are not made up for
             timer->due = now + interval;
         _schedule.emplace(timer->due, id);
         QTimerEvent event(id);
@@ -220,19 +222,19 @@ void BusEventDispatcher::activate(const epoll_event &event)
         activateNotifiers(int(token - NOTIFIER_TOKENS), event.events);
 }
 
-/// Any of them may take away the others.
+/// Looks each notifier up, since an earlier one may have removed it.
 void BusEventDispatcher::activateNotifiers(int descriptor, quint32 events)
 {
-    for (size_t type = 0; type < TOLD.size(); ++type) {
+    for (size_t type = 0; type < ACTIVATING.size(); ++type) {
         QSocketNotifier *notifier = _notifiers.value(descriptor).at(type);
-        if (!notifier || (events & TOLD.at(type)) == 0)
+        if (!notifier || (events & ACTIVATING.at(type)) == 0)
             continue;
         QEvent event(QEvent::SockAct);
         QCoreApplication::sendEvent(notifier, &event);
     }
 }
 
-/// Who finds it woken does not write, so that the descriptor has to be empty before.
+/// Empties the descriptor before the flag, since wakeUp() writes only while the flag is not set.
 void BusEventDispatcher::takeWakeUp()
 {
     eventfd_t count = 0;

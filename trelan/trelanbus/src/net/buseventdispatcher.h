@@ -17,20 +17,20 @@ namespace bus
 
 /// \brief The event loop of the bus: one wait for connections, notifiers, timers and other threads.
 ///
-/// Qt's own waits in one system call and would ask for the connections in a second one, and goes
-/// through all that it has in between, which the bus would pay for with every request.
+/// Qt's own dispatcher waits in one system call, would ask for the connections in a second one, and
+/// goes through all of its lists in between. The bus would pay for that with every request.
 ///
-/// It does what a thread of the bus needs: events, timers (all of them to the millisecond) and
-/// socket notifiers, several of one kind for a descriptor included if only one is enabled. There is
-/// no loop within a loop, and of the flags of processEvents() it knows WaitForMoreEvents alone.
+/// The dispatcher does what a thread of the bus needs: events, timers (all of them to the
+/// millisecond) and socket notifiers, of which one of a kind may be enabled for a descriptor. There
+/// is no loop within a loop, and of the flags of processEvents() only WaitForMoreEvents counts.
 ///
-/// Made and opened anywhere, given to its thread before that starts
-/// (QThread::setEventDispatcher()), and used by it alone from then on; but wakeUp() and interrupt()
-/// are for all threads.
+/// Any thread may make and open it and give it to a thread that has not started
+/// (QThread::setEventDispatcher()). Only that thread uses it from then on, except for wakeUp() and
+/// interrupt(), which are thread-safe.
 class BusEventDispatcher : public QAbstractEventDispatcher
 {
 public:
-    /// Called with what is ready of poller(), in the bits of epoll.
+    /// Is called with what is ready of poller(), in the bits of epoll.
     using Handler = std::function<void(quint64 id, quint32 events)>;
 
     BusEventDispatcher() = default;
@@ -39,8 +39,8 @@ public:
     /// False, with errno, if the system has no descriptor left. To be called first.
     bool open();
 
-    /// For what is not worth a notifier each: tokens below OWN_TOKENS are told to the handler,
-    /// which has to stay until nothing is watched for it any more.
+    /// Watches what is not worth a notifier. Tokens below OWN_TOKENS are told to the handler, which
+    /// has to stay as long as anything is watched for it.
     BusPoller &poller();
     void setHandler(const Handler &handler);
     static constexpr quint64 OWN_TOKENS = 1ULL << 63U;
@@ -63,7 +63,7 @@ public:
 
 private:
     using Clock = std::chrono::steady_clock;
-    using Due = std::pair<Clock::time_point, int>; // with the id of the timer
+    using DueTimer = std::pair<Clock::time_point, int>; // when, and the id of the timer
 
     struct Timer
     {
@@ -85,7 +85,7 @@ private:
     Handler _handler;
     QHash<int, Notifiers> _notifiers; // by descriptor
     QHash<int, Timer> _timers;        // by id
-    std::set<Due> _schedule;
+    std::set<DueTimer> _schedule;
     int _wakeDescriptor = -1;
     std::atomic<bool> _isWoken {false};
 };

@@ -13,19 +13,19 @@ namespace bus
 namespace
 {
 
-// A connection that waits cannot be taken and cannot be refused: looking at it without a pause
-// would use a whole processor until a descriptor is free.
+// Without a descriptor a waiting connection can be neither taken nor refused: looking at it without
+// a pause would use a whole processor.
 constexpr int RETRY_MS = 500;
-// At once. Among hundreds of busy connections it may be long until it is told of the next.
+// Connections that are taken at once. Among hundreds of busy connections the next turn may be far.
 constexpr int MAX_TAKEN = 16;
 
-/// Whether there is just no connection, or no more; anything else will not pass by looking again.
+/// Whether there is only no connection at the moment. Any other error stays.
 bool isPassing(int error)
 {
     return error == EAGAIN || error == EINTR || error == ECONNABORTED || error == EPROTO;
 }
 
-/// A number that the system knows about the socket; -1, with errno, if it knows none.
+/// A number that the system keeps for the socket; -1, with errno, if there is none.
 int socketOption(int descriptor, int option)
 {
     int value = -1;
@@ -49,8 +49,8 @@ bool BusListener::listen(const QHostAddress &host, quint16 port)
         _errorString = _server.errorString();
         return false;
     }
-    // The server lets 50 connections wait. One more, and the system drops what it sends first, so
-    // that it is there a second later: in a crowd, or when everybody comes back at once.
+    // The server lets 50 connections wait. The system drops the first packet of any further one,
+    // which arrives a second later then: in a crowd, or when everybody comes back at once.
     ::listen(int(_server.socketDescriptor()), SOMAXCONN);
     awaitConnections();
     return true;
@@ -75,8 +75,8 @@ bool BusListener::takeOver(int descriptor)
         _errorString = QStringLiteral("it is no TCP socket that listens");
         return false;
     }
-    // The server closes what it has. Where the caller's stays open, connections that come while
-    // the bus is started again wait there.
+    // The server closes its descriptor. Connections that come while the bus is started again wait
+    // in the caller's, which stays open.
     const int own = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
     if (own < 0) {
         _errorString = qt_error_string(errno);
@@ -92,8 +92,8 @@ bool BusListener::takeOver(int descriptor)
 
 void BusListener::awaitConnections()
 {
-    // The server keeps the first error it meets, usually that nothing is waiting any more, and
-    // does not tell of a shortage of descriptors after it.
+    // The server keeps its first error, which usually says that no connection waits any more, and
+    // does not tell of a later shortage of descriptors.
     _server.pauseAccepting();
     _arrival = std::make_unique<QSocketNotifier>(_server.socketDescriptor(), QSocketNotifier::Read);
     connect(_arrival.get(), &QSocketNotifier::activated, this, &BusListener::accept);
@@ -116,7 +116,7 @@ QString BusListener::errorString() const
     return _errorString;
 }
 
-/// Takes a few connections: those that have been taken come before all others that wait.
+/// Takes a few connections at a time, since connections that were taken have precedence.
 void BusListener::accept()
 {
     for (int i = 0; i < MAX_TAKEN; ++i) {

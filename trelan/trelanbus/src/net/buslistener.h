@@ -13,7 +13,7 @@
 namespace bus
 {
 
-/// \brief Takes connections, and goes on doing so when the process runs out of descriptors.
+/// \brief Takes connections, and goes on after the process has run out of descriptors for a while.
 class BusListener : public QObject
 {
     Q_OBJECT
@@ -21,9 +21,10 @@ class BusListener : public QObject
 public:
     explicit BusListener(QObject *parent = nullptr);
 
-    /// False, with the reason in errorString(), if it cannot.
+    /// Returns false, with the reason in errorString(), if it cannot listen.
     bool listen(const QHostAddress &host, quint16 port);
-    /// The same with a socket that listens already. It stays the caller's.
+    /// Takes connections from a socket that listens already and stays the caller's. Returns false,
+    /// with the reason in errorString(), if that is not possible.
     bool listen(int descriptor);
     void close();
 
@@ -31,7 +32,7 @@ public:
     QString errorString() const;
 
 Q_SIGNALS:
-    /// Whoever takes it owns the descriptor.
+    /// The receiver owns the descriptor.
     void descriptorArrived(qintptr descriptor);
 
 private:
@@ -40,7 +41,7 @@ private:
     void accept();
     void pause(const QString &reason);
 
-    QTcpServer _server; // listens; takes nothing itself
+    QTcpServer _server; // listens, but takes no connections itself
     std::unique_ptr<QSocketNotifier> _arrival;
     QTimer _retry;
     WarningLimiter _warnings;

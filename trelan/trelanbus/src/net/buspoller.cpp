@@ -31,7 +31,7 @@ void BusPoller::change(int descriptor, quint64 token, quint32 events) const
     ::epoll_ctl(_descriptor, EPOLL_CTL_MOD, descriptor, &event);
 }
 
-/// Closing alone would not do while a child process has the descriptor, too.
+/// Closing alone is not enough while a child process has a copy of the descriptor.
 void BusPoller::forget(int descriptor) const
 {
     ::epoll_ctl(_descriptor, EPOLL_CTL_DEL, descriptor, nullptr);

@@ -9,16 +9,16 @@
 namespace bus
 {
 
-/// \brief Waits for any of many descriptors at once, however many there are.
+/// \brief Waits for many descriptors at once, at a cost that does not grow with their number.
 ///
-/// It tells tokens, not descriptors or pointers: whoever handles one event may end any connection,
-/// and what was found of that one means nothing to anybody then. What stays ready is told of again.
-/// One thread.
+/// Events carry tokens instead of descriptors or pointers: the handler of one event may end any
+/// connection, and a token of an ended connection belongs to nobody. A descriptor that stays ready
+/// is reported again. One thread.
 class BusPoller
 {
 public:
-    // At once. Those beyond come before these the next time, and timers and other threads in
-    // between.
+    // Reported at once. Other events are reported first the next time, after timers and other
+    // threads had their turn.
     static constexpr int MAX_EVENTS = 64;
     using Events = std::array<epoll_event, MAX_EVENTS>;
 
@@ -29,13 +29,14 @@ public:
     /// False, with errno, if the system has no descriptor left. To be called first.
     bool open();
 
-    /// False, with errno, if the system has no room for it. \a events in the bits of epoll.
+    /// Reports \a events, in the bits of epoll. False, with errno, if the system has no room.
     bool watch(int descriptor, quint64 token, quint32 events) const;
     void change(int descriptor, quint64 token, quint32 events) const;
-    /// Before the descriptor is closed.
+    /// To be called before the descriptor is closed.
     void forget(int descriptor) const;
 
-    /// How many are ready; zero after \a milliseconds, which are endless below zero, or a signal.
+    /// Returns how many events there are: none after a signal, or after \a milliseconds, of which
+    /// less than zero means endless.
     int wait(Events &events, int milliseconds) const;
 
 private:

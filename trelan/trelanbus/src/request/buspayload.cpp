@@ -32,7 +32,7 @@ bool beginsWithMark(std::string_view utf8)
     return utf8.substr(0, MARK.size()) == MARK;
 }
 
-/// The parser's own words are long, and other words in other versions.
+/// Why a text is refused, in words of our own: the parser's are long and change with its version.
 QString textOf(simdjson::error_code error)
 {
     switch (error) {

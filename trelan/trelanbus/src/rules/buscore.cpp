@@ -15,10 +15,10 @@ namespace
 {
 
 constexpr int MAX_LAST_PUBLISHED = 10000;
-// Of a name against a wildcard, in one request: some tenths of a second, in which nobody else is
-// served.
+// Comparisons of a name with a wildcard in one request: they take some tenths of a second, in which
+// nobody else is served.
 constexpr qint64 MAX_TESTS_AT_ONCE = 1000000;
-constexpr qint64 CLIENT_DATA_COST = 256; // in an answer, roughly
+constexpr qint64 CLIENT_DATA_COST = 256; // bytes in an answer, roughly
 
 void logPublish(const ObjectHead &object)
 {
@@ -45,7 +45,7 @@ BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutp
 void BusCore::handle(ConnectionId id, const BusRequest &request)
 {
     const bool isHandshake = request.word == QString(operations::HANDSHAKE);
-    // What could not be read at all has no operation to be refused.
+    // A request that could not be read has no operation that could be refused.
     if (!_queryClients.contains(id) && !isHandshake && !request.word.isNull()) {
         _output.reply(id, request.word,
                       {TrelanError::UnregisteredClient,
@@ -126,7 +126,8 @@ void BusCore::restoreMessages()
     _delivery.restore();
 }
 
-/// A client must never be locked out by its own ghost, so that the newer connection wins.
+/// Registers a client. The newer connection wins, since a client must not be locked out by its own
+/// ghost.
 void BusCore::handshake(ClientRegistry &registry, ConnectionId id, const BusRequest &request)
 {
     const QString fault = registry.handshakeFault(id, request.name);
@@ -146,7 +147,7 @@ void BusCore::handshake(ClientRegistry &registry, ConnectionId id, const BusRequ
     registry.add(id, request.name);
     _output.setRegistered(id);
     const bool receives = &registry == &_msgClients;
-    // Before the reply, whose sending may find the connection at its end: then it is detached.
+    // Attach before the reply: sending it may find the connection at its end and detach it.
     if (receives)
         _delivery.attach(request.name, id,
                          request.prompt ? TrelanTransport::Prompt : TrelanTransport::Paced,
@@ -177,7 +178,7 @@ void BusCore::publish(ConnectionId id, const BusRequest &request)
     ObjectRecord record = request.record;
     record.head.publisher = _queryClients.name(id);
     if (record.head.uid.isEmpty()) {
-        // An id over the content too: two values of one millisecond must not share it.
+        // The id covers the content, so that two values of one millisecond do not share it.
         record.head.uid = record.toObject().genUid();
     }
     const quint64 place = _order.takePlace();
@@ -237,7 +238,7 @@ void BusCore::subscribe(ConnectionId id, const BusRequest &request)
         if (!_subscriptions.contains(client, wildcard))
             added.insert(wildcard);
         if (_subscriptions.count(client) + added.size() > _maxSubscriptions)
-            break; // a frame has room for millions
+            break; // a frame has room for millions of wildcards
     }
     if (_subscriptions.count(client) + added.size() > _maxSubscriptions) {
         _output.reply(
@@ -246,7 +247,7 @@ void BusCore::subscribe(ConnectionId id, const BusRequest &request)
              QStringLiteral("a client has %1 subscriptions at most").arg(_maxSubscriptions)});
         return;
     }
-    QStringList distinct; // it may be a million times the same
+    QStringList distinct; // one wildcard may be there a million times
     if (request.now) {
         distinct = request.names;
         distinct.removeDuplicates();
@@ -342,7 +343,7 @@ void BusCore::deliver(const PublishOrder::Publish &publish)
     if (publish.reply)
         publish.reply();
     QStringList receivers = publish.receivers;
-    if (publish.waited) { // some may have gone, or unsubscribed
+    if (publish.waited) { // some receivers may be gone or have unsubscribed
         const QStringList present = _subscriptions.receivers(publish.record.head.name);
         const QSet<QString> subscribed(present.cbegin(), present.cend());
         const auto isGone = [&](const QString &client) { return !subscribed.contains(client); };
@@ -374,8 +375,8 @@ void BusCore::closeReceiver(const QString &client, const QString &reason)
     }
 }
 
-/// Receivers drop a message whose key they know: a publisher that uses the same uid for another
-/// value would not be heard.
+/// Gives a value another id for its receivers if its publisher has used the uid for the value
+/// before: receivers drop a message whose key they know.
 void BusCore::freshenUid(ObjectRecord &record)
 {
     const QString name = record.head.name;

@@ -27,18 +27,18 @@ public:
     /// Handles one request of the query channel and sees to it that exactly one reply follows, now
     /// or later.
     void handle(ConnectionId id, const BusRequest &request);
-    /// Handles one request of the message channel, likewise.
+    /// Handles one request of the message channel. Exactly one reply follows at once.
     void handleOnMessageChannel(ConnectionId id, const BusRequest &request);
     /// Handles a reply on the message channel.
     void handleReply(ConnectionId id, const payload::Acknowledgement &acknowledgement);
-    /// What was sent on a connection of the message channel has left.
+    /// Everything that was sent on a connection of the message channel has left.
     void pushMore(ConnectionId id);
 
-    /// The connection has ended; what another connection registered under its name stays.
+    /// The connection has ended. Another connection that has taken over its name stays registered.
     void connectionClosed(ConnectionId id);
 
-    /// To be called about once a second while hasQueues(), until it returns false: then time
-    /// alone changes nothing.
+    /// To be called about once a second while hasQueues(), until it returns false, which means that
+    /// time alone changes nothing.
     bool checkTimes();
     bool hasQueues() const;
 
@@ -71,8 +71,8 @@ private:
     ClientRegistry _queryClients;
     ClientRegistry _msgClients;
     PublishOrder _order;
-    SubscriptionIndex _subscriptions; // of the clients with a query connection, by name
-    QCache<QString, QPair<QString, size_t>> _lastPublished; // uid and digest, by name
+    SubscriptionIndex _subscriptions;                       // of clients with a query connection
+    QCache<QString, QPair<QString, size_t>> _lastPublished; // uid and digest by object name
     WarningLimiter _warnings;
 };
 

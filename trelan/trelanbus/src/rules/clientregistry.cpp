@@ -88,8 +88,8 @@ void ClientRegistry::count(ConnectionId id)
         ++known->count;
 }
 
-/// Whether this is the handshake of a connection that has ended, read after the client has come
-/// back on another: events of several connections arrive in any order.
+/// Whether this handshake belongs to a connection that has ended and is read after the client has
+/// come back on another one: events of several connections arrive in any order.
 bool ClientRegistry::isGhost(ConnectionId id, const QString &name) const
 {
     const auto registered = _ids.constFind(name);

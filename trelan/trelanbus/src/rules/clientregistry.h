@@ -16,7 +16,7 @@ namespace bus
 class ClientRegistry
 {
 public:
-    /// \a channel is what the log calls it.
+    /// \a channel is the name of the channel in the log.
     ClientRegistry(const QString &channel, BusOutput &output);
 
     struct Client
@@ -27,27 +27,27 @@ public:
     };
 
     bool contains(ConnectionId id) const;
-    /// Empty if \a id is not registered.
+    /// The name of a client; empty if \a id is not registered.
     QString name(ConnectionId id) const;
     QStringList names() const;
-    /// What is known of the client registered under \a name; empty if there is none.
+    /// The client that is registered under \a name; empty if there is none.
     Client client(const QString &name) const;
-    /// 0 if nobody is registered under \a name.
+    /// The connection of a client; 0 if nobody is registered under \a name.
     ConnectionId connection(const QString &name) const;
 
     /// What is wrong with a handshake, for people; empty if it can be accepted.
     QString handshakeFault(ConnectionId id, const QString &name) const;
 
-    /// Registers \a id, under a name that nobody has.
+    /// Registers \a id under a name that nobody has.
     void add(ConnectionId id, const QString &name);
     /// Forgets \a id. Returns the name that it had, empty if none.
     QString remove(ConnectionId id);
 
-    /// Says, at most once a minute for a name, that \a newer takes over from \a older; nothing if
-    /// the older one has ended by itself, since a client that comes back takes nothing over.
+    /// Logs that \a newer takes over from \a older, once a minute for a name at most. Nothing is
+    /// logged if the older connection has ended by itself: the client has just come back.
     void warnOfTakeover(ConnectionId older, ConnectionId newer, const QString &name);
 
-    /// One request, or one delivery, for the count that is logged at the end.
+    /// Counts one request or one delivery. The sum is logged at the end.
     void count(ConnectionId id);
 
 private:

@@ -12,36 +12,36 @@
 namespace bus
 {
 
-/// \brief Sees to it that what is published is delivered in the order in which it came, although
-/// what goes to the disk takes longer than what came after it.
+/// \brief Has publishes delivered in the order in which they came, although a publish that goes to
+/// the disk takes longer than its successors.
 ///
 /// Each publish takes a place when it comes. Once it has taken effect it is delivered, or waits for
-/// those before it. One thread.
+/// the publishes before it. One thread.
 class PublishOrder
 {
 public:
     struct Publish
     {
         ObjectRecord record;
-        QStringList receivers;       ///< who had subscribed when it took effect
-        std::function<void()> reply; ///< if that has to wait as well
-        bool waited = false;         ///< others came to their turn meanwhile
+        QStringList receivers;       ///< the subscribers when it took effect
+        std::function<void()> reply; ///< the reply, if it waits with the publish
+        bool waited = false;         ///< for other publishes
     };
     using Deliver = std::function<void(const Publish &)>;
 
     explicit PublishOrder(Deliver deliver);
 
     quint64 takePlace();
-    /// Nothing is to be delivered.
+    /// Gives the place up: nothing is to be delivered.
     void leave(quint64 place);
-    /// Delivers it, and what waited for it, as soon as nothing is before it.
+    /// Delivers a publish as soon as none is before it, and then those that waited for it.
     void takeEffect(quint64 place, const Publish &publish);
 
-    /// So much waits that whoever sends more has to wait, too.
+    /// Whether so much waits that replies have to wait, too.
     bool isFull() const;
 
-    /// This client has just been told the newest values of these objects, and is to hear of no
-    /// older one after that.
+    /// Leaves a client out that has just been told the newest values of these objects, so that it
+    /// hears of no older value afterwards.
     void skip(const QString &client, const QSet<QString> &objects);
 
 private:
@@ -58,7 +58,7 @@ private:
 
     const Deliver _deliver;
     std::deque<Place> _places;
-    quint64 _first = 1; // of the places
+    quint64 _first = 1; // number of the first place
     qint64 _waitingBytes = 0;
 };
 

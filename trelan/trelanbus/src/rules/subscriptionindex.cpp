@@ -15,19 +15,19 @@ namespace
 {
 
 constexpr int MAX_NAMES = 100000;
-// A name may match any number of patterns. What is remembered is counted in matches, of which
-// a name takes at least its share.
+// A name may match any number of patterns: the memory for names is counted in matches, of which
+// each name takes a share at least.
 constexpr int MAX_MATCHES = 1000000;
 constexpr int MIN_COST = MAX_MATCHES / MAX_NAMES;
-constexpr int CHARACTERS = 8; // of a name; they take as much as a match
-// Trying more than that takes longer than finding them anew.
+constexpr int CHARACTERS = 8; // so many of a name take the memory of a match
+// Trying more new patterns takes longer than finding all matches anew.
 constexpr int MAX_TRIED = 64;
 
 const QLatin1Char DOT('.');
 const QLatin1Char STAR('*');
 const QLatin1String PLUS("+");
 
-/// Whether it may take in another name than its own text.
+/// Whether a wildcard may match another name than its own text.
 bool mayBePattern(const QString &wildcard)
 {
     const auto begins = [&](const char *text) { return wildcard.startsWith(QLatin1String(text)); };
@@ -36,7 +36,7 @@ bool mayBePattern(const QString &wildcard)
            wildcard.contains(QLatin1String(".+."));
 }
 
-/// In matches.
+/// What remembering a name takes, counted in matches.
 int costOf(const QString &name, size_t matches)
 {
     return qMax(MIN_COST, qMax(int(matches), name.size() / CHARACTERS));
@@ -113,12 +113,13 @@ QStringList SubscriptionIndex::receivers(const QString &name)
     return all.values();
 }
 
-bool SubscriptionIndex::Anchor::operator==(const Anchor &other) const
+bool SubscriptionAnchor::operator==(const SubscriptionAnchor &other) const
 {
     return segments == other.segments && position == other.position && text == other.text;
 }
 
-/// Each of them is a necessary condition. Conditions on one segment only, since they are looked up.
+/// Conditions that a name has to meet to match: any one will do. Each is on one segment only, since
+/// it is looked up.
 std::vector<SubscriptionIndex::Anchor> SubscriptionIndex::anchorsOf(const QString &wildcard)
 {
     const QVector<QStringRef> segments = wildcard.splitRef(DOT);
@@ -127,7 +128,8 @@ std::vector<SubscriptionIndex::Anchor> SubscriptionIndex::anchorsOf(const QStrin
     const int literals = segments.size() - int(trailingStar);
     std::vector<Anchor> anchors;
     if (leadingStar) {
-        // What follows the star stands anywhere, and decides alone if nothing can be looked for.
+        // The text behind the star may stand anywhere. Without a text there nothing can be looked
+        // up.
         int first = 1;
         while (first < segments.size() && segments.at(first) == PLUS)
             ++first;
@@ -153,7 +155,7 @@ int SubscriptionIndex::sizeOf(const Anchor &anchor) const
     return group == _groups.constEnd() ? 0 : group->size();
 }
 
-/// Into the group that has the fewest so far.
+/// Adds a pattern to the group with the fewest patterns.
 void SubscriptionIndex::insertPattern(const WildcardRef &pattern)
 {
     pattern->number = ++_lastNumber;
@@ -186,10 +188,10 @@ void SubscriptionIndex::leave(const QString &client, const QString &wildcard)
     _wildcards.erase(found);
     if (known->isPattern)
         removePattern(known);
-    *known = Wildcard(); // names may remember it for long
+    *known = Wildcard(); // names may remember it for a long time
 }
 
-/// All patterns that take the name in.
+/// All patterns that match the name.
 std::vector<SubscriptionIndex::WildcardRef> SubscriptionIndex::find(const QString &name) const
 {
     std::vector<WildcardRef> matches;
@@ -216,23 +218,23 @@ std::vector<SubscriptionIndex::WildcardRef> SubscriptionIndex::find(const QStrin
     return matches;
 }
 
-/// Whether those that came since could be tried: false if they are too many.
-bool SubscriptionIndex::tryNewer(const QString &name, Remembered &remembered) const
+/// Tries the patterns that are newer than the matches. False if they are too many.
+bool SubscriptionIndex::tryNewer(const QString &name, Matches &matches) const
 {
     int tried = 0;
-    for (auto newer = _patterns.upper_bound(remembered.upTo); newer != _patterns.cend(); ++newer) {
+    for (auto newer = _patterns.upper_bound(matches.upTo); newer != _patterns.cend(); ++newer) {
         if (++tried > MAX_TRIED)
             return false;
         if (TrelanObject::testWildCard(name, newer->second->text))
-            remembered.patterns.push_back(newer->second);
+            matches.patterns.push_back(newer->second);
     }
-    remembered.upTo = _lastNumber;
+    matches.upTo = _lastNumber;
     return true;
 }
 
 std::vector<SubscriptionIndex::WildcardRef> SubscriptionIndex::patternsOf(const QString &name)
 {
-    if (Remembered *remembered = _remembered.object(name)) {
+    if (Matches *remembered = _remembered.object(name)) {
         std::vector<WildcardRef> &known = remembered->patterns;
         const auto isGone = [](const WildcardRef &pattern) { return pattern->clients.isEmpty(); };
         known.erase(std::remove_if(known.begin(), known.end(), isGone), known.end());
@@ -241,7 +243,7 @@ std::vector<SubscriptionIndex::WildcardRef> SubscriptionIndex::patternsOf(const 
             return known;
     }
     std::vector<WildcardRef> found = find(name);
-    _remembered.insert(name, new Remembered {found, _lastNumber}, costOf(name, found.size()));
+    _remembered.insert(name, new Matches {found, _lastNumber}, costOf(name, found.size()));
     return found;
 }
 

@@ -10,14 +10,13 @@
 namespace bus
 {
 
-/// \brief Does jobs of one kind in a thread of its own, in the order they were given.
+/// \brief Does jobs of one kind in a thread of its own, in the order in which they were given.
 ///
-/// Jobs that came in while the thread was busy are handed to it together, which is what makes one
-/// wait for the disk serve many publishes. Results wait until their owner takes them; \a wake is
-/// called in the worker's thread whenever there are new ones.
+/// Jobs that come while the thread is busy are handed to it together, so that one wait for the disk
+/// serves many publishes. Results wait until the owner takes them.
 ///
-/// add(), takeResults() and finish() are called from one thread, the owner's. How many jobs may be
-/// outstanding is the owner's business.
+/// The owner calls add(), takeResults() and finish() from one thread, and limits the number of jobs
+/// where that is needed.
 template <typename Job, typename Result>
 class BackgroundWorker
 {
@@ -26,6 +25,7 @@ public:
     using Work = std::function<std::vector<Result>(std::vector<Job>)>;
     using Wake = std::function<void()>;
 
+    /// \a wake is called in the worker's thread whenever there are new results.
     BackgroundWorker(Work work, Wake wake)
         : _work(std::move(work))
         , _wake(std::move(wake))
@@ -91,12 +91,12 @@ private:
 
     const Work _work;
     const Wake _wake;
-    std::mutex _mutex;
     std::condition_variable _changed;
+    std::mutex _mutex; // guards _jobs, _results and _finishing
     std::vector<Job> _jobs;
     std::vector<Result> _results;
     bool _finishing = false;
-    std::thread _thread; // last: it uses everything above
+    std::thread _thread; // last, since it uses everything above
 };
 
 } // namespace bus

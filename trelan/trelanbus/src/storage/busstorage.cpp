@@ -23,7 +23,7 @@ bool BusStorage::open()
         _state = Unusable;
         return false;
     }
-    // What is on disk was acknowledged, so that it is taken even above a bound lowered since.
+    // What is on disk was acknowledged, and is taken even if a bound was lowered since.
     for (const ObjectRecord &record : std::as_const(records))
         _objects.put(record);
     if (!_loadedMessages.isEmpty())
@@ -95,7 +95,7 @@ void BusStorage::remove(const QStringList &names, const Done &done)
         done(TrelanError());
         return;
     }
-    // All names wait, not only those on disk: a value published meanwhile must not be removed.
+    // All names wait, not only those on disk: a value that is published meanwhile must stay.
     change(toDisk, names, [removeFromMemory, done](const TrelanError &error) {
         if (error.error() == TrelanError::NoError)
             removeFromMemory();
@@ -103,23 +103,24 @@ void BusStorage::remove(const QStringList &names, const Done &done)
     });
 }
 
-void BusStorage::keepMessage(const TrelanMessage &message, const Kept &kept)
+void BusStorage::keepMessage(const TrelanMessage &message, const MessageDone &done)
 {
     if (_state == Unusable) {
-        kept({TrelanError::InvalidDataStorage, _errorString}, 0);
+        done({TrelanError::InvalidDataStorage, _errorString}, 0);
         return;
     }
     if (_state == MemoryOnly) {
-        kept(TrelanError(), 0);
+        done(TrelanError(), 0);
         return;
     }
     PermanentStore::Change toDisk;
     const qint64 id = ++_lastMessageId;
     toDisk.messages.append({id, message, QDateTime::currentMSecsSinceEpoch()});
-    change(toDisk, {}, [id, kept](const TrelanError &error) { kept(error, id); });
+    change(toDisk, {}, [id, done](const TrelanError &error) { done(error, id); });
 }
 
-/// Nobody waits for it: what is still there when the bus ends too soon is delivered once more.
+/// Nobody waits for the removal: a message that is still there when the bus crashes is delivered
+/// once more.
 void BusStorage::removeMessages(const QVector<qint64> &ids)
 {
     if (_state != OnDisk || (ids.isEmpty() && _unremoved.isEmpty()))
@@ -170,10 +171,10 @@ void BusStorage::handleResults()
         const TrelanError error = result.fault.isEmpty()
                                       ? TrelanError()
                                       : TrelanError(TrelanError::StorageAccessError, result.fault);
-        // A full disk fails every publish: the log of it must not fill what is left.
+        // A full disk fails every publish, and a line for each must not fill the log.
         if (!result.fault.isEmpty() && _warnings.allows(result.fault))
             qCWarning(BUS_LOG).noquote() << result.fault;
-        _written.take(result.ticket)(error);
+        _waitingForDisk.take(result.ticket)(error);
     }
 }
 
@@ -198,7 +199,7 @@ std::vector<BusStorage::Result> BusStorage::write(PermanentStore &store, std::ve
     }
     if (store.apply(changes))
         return results;
-    // One change that cannot be made must not take others with it.
+    // A change that fails must not make the others fail.
     for (int i = 0; i < changes.size(); ++i) {
         const bool written = changes.size() > 1 && store.apply({changes.at(i)});
         results[size_t(i)].fault = written ? QString() : store.errorString();
@@ -206,7 +207,7 @@ std::vector<BusStorage::Result> BusStorage::write(PermanentStore &store, std::ve
     return results;
 }
 
-/// Whether the disk holds a value of this name, or will: then a change of it has to go there too.
+/// Whether the disk holds a value of this name, or will, so that every change has to go there.
 bool BusStorage::concernsDisk(const QString &name) const
 {
     if (_state != OnDisk)
@@ -216,14 +217,14 @@ bool BusStorage::concernsDisk(const QString &name) const
 }
 
 void BusStorage::change(const PermanentStore::Change &change, const QStringList &names,
-                        const Written &written)
+                        const Done &done)
 {
     for (const QString &name : names)
         ++_pending[name];
     const quint64 ticket = ++_lastTicket;
-    _written.insert(ticket, [this, names, written](const TrelanError &error) {
+    _waitingForDisk.insert(ticket, [this, names, done](const TrelanError &error) {
         endPending(names);
-        written(error);
+        done(error);
     });
     _disk->add({ticket, change});
 }

@@ -19,12 +19,12 @@ namespace bus
 
 /// \brief What the bus keeps: the values in memory, and the permanent ones on disk behind them.
 ///
-/// The one door to both, and to the messages that wait on disk. A change that concerns the disk is
-/// made there first, in a thread of its own, and shows in memory when it is safe; changes of one
-/// name take effect in the order in which they were asked for, whether they concern the disk or
-/// not. Reads see what has taken effect.
+/// All values, and the messages that wait on disk, are reached through this class. A change that
+/// concerns the disk is made there first, in a thread of its own, and shows in memory when it is
+/// safe. Changes of one name take effect in the order in which they were asked for, whether they
+/// concern the disk or not. Reads see what has taken effect.
 ///
-/// One thread. The owner calls handleResults() in it after \a wake, which comes from another.
+/// One thread.
 class BusStorage
 {
 public:
@@ -37,6 +37,7 @@ public:
         Unusable ///< the data folder cannot be used
     };
 
+    /// \a wake is called in another thread when handleResults() is due.
     BusStorage(const TrelanBusSettings &settings, std::function<void()> wake);
     ~BusStorage();
     Q_DISABLE_COPY(BusStorage)
@@ -51,15 +52,16 @@ public:
     /// Keeps a stored object. \a done is called with the outcome, at once or from handleResults().
     void publish(const ObjectRecord &record, const Done &done);
 
-    /// Drops objects; names that are not there are no error. \a done as above.
+    /// Drops objects; names that are not there are no error. \a done is called with the outcome, at
+    /// once or from handleResults().
     void remove(const QStringList &names, const Done &done);
 
-    /// \a id is that of the message on disk, or 0 if it is not there.
-    using Kept = std::function<void(const TrelanError &, qint64 id)>;
+    /// \a id is the id of the message on disk, or 0 if it is not there.
+    using MessageDone = std::function<void(const TrelanError &, qint64 id)>;
 
-    /// Puts a message on disk, if there is one, until removeMessages(). \a kept is called with the
+    /// Puts a message on disk, if there is one, until removeMessages(). \a done is called with the
     /// outcome, at once or from handleResults().
-    void keepMessage(const TrelanMessage &message, const Kept &kept);
+    void keepMessage(const TrelanMessage &message, const MessageDone &done);
     void removeMessages(const QVector<qint64> &ids);
     /// The messages that were on disk at the start, in the order in which they came.
     QVector<StoredMessage> takeLoadedMessages();
@@ -87,14 +89,12 @@ private:
         QString fault; // empty: it is on disk
     };
     using Disk = BackgroundWorker<Job, Result>;
-    using Written = std::function<void(const TrelanError &)>;
 
     /// Runs in the disk's thread.
     static std::vector<Result> write(PermanentStore &store, std::vector<Job> jobs);
 
     bool concernsDisk(const QString &name) const;
-    void change(const PermanentStore::Change &change, const QStringList &names,
-                const Written &written);
+    void change(const PermanentStore::Change &change, const QStringList &names, const Done &done);
     void endPending(const QStringList &names);
     void warnMemoryOnly();
 
@@ -106,14 +106,14 @@ private:
     QString _errorString;
     QVector<StoredMessage> _loadedMessages;
     qint64 _lastMessageId = 0;
-    QVector<qint64> _unremoved; // the disk did not take their removal
+    QVector<qint64> _unremoved; // messages that the disk has failed to remove
     bool _warnedMemoryOnly = false;
     WarningLimiter _warnings;
 
     quint64 _lastTicket = 0;
-    QHash<quint64, Written> _written;
-    QHash<QString, int> _pending; // changes under way, by name
-    std::unique_ptr<Disk> _disk;  // last: its thread uses the database
+    QHash<quint64, Done> _waitingForDisk; // by ticket
+    QHash<QString, int> _pending;         // changes under way, by name
+    std::unique_ptr<Disk> _disk; // last, since its thread uses the database; only while OnDisk
 };
 
 } // namespace bus

@@ -47,7 +47,7 @@ void ObjectStore::put(const ObjectRecord &record)
     const QString &name = record.head.name;
     const qint64 before = room(name);
     const auto kept = _objects.insert(name, record);
-    kept->head.name = kept.key(); // one text, however often it is published and waits in queues
+    kept->head.name = kept.key(); // shares one text among all publishes and queues
     account(before, room(name));
 }
 
@@ -100,8 +100,8 @@ QStringList ObjectStore::namesMatching(const QStringList &wildcards) const
     return names;
 }
 
-/// What a name takes: the value it has or any that it may get, as only one of them stays. 0 if
-/// there is none.
+/// The room that a name takes: that of the largest among its value and the values that it may get,
+/// since one of them stays. 0 if there is none.
 qint64 ObjectStore::room(const QString &name) const
 {
     const ObjectRecord *record = find(name);

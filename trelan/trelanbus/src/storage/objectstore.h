@@ -12,34 +12,34 @@ namespace bus
 
 /// \brief The last value of every stored object, in memory, within bounds.
 ///
-/// A value that waits for the disk before it is put takes its room beforehand, so that what was
-/// accepted always fits; room that it is going to take over from the value of its name is not
-/// counted twice. One thread.
+/// A value that waits for the disk takes its room before it is put, so that an accepted value
+/// always fits. Room that it is going to take over from the value of its name is not counted twice.
+/// One thread.
 class ObjectStore
 {
 public:
     ObjectStore(int maxObjects, qint64 maxBytes);
 
-    /// Which bound \a record would pass, for people; empty if there is room. A value never passes
-    /// a bound by replacing one of the same name that is at least as large.
+    /// Which bound \a record would pass, for people; empty if there is room. A value that replaces
+    /// one of its name and is no larger passes no bound.
     QString roomFault(const ObjectRecord &record) const;
 
-    /// Each reserve() is followed by one release() of the same record.
+    /// Each reserve() is followed by one release() of that record.
     void reserve(const ObjectRecord &record);
     void release(const ObjectRecord &record);
 
-    /// Keeps \a record in place of one of the same name; asks no bound.
+    /// Keeps \a record in place of the value of its name. Bounds do not count.
     void put(const ObjectRecord &record);
     void remove(const QString &name);
-    /// Of the value that is kept, if there is one.
+    /// Changes the value that is kept, if there is one.
     void setDeliveryUid(const QString &name, const QString &uid);
 
-    /// Null if there is none; valid until the next change.
+    /// The value of an object; null if there is none. Valid until the next change.
     const ObjectRecord *find(const QString &name) const;
 
     QVector<ObjectRecord> matching(const QString &wildcard) const;
     int count() const;
-    /// Of objects that any of \a wildcards takes in.
+    /// Names of the objects that any of \a wildcards matches.
     QStringList namesMatching(const QStringList &wildcards) const;
 
 private:

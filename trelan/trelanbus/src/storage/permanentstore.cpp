@@ -26,7 +26,7 @@ const QString FILE_NAME = QStringLiteral("trelan.db");
 const QString LOG_SUFFIX = QStringLiteral("-wal");
 constexpr int LOG_HEADER_SIZE = 32;
 constexpr quint32 LOG_MAGIC = 0x377f0682;
-constexpr int BUSY_TIMEOUT_MS = 500; // a server that is just ending may still hold the database
+constexpr int BUSY_TIMEOUT_MS = 500; // a server that is about to end may still hold the database
 constexpr qint64 APPLICATION_ID = 0x5472656c;
 constexpr qint64 SCHEMA_VERSION = 2;
 constexpr qint64 SCHEMA_WITHOUT_MESSAGES = 1;
@@ -87,7 +87,7 @@ void bindBytes(sqlite3_stmt *statement, int column, const QByteArray &bytes)
     sqlite3_bind_blob(statement, column + 1, bytes.constData(), bytes.size(), SQLITE_TRANSIENT);
 }
 
-/// Over what a row holds: the database has no checksums of its own.
+/// A sum over what a row holds, since the database has no sums of its own.
 QByteArray digestOf(std::initializer_list<QByteArray> texts, std::initializer_list<qint64> numbers)
 {
     QCryptographicHash hash(QCryptographicHash::Sha1);
@@ -102,7 +102,7 @@ QByteArray digestOf(std::initializer_list<QByteArray> texts, std::initializer_li
     return hash.result();
 }
 
-/// As it is stored: what is no valid text comes as it is.
+/// The bytes of a column as they are stored, whether they are valid text or not.
 QByteArray columnBytes(sqlite3_stmt *statement, int column)
 {
     const auto *bytes = static_cast<const char *>(sqlite3_column_blob(statement, column));
@@ -114,8 +114,8 @@ QString columnText(sqlite3_stmt *statement, int column)
     return QString::fromUtf8(columnBytes(statement, column));
 }
 
-/// A text of the client's choice, exactly. JSON escapes what UTF-8 has no form for (half a
-/// surrogate pair) and what readers of UTF-8 stop at (a NUL).
+/// Keeps any text of a client exactly. JSON escapes what UTF-8 has no form for (half a surrogate
+/// pair) and what readers of UTF-8 stop at (a NUL).
 QByteArray exactBytes(const QString &text)
 {
     return QJsonDocument(QJsonArray {text}).toJson(QJsonDocument::Compact);
@@ -126,19 +126,19 @@ QString exactText(const QByteArray &bytes)
     return QJsonDocument::fromJson(bytes).array().first().toString();
 }
 
-/// What the operating system said to it, in brackets; empty if it was not asked.
+/// The reason that the operating system gave, in brackets; empty if there is none.
 QString systemReason(sqlite3 *database)
 {
     const int number = database ? sqlite3_system_errno(database) : 0;
     return number == 0 ? QString() : QStringLiteral(" (%1)").arg(qt_error_string(number));
 }
 
-/// Whether \a header begins a write-ahead log: the magic, and the sums over what is before them,
-/// as the format of SQLite's files defines them.
+/// Whether \a header begins a write-ahead log: the magic number and the sums over the bytes before
+/// them have to be those of SQLite's file format.
 bool isLogHeader(const QByteArray &header)
 {
     if (header.size() < LOG_HEADER_SIZE)
-        return true; // cut off while it was made; nothing can stand behind it
+        return true; // it was cut off while it was made, and nothing stands behind it
     const auto word = [&header](int index) {
         return qFromBigEndian<quint32>(header.constData() + 4 * index);
     };
@@ -172,7 +172,7 @@ void PermanentStore::Finalize::operator()(sqlite3_stmt *statement) const
     sqlite3_finalize(statement);
 }
 
-/// Those of a transaction.
+/// The statements of a transaction.
 struct PermanentStore::Statements
 {
     Statement putObject;
@@ -241,7 +241,7 @@ bool PermanentStore::loadMessages(QVector<StoredMessage> &messages)
     return status == SQLITE_DONE || failDatabase();
 }
 
-/// Gives a database of an older version what it misses.
+/// Adds what a database of an older version lacks.
 bool PermanentStore::upgrade()
 {
     qint64 version = 0;
@@ -258,7 +258,7 @@ bool PermanentStore::apply(const QVector<Change> &changes)
 {
     if (!_database)
         return false;
-    // Not deferred: a lock that is not to be had shows before anything is written.
+    // An immediate transaction shows a missing lock before anything is written.
     if (!execute("BEGIN IMMEDIATE"))
         return false;
     if (applyInTransaction(changes) && execute("COMMIT"))
@@ -290,14 +290,15 @@ bool PermanentStore::prepareFolder(const QString &folder)
     const QFileInfo log(_path + LOG_SUFFIX);
     const bool isEmpty = !file.exists() || file.size() == 0;
     if (isEmpty && log.size() > 0) {
-        // The log is written after the database: it was lost, and opening would delete the log too.
+        // The log is made after the database: the database was lost, and opening it would delete
+        // the log, too.
         return fail(QStringLiteral("the database is damaged: it is lost or empty, but its log %1 "
                                    "is there")
                         .arg(log.fileName()));
     }
     if (file.exists() && isEmpty) {
-        // Made by a server that ended before it wrote anything; or else everything in it is lost,
-        // which must not go unnoticed.
+        // Either a server ended before it wrote anything, or everything in it is lost, which must
+        // not go unnoticed.
         qCWarning(BUS_LOG).noquote()
             << QStringLiteral("%1 is empty; no permanent objects are there").arg(_path);
     }
@@ -308,10 +309,10 @@ bool PermanentStore::prepareDatabase()
 {
     sqlite3_busy_timeout(_database.get(), BUSY_TIMEOUT_MS);
     sqlite3_extended_result_codes(_database.get(), 1);
-    // A database that is refused, now or by load(), stays as it is to the byte, its log included.
+    // A database that is refused here or by load() stays as it is to the byte, its log included.
     keepLogOnClose(true);
-    // Exclusive before anything is read: from then on no other server gets in. With it the index
-    // of the log is in memory, so that a damaged one cannot be left behind.
+    // The lock is exclusive before anything is read, so that no other server gets in. It also keeps
+    // the index of the log in memory, where it cannot be left behind damaged.
     return execute("PRAGMA locking_mode = EXCLUSIVE") && execute("BEGIN IMMEDIATE") && checkLog() &&
            checkKind() && checkIntegrity() && execute("COMMIT") && useLog();
 }
@@ -321,8 +322,9 @@ void PermanentStore::keepLogOnClose(bool keep)
     sqlite3_db_config(_database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, int(keep), nullptr);
 }
 
-/// A log that begins with anything else is taken for an empty one, and written over, by SQLite.
-/// What its end misses is not looked for: that is how a write looks that was never acknowledged.
+/// Looks at the beginning of the log, since SQLite takes a log with a damaged beginning for an
+/// empty one and overwrites it. A missing end is no damage: a write that was never acknowledged
+/// looks so.
 bool PermanentStore::checkLog()
 {
     QFile log(_path + LOG_SUFFIX);
@@ -337,8 +339,8 @@ bool PermanentStore::checkLog()
 
 bool PermanentStore::checkIntegrity()
 {
-    // The quick check would not compare the index with the table: a name that only one of them
-    // knows could neither be replaced nor removed.
+    // The quick check does not compare the index with the table: a name that only one of them has
+    // could neither be replaced nor removed.
     const Statement statement = prepare("PRAGMA integrity_check(1)");
     if (!statement)
         return false;
@@ -350,7 +352,7 @@ bool PermanentStore::checkIntegrity()
     return fail(QStringLiteral("the database is damaged: %1").arg(verdict));
 }
 
-/// Before anything is changed: the database may be somebody else's.
+/// Looks before anything is changed, since the database may belong to another application.
 bool PermanentStore::checkKind()
 {
     qint64 tables = 0;
@@ -372,7 +374,7 @@ bool PermanentStore::checkKind()
 
 bool PermanentStore::useLog()
 {
-    // Where it cannot be had, the answer is the mode that stays, and no error.
+    // If the log is not possible, the answer is another mode, and no error.
     const Statement statement = prepare("PRAGMA journal_mode = WAL");
     if (!statement)
         return false;
@@ -499,7 +501,7 @@ bool PermanentStore::step(sqlite3_stmt *statement)
     return true;
 }
 
-/// The database's own check does not look into texts.
+/// Compares the sum, since the database's own check does not look into texts.
 bool PermanentStore::readRow(sqlite3_stmt *statement, ObjectRecord &record)
 {
     const QByteArray name = columnBytes(statement, Name);

@@ -17,14 +17,15 @@ namespace bus
 
 /// \brief The permanent objects and the stored messages in a folder on disk, one SQLite database.
 ///
-/// What a function reports as done is on disk: it outlives the process and the machine. The
-/// database belongs to one server at a time, is checked when it is opened, and is never replaced:
-/// one that is refused is left as it was.
-/// Every method blocks for as long as the disk takes; one thread at a time.
+/// What a function reports as done is on disk and outlives a crash of the process or the machine.
+/// The database belongs to one server at a time and is checked when it is opened. A database that
+/// is refused is left as it was.
+///
+/// Every method blocks for as long as the disk takes. One thread at a time.
 class PermanentStore
 {
 public:
-    /// One change: objects and messages to keep and to drop, all or nothing.
+    /// Objects and messages to keep and to drop, all or nothing.
     struct Change
     {
         QVector<ObjectRecord> puts;
@@ -37,15 +38,15 @@ public:
     ~PermanentStore();
     Q_DISABLE_COPY(PermanentStore)
 
-    /// Opens or makes the database in \a folder. False if it is in use, damaged, of another kind or
-    /// not accessible; errorString() names the path and the reason.
+    /// Opens or makes the database in \a folder. False if the database is in use, damaged, of
+    /// another kind or not accessible; errorString() names the path and the reason.
     bool open(const QString &folder);
     void close();
 
-    /// Reads everything. False if the database turns out to be damaged.
+    /// Reads everything. False if the database is found to be damaged.
     bool load(QVector<ObjectRecord> &records, QVector<StoredMessage> &messages);
 
-    /// Makes all \a changes, in order, with one wait for the disk. All or nothing.
+    /// Makes all \a changes, in order, with one wait for the disk: all or nothing.
     bool apply(const QVector<Change> &changes);
 
     QString errorString() const;

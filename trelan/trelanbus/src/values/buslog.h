@@ -8,16 +8,17 @@
 namespace bus
 {
 
-/// Category of everything that the bus logs: "trelan.bus".
+/// The category of everything that the bus logs: "trelan.bus".
 Q_DECLARE_LOGGING_CATEGORY(BUS_LOG)
 
-/// \brief Lets a warning about one thing through once a minute.
+/// \brief Lets a warning about one thing through once a minute, since warnings that clients can
+/// cause must not fill the log.
 ///
-/// What clients can cause at will must not fill the log. One thread.
+/// One thread.
 class WarningLimiter
 {
 public:
-    /// Whether the warning about \a what may be written now.
+    /// Whether the warning about \a what may be logged now.
     bool allows(const QString &what);
 
 private:

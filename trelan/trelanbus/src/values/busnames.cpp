@@ -38,7 +38,7 @@ QString lengthFault(const QString &what, const QString &text, int most)
     return {};
 }
 
-/// Half a surrogate pair does not survive the way to the disk and back.
+/// Refuses half a surrogate pair, which does not survive the way to the disk and back.
 QString characterFault(const QString &what, const QString &text)
 {
     if (hasControl(text))
@@ -48,10 +48,10 @@ QString characterFault(const QString &what, const QString &text)
     return {};
 }
 
-/// Whether a name is of the usual kind, of which nothing can be wrong.
+/// Whether a name is of the usual kind, so that nothing can be wrong with it.
 bool isPlainName(const QString &name)
 {
-    bool begins = true; // a segment
+    bool begins = true; // whether a segment begins here
     for (const QChar c : name) {
         const ushort unit = c.unicode();
         if (unit == '.' ? begins : unit <= ' ' || unit >= 0x7f || unit == '+' || unit == '*')

@@ -5,7 +5,7 @@
 namespace bus
 {
 
-/// A connection, as everybody but its socket knows it. Never used twice, and never 0.
+/// The number of a connection, by which other classes know it. It is never used twice and never 0.
 using ConnectionId = quint64;
 
 } // namespace bus

@@ -8,7 +8,7 @@
 namespace bus
 {
 
-/// Everything of an object but its content, as it travels.
+/// Everything that travels of an object, except for its content.
 struct ObjectHead
 {
     QString name;
@@ -24,19 +24,19 @@ struct ObjectHead
 
 /// \brief An object as the bus keeps it: its content as compact JSON.
 ///
-/// As text a content takes a tenth of what its tree of variants takes, its size in memory is known
-/// exactly, and it is what goes to the disk and, in the Light coding, on to whoever gets it.
+/// Text takes a tenth of the memory of a tree of variants, its size is known exactly, and it is
+/// what goes to the disk and, in the coding Light, to clients.
 struct ObjectRecord
 {
     ObjectHead head;
     QByteArray contentJson; ///< a JSON object without blanks
-    QString deliveryUid;    ///< in place of its uid for those who may know that of another value
+    QString deliveryUid;    ///< replaces a uid that receivers may know from another value
 
     TrelanObject toObject() const;
-    /// The data of an answer that loads it.
+    /// The data of an answer with this object.
     QByteArray toJson() const;
 
-    /// What keeping it takes, in bytes.
+    /// How many bytes the kept object takes, roughly.
     qint64 cost() const;
 };
 
