@@ -61,6 +61,10 @@ public:
     }
 
 protected:
+    void prepareMsgWorker(TrelanMsgWorker *worker) override
+    {
+        connect(worker->thread(), &QThread::started, [this] { msgThread = ::gettid(); });
+    }
     void prepareQueryWorker(TrelanQueryWorker *worker) override
     {
         connect(worker->thread(), &QThread::started, [this] { queryThread = ::gettid(); });
