@@ -34,14 +34,14 @@ namespace bus
 /// Failure: a frame that cannot be read is logged (category "default") and dropped, unanswered; the
 /// reader does not look for the next one, so that what follows may be logged piece by piece.
 ///
-/// In Prompt mode (see TrelanTransport) nothing but open() blocks: what has arrived is taken, part
-/// of a frame is kept until the rest is there, and acknowledgements leave by themselves. Each
-/// leaves before its message is handed on, unless the next message is there already: those that
-/// have arrived together are acknowledged together, at once or as soon as a millisecond has passed
-/// between two of them. While a slot has an event loop of its own nothing is read beyond 64 KiB. A
-/// stream that is out of step, a frame that takes longer than it may, and a bus that does not read
-/// close the connection with one warning and busDisconnected(); a handshake without an answer does
-/// too. A whole frame that cannot be understood is dropped as ever, and the next one is read.
+/// In Prompt mode (see TrelanTransport) nothing but open() blocks: the receiver takes what has
+/// arrived, keeps a part of a frame until the rest is there, and sends acknowledgements by itself.
+/// An acknowledgement leaves before its message is handed on, unless the next message is there
+/// already: messages that have arrived together are acknowledged together, at once or as soon as a
+/// millisecond has passed between two of them. While a slot has an event loop of its own, the
+/// receiver reads 64 KiB at most. A stream that is out of step, a frame that takes too long, a bus
+/// that does not read and a handshake without an answer close the connection, with one warning and
+/// busDisconnected(). A whole frame that cannot be understood is dropped, and the next one is read.
 ///
 /// A message that was delivered before is acknowledged and dropped: the last 100 keys (see
 /// TrelanMessage::msgKey()) are remembered, for as long as this object lives.

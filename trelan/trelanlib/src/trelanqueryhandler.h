@@ -26,19 +26,19 @@ namespace bus
 /// Threads: a handler is used from the thread it lives in and from no other. It has no lock. It
 /// needs no running event loop, except to notice a connection that drops while nothing is asked.
 ///
-/// Waiting: open() blocks for up to 30 s for the connection, and then as any request does: up to
-/// 30 s for the request to leave, up to 30 s for the first byte of the reply, and then, for a reply
-/// of N bytes, for up to max(100, N / 100 + 1) attempts of at most 110 ms each. An answered request
-/// takes at least the 10 ms that follow each read attempt. close(), and so the destructor, takes
-/// 100 ms.
+/// Waiting: a request blocks for up to 30 s until it has left, up to 30 s for the first byte of its
+/// reply, and then, for a reply of N bytes, for up to max(100, N / 100 + 1) attempts of at most
+/// 110 ms each. It takes at least the 10 ms that follow each read attempt. open() waits up to 30 s
+/// for the connection, and then for the handshake, which is a request. close(), and so the
+/// destructor, takes 100 ms.
 /// In Prompt mode (see TrelanTransport) there are no pauses: a request returns as soon as its reply
-/// is complete, or after the time that is set there.
+/// is complete, or after TrelanTransport::patience().
 ///
-/// Failure: every operation returns false and leaves what it was to fill in untouched; the reason
+/// Failure: an operation that fails returns false and leaves its arguments untouched. The reason
 /// goes to the Qt log (category "default") and to lastFailure() and lastError(). A request that
-/// fails leaves the connection open, except a refused handshake, which closes it. In Prompt mode
-/// one that ends in Timeout or Framing closes it too, with busDisconnected(): what comes late would
-/// be taken for the next reply.
+/// fails leaves the connection open, except a refused handshake, which closes it. In Prompt mode a
+/// request that ends in Timeout or Framing closes the connection too, with busDisconnected(): a
+/// late reply would be taken for the next one.
 ///
 /// \code
 /// bus::TrelanQueryHandler handler("thermometer");

@@ -9,12 +9,13 @@ namespace bus
 
 /// \brief How the channels of this process read, wait and write.
 ///
-/// What a peer sees is the same protocol either way: a client and a bus that are set differently
-/// understand each other. The defaults are those that every peer has always been served with; what
-/// is new should take Prompt and Light.
+/// The protocol does not depend on these settings: a client and a bus that are set differently
+/// understand each other. The defaults are what every peer has always been served with. A new
+/// application should choose Prompt and Light.
 ///
-/// Threads: settings of the process, to be made before the first channel opens or the first bus
-/// starts. A channel keeps the mode, the coding and the largest payload that it was opened with.
+/// Threads: the settings belong to the process, and are to be made before the first channel opens
+/// or the first bus starts. A channel keeps the mode, the coding and the largest payload that it
+/// was opened with.
 ///
 /// \code
 /// bus::TrelanTransport::setMode(bus::TrelanTransport::Prompt);
@@ -27,15 +28,15 @@ public:
         /// A pause of 10 ms after every read attempt, and one of up to 100 ms after a payload
         /// that was delivered. An answered request takes 10 ms, a delivery 110 ms.
         Paced,
-        /// No pauses: what has arrived is taken at once, in whatever pieces it comes. A connection
-        /// that is out of step, since an answer was late or a frame was none, is closed, so that a
-        /// late answer is never taken for the next one.
+        /// No pauses: a channel takes what has arrived at once, in whatever pieces it comes. It
+        /// closes a connection on which an answer was late or a frame was none, so that a late
+        /// answer is never taken for the next one.
         Prompt
     };
     enum Coding {
         /// Indented JSON, compressed as well as zlib does unless told otherwise. A whole number
-        /// above 2^53 is written as the double that is next to it, as QJsonDocument does it: a time
-        /// in nanoseconds changes.
+        /// above 2^53, such as a time in nanoseconds, changes into the double next to it, as with
+        /// QJsonDocument.
         Classic,
         /// Compact JSON, stored up to 1 MiB and compressed fast above, in a frame of the same form:
         /// whoever reads Classic reads Light. Whole numbers are written exactly.
@@ -48,7 +49,7 @@ public:
     static Mode mode();
     static void setMode(Mode mode);
 
-    /// Of what is written, Classic unless set; both are always understood.
+    /// The coding of what is written: Classic unless set. Both are always understood.
     static Coding coding();
     static void setCoding(Coding coding);
 
