@@ -1,4 +1,4 @@
-# What every target of this tree is built with: language level, warnings, sanitizers, log context.
+# Options of all targets: language level, warnings, sanitizers, log context.
 
 set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -11,8 +11,8 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 option(TRELAN_WERROR "Treat warnings as errors" ON)
 set(TRELAN_SANITIZE "" CACHE STRING "Sanitizers to build with, as for -fsanitize=")
 
-# A tree can be moved, the installed and the built one: everything finds its libraries relative to
-# itself. It also makes two builds in different folders alike.
+# Programs and libraries find their libraries relative to themselves, so that a built or installed tree
+# can be moved, and builds in different folders give equal files.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 file(RELATIVE_PATH TRELAN_BIN_TO_LIB
     "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
@@ -21,14 +21,14 @@ set(TRELAN_RPATH_BIN "$ORIGIN/${TRELAN_BIN_TO_LIB}")
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
     -Wold-style-cast -Wcast-align -Wformat=2 -Wundef -Wimplicit-fallthrough)
-# Qt's logging macros leave their variadic part empty, which clang takes for an extension.
+# Qt's logging macros have an empty variadic part, which clang warns of.
 add_compile_options($<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments>)
 if(TRELAN_WERROR)
     add_compile_options(-Werror)
 endif()
 
-# Log lines carry file and function in every build type, and the file is the path inside this
-# repository, wherever it was built.
+# Log lines carry file and function in every build type. The path of a file begins at this folder, so
+# that it tells nothing of the machine.
 add_compile_definitions(QT_MESSAGELOGCONTEXT)
 add_compile_options(
     "-ffile-prefix-map=${CMAKE_BINARY_DIR}/="
@@ -45,7 +45,7 @@ if(TRELAN_SANITIZE)
     add_link_options(-fsanitize=${TRELAN_SANITIZE})
 endif()
 
-# clang leaves the sanitizer runtime out of shared libraries; its symbols come with the program.
+# clang links its sanitizers into programs only, so that shared libraries have undefined symbols.
 if(NOT (TRELAN_SANITIZE AND CMAKE_CXX_COMPILER_ID MATCHES "Clang"))
     string(APPEND CMAKE_SHARED_LINKER_FLAGS " -Wl,--no-undefined")
 endif()

@@ -6,8 +6,8 @@
 #
 # Makes a shared library a product: the library, its headers, a CMake package that defines
 # <namespace>::<EXPORT_NAME of the target>, and a pkg-config file. The version is the VERSION
-# property of the target. Nothing that is installed holds an absolute path, so that a tree may be
-# moved, and a library finds the others of the tree beside itself.
+# property of the target. Installed files hold no absolute path, so that the installed tree may be
+# moved: each library finds the other libraries beside itself.
 include(CMakePackageConfigHelpers)
 
 set(TRELAN_CMAKE_TEMPLATES "${CMAKE_CURRENT_LIST_DIR}")
@@ -20,9 +20,12 @@ function(trelan_install_library)
     get_target_property(library ${ARG_TARGET} OUTPUT_NAME)
     set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/${ARG_PACKAGE}")
 
-    # Qt keeps pointers into a library that has registered types, resources or start-up functions:
-    # one that is loaded stays loaded.
-    target_link_options(${ARG_TARGET} PRIVATE -Wl,-z,nodelete)
+    # Qt keeps pointers into a library that has registered types, resources or start-up functions, so
+    # that a loaded one must stay loaded. Instances of the standard library's templates are exported
+    # by default and come and go with the optimizer: exports.map keeps them inside.
+    set(exports "${TRELAN_CMAKE_TEMPLATES}/exports.map")
+    target_link_options(${ARG_TARGET} PRIVATE -Wl,-z,nodelete "-Wl,--version-script=${exports}")
+    set_property(TARGET ${ARG_TARGET} APPEND PROPERTY LINK_DEPENDS "${exports}")
     set_target_properties(${ARG_TARGET} PROPERTIES INSTALL_RPATH "${TRELAN_RPATH_LIB}")
 
     install(TARGETS ${ARG_TARGET} EXPORT ${ARG_PACKAGE}Targets
@@ -33,7 +36,7 @@ function(trelan_install_library)
         NAMESPACE ${ARG_NAMESPACE}::
         DESTINATION "${package_dir}")
 
-    # A package of the same tree is found beside this one, wherever the tree is.
+    # Each CMake package looks for the others beside itself first, since the tree may have been moved.
     set(dependencies "")
     foreach(dependency IN LISTS ARG_CMAKE_DEPENDS)
         string(APPEND dependencies
@@ -67,7 +70,7 @@ endfunction()
 
 # trelan_install_program(<target>)
 #
-# Installs a program that finds the libraries of its tree, wherever the tree is.
+# Installs a program that finds the libraries relative to itself, so that the tree may be moved.
 function(trelan_install_program target)
     set_target_properties(${target} PROPERTIES INSTALL_RPATH "${TRELAN_RPATH_BIN}")
     install(TARGETS ${target} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# A first run, in under a minute: a bus, programs that publish, watch, answer and log on it, one of
+# A first run: a bus, programs that publish, watch, answer and log on it, one of
 # them stopped, and the bus killed and started again under all of them. Called with the build folder;
 # everything that is started here is ended here, and every step has to go as it should.
 set -euo pipefail

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Unpacks Debian packages into a scratch root and uses what is there, as far as that goes without
-# installing: a daemon and a first message, and a program that is built with the library.
+# installing them: the daemon and the tool, a program that is built with the library, and the examples.
 #
 # trydebs.sh FOLDER-OF-PACKAGES
 set -euo pipefail
@@ -8,7 +8,7 @@ set -euo pipefail
 packages=${1:?usage: trydebs.sh FOLDER-OF-PACKAGES}
 consumer=$(dirname "$(readlink -f "$0")")/../tests/package/consumer
 root=$(mktemp -d)
-pids=() # the bus is the last, and the last to be ended
+pids=() # ended from first to last, so that the bus stands last
 
 cleanup() {
     local status=$?
@@ -48,7 +48,20 @@ IFS= read -r -t 30 line <&4 || fail "nothing is delivered"
 echo "$line"
 [[ $line == *'"celsius":21.5'* ]] || fail "something else is delivered"
 
-cmake -S "$consumer" -B "$root/consumer" -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null
-cmake --build "$root/consumer" >/dev/null
+# build FOLDER NAME: builds a project with the unpacked libraries.
+build() {
+    cmake -S "$1" -B "$root/$2" -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null
+    cmake --build "$root/$2" >"$root/$2.log" || {
+        cat "$root/$2.log" >&2
+        fail "$2 is not built"
+    }
+}
+
+build "$consumer" consumer
 "$root/consumer/thermometer"
+
+build "$root/usr/share/doc/libtrelanclient-dev/examples" examples
+"$root/examples/publish/publish" "${ports[@]}" || fail "the example publish ends with $?"
+"$root/examples/embed/embed" || fail "the example embed ends with $?"
+[[ -x $root/examples/hoststate/hoststate ]] || fail "the example hoststate is not built"
 echo "The packages work, unpacked."

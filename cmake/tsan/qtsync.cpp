@@ -1,10 +1,10 @@
 /// \file
 /// Tells ThreadSanitizer how threads meet inside Qt.
 ///
-/// Qt itself is not built with the sanitizer, so that a contended mutex and a queued call look like
-/// no synchronisation at all, and every use of them like a race. The functions here stand before
-/// Qt's in a test program that is built with the sanitizer, announce what they do, and call Qt's.
-/// They cover what is called from this tree; Qt's own calls among each other do not come here.
+/// Qt is not built with the sanitizer, which therefore sees no synchronisation in a contended mutex
+/// or a queued call, and reports a race at every use of them. The functions in this file replace
+/// Qt's in a test program: each announces what it does and calls Qt's. They cover calls from this
+/// tree; calls inside Qt do not reach them.
 
 #include <QtCore/QDeadlineTimer>
 #include <QtCore/QObject>
@@ -12,8 +12,7 @@
 #include <dlfcn.h>
 #include <sanitizer/tsan_interface.h>
 
-// One definition for each: the C name of the replacement, the symbol in Qt, what comes before and
-// after the call.
+// Defines a replacement for the function of Qt with this symbol.
 #define QT_FUNCTION(Result, Symbol, Parameters)                                                    \
     extern "C" __attribute__((visibility("default")))                                              \
     Result qtsync##Symbol Parameters __asm__(#Symbol);                                             \
@@ -24,8 +23,8 @@
 namespace
 {
 
-// Everything that is queued meets here: more order than there is may hide a race, but never makes
-// one up.
+// All queued calls share this mark. It gives the sanitizer more order than there is, which may hide
+// a race, but never makes one up.
 char _queue;
 
 template <typename Function>
@@ -34,7 +33,7 @@ Function original(const char *symbol)
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, symbol));
 }
 
-/// A functor on its way to another thread.
+/// Carries a functor to another thread.
 class QueuedCall : public QtPrivate::QSlotObjectBase
 {
 public:
@@ -181,15 +180,15 @@ QT_FUNCTION(
     return done;
 }
 
-// A thread announces its end inside Qt. Ours delete what lived there last of all, which stands for
-// it.
+// A thread announces its end inside Qt, where no replacement is called. The threads of this tree
+// delete their objects as their last step, so that the deletion announces the end.
 QT_FUNCTION(void, _ZN7QObjectD2Ev, (QObject * object))
 {
     QT_ORIGINAL(_ZN7QObjectD2Ev)(object);
     __tsan_release(&_queue);
 }
 
-// Every class of this tree that does not handle events itself has this one in its table.
+// Classes of this tree that do not handle events themselves have this function in their tables.
 QT_FUNCTION(bool, _ZN7QObject5eventEP6QEvent, (QObject * object, QEvent *event))
 {
     __tsan_acquire(&_queue);

@@ -1,7 +1,7 @@
 /// \file
-/// Whether the sanitizer, with what qtsync.cpp tells it and the suppressions, still sees a race:
-/// raceprobe race|mutex|queued. A thread and its owner change a plain variable, the first time
-/// with nothing between them.
+/// Shows that the sanitizer still sees a race in spite of qtsync.cpp and the suppressions. Called
+/// as raceprobe race|mutex|queued: a thread and its owner change a plain variable, with "race"
+/// without any synchronisation.
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QMutex>

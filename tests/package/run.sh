@@ -35,22 +35,22 @@ mkdir "$work/else where"
 mv "$work/first" "$work/else where/moved"
 prefix="$work/else where/moved"
 
-# No installed file may name the first prefix or the build folder.
+# Installed files may name neither the first prefix nor the build folder.
 for trace in "$work/first" "$build"; do
     ! grep -rlF "$trace" "$prefix/$libdir/cmake" "$prefix/$libdir/pkgconfig" ||
         fail "$trace is named in what is installed"
 done
-for internal in trelanvalue.h trelanwildcard.h trelanzstream.h; do
+for internal in connectioncount.h jsonreader.h wildcard.h wirevalue.h zstream.h; do
     [ ! -e "$prefix/include/trelan/$internal" ] || fail "$internal is installed"
 done
-# Every installed header has to compile with installed headers alone.
+# Each installed header may include only installed headers.
 for header in "$prefix"/include/*/*.h; do
     echo "#include <$(basename "$header")>"
 done >"$work/all.cpp"
 cat "$source/main.cpp" >>"$work/all.cpp"
 
-# The client library finds the support library beside itself. (The shell compares, since the loader
-# may spell the path with "..".)
+# The client finds the support library beside itself. The files are compared, not their paths, since
+# the loader may spell a path with "..".
 beside=$(LC_ALL=C ldd "$prefix/$libdir/libtrelanclient.so.1" |
     sed -n 's/.*libmorvikcore.so.1 => \(.*\) (0x.*/\1/p')
 [ "$beside" -ef "$prefix/$libdir/libmorvikcore.so.1" ] || fail "support library is '$beside'"
@@ -67,8 +67,8 @@ check_program "CMake" "$work/cmake/thermometer"
 "$cmake" --build "$work/tutorial" >/dev/null || fail "the programs of the tutorial do not build"
 echo "ok: the programs of the tutorial build"
 
-# The library itself holds the translated texts as well. A translation that only the installed
-# folder has shows that the library looks there, and looks there first.
+# The library has translations built in, too. A text that only the installed folder has shows that the
+# library looks there first.
 qm="$prefix/$datadir/morvik/translations/trelanclient_de.qm"
 [ -f "$qm" ] || fail "the translation is not installed"
 cp "$qm" "$work/trelanclient_de.qm"
@@ -81,7 +81,7 @@ cp "$work/trelanclient_de.qm" "$qm"
 
 export PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig"
 expect "pkg-config version" "1.2.1" "$(pkg-config --modversion trelanclient)"
-# Another shell removes the quoting that pkg-config puts into paths.
+# pkg-config quotes paths for a shell: eval takes the quotes away.
 eval "\"$compiler\" -std=c++17 $flags \"$work/all.cpp\" -o \"$work/consumer\" \
     $(pkg-config --cflags --libs trelanclient) \"-Wl,-rpath,$prefix/$libdir\""
 check_program "pkg-config" "$work/consumer"

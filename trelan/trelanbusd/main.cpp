@@ -1,11 +1,8 @@
 #include "environment.h"
 #include "options.h"
 
-#include <commandlinefault.h>
 #include <standarddescriptors.h>
 #include <trelanbus.h>
-
-#include <CLI/CLI.hpp>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLoggingCategory>
@@ -24,8 +21,6 @@ using namespace trelanbusd;
 
 namespace
 {
-
-enum ExitCode { EXIT_DONE = 0, EXIT_FAILED = 1, EXIT_USAGE = 2 };
 
 void configureLog(const QString &level)
 {
@@ -117,22 +112,10 @@ int run(QCoreApplication &app, const Options &options, int signalFd)
 int main(int argc, char **argv)
 {
     programs::occupyStandardDescriptors();
-    CLI::App cli("Trelan's bus server: keeps shared objects and answers the applications of this "
-                 "machine.",
-                 "trelanbusd");
     bus::TrelanTransport::setCoding(bus::TrelanTransport::Light); // before the settings are made
     Options options;
-    addOptions(cli, options);
-    try {
-        cli.parse(argc, argv);
-    } catch (const CLI::Success &success) { // help or version
-        return cli.exit(success);
-    } catch (const CLI::ParseError &error) {
-        fail(QString::fromStdString(programs::commandLineFault(cli, error)) +
-             QStringLiteral("; see trelanbusd --help"));
-        return EXIT_USAGE;
-    }
-    finish(options);
+    if (const std::optional<ExitCode> end = readOptions(argc, argv, options))
+        return *end;
     const QString fault = takeSockets(options.settings);
     if (!fault.isEmpty())
         return fail(fault);

@@ -1,7 +1,11 @@
 #include "options.h"
 
+#include <commandlinefault.h>
 #include <helptext.h>
 
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
 #include <memory>
 
 namespace trelanbusd
@@ -131,7 +135,8 @@ std::string footer()
                                   "trelan.db-shm beside it while the bus runs. One bus at a time "
                                   "uses it. To start anew, move it away while no bus runs."},
                 {"/var/lib/trelanbusd", "That folder when systemd runs the bus"},
-                {"trelanbusd.service", "The systemd unit"},
+                {"/etc/default/trelanbusd", "Options for the bus that systemd runs, on Debian"},
+                {"trelanbusd.service", "The systemd unit, of the system and of a user"},
                 {"trelanbusd.socket",
                  "The ports, which systemd opens for the bus: one socket named query and one named "
                  "messages, or two in this order"}}) +
@@ -149,8 +154,6 @@ std::string footer()
                                      "Takes free ports, and says in the file which; for tests"},
                                     {"trelanctl ls", "Shows what is on the bus"}});
 }
-
-} // namespace
 
 void addOptions(CLI::App &app, Options &options)
 {
@@ -186,12 +189,34 @@ void addOptions(CLI::App &app, Options &options)
     app.footer(footer());
 }
 
+/// Completes the settings with the options that they hold in another form.
 void finish(Options &options)
 {
     options.settings.setHost(QHostAddress(QString::fromStdString(options.host)));
     options.settings.setDataFolder(QString::fromStdString(options.dataFolder));
     options.settings.setRequireStorage(true);
     options.settings.setMessageLifetime(options.messageLifetime * MS_OF_SECOND);
+}
+
+} // namespace
+
+std::optional<ExitCode> readOptions(int argc, char **argv, Options &options)
+{
+    CLI::App app("Trelan's bus server: keeps shared objects and answers the applications of this "
+                 "machine.",
+                 "trelanbusd");
+    addOptions(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success &success) { // help or version
+        return app.exit(success) == 0 ? EXIT_DONE : EXIT_FAILED;
+    } catch (const CLI::ParseError &error) {
+        std::fprintf(stderr, "trelanbusd: %s; see trelanbusd --help\n",
+                     programs::commandLineFault(app, error).c_str());
+        return EXIT_USAGE;
+    }
+    finish(options);
+    return std::nullopt;
 }
 
 } // namespace trelanbusd

@@ -2,12 +2,13 @@
 
 #include <trelanbussettings.h>
 
-#include <CLI/CLI.hpp>
-
+#include <optional>
 #include <string>
 
 namespace trelanbusd
 {
+
+enum ExitCode { EXIT_DONE = 0, EXIT_FAILED = 1, EXIT_USAGE = 2 };
 
 struct Options
 {
@@ -19,10 +20,8 @@ struct Options
     int messageLifetime = 60 * 60; ///< in seconds
 };
 
-/// Makes \a app fill in \a options.
-void addOptions(CLI::App &app, Options &options);
-/// Completes the settings with the options that they hold in another form. To be called after the
-/// command line is parsed.
-void finish(Options &options);
+/// Fills in \a options from the command line. Prints help, version, or what is wrong, and returns
+/// the exit code to end with; nothing if the daemon is to run.
+std::optional<ExitCode> readOptions(int argc, char **argv, Options &options);
 
 } // namespace trelanbusd
