@@ -12,6 +12,7 @@
 #include <functional>
 #include <initializer_list>
 #include <limits>
+#include <optional>
 #include <string_view>
 
 namespace bus::payload
@@ -83,8 +84,10 @@ QByteArray compact(std::string_view json)
     size_t size = 0;
     if (simdjson::minify(json.data(), json.size(), compact.data(), size) != simdjson::SUCCESS)
         return {};
-    compact.resize(int(size));
-    compact.squeeze(); // memory in place of the blanks would be kept, and not be counted
+    if (size < json.size()) {
+        compact.resize(int(size));
+        compact.squeeze(); // memory in place of the blanks would be kept, and not be counted
+    }
     return compact;
 }
 
@@ -161,6 +164,27 @@ jsontext::Place placeOf(std::string_view key, dom::object object)
     return {before, int(object.size()) - 1 - before};
 }
 
+struct Content
+{
+    dom::element value;
+    jsontext::Place place; // in the data
+};
+
+/// Takes all values of the data of a publish but its content, which is found only. False if
+/// anything is unusual.
+bool takeMembers(dom::object data, Request &request, std::optional<Content> &content)
+{
+    int number = 0;
+    for (const auto [key, value] : data) {
+        if (key == keys::OBJECT_CONTENT)
+            content = Content {value, {number, int(data.size()) - 1 - number}};
+        else if (!takeMember(key, value, request))
+            return false;
+        ++number;
+    }
+    return true;
+}
+
 /// Reads a publish as clients usually send it. False for any other request; \a request may hold
 /// anything then.
 bool readPublish(const Document &document, Request &request)
@@ -175,18 +199,16 @@ bool readPublish(const Document &document, Request &request)
         data[keys::OBJECT_NAME].get(text) != simdjson::SUCCESS || envelope.size() > MOST_MEMBERS ||
         data.size() > MOST_MEMBERS || haveRepeatedKey({envelope, data}))
         return false;
-    request.record.contentJson = "{}";
-    for (const auto [key, value] : data) {
-        if (key != keys::OBJECT_CONTENT && !takeMember(key, value, request))
-            return false;
-    }
-    dom::element content;
-    if (data[keys::OBJECT_CONTENT].get(content) != simdjson::SUCCESS)
+    std::optional<Content> content;
+    if (!takeMembers(data, request, content))
+        return false;
+    if (!content) {
+        request.record.contentJson = "{}";
         return true;
+    }
     const std::string_view json(document.json.constData(), size_t(document.json.size()));
     const std::string_view dataText = jsontext::member(json, placeOf(keys::DATA, envelope));
-    return takeContent(jsontext::member(dataText, placeOf(keys::OBJECT_CONTENT, data)), content,
-                       request);
+    return takeContent(jsontext::member(dataText, content->place), content->value, request);
 }
 
 /// What is wrong with a text that could be parsed, for people; empty if nothing is.
