@@ -20,7 +20,7 @@ set(TRELAN_RPATH_LIB "$ORIGIN")
 set(TRELAN_RPATH_BIN "$ORIGIN/${TRELAN_BIN_TO_LIB}")
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
-    -Wold-style-cast -Wcast-align -Wformat=2 -Wundef -Wimplicit-fallthrough)
+    -Wold-style-cast -Wcast-align -Wformat=2 -Wundef -Wimplicit-fallthrough -Wmismatched-tags)
 # Qt's logging macros have an empty variadic part, which clang warns of.
 add_compile_options($<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments>)
 if(TRELAN_WERROR)

@@ -21,8 +21,8 @@ function(trelan_install_library)
     set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/${ARG_PACKAGE}")
 
     # Qt keeps pointers into a library that has registered types, resources or start-up functions, so
-    # that a loaded one must stay loaded. Instances of the standard library's templates are exported
-    # by default and come and go with the optimizer: exports.map keeps them inside.
+    # that a loaded one must stay loaded. Inline functions of Qt and of the standard library would be
+    # exported wherever the optimizer leaves a copy of them: exports.map keeps the copies inside.
     set(exports "${TRELAN_CMAKE_TEMPLATES}/exports.map")
     target_link_options(${ARG_TARGET} PRIVATE -Wl,-z,nodelete "-Wl,--version-script=${exports}")
     set_property(TARGET ${ARG_TARGET} APPEND PROPERTY LINK_DEPENDS "${exports}")

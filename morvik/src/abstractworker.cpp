@@ -5,7 +5,7 @@
 namespace morvik
 {
 
-struct AbstractWorker::Private
+class AbstractWorker::Private
 {};
 
 AbstractWorker::AbstractWorker(QObject *parent)
