@@ -22,9 +22,9 @@ bool isBefore(std::string_view a, std::string_view b)
 
 } // namespace
 
-void JsonInspector::look(dom::element element)
+void JsonInspector::look(dom::element value)
 {
-    value(element, 0);
+    this->value(value, 0);
 }
 
 void JsonInspector::lookAtKeys(dom::object object)
