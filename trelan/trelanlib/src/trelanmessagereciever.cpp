@@ -98,7 +98,7 @@ private:
     void write(const QByteArray &frame);
     void prepareRequest();
     void prepareReply();
-    qint32 readSize();
+    qint32 readSize() const;
     QByteArray readPayload(qint32 size);
     bool readData(qint32 size, QVariant &out);
     bool decode(const QByteArray &payload, QVariant &out);
@@ -454,7 +454,7 @@ void TrelanMessageReciever::Private::prepareReply()
         qWarning().noquote() << tr("Incorrect reply data");
 }
 
-qint32 TrelanMessageReciever::Private::readSize()
+qint32 TrelanMessageReciever::Private::readSize() const
 {
     if (!_socket || !_socket->canReadLine()) {
         qWarning().noquote() << tr("Socket is empty");

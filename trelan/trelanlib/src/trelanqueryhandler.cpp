@@ -571,7 +571,7 @@ bool TrelanQueryHandler::Private::readReply(QVariantMap &answer,
 /// Reads at most \a size bytes, and fewer when the attempts for that size are used up or the
 /// connection is gone. The announced size by itself takes no memory.
 QByteArray TrelanQueryHandler::Private::readPayload(int size,
-                                                    const ConnectionCount::Mark &connection)
+                                                    const ConnectionCount::Mark &connection) const
 {
     const int attempts = qMax(MIN_READ_ATTEMPTS, size / BYTES_PER_ATTEMPT + 1);
     QByteArray payload;

@@ -75,7 +75,7 @@ private:
     bool pacedRequest(const QByteArray &frame, QVariantMap &answer);
     bool waitForReply(qint64 staleBytes, const ConnectionCount::Mark &connection);
     bool readReply(QVariantMap &answer, const ConnectionCount::Mark &connection);
-    QByteArray readPayload(int size, const ConnectionCount::Mark &connection);
+    QByteArray readPayload(int size, const ConnectionCount::Mark &connection) const;
     PromptQuery::Done judgeLater(const Done &done);
     bool takeResult(const PromptQuery::Result &result, QVariantMap &answer);
     bool takePayload(const QByteArray &payload, QVariantMap &answer);
