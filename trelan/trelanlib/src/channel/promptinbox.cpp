@@ -34,13 +34,7 @@ PromptInbox::PromptInbox(const QPointer<QTcpSocket> &socket, Owner &owner, QObje
     connect(&_stall, &QTimer::timeout, this,
             [this] { _owner.onBroken(QStringLiteral("the rest of a frame does not come")); });
     _sendSoon.setSingleShot(true);
-    const auto send = [this] {
-        const QPointer<PromptInbox> self(this); // a connection that is found lost is a signal
-        sendUnsent();
-        if (self)
-            letGo();
-    };
-    connect(&_sendSoon, &QTimer::timeout, this, send);
+    connect(&_sendSoon, &QTimer::timeout, this, &PromptInbox::sendAllAndLetGo);
 }
 
 void PromptInbox::begin(qint64 maxPayload)
@@ -182,6 +176,14 @@ void PromptInbox::watchStall(bool progress)
         _stall.stop();
     else if (progress || !_stall.isActive())
         _stall.start(TrelanTransport::patience());
+}
+
+void PromptInbox::sendAllAndLetGo()
+{
+    const QPointer<PromptInbox> self(this); // a connection that is found lost is a signal
+    sendUnsent();
+    if (self)
+        letGo();
 }
 
 void PromptInbox::sendUnsent()

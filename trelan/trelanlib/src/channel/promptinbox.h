@@ -73,6 +73,7 @@ private:
     void readFrames();
     bool takeFrame();
     void watchStall(bool progress);
+    void sendAllAndLetGo();
     void sendUnsent();
 
     const QPointer<QTcpSocket> &_socket;
