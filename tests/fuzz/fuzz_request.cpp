@@ -47,10 +47,11 @@ int countColons(const QByteArray &json)
     return colons;
 }
 
-/// Qt drops a mark of byte order in front of a key, which then may be there twice.
+/// Whether there is a mark of byte order. Qt drops it in front of a string that has no escape: the
+/// key may be there twice then, and Qt does not read what it has written.
 bool hasMark(const QByteArray &json)
 {
-    return json.contains("\xef\xbb\xbf");
+    return json.contains("\xef\xbb\xbf") || json.toLower().contains("ufeff");
 }
 
 /// What goes on to others as it stands has to be sound, for clients that read it with Qt.
@@ -103,7 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const quint8 *data, size_t size)
             abort();
     }
     if (unusual.operation == BusRequest::Publish &&
-        (!isPublish || content(usual) != content(unusual) ||
+        (!isPublish || (!hasMark(text) && content(usual) != content(unusual)) ||
          !sameHead(usual.record.head, unusual.record.head, now)))
         abort();
     return 0;
