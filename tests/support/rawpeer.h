@@ -52,6 +52,8 @@ public:
     /// The envelope of the reply received last.
     QVariantMap envelope() const { return _envelope; }
     QVariantMap data() const { return _envelope.value(QStringLiteral("data")).toMap(); }
+    /// The JSON text of the frame received last.
+    QByteArray text() const { return qUncompress(QByteArray::fromBase64(_reader.payload())); }
     /// Whether bytes, or the end of the connection, arrive within this time.
     bool hasInput(int milliseconds);
     /// Whether the other side ends the connection. Skips what it still sends.

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes the golden frames beside this file: index.json, frames/*.bin and bomb.b64.
+"""Writes the golden frames beside this file: index.json, frames/*.bin, bus.json and bomb.b64.
 
 Everything here is made with Python's json, zlib and base64 alone, so that the library's encoder and
 decoder cannot agree on a mistake. Run it after changing a row and check in what it writes; zlib
@@ -14,6 +14,7 @@ import zlib
 
 HERE = pathlib.Path(__file__).resolve().parent
 ROWS = []
+BUS = []
 NOT_INFLATABLE = 1
 NOT_JSON = 3
 
@@ -72,6 +73,12 @@ def request(operation, data):
     return {"operation": operation, "data": data}
 
 
+def from_bus(name, envelope):
+    """What the bus writes. The keys of "light" are in the order of the bus, and ids are made up."""
+    BUS.append({"name": name, "classic": indented(envelope),
+                "light": json.dumps(envelope, ensure_ascii=False, separators=(",", ":"))})
+
+
 def reply(operation, data, code=0, description=""):
     return {"operation": operation, "data": data,
             "result": {"code": code, "description": description}}
@@ -83,6 +90,7 @@ def written_rows():
     written("handshake", request("handshake", {"name": "a"}))
     written("handshake-transient",
             request("handshake", {"name": "a", "prompt": True, "transient": True}))
+    written("handshake-features", request("handshake", {"features": True, "name": "me"}))
     written("no-data", request("sub", {}))
     written("object", request("pub", plain))
     written("unicode", request("pub", dict(plain, cnt={
@@ -144,6 +152,18 @@ def refused_rows():
     refused("nothing-inside", base64.b64encode(packed(b"")), NOT_JSON, none)
 
 
+def reply_from_bus(operation, data):
+    return {"data": data, "operation": operation, "result": {"code": 0, "description": ""}}
+
+
+def bus_rows():
+    features = ["clients", "now", "prompt", "transient"]
+    for channel in ("query", "message"):
+        from_bus(f"features-{channel}", reply_from_bus("handshake", {
+            "channel": channel, "features": features, "instance": "<id>"}))
+    from_bus("no-features", reply_from_bus("handshake", {}))
+
+
 def main():
     (HERE / "frames").mkdir(exist_ok=True)
     for old in (HERE / "frames").glob("*.bin"):
@@ -151,9 +171,11 @@ def main():
     written_rows()
     read_rows()
     refused_rows()
+    bus_rows()
     # 32 MB of zeros, which nobody must inflate.
     (HERE / "bomb.b64").write_bytes(base64.b64encode(packed(bytes(32 << 20), 9)))
     (HERE / "index.json").write_text(json.dumps(ROWS, indent=1) + "\n")
+    (HERE / "bus.json").write_text(json.dumps(BUS, indent=1) + "\n")
 
 
 if __name__ == "__main__":

@@ -48,11 +48,25 @@ TRELAN_WIRE_WORD(RECIEVER, "reciever")
 TRELAN_WIRE_WORD(CLIENT_NAME, "name")
 TRELAN_WIRE_WORD(PROMPT, "prompt")
 TRELAN_WIRE_WORD(TRANSIENT, "transient")
+TRELAN_WIRE_WORD(FEATURES, "features")
 TRELAN_WIRE_WORD(OBJECTS, "objects")
 TRELAN_WIRE_WORD(WILDCARD, "wc")
 TRELAN_WIRE_WORD(WILDCARDS, "wcs")
 TRELAN_WIRE_WORD(NOW, "now")
 TRELAN_WIRE_WORD(CLIENTS, "clients")
+
+// What a bus answers to a handshake that asks for its features, beside "features".
+TRELAN_WIRE_WORD(INSTANCE, "instance")
+TRELAN_WIRE_WORD(CHANNEL, "channel")
+
+// What a bus tells of a client, beside "name".
+TRELAN_WIRE_WORD(CLIENT_ADDRESS, "address")
+TRELAN_WIRE_WORD(CLIENT_CONNECTIONS, "connections")
+TRELAN_WIRE_WORD(CLIENT_SUBSCRIPTIONS, "subscriptions")
+TRELAN_WIRE_WORD(CLIENT_QUEUED, "queued")
+TRELAN_WIRE_WORD(CLIENT_QUEUED_BYTES, "queuedBytes")
+TRELAN_WIRE_WORD(CLIENT_IN, "in")
+TRELAN_WIRE_WORD(CLIENT_OUT, "out")
 
 // The text of a notification and of a command. Both say "__name__".
 TRELAN_WIRE_WORD(NOTIFIED_REASON, "__reason__")
@@ -80,6 +94,26 @@ TRELAN_WIRE_WORD(SEND_MESSAGE, "sendMessage")
 TRELAN_WIRE_WORD(CLIENTS, "clients")
 
 } // namespace bus::operations
+
+/// What a bus can do beyond what every bus can.
+namespace bus::features
+{
+
+TRELAN_WIRE_WORD(CLIENTS, "clients")
+TRELAN_WIRE_WORD(NOW, "now")
+TRELAN_WIRE_WORD(PROMPT, "prompt")
+TRELAN_WIRE_WORD(TRANSIENT, "transient")
+
+} // namespace bus::features
+
+/// The channels as they are named in answers and in the log.
+namespace bus::channels
+{
+
+TRELAN_WIRE_WORD(QUERY, "query")
+TRELAN_WIRE_WORD(MESSAGE, "message")
+
+} // namespace bus::channels
 
 /// Why somebody is notified.
 namespace bus::reasons

@@ -68,12 +68,17 @@ bool isTruth(const QVariant &value)
     return value.userType() == QMetaType::Bool;
 }
 
+bool isTrue(const QVariant &value)
+{
+    return isTruth(value) && value.toBool();
+}
+
 bool parseHandshake(const QVariantMap &data, BusRequest &request)
 {
-    // "prompt" is not checked, since clients may say there what they like.
+    // The keys are not checked, since clients may say there what they like.
     request.prompt = data.value(keys::PROMPT).toBool();
-    const QVariant transient = data.value(keys::TRANSIENT);
-    request.transient = isTruth(transient) && transient.toBool();
+    request.transient = isTrue(data.value(keys::TRANSIENT));
+    request.features = isTrue(data.value(keys::FEATURES));
     return takeText(data, keys::CLIENT_NAME, request.name, request);
 }
 

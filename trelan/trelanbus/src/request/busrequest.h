@@ -44,6 +44,7 @@ struct BusRequest
                             ///< receiver (SendMessage)
     bool prompt = false;    ///< Handshake: how the client reads
     bool transient = false; ///< Handshake: nothing waits for the client once it has gone
+    bool features = false;  ///< Handshake: asks what the bus can do
     bool now = false;       ///< Subscribe: with the values that are stored
     QStringList names;      ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
     std::optional<TrelanMessage> message; ///< SendMessage; with the time, without a sender

@@ -19,6 +19,13 @@ constexpr int MAX_LAST_PUBLISHED = 10000;
 // nobody else is served.
 constexpr qint64 MAX_TESTS_AT_ONCE = 1000000;
 constexpr qint64 CLIENT_DATA_COST = 256; // bytes in an answer, roughly
+constexpr qint64 FEATURES_COST = 512;
+
+/// What this bus can do beyond what every bus can, sorted.
+QStringList featureNames()
+{
+    return {features::CLIENTS, features::NOW, features::PROMPT, features::TRANSIENT};
+}
 
 void logPublish(const ObjectHead &object)
 {
@@ -33,11 +40,12 @@ void logPublish(const ObjectHead &object)
 
 BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output)
     : _maxSubscriptions(settings.maxSubscriptions())
+    , _instance(names::freshUid())
     , _storage(storage)
     , _output(output)
     , _delivery(settings, storage, output, [this](ConnectionId id) { _msgClients.count(id); })
-    , _queryClients(QStringLiteral("query"), output)
-    , _msgClients(QStringLiteral("message"), output)
+    , _queryClients(channels::QUERY, output)
+    , _msgClients(channels::MESSAGE, output)
     , _order([this](const PublishOrder::Publish &publish) { deliver(publish); })
     , _lastPublished(MAX_LAST_PUBLISHED)
 {}
@@ -136,7 +144,7 @@ void BusCore::handshake(ClientRegistry &registry, ConnectionId id, const BusRequ
         return;
     }
     if (registry.contains(id)) {
-        _output.reply(id, request.word, TrelanError());
+        acceptHandshake(registry, id, request);
         return;
     }
     if (const ConnectionId older = registry.connection(request.name)) {
@@ -152,9 +160,25 @@ void BusCore::handshake(ClientRegistry &registry, ConnectionId id, const BusRequ
         _delivery.attach(request.name, id,
                          request.prompt ? TrelanTransport::Prompt : TrelanTransport::Paced,
                          request.transient);
-    _output.reply(id, request.word, TrelanError());
+    acceptHandshake(registry, id, request);
     if (receives)
         _delivery.sendMore(request.name);
+}
+
+/// Answers who asks for the features. All others get the answer of ever, to the byte.
+void BusCore::acceptHandshake(const ClientRegistry &registry, ConnectionId id,
+                              const BusRequest &request)
+{
+    if (!request.features) {
+        _output.reply(id, request.word, TrelanError());
+        return;
+    }
+    const QVariantMap data {
+        {keys::FEATURES, featureNames()},
+        {keys::INSTANCE, _instance},
+        {keys::CHANNEL, registry.channel()},
+    };
+    _output.replyData(id, request.word, data, FEATURES_COST);
 }
 
 void BusCore::endQuery(ConnectionId id)
@@ -288,7 +312,7 @@ void BusCore::listClients(ConnectionId id, const BusRequest &request)
     QVariantList clients;
     for (const QString &name : std::as_const(names))
         clients.append(clientData(name));
-    _output.replyData(id, request.word, {{QStringLiteral("clients"), clients}},
+    _output.replyData(id, request.word, {{keys::CLIENTS, clients}},
                       clients.size() * CLIENT_DATA_COST);
 }
 
@@ -298,18 +322,18 @@ QVariantMap BusCore::clientData(const QString &name) const
     const ClientRegistry::Client messages = _msgClients.client(name);
     QStringList connections;
     if (!query.name.isEmpty())
-        connections.append(QStringLiteral("query"));
+        connections.append(channels::QUERY);
     if (!messages.name.isEmpty())
-        connections.append(QStringLiteral("message"));
+        connections.append(channels::MESSAGE);
     return {
-        {QStringLiteral("name"), name},
-        {QStringLiteral("address"), query.name.isEmpty() ? messages.peer : query.peer},
-        {QStringLiteral("connections"), connections},
-        {QStringLiteral("subscriptions"), _subscriptions.count(name)},
-        {QStringLiteral("queued"), _delivery.queuedMessages(name)},
-        {QStringLiteral("queuedBytes"), _delivery.queuedBytes(name)},
-        {QStringLiteral("in"), query.count},
-        {QStringLiteral("out"), messages.count},
+        {keys::CLIENT_NAME, name},
+        {keys::CLIENT_ADDRESS, query.name.isEmpty() ? messages.peer : query.peer},
+        {keys::CLIENT_CONNECTIONS, connections},
+        {keys::CLIENT_SUBSCRIPTIONS, _subscriptions.count(name)},
+        {keys::CLIENT_QUEUED, _delivery.queuedMessages(name)},
+        {keys::CLIENT_QUEUED_BYTES, _delivery.queuedBytes(name)},
+        {keys::CLIENT_IN, query.count},
+        {keys::CLIENT_OUT, messages.count},
     };
 }
 

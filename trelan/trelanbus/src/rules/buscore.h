@@ -47,6 +47,8 @@ public:
 
 private:
     void handshake(ClientRegistry &registry, ConnectionId id, const BusRequest &request);
+    void acceptHandshake(const ClientRegistry &registry, ConnectionId id,
+                         const BusRequest &request);
     void endQuery(ConnectionId id);
     void endMessages(ConnectionId id);
     void publish(ConnectionId id, const BusRequest &request);
@@ -65,6 +67,7 @@ private:
     void freshenUid(ObjectRecord &record);
 
     const int _maxSubscriptions;
+    const QString _instance; // tells this run of the bus from all others
     BusStorage &_storage;
     BusOutput &_output;
     BusDelivery _delivery;

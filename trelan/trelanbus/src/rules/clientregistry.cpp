@@ -10,6 +10,11 @@ ClientRegistry::ClientRegistry(const QString &channel, BusOutput &output)
     , _output(output)
 {}
 
+const QString &ClientRegistry::channel() const
+{
+    return _channel;
+}
+
 bool ClientRegistry::contains(ConnectionId id) const
 {
     return _clients.contains(id);

@@ -19,6 +19,8 @@ public:
     /// \a channel is the name of the channel in the log.
     ClientRegistry(const QString &channel, BusOutput &output);
 
+    const QString &channel() const;
+
     struct Client
     {
         QString name;
