@@ -9,8 +9,9 @@ using namespace bus;
 /// "n" instead of "+" a notification (see append()), "3" one of 3 * 9 KB on the wire; "~a" is
 /// acknowledged; "t60000" is the time; "prompt" is how the client reads; "restart", "drop" and
 /// "check" are the queue's; "send" sends what may be sent. "@x" queues the name of the object x,
-/// whose newest value "$x" changes and "-x" removes. What is sent and what is given up ("!a") is
-/// the outcome.
+/// whose newest value "$x" changes and "-x" removes; "&x" queues the name for a client that has
+/// asked for the value, which is sent as "x=". "#m" queues a marker. What is sent and what is given
+/// up ("!a") is the outcome.
 class tst_ClientQueue : public QObject
 {
     Q_OBJECT
@@ -45,7 +46,9 @@ class tst_ClientQueue : public QObject
             uid.replace(0, 1, 'x');
         const int size = kind == 'N' ? 100 : qMax(0, kind.digitValue()) * 6500;
         QueuedMessage appended = message(uid, size);
-        appended.kind = isValue ? QueuedMessage::Value : QueuedMessage::Direct;
+        appended.kind = isValue       ? QueuedMessage::Value
+                        : kind == '#' ? QueuedMessage::Marker
+                                      : QueuedMessage::Direct;
         appended.queuedAt = now;
         appended.object = object;
         queue.append(appended);
@@ -92,6 +95,26 @@ private Q_SLOTS:
         row("a known id of another value", "nx1 send ~x1 Nx1 send", "x1 fresh", 1);
         row("a known id of another object", "nx1 send ~x1 my1 send", "x1 fresh", 1);
         row("the same value again", "nx1 send ~x1 nx1 send ~x1", "x1 x1", 0);
+        row("a marker alone", "#m send ~m", "m", 0);
+        row("a marker waits", "na1 #m +b send ~a1 send ~m ~b", "a1 m b", 0);
+        row("a value is dropped before a marker", "na1 nb1 #m send ~b1 send ~a1 send ~m",
+            "a1 b1 a1 m", 0);
+        row("a value is given up before a marker",
+            "+a #m send t60000 check send t120000 check send t180000 check send t240000 check send "
+            "~m",
+            "a a a a !a m", 0);
+        row("a connection ends before a marker", "na1 #m send restart send ~a1 send ~m", "a1 a1 m",
+            0);
+        row("a connection ends behind a marker", "#m na1 send restart send ~m ~a1", "m a1 m a1", 0);
+        row("names before a marker", "&x #m @y send ~x= send ~m ~y", "x= m y", 0);
+        row("asked for, then changed", "&x #m @x send ~x= send ~m", "x= m", 0);
+        row("changed, then asked for", "@x &x #m send ~x= send ~m", "x= m", 0);
+        row("asked for, then dropped", "&x &y #m send ~y= send ~x= send ~m", "x= y= x= m", 0);
+        row("changed behind a marker", "&x #m send @x ~x= send ~m ~x", "x= m x", 0);
+        row("changed behind a marker, and a new connection",
+            "&x #m send @x $x restart send ~x1= send ~m", "x= x1= m", 0);
+        row("a marker ends with the subscription", "na1 #m #n send ~a1 send drop ~m send", "a1 m",
+            0);
         row("32 KiB", "1a 1b 1c 1d send", "a b c", 4);
         row("room for the next", "1a 1b 1c 1d 1e send ~a send", "a b c d", 4);
         row("large has to wait", "+a 7b send", "a", 2);
@@ -104,8 +127,9 @@ private Q_SLOTS:
         ClientQueue queue;
         QStringList outcome;
         QMap<QString, QString> values {{"x", "x"}, {"y", "y"}}; // the ids of the newest values
-        const auto newest = [&values](const QString &name) {
-            return values[name].isEmpty() ? QueuedMessage() : message(values[name], 0);
+        const auto newest = [&values](const QString &name, bool asked) {
+            return values[name].isEmpty() ? QueuedMessage()
+                                          : message(values[name] + (asked ? "=" : ""), 0);
         };
         qint64 now = 0;
         for (const QString &text : script.split(' ')) {
@@ -121,7 +145,9 @@ private Q_SLOTS:
             else if (text.startsWith('t'))
                 now = rest.toLongLong();
             else if (text.startsWith('@'))
-                queue.appendName(rest, false);
+                queue.appendName(rest, false, false);
+            else if (text.startsWith('&'))
+                queue.appendName(rest, false, true);
             else if (text.startsWith('$'))
                 values[rest] = rest + '1';
             else if (text.startsWith('-'))
@@ -141,6 +167,8 @@ private Q_SLOTS:
         QTEST(queue.count(), "left");
         QCOMPARE(queue.bytes() == 0, queue.count() == 0);
         QCOMPARE(queue.nameBytes() + queue.nameCount(), 0);
+        QCOMPARE(queue.markerBytes() == 0, queue.markerCount() == 0);
+        QVERIFY(queue.markerBytes() <= queue.bytes());
     }
 };
 

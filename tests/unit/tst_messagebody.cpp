@@ -93,7 +93,9 @@ private Q_SLOTS:
         record.head.uid = "uid";
         record.head.time = 1700000000123;
         const auto frame = [&](TrelanTransport::Coding coding) {
-            return Notification(coding).message(record, "receiver").frame(coding);
+            return Notification(coding)
+                .message(record, "receiver", Notification::Unsaid)
+                .frame(coding);
         };
         const TrelanMessage expected = record.toObject().toMessage("receiver");
         QCOMPARE(frame(TrelanTransport::Classic), classicFrame(expected));

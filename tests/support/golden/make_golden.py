@@ -91,6 +91,7 @@ def written_rows():
     written("handshake-transient",
             request("handshake", {"name": "a", "prompt": True, "transient": True}))
     written("handshake-features", request("handshake", {"features": True, "name": "me"}))
+    written("sub-told", request("sub", {"now": True, "told": True, "wc": "room.*"}))
     written("no-data", request("sub", {}))
     written("object", request("pub", plain))
     written("unicode", request("pub", dict(plain, cnt={
@@ -156,12 +157,31 @@ def reply_from_bus(operation, data):
     return {"data": data, "operation": operation, "result": {"code": 0, "description": ""}}
 
 
+def delivered(name, text, sender, time="<time>"):
+    """A message that the bus delivers; its text is written as the rest of the envelope is."""
+    def envelope(msg):
+        return {"operation": "sendMessage", "data": {
+            "dt": time, "msg": msg, "ops": 0, "s": sender, "r": "me", "uid": "<id>"}}
+    compact = json.dumps(text, ensure_ascii=False, separators=(",", ":"))
+    BUS.append({"name": name, "classic": indented(envelope(indented(text))),
+                "light": json.dumps(envelope(compact), ensure_ascii=False, separators=(",", ":"))})
+
+
+def told_rows():
+    value = {"__context__": {"celsius": 12}, "__name__": "room.cellar", "__reason__": "sub"}
+    delivered("plain", value, "thermometer", "1700000000123")
+    delivered("now", dict(value, __stored__="now"), "thermometer", "1700000000123")
+    delivered("changed", dict(value, __stored__="changed"), "thermometer", "1700000000123")
+    delivered("told", {"__reason__": "told", "__sub__": "room.*"}, "me")
+
+
 def bus_rows():
-    features = ["clients", "now", "prompt", "transient"]
+    features = ["clients", "now", "prompt", "told", "transient"]
     for channel in ("query", "message"):
         from_bus(f"features-{channel}", reply_from_bus("handshake", {
             "channel": channel, "features": features, "instance": "<id>"}))
     from_bus("no-features", reply_from_bus("handshake", {}))
+    told_rows()
 
 
 def main():

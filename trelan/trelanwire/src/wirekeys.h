@@ -53,6 +53,7 @@ TRELAN_WIRE_WORD(OBJECTS, "objects")
 TRELAN_WIRE_WORD(WILDCARD, "wc")
 TRELAN_WIRE_WORD(WILDCARDS, "wcs")
 TRELAN_WIRE_WORD(NOW, "now")
+TRELAN_WIRE_WORD(TOLD, "told")
 TRELAN_WIRE_WORD(CLIENTS, "clients")
 
 // What a bus answers to a handshake that asks for its features, beside "features".
@@ -68,10 +69,13 @@ TRELAN_WIRE_WORD(CLIENT_QUEUED_BYTES, "queuedBytes")
 TRELAN_WIRE_WORD(CLIENT_IN, "in")
 TRELAN_WIRE_WORD(CLIENT_OUT, "out")
 
-// The text of a notification and of a command. Both say "__name__".
+// The text of a notification, of a marker behind notifications, and of a command. Notifications and
+// commands say "__name__".
 TRELAN_WIRE_WORD(NOTIFIED_REASON, "__reason__")
 TRELAN_WIRE_WORD(NOTIFIED_NAME, "__name__")
 TRELAN_WIRE_WORD(NOTIFIED_CONTENT, "__context__")
+TRELAN_WIRE_WORD(NOTIFIED_STORED, "__stored__")
+TRELAN_WIRE_WORD(MARKED_SUBSCRIPTION, "__sub__")
 TRELAN_WIRE_WORD(COMMAND, "__cmd__")
 TRELAN_WIRE_WORD(COMMAND_NAME, "__name__")
 TRELAN_WIRE_WORD(COMMAND_PARAMS, "__params__")
@@ -102,6 +106,7 @@ namespace bus::features
 TRELAN_WIRE_WORD(CLIENTS, "clients")
 TRELAN_WIRE_WORD(NOW, "now")
 TRELAN_WIRE_WORD(PROMPT, "prompt")
+TRELAN_WIRE_WORD(TOLD, "told")
 TRELAN_WIRE_WORD(TRANSIENT, "transient")
 
 } // namespace bus::features
@@ -120,7 +125,17 @@ namespace bus::reasons
 {
 
 TRELAN_WIRE_WORD(SUBSCRIPTION, "sub")
+TRELAN_WIRE_WORD(TOLD, "told")
 
 } // namespace bus::reasons
+
+/// Why a client is told of a stored object, if it wants to know.
+namespace bus::occasions
+{
+
+TRELAN_WIRE_WORD(NOW, "now")
+TRELAN_WIRE_WORD(CHANGED, "changed")
+
+} // namespace bus::occasions
 
 #undef TRELAN_WIRE_WORD

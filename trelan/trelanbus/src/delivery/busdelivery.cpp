@@ -13,6 +13,8 @@ namespace
 const QString LOGGER_NAME = QStringLiteral("logger");
 constexpr qint64 LOG_WARNING_INTERVAL_MS = 60LL * 60 * 1000;
 constexpr int CONFLATED_BYTES_SHARE = 16; // a sixteenth of the bytes of a client
+constexpr int MAX_MARKERS = 100;
+constexpr qint64 MARKER_COST = 512; // bytes beside its wildcards
 
 TrelanError boundFault(const QString &description)
 {
@@ -160,31 +162,87 @@ BusDelivery::Overruns BusDelivery::deliver(const ObjectRecord &record, const QSt
 BusDelivery::Overruns BusDelivery::deliverStored(const QStringList &objects, const QString &client)
 {
     Notification notification(_settings.coding());
+    const Overruns overruns = queueStored(objects, client, notification);
+    if (overruns.isEmpty())
+        sendMore(client, notification);
+    return overruns;
+}
+
+BusDelivery::Overruns BusDelivery::tellStored(const QStringList &objects, const QString &client,
+                                              const QString &wildcards)
+{
+    _told.insert(client);
+    Notification notification(_settings.coding());
+    const Overruns overruns = queueStored(objects, client, notification);
+    if (overruns.isEmpty()) {
+        append(client, notification.marker(client, wildcards), now());
+        sendMore(client, notification);
+    }
+    return overruns;
+}
+
+BusDelivery::Overruns BusDelivery::queueStored(const QStringList &objects, const QString &client,
+                                               Notification &notification)
+{
     for (const QString &object : objects) {
         const ObjectRecord *record = _storage.find(object);
         const QString overrun = record ? notify(client, *record, true, notification) : QString();
         if (!overrun.isEmpty())
             return {{client, overrun}};
     }
-    sendMore(client, notification);
     return {};
 }
 
-/// Queues a notification. Returns the bound that the client is past, for people; usually nothing.
-QString BusDelivery::notify(const QString &name, const ObjectRecord &record, bool fresh,
+/// Markers have bounds of their own: a client that has been away for long, and whose messages fill
+/// its queue, has to be able to subscribe.
+TrelanError BusDelivery::toldFault(const QString &client, const QString &wildcards) const
+{
+    const qint64 cost = MARKER_COST + wildcards.size() * qint64(sizeof(QChar));
+    const auto known = _clients.constFind(client);
+    const int markers = known == _clients.constEnd() ? 0 : known->queue.markerCount();
+    const qint64 most = _settings.maxClientBytes() / CONFLATED_BYTES_SHARE;
+    if (markers >= MAX_MARKERS) {
+        return boundFault(QStringLiteral("client %1 has %2 subscriptions to be told of at most")
+                              .arg(names::quoted(client))
+                              .arg(MAX_MARKERS));
+    }
+    if (markers > 0 && known->queue.markerBytes() + cost > most) {
+        return boundFault(
+            QStringLiteral("client %1 has subscriptions of %2 bytes to be told of at most")
+                .arg(names::quoted(client))
+                .arg(most));
+    }
+    return _bytes + cost > _settings.maxQueuedBytes()
+               ? boundFault(totalFault(_settings.maxQueuedBytes()))
+               : TrelanError();
+}
+
+/// What a notification of a stored object says to a client. If \a now, the client has asked for the
+/// value.
+Notification::Stored BusDelivery::wording(const QString &client, bool now) const
+{
+    if (_told.isEmpty() || !_told.contains(client))
+        return Notification::Unsaid;
+    return now ? Notification::Now : Notification::Changed;
+}
+
+/// Queues a notification. If \a now, the client has asked for the value, and may know its id.
+/// Returns the bound that the client is past, for people; usually nothing.
+QString BusDelivery::notify(const QString &name, const ObjectRecord &record, bool now,
                             Notification &notification)
 {
     if (Notification::isKept(record) && isBehind(name, record))
-        return appendName(name, record.head.name, fresh);
-    QueuedMessage message = notification.message(record, name);
-    if (fresh)
+        return appendName(name, record.head.name, now);
+    QueuedMessage message = notification.message(record, name, wording(name, now));
+    if (now)
         message.setUid(names::freshUid());
-    append(name, std::move(message), now());
+    append(name, std::move(message), this->now());
     return {};
 }
 
 void BusDelivery::dropNotifications(const QString &client)
 {
+    _told.remove(client);
     const auto known = _clients.find(client);
     if (known == _clients.end())
         return;
@@ -240,9 +298,9 @@ void BusDelivery::sendMore(const QString &client)
 
 void BusDelivery::sendMore(const QString &name, Notification &notification)
 {
-    const auto newest = [&](const QString &object) {
+    const auto newest = [&](const QString &object, bool now) {
         const ObjectRecord *record = _storage.find(object);
-        return record ? notification.message(*record, name) : QueuedMessage();
+        return record ? notification.message(*record, name, wording(name, now)) : QueuedMessage();
     };
     for (;;) {
         // Look the client up each time, since sending may find the connection at its end.
@@ -373,7 +431,7 @@ bool BusDelivery::isBehind(const QString &name, const ObjectRecord &record) cons
            queue.bytes() + cost > _settings.maxClientBytes() / CONFLATED_BYTES_SHARE;
 }
 
-QString BusDelivery::appendName(const QString &name, const QString &object, bool fresh)
+QString BusDelivery::appendName(const QString &name, const QString &object, bool now)
 {
     ClientQueue &queue = client(name).queue;
     if (!queue.hasName(object)) {
@@ -385,7 +443,7 @@ QString BusDelivery::appendName(const QString &name, const QString &object, bool
             return totalFault(_settings.maxQueuedBytes());
     }
     const ObjectRecord *record = _storage.find(object);
-    queue.appendName(record ? record->head.name : object, fresh);
+    queue.appendName(record ? record->head.name : object, now, now);
     settleAccount(name);
     return {};
 }

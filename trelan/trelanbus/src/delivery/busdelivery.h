@@ -11,6 +11,7 @@
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
 #include <QtCore/QMap>
+#include <QtCore/QSet>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
@@ -53,6 +54,13 @@ public:
     Overruns deliver(const ObjectRecord &record, const QStringList &clients);
     /// Notifies \a client of the stored values of these objects, with ids that it cannot know.
     Overruns deliverStored(const QStringList &objects, const QString &client);
+    /// Notifies \a client of the stored values and, when it has them all, that they were all, which
+    /// repeats \a wildcards. From now on its notifications of stored objects say whether they are
+    /// changes, until dropNotifications(). toldFault() has to be asked before.
+    Overruns tellStored(const QStringList &objects, const QString &client,
+                        const QString &wildcards);
+    /// Why \a client cannot be told now that all values of \a wildcards have been told.
+    TrelanError toldFault(const QString &client, const QString &wildcards) const;
     /// The client's subscriptions are gone.
     void dropNotifications(const QString &client);
 
@@ -102,9 +110,12 @@ private:
     TrelanError roomFault(const QString &name, qint64 cost) const;
     bool isFull(const Client &client, int messages, qint64 bytes) const;
     bool isBehind(const QString &name, const ObjectRecord &record) const;
-    QString notify(const QString &name, const ObjectRecord &record, bool fresh,
+    Notification::Stored wording(const QString &client, bool now) const;
+    Overruns queueStored(const QStringList &objects, const QString &client,
+                         Notification &notification);
+    QString notify(const QString &name, const ObjectRecord &record, bool now,
                    Notification &notification);
-    QString appendName(const QString &name, const QString &object, bool fresh);
+    QString appendName(const QString &name, const QString &object, bool now);
     void append(const QString &name, QueuedMessage message, qint64 queuedAt);
     void append(const TrelanMessage &message, qint64 queuedAt, qint64 storedId = 0);
     void keep(const TrelanMessage &message, qint64 cost, const Done &done);
@@ -125,6 +136,7 @@ private:
     const Sent _onSent;
     QElapsedTimer _clock;
     QHash<QString, Client> _clients;
+    QSet<QString> _told;           // clients that are told whether a value is a change
     QCache<QString, qint64> _left; // when a transient client went, by name
     int _absent = 0;               // clients without a connection
     qint64 _bytes = 0;             // of all messages, those on their way to the disk included

@@ -27,25 +27,26 @@ int indexOf(const QList<QueuedMessage> &messages, const QString &key)
 void ClientQueue::append(QueuedMessage message)
 {
     message.number = ++_lastNumber;
-    _bytes += message.cost();
+    account(message, 1);
     _waiting.append(message);
 }
 
-void ClientQueue::appendName(const QString &name, bool fresh)
+void ClientQueue::appendName(const QString &name, bool fresh, bool now)
 {
-    const auto known = _isFresh.find(name);
-    if (known != _isFresh.end()) {
-        *known = *known || fresh;
+    const auto known = _states.find(name);
+    if (known != _states.end()) {
+        known->fresh = known->fresh || fresh;
+        known->now = known->now || now;
         return;
     }
-    _isFresh.insert(name, fresh);
+    _states.insert(name, {fresh, now});
     _names.push_back({name, ++_lastNumber, 0});
     _nameBytes += nameCost(name);
 }
 
 bool ClientQueue::hasName(const QString &name) const
 {
-    return _isFresh.contains(name);
+    return _states.contains(name);
 }
 
 bool ClientQueue::hasNext() const
@@ -77,6 +78,9 @@ QByteArray ClientQueue::takeFrame(qint64 now, const Newest &newest, TrelanTransp
         return {};
     takeNames(newest);
     if (_waiting.isEmpty())
+        return {};
+    // What is in flight may have to be sent again, and then comes before the marker.
+    if (_waiting.first().kind == QueuedMessage::Marker && !_inFlight.isEmpty())
         return {};
     if (_nextFrame.isEmpty()) {
         freshenFirst();
@@ -156,7 +160,7 @@ void ClientQueue::dropNotifications()
     _nextFrame.clear();
     _names.clear();
     _nameBytes = 0;
-    _isFresh.clear();
+    _states.clear();
     for (QueuedMessage &message : _inFlight)
         message.expired = message.expired || message.kind != QueuedMessage::Direct;
 }
@@ -235,6 +239,16 @@ int ClientQueue::nameCount() const
     return int(_names.size());
 }
 
+int ClientQueue::markerCount() const
+{
+    return _markers;
+}
+
+qint64 ClientQueue::markerBytes() const
+{
+    return _markerBytes;
+}
+
 qint64 ClientQueue::bytes() const
 {
     return _bytes;
@@ -258,18 +272,19 @@ void ClientQueue::takeNames(const Newest &newest)
         const Name next = _names.front();
         _names.pop_front();
         _nameBytes -= nameCost(next.name);
-        const bool fresh = _isFresh.take(next.name);
-        QueuedMessage message = newest(next.name);
+        const NameState state = _states.take(next.name);
+        QueuedMessage message = newest(next.name, state.now);
         if (!message.body)
             continue;
-        if (fresh)
+        if (state.fresh)
             message.setUid(names::freshUid());
         message.kind = QueuedMessage::Value;
         message.object = next.name;
         message.conflated = true;
+        message.now = state.now;
         message.resends = next.resends;
         message.number = next.number;
-        _bytes += message.cost();
+        account(message, 1);
         _nextFrame.clear();
         _waiting.prepend(message);
     }
@@ -361,12 +376,26 @@ void ClientQueue::waitAgain(const QueuedMessage &message)
         _waiting.prepend(message);
         return;
     }
-    forget(message);
-    if (_isFresh.contains(message.object))
+    account(message, -1);
+    nameWaitsAgain(message);
+}
+
+/// Has the name wait whose value was in flight. A name that waits already keeps its place, unless
+/// the client has asked for the value: it must come before the marker that closes the values.
+void ClientQueue::nameWaitsAgain(const QueuedMessage &message)
+{
+    const auto known = _states.find(message.object);
+    if (known == _states.end()) {
+        _states.insert(message.object, {false, message.now});
+        _nameBytes += nameCost(message.object);
+    } else if (message.now) {
+        known->now = true;
+        _names.erase(std::find_if(_names.begin(), _names.end(),
+                                  [&](const Name &name) { return name.name == message.object; }));
+    } else {
         return;
-    _isFresh.insert(message.object, false);
+    }
     _names.push_front({message.object, message.number, message.resends});
-    _nameBytes += nameCost(message.object);
 }
 
 /// Whether \a newer is the notification of a later value of the same object.
@@ -376,9 +405,20 @@ bool ClientQueue::isSuperseded(const QueuedMessage &older, const QueuedMessage &
            older.object == newer.object && older.number < newer.number;
 }
 
+/// Adds a message to the sums of the queue, or takes it out of them.
+void ClientQueue::account(const QueuedMessage &message, int sign)
+{
+    const qint64 cost = sign * message.cost();
+    _bytes += cost;
+    if (message.kind == QueuedMessage::Marker) {
+        _markers += sign;
+        _markerBytes += cost;
+    }
+}
+
 void ClientQueue::forget(const QueuedMessage &message)
 {
-    _bytes -= message.cost();
+    account(message, -1);
     if (message.storedId != 0)
         _settled.append(message.storedId);
 }

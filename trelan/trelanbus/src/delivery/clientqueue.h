@@ -24,6 +24,8 @@ namespace bus
 /// last hundred messages. Therefore a window limits what is in flight, and a message that is not
 /// acknowledged although a later one is counts as dropped and is sent again.
 ///
+/// A marker waits until everything before it has been acknowledged or given up.
+///
 /// Besides messages the names of objects can wait, in their place among the messages. A name takes
 /// little memory, and becomes a message with the newest value when its turn comes.
 class ClientQueue
@@ -40,14 +42,16 @@ public:
     static constexpr qint64 ANSWER_WAIT_MS = 60000;
 
     /// The notification of the newest value of an object; without a body if there is none any more.
-    using Newest = std::function<QueuedMessage(const QString &name)>;
+    /// If \a now, the client has asked for the value.
+    using Newest = std::function<QueuedMessage(const QString &name, bool now)>;
 
     /// Appends a message. A time of queueing in the past means that it has waited since then.
     void append(QueuedMessage message);
 
     /// Appends the name of an object, once, however often this is called before its turn comes. If
-    /// \a fresh, its value is sent with an id that the client cannot know yet.
-    void appendName(const QString &name, bool fresh);
+    /// \a fresh, its value is sent with an id that the client cannot know yet. If \a now, the
+    /// client has asked for the value; a change that comes meanwhile does not alter that.
+    void appendName(const QString &name, bool fresh, bool now);
     bool hasName(const QString &name) const;
 
     /// Whether takeFrame() may have a frame; it has none otherwise.
@@ -105,6 +109,8 @@ public:
     /// Messages, the names of objects left out.
     int count() const;
     int nameCount() const;
+    int markerCount() const;
+    qint64 markerBytes() const;
     qint64 bytes() const; ///< of the messages
     qint64 nameBytes() const;
 
@@ -116,6 +122,13 @@ private:
         QString name;
         quint64 number;
         int resends; // of its message
+    };
+
+    /// What is known of a name that waits.
+    struct NameState
+    {
+        bool fresh; // its id has to be new
+        bool now;   // the client has asked for the value
     };
 
     /// A message that the client may remember.
@@ -134,6 +147,8 @@ private:
     bool settleWaiting(const QString &key);
     void sendAgain(int number);
     void waitAgain(const QueuedMessage &message);
+    void nameWaitsAgain(const QueuedMessage &message);
+    void account(const QueuedMessage &message, int sign);
     static bool isSuperseded(const QueuedMessage &older, const QueuedMessage &newer);
     void forget(const QueuedMessage &message);
 
@@ -142,13 +157,15 @@ private:
     std::deque<Name> _names;
     std::deque<Memory> _remembered; // the messages sent last, oldest first
     QSet<QString> _rememberedKeys;
-    QHash<QString, bool> _isFresh; // for each waiting name, whether its id has to be new
+    QHash<QString, NameState> _states; // of the names that wait
     quint64 _lastNumber = 0;
     QList<QueuedMessage> _givenUp;
     QVector<qint64> _settled;
     QByteArray _nextFrame; // of the first waiting message, once it was needed
     qint64 _bytes = 0;
     qint64 _nameBytes = 0;
+    int _markers = 0;
+    qint64 _markerBytes = 0;
     qint64 _bytesInFlight = 0;
     qint64 _maxBytesInFlight = MAX_BYTES_IN_FLIGHT;
     qint64 _heardAt = 0;

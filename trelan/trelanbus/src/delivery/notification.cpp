@@ -3,7 +3,11 @@
 #include "values/busnames.h"
 
 #include <envelopewriter.h>
+#include <jsonwriter.h>
 #include <wirekeys.h>
+
+#include <QtCore/QDateTime>
+#include <QtCore/QVariantMap>
 
 namespace bus
 {
@@ -14,24 +18,61 @@ namespace
 constexpr qint64 FIXED_COST = 512; // bytes of a message beside the content
 constexpr int FIXED_TEXT = 128;    // bytes of the keys around a content
 
-/// The text of the message that TrelanObject::toMessage() makes, in UTF-8.
-QByteArray classicText(const ObjectRecord &record)
+QByteArray squeezed(QByteArray text)
 {
-    QByteArray text = record.toObject().toMessage(QString()).message().toUtf8();
-    text.squeeze(); // toUtf8() leaves room for three times as much
+    text.squeeze(); // writers leave room for more
     return text;
 }
 
-QByteArray lightText(const ObjectRecord &record)
+/// The word for what a notification says of a stored object; empty if it says nothing.
+QString wordOf(Notification::Stored stored)
+{
+    switch (stored) {
+    case Notification::Changed:
+        return occasions::CHANGED;
+    case Notification::Now:
+        return occasions::NOW;
+    case Notification::Unsaid:
+        break;
+    }
+    return {};
+}
+
+/// The text of the message that TrelanObject::toMessage() makes, in UTF-8.
+QByteArray classicText(const ObjectRecord &record)
+{
+    return squeezed(record.toObject().toMessage(QString()).message().toUtf8());
+}
+
+/// The same text with one key more.
+QByteArray classicText(const ObjectRecord &record, const QString &word)
+{
+    return squeezed(json::indented({
+        {keys::NOTIFIED_REASON, QString(reasons::SUBSCRIPTION)},
+        {keys::NOTIFIED_NAME, record.head.name},
+        {keys::NOTIFIED_CONTENT, record.toObject().content()},
+        {keys::NOTIFIED_STORED, word},
+    }));
+}
+
+QByteArray lightText(const ObjectRecord &record, const QString &word)
 {
     QByteArray text;
     text.reserve(record.contentJson.size() + FIXED_TEXT + 2 * record.head.name.size());
-    EnvelopeWriter(text)
-        .raw(keys::NOTIFIED_CONTENT, record.contentJson)
+    EnvelopeWriter writer(text);
+    writer.raw(keys::NOTIFIED_CONTENT, record.contentJson)
         .text(keys::NOTIFIED_NAME, record.head.name)
-        .text(keys::NOTIFIED_REASON, reasons::SUBSCRIPTION)
-        .finish();
+        .text(keys::NOTIFIED_REASON, reasons::SUBSCRIPTION);
+    if (!word.isEmpty())
+        writer.text(keys::NOTIFIED_STORED, word);
+    writer.finish();
     return text;
+}
+
+/// A text of strings only.
+QByteArray textOf(const QVariantMap &map, TrelanTransport::Coding coding)
+{
+    return coding == TrelanTransport::Classic ? json::indented(map) : json::compact(map);
 }
 
 } // namespace
@@ -40,18 +81,35 @@ Notification::Notification(TrelanTransport::Coding coding)
     : _coding(coding)
 {}
 
-QueuedMessage Notification::message(const ObjectRecord &record, const QString &receiver)
+QueuedMessage Notification::message(const ObjectRecord &record, const QString &receiver,
+                                    Stored stored)
 {
-    if (!_body || !_content.isSharedWith(record.contentJson)) {
+    if (!_content.isSharedWith(record.contentJson)) {
         _content = record.contentJson;
-        _body = body(record, _coding);
+        _bodies = {};
     }
+    const bool kept = isKept(record);
+    MessageBody::Ref &shared = _bodies.at(kept ? stored : Unsaid);
+    if (!shared)
+        shared = body(record, kept ? stored : Unsaid);
     const ObjectHead &head = record.head;
     const QString &uid = record.deliveryUid.isEmpty() ? head.uid : record.deliveryUid;
-    QueuedMessage message(_body, receiver, uid);
-    message.kind = isKept(record) ? QueuedMessage::Value : QueuedMessage::Event;
+    QueuedMessage message(shared, receiver, uid);
+    message.kind = kept ? QueuedMessage::Value : QueuedMessage::Event;
     message.object = head.name;
     return message;
+}
+
+QueuedMessage Notification::marker(const QString &client, const QString &wildcards) const
+{
+    const QByteArray text = textOf(
+        {{keys::NOTIFIED_REASON, QString(reasons::TOLD)}, {keys::MARKED_SUBSCRIPTION, wildcards}},
+        _coding);
+    const auto body = std::make_shared<const MessageBody>(squeezed(text), client,
+                                                          QDateTime::currentMSecsSinceEpoch());
+    QueuedMessage marker(body, client, names::freshUid());
+    marker.kind = QueuedMessage::Marker;
+    return marker;
 }
 
 bool Notification::isKept(const ObjectRecord &record)
@@ -64,10 +122,13 @@ qint64 Notification::cost(const ObjectRecord &record)
     return FIXED_COST + qint64(record.contentJson.size()) * qint64(sizeof(QChar));
 }
 
-MessageBody::Ref Notification::body(const ObjectRecord &record, TrelanTransport::Coding coding)
+MessageBody::Ref Notification::body(const ObjectRecord &record, Stored stored) const
 {
-    const QByteArray text =
-        coding == TrelanTransport::Classic ? classicText(record) : lightText(record);
+    const QString word = wordOf(stored);
+    const bool isClassic = _coding == TrelanTransport::Classic;
+    const QByteArray text = !isClassic       ? lightText(record, word)
+                            : word.isEmpty() ? classicText(record)
+                                             : classicText(record, word);
     return std::make_shared<const MessageBody>(text, record.head.publisher, record.head.time);
 }
 

@@ -8,6 +8,8 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
 
+#include <array>
+
 namespace bus
 {
 
@@ -20,20 +22,32 @@ class Notification
 public:
     explicit Notification(TrelanTransport::Coding coding);
 
-    /// The message that tells \a receiver of \a record.
-    QueuedMessage message(const ObjectRecord &record, const QString &receiver);
+    /// What a notification says of an object that is stored.
+    enum Stored {
+        Unsaid,  ///< nothing, to a client that has not asked
+        Changed, ///< that it was published
+        Now      ///< that it is stored, as the client wanted to know
+    };
+
+    /// The message that tells \a receiver of \a record. Of an object that is not stored it says
+    /// nothing but its value.
+    QueuedMessage message(const ObjectRecord &record, const QString &receiver, Stored stored);
+
+    /// The message that tells \a client that all values of a subscription have been told. \a
+    /// wildcards is its text.
+    QueuedMessage marker(const QString &client, const QString &wildcards) const;
 
     /// Whether the storage keeps the value, so that it can be read there when it is sent.
     static bool isKept(const ObjectRecord &record);
     /// How many bytes the waiting message takes, roughly.
     static qint64 cost(const ObjectRecord &record);
-    /// What all subscribers are told of \a record.
-    static MessageBody::Ref body(const ObjectRecord &record, TrelanTransport::Coding coding);
 
 private:
+    MessageBody::Ref body(const ObjectRecord &record, Stored stored) const;
+
     TrelanTransport::Coding _coding;
-    QByteArray _content; // of the last value; shared with its record
-    MessageBody::Ref _body;
+    QByteArray _content;                           // of the last value; shared with its record
+    std::array<MessageBody::Ref, Now + 1> _bodies; // by Stored, each made when it is needed
 };
 
 } // namespace bus

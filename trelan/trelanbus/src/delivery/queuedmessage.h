@@ -16,7 +16,8 @@ struct QueuedMessage
     enum Kind {
         Direct, ///< from another client
         Value,  ///< notification of a stored object
-        Event   ///< notification of an object that is not stored
+        Event,  ///< notification of an object that is not stored
+        Marker  ///< says that everything before it has been told
     };
 
     MessageBody::Ref body;
@@ -33,6 +34,7 @@ struct QueuedMessage
     int resends = 0;
     bool sent = false;      // at least once
     bool conflated = false; // the value is read from the storage each time it is sent
+    bool now = false;       // a value that the client has asked for, rather than a change
     bool expired = false;   // not to be sent again
     bool outlived = false;  // given up after the lifetime of messages
 

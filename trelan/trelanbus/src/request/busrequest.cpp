@@ -25,6 +25,9 @@ constexpr int MAX_CONTENT_DEPTH = 1000;
 // No operation has a longer name. The reply repeats the word, which must not take long to encode.
 constexpr int MAX_WORD = 64;
 
+// The marker behind the values repeats the wildcards, and waits in the queue of the client.
+constexpr int MAX_TOLD = 65536;
+
 const QString LIST_SEPARATOR = QStringLiteral("::");
 
 TrelanError dataFault(const QString &description)
@@ -216,6 +219,7 @@ bool takeWildcards(const QVariantMap &data, BusRequest &request)
     QString text;
     if (!takeText(data, one ? QString(keys::WILDCARD) : QString(keys::WILDCARDS), text, request))
         return false;
+    request.wildcards = text;
     if (one)
         request.names.append(text);
     else if (!text.isEmpty())
@@ -227,12 +231,33 @@ bool takeWildcards(const QVariantMap &data, BusRequest &request)
     return true;
 }
 
+/// What is wrong with a subscription that is to be told, for people; empty if nothing is.
+QString toldFault(const BusRequest &request)
+{
+    if (!request.now)
+        return QStringLiteral("\"told\" goes with \"now\" only");
+    if (request.wildcards.size() > MAX_TOLD) {
+        return QStringLiteral("wildcards of %1 characters are longer than %2 with \"told\"")
+            .arg(request.wildcards.size())
+            .arg(MAX_TOLD);
+    }
+    return {};
+}
+
 bool parseSubscribe(const QVariantMap &data, BusRequest &request)
 {
     if (!takeWildcards(data, request) ||
-        !checkTypes(data, {{keys::NOW, "true or false", isTruth}}, request))
+        !checkTypes(data,
+                    {{keys::NOW, "true or false", isTruth}, {keys::TOLD, "true or false", isTruth}},
+                    request))
         return false;
     request.now = data.value(keys::NOW).toBool();
+    request.told = data.value(keys::TOLD).toBool();
+    const QString told = request.told ? toldFault(request) : QString();
+    if (!told.isEmpty()) {
+        request.fault = dataFault(told);
+        return false;
+    }
     for (const QString &wildcard : std::as_const(request.names)) {
         const QString fault = names::wildcardFault(wildcard);
         if (!fault.isEmpty()) {

@@ -46,6 +46,8 @@ struct BusRequest
     bool transient = false; ///< Handshake: nothing waits for the client once it has gone
     bool features = false;  ///< Handshake: asks what the bus can do
     bool now = false;       ///< Subscribe: with the values that are stored
+    bool told = false;      ///< Subscribe: says which values those are, and which is the last
+    QString wildcards;      ///< Subscribe: the text that came
     QStringList names;      ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
     std::optional<TrelanMessage> message; ///< SendMessage; with the time, without a sender
     ObjectRecord record; ///< Publish; without publisher, and without uid where none was sent

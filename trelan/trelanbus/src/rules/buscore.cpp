@@ -24,7 +24,8 @@ constexpr qint64 FEATURES_COST = 512;
 /// What this bus can do beyond what every bus can, sorted.
 QStringList featureNames()
 {
-    return {features::CLIENTS, features::NOW, features::PROMPT, features::TRANSIENT};
+    return {features::CLIENTS, features::NOW, features::PROMPT, features::TOLD,
+            features::TRANSIENT};
 }
 
 void logPublish(const ObjectHead &object)
@@ -264,44 +265,53 @@ void BusCore::subscribe(ConnectionId id, const BusRequest &request)
         if (_subscriptions.count(client) + added.size() > _maxSubscriptions)
             break; // a frame has room for millions of wildcards
     }
-    if (_subscriptions.count(client) + added.size() > _maxSubscriptions) {
-        _output.reply(
-            id, request.word,
-            {TrelanError::IncorrectRequestData,
-             QStringLiteral("a client has %1 subscriptions at most").arg(_maxSubscriptions)});
-        return;
-    }
     QStringList distinct; // one wildcard may be there a million times
-    if (request.now) {
+    if (request.now && _subscriptions.count(client) + added.size() <= _maxSubscriptions) {
         distinct = request.names;
         distinct.removeDuplicates();
-        if (distinct.size() > 1 &&
-            qint64(distinct.size()) * _storage.objectCount() > MAX_TESTS_AT_ONCE) {
-            _output.reply(id, request.word,
-                          {TrelanError::IncorrectRequestData,
-                           QStringLiteral("%1 wildcards and %2 stored objects are too many at once")
-                               .arg(distinct.size())
-                               .arg(_storage.objectCount())});
-            return;
-        }
+    }
+    const TrelanError fault = subscriptionFault(client, request, added.size(), distinct.size());
+    if (fault.error() != TrelanError::NoError) {
+        _output.reply(id, request.word, fault);
+        return;
     }
     for (const QString &wildcard : std::as_const(added))
         _subscriptions.add(client, wildcard);
     _output.reply(id, request.word, TrelanError());
     if (request.now)
-        notifyOfStored(_queryClients.name(id), distinct);
+        notifyOfStored(_queryClients.name(id), distinct, request);
+}
+
+/// What is wrong with a subscription that adds so many wildcards, and asks for the values of so
+/// many.
+TrelanError BusCore::subscriptionFault(const QString &client, const BusRequest &request, int added,
+                                       int valued) const
+{
+    if (_subscriptions.count(client) + added > _maxSubscriptions) {
+        return {TrelanError::IncorrectRequestData,
+                QStringLiteral("a client has %1 subscriptions at most").arg(_maxSubscriptions)};
+    }
+    if (valued > 1 && qint64(valued) * _storage.objectCount() > MAX_TESTS_AT_ONCE) {
+        return {TrelanError::IncorrectRequestData,
+                QStringLiteral("%1 wildcards and %2 stored objects are too many at once")
+                    .arg(valued)
+                    .arg(_storage.objectCount())};
+    }
+    return request.told ? _delivery.toldFault(client, request.wildcards) : TrelanError();
 }
 
 /// Runs in one step with the subscription, so that the client hears of every later change
 /// afterwards.
-void BusCore::notifyOfStored(const QString &client, const QStringList &wildcards)
+void BusCore::notifyOfStored(const QString &client, const QStringList &wildcards,
+                             const BusRequest &request)
 {
     if (client.isEmpty())
         return; // it ended while it was answered
     QStringList names = _storage.namesMatching(wildcards);
     std::sort(names.begin(), names.end());
     _order.skip(client, QSet<QString>(names.cbegin(), names.cend()));
-    closeReceivers(_delivery.deliverStored(names, client));
+    closeReceivers(request.told ? _delivery.tellStored(names, client, request.wildcards)
+                                : _delivery.deliverStored(names, client));
 }
 
 void BusCore::listClients(ConnectionId id, const BusRequest &request)

@@ -57,7 +57,10 @@ private:
     void loadObjects(ConnectionId id, const BusRequest &request);
     void subscribe(ConnectionId id, const BusRequest &request);
     void unsubscribe(ConnectionId id, const BusRequest &request);
-    void notifyOfStored(const QString &client, const QStringList &wildcards);
+    TrelanError subscriptionFault(const QString &client, const BusRequest &request, int added,
+                                  int valued) const;
+    void notifyOfStored(const QString &client, const QStringList &wildcards,
+                        const BusRequest &request);
     void listClients(ConnectionId id, const BusRequest &request);
     QVariantMap clientData(const QString &name) const;
     void sendMessage(ConnectionId id, const BusRequest &request);
