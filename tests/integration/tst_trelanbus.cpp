@@ -50,6 +50,7 @@ private Q_SLOTS:
         rows("2 \"wcs\" has to be a string", {"sub {'wcs':['a']}"});
         rows("2 either \"wc\" or \"wcs\"", {"sub {}", "sub {'wc':'a','wcs':'b'}"});
         rows("2 \"told\" has to be true or false", {"sub {'wc':'a','now':true,'told':1}"});
+        rows("2 \"removals\" has to be true or false", {"sub {'wc':'a','removals':0}"});
         rows("2 \"told\" goes with \"now\" only",
              {"sub {'wc':'a','told':true}", "sub {'wc':'a','now':false,'told':true}"});
         rows("2 wildcards of 65554 characters",

@@ -1,3 +1,4 @@
+#include "logcapture.h"
 #include "rawpeer.h"
 #include "testtable.h"
 
@@ -24,12 +25,14 @@ struct CodedBus : TestBus
     {}
 };
 
-/// The text of a message, in short: "name=x stored", or "reason wildcards" of a marker.
+/// The text of a message, in short: "name=x stored", "told wildcards", or "-name" of a removal.
 QString shortOf(const QVariantMap &message)
 {
     const auto text = QJsonDocument::fromJson(message["msg"].toString().toUtf8()).object();
     if (text.contains("__sub__"))
         return text["__reason__"].toString() + ' ' + text["__sub__"].toString();
+    if (text["__reason__"] == "removed")
+        return '-' + text["__name__"].toString();
     return text["__name__"].toString() + '=' + QString::number(text["__context__"]["x"].toInt()) +
            ' ' + text["__stored__"].toString();
 }
@@ -104,6 +107,18 @@ class tst_TrelanFeatures : public QObject
         return {};
     }
 
+    /// Whether the next delivery is as it has to be written, and nothing comes before it is
+    /// acknowledged.
+    static bool receivesGolden(Reader &reader, const QString &name)
+    {
+        const QVariantMap message = reader.messages->receiveDelivery();
+        const QString expected = written(name, message["uid"].toString(), message["dt"].toString());
+        const bool isRight = QString::fromUtf8(reader.messages->text()) == expected;
+        if (!isRight)
+            qWarning().noquote() << reader.messages->text() << "instead of" << expected;
+        return isRight && reader.isQuiet() && reader.messages->acknowledge(message);
+    }
+
 private Q_SLOTS:
     void initTestCase_data()
     {
@@ -146,15 +161,7 @@ private Q_SLOTS:
         QVERIFY(reader.open());
         const QByteArray value =
             "'nm':'room.cellar','uid':'u','dt':'1700000000123','cnt':{'celsius':12}";
-        const auto receives = [&](const QString &name) {
-            const QVariantMap message = reader.messages->receiveDelivery();
-            const QString expected =
-                written(name, message["uid"].toString(), message["dt"].toString());
-            if (QString::fromUtf8(reader.messages->text()) != expected)
-                qWarning().noquote() << reader.messages->text() << "instead of" << expected;
-            const bool isRight = QString::fromUtf8(reader.messages->text()) == expected;
-            return isRight && reader.isQuiet() && reader.messages->acknowledge(message);
-        };
+        const auto receives = [&](const QString &name) { return receivesGolden(reader, name); };
         QCOMPARE(reader.query.ask("sub {'wc':'room.*'}"), "0 ");
         QCOMPARE(writer.ask("pub {'opt':2," + value + "}"), "0 ");
         QVERIFY(receives("plain"));
@@ -209,6 +216,162 @@ private Q_SLOTS:
         QVERIFY(reader.query.awaitEnd());
         QCOMPARE(newer.ask("sub {'wc':'c','now':true}"), "0 ");
         QCOMPARE(reader.receive(), "c=4 ");
+    }
+
+    void removals()
+    {
+        CodedBus server;
+        RawPeer writer(server, "thermometer"), other(server, "other"), others;
+        Reader reader(server);
+        QVERIFY(reader.open() && others.connectTo(server.msgPort()));
+        QCOMPARE(others.ask("handshake {'name':'other'}"), "0 ");
+        QCOMPARE(other.ask("sub {'wc':'*'}"), "0 ");
+        QVERIFY(reader.query.send(golden("sub-removals")));
+        QCOMPARE(reader.query.receive(), "0 ");
+        const QByteArray value = "pub {'nm':'room.cellar','opt':2,'uid':'u','cnt':{'x':1}}";
+        const QByteArray remove = "rm {'objects':['room.cellar','room.none','room.cellar']}";
+        for (int i = 0; i < 2; ++i) { // the second time under an id that the reader knows
+            QCOMPARE(writer.ask(value), "0 ");
+            QCOMPARE(reader.receive(), "room.cellar=1 ");
+            QCOMPARE(writer.ask(remove), "0 ");
+            QVERIFY(receivesGolden(reader, "removed"));
+        }
+        QCOMPARE(writer.ask(remove), "0 "); // it is not there any more
+        QVERIFY(reader.isQuiet());
+        QCOMPARE(reader.query.ask("sub {'wc':'room.*'}"), "0 "); // leaves removals as they are
+        QCOMPARE(writer.ask(value), "0 ");
+        QCOMPARE(reader.receive(), "room.cellar=1 ");
+        QCOMPARE(writer.ask(remove), "0 ");
+        QCOMPARE(reader.receive(false), "-room.cellar");
+        QVERIFY(reader.open());
+        QCOMPARE(reader.receive(), "-room.cellar");
+        QCOMPARE(reader.query.ask("unsub {'wc':'room.*'}"), "0 ");
+        QCOMPARE(reader.query.ask("sub {'wc':'room.*'}"), "0 ");
+        QCOMPARE(writer.ask(value), "0 ");
+        QCOMPARE(reader.receive(), "room.cellar=1 ");
+        QCOMPARE(writer.ask(remove), "0 ");
+        QVERIFY(reader.isQuiet());
+        for (int i = 0; i < 3; ++i) { // nor is who has not asked told of any; same value, same id
+            QCOMPARE(shortOf(others.receiveDelivery()), "room.cellar=1 ");
+        }
+    }
+
+    /// A client that is behind ends with what is there, in few words.
+    void removalsWait()
+    {
+        TrelanBusSettings settings;
+        settings.setConflateAbove(1);
+        CodedBus server(settings);
+        RawPeer writer(server, "writer");
+        Reader reader(server);
+        for (const QByteArray name : {"a", "b", "c", "d"})
+            QCOMPARE(publish(writer, name, 1), "0 ");
+        QCOMPARE(reader.query.ask("sub {'wc':'*','now':true,'told':true,'removals':true}"), "0 ");
+        QCOMPARE(publish(writer, "e", 1), "0 ");
+        QCOMPARE(writer.ask("rm {'objects':['a','b','c','e']}"), "0 ");
+        QCOMPARE(publish(writer, "c", 2), "0 ");
+        QVERIFY(reader.open());
+        // The value of a is no name that waits: it was queued as a whole.
+        QCOMPARE(reader.receive(false), "a=1 now");
+        QCOMPARE(reader.receive(false), "-b");
+        QVERIFY(reader.open());
+        QCOMPARE(reader.receive(5), "a=1 now, -b, c=2 now, d=1 now, told *");
+        QCOMPARE(reader.receive(2), "-e, -a");
+        QVERIFY(reader.isQuiet());
+    }
+
+    /// Removals keep their place among publishes, and none comes behind a newer value.
+    void removalsBehindTheDisk()
+    {
+        const QTemporaryDir folder;
+        TrelanBusSettings settings;
+        settings.setDataFolder(folder.path());
+        CodedBus server(settings);
+        RawPeer slow(server, "slow"), writer(server, "writer");
+        Reader reader(server);
+        QVERIFY(reader.open());
+        QCOMPARE(reader.query.ask("sub {'wc':'*','removals':true}"), "0 ");
+        const auto permanent = [](int x) {
+            return RawPeer::frame("pub {'nm':'p','opt':6,'cnt':{'x':" + QByteArray::number(x) +
+                                  "}}");
+        };
+        for (int i = 1; i <= 10; ++i) {
+            QVERIFY(slow.send(permanent(i)));
+            QCOMPARE(publish(writer, "a", i), "0 ");
+            QCOMPARE(writer.ask("rm {'objects':['a','p']}"), "0 "); // waits for the disk as well
+            QCOMPARE(publish(writer, "a", -i), "0 ");
+            QCOMPARE(slow.receive(), "0 ");
+            QCOMPARE(publish(writer, "end", i), "0 ");
+            QStringList received {reader.receive()};
+            while (received.last() != QString("end=%1 ").arg(i))
+                received << reader.receive();
+            const QString text = received.join(',');
+            const QString value = QString("a=%1 ,").arg(i), newer = QString("a=-%1 ,").arg(i);
+            QVERIFY2(received.count(value.chopped(1)) == 1 && received.count("-a") <= 1 &&
+                         text.indexOf(value) < text.indexOf(newer) &&
+                         text.indexOf("-a,") < text.indexOf(newer),
+                     qPrintable(text));
+        }
+    }
+
+    /// Very many removals hold nobody up.
+    void removalsOfMany()
+    {
+        constexpr int OBJECTS = 3000;
+        CodedBus server;
+        RawPeer writer(server, "writer"), other(server, "other");
+        Reader reader(server);
+        QByteArrayList names;
+        for (int i = 0; i < OBJECTS; ++i) {
+            names << "'a." + QByteArray::number(i) + '\'';
+            QVERIFY(writer.send(RawPeer::frame("pub {'opt':2,'nm':" + names.last() + "}")));
+        }
+        for (int i = 0; i < OBJECTS; ++i)
+            QCOMPARE(writer.receive(), "0 ");
+        QCOMPARE(other.ask("sub {'wcs':'a.+::*','removals':true}"), "0 ");
+        QVERIFY(reader.open());
+        QCOMPARE(reader.query.ask("sub {'wc':'*','removals':true}"), "0 ");
+        // Both requests are there at once: the second one is answered in between.
+        QVERIFY(writer.send(RawPeer::frame("rm {'objects':[" + names.join(',') + "]}") +
+                            RawPeer::frame("clients {}")));
+        QCOMPARE(writer.receive(), "0 ");
+        QCOMPARE(writer.receive(), "0 ");
+        const QVariantMap first = writer.data()["clients"].toList()[1].toMap();
+        QCOMPARE(first["name"].toString(), "other");
+        QVERIFY2(first["queued"].toInt() < OBJECTS / 2, qPrintable(first["queued"].toString()));
+        QSet<QString> removed;
+        for (int i = 0; i < OBJECTS; ++i)
+            removed.insert(reader.receive());
+        QCOMPARE(removed.size(), OBJECTS);
+        QVERIFY(removed.contains("-a.2999"));
+    }
+
+    void removalsPastTheBound()
+    {
+        LogCapture log;
+        TrelanBusSettings settings;
+        settings.setConflateAbove(1);
+        settings.setMaxClientNames(3);
+        CodedBus server(settings);
+        RawPeer writer(server, "writer");
+        Reader reader(server);
+        for (const QByteArray name : {"a", "b", "c", "d", "e"})
+            QCOMPARE(publish(writer, name, 1), "0 ");
+        QVERIFY(reader.open());
+        for (int i = 0; i < 64; ++i) // fills the window
+            QCOMPARE(writer.ask("sendMessage {'r':'me','msg':''}"), "0 ");
+        QCOMPARE(reader.query.ask("sub {'wc':'*','removals':true}"), "0 ");
+        QCOMPARE(writer.ask("rm {'objects':['a','b','c','d','e']}"), "0 ");
+        QVERIFY(reader.messages->awaitEnd());
+        QCOMPARE(log.faults().join('\n'),
+                 "warning: client \"me\" loses its subscriptions and its message connection: 3 "
+                 "objects wait for it at most");
+        QCOMPARE(publish(writer, "a", 1), "0 ");
+        QCOMPARE(writer.ask("rm {'objects':['a']}"), "0 ");
+        QCOMPARE(writer.ask("clients {}"), "0 ");
+        const QVariantMap me = writer.data()["clients"].toList()[0].toMap();
+        QCOMPARE(me["subscriptions"].toInt(), 0);
+        QCOMPARE(me["queued"].toInt(), 64); // the messages
     }
 
     void boundsOfMarkers()

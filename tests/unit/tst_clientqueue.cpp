@@ -10,8 +10,9 @@ using namespace bus;
 /// acknowledged; "t60000" is the time; "prompt" is how the client reads; "restart", "drop" and
 /// "check" are the queue's; "send" sends what may be sent. "@x" queues the name of the object x,
 /// whose newest value "$x" changes and "-x" removes; "&x" queues the name for a client that has
-/// asked for the value, which is sent as "x=". "#m" queues a marker. What is sent and what is given
-/// up ("!a") is the outcome.
+/// asked for the value, which is sent as "x="; "%x" queues
+/// its removal, which is sent as "-x" unless there is a value. "#m" queues a marker. What is sent
+/// and what is given up ("!a") is the outcome.
 class tst_ClientQueue : public QObject
 {
     Q_OBJECT
@@ -115,6 +116,14 @@ private Q_SLOTS:
             "&x #m send @x $x restart send ~x1= send ~m", "x= x1= m", 0);
         row("a marker ends with the subscription", "na1 #m #n send ~a1 send drop ~m send", "a1 m",
             0);
+        row("removed while it waits", "@x -x %x send ~-x", "-x", 0);
+        row("removed, and there again", "-x %x $x @x send ~x1", "x1", 0);
+        row("removed after it was sent", "@x send -x %x send ~-x ~x send", "x -x", 0);
+        row("removal and a new connection", "-x %x +a send restart send ~-x ~a", "-x a -x a", 0);
+        row("removal, a value, and a new connection", "-x %x send $x @x restart send ~x1", "-x x1",
+            0);
+        row("a value that was removed comes under a known id",
+            "nx1 send ~x1 -x %x send ~-x nx1 send", "x1 -x fresh", 1);
         row("32 KiB", "1a 1b 1c 1d send", "a b c", 4);
         row("room for the next", "1a 1b 1c 1d 1e send ~a send", "a b c d", 4);
         row("large has to wait", "+a 7b send", "a", 2);
@@ -127,9 +136,14 @@ private Q_SLOTS:
         ClientQueue queue;
         QStringList outcome;
         QMap<QString, QString> values {{"x", "x"}, {"y", "y"}}; // the ids of the newest values
-        const auto newest = [&values](const QString &name, bool asked) {
-            return values[name].isEmpty() ? QueuedMessage()
-                                          : message(values[name] + (asked ? "=" : ""), 0);
+        const auto newest = [&values](const QString &name, const ClientQueue::NameState &state) {
+            if (!values[name].isEmpty())
+                return message(values[name] + (state.now ? "=" : ""), 0);
+            if (state.removedAt == 0)
+                return QueuedMessage();
+            QueuedMessage removal = message('-' + name, 0);
+            removal.removal = true;
+            return removal;
         };
         qint64 now = 0;
         for (const QString &text : script.split(' ')) {
@@ -145,9 +159,11 @@ private Q_SLOTS:
             else if (text.startsWith('t'))
                 now = rest.toLongLong();
             else if (text.startsWith('@'))
-                queue.appendName(rest, false, false);
+                queue.appendName(rest, {});
             else if (text.startsWith('&'))
-                queue.appendName(rest, false, true);
+                queue.appendName(rest, {false, true, 0, {}});
+            else if (text.startsWith('%'))
+                queue.appendName(rest, {false, false, 7, "s"});
             else if (text.startsWith('$'))
                 values[rest] = rest + '1';
             else if (text.startsWith('-'))

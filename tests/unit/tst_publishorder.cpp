@@ -5,7 +5,9 @@
 using namespace bus;
 
 /// Runs a script of steps. "a" takes a place in the order, "a!" takes effect at that place, "a-"
-/// gives it up, "~a" calls skip() for the object a.
+/// gives it up, "~a" calls skip() for the object a. "a#" is the removal of a and a2 there, which is
+/// told in two turns: "." is the next one. "^" calls skipRemovals(). "()" is behind what the client
+/// does not hear of.
 class tst_PublishOrder : public QObject
 {
     Q_OBJECT
@@ -20,16 +22,30 @@ private Q_SLOTS:
         row("one fails behind another", "a b c c! b- a!", "a c+");
         row("only those in front", "a b c a! c! b!", "a b c+");
         row("told of a newer value", "a b c b! c! ~b a!", "a b+() c+");
+        row("removal", "a a# .", "-a -a2");
+        row("removal behind another", "b a a# b! .", "b -a -a2");
+        row("behind a removal", "a b a# b! .", "-a -a2 b+");
+        row("told of a value after the removal", "b a a# ~a b! .", "b -a() -a2");
+        row("told of a value between the turns", "a a# ~a2 .", "-a -a2()");
+        row("subscribed after the removal", "b a a# ^ b! .", "b -a() -a2()");
+        row("subscribed before the removal", "b a ^ a# b! .", "b -a -a2");
+        row("removal fails", "b a a- b!", "b");
     }
 
     void steps()
     {
         QFETCH(QString, script);
         QStringList delivered;
-        PublishOrder order([&delivered](const PublishOrder::Publish &publish) {
+        const auto deliver = [&delivered](const PublishOrder::Publish &publish) {
             delivered << publish.record.head.name + (publish.waited ? "+" : "") +
                              (publish.receivers.isEmpty() ? "()" : "");
-        });
+        };
+        const auto tell = [&delivered](PublishOrder::Removal &removal) {
+            const QString name = removal.names.at(removal.next);
+            delivered << '-' + name + (removal.spares("client", name) ? "()" : "");
+            return ++removal.next == removal.names.size();
+        };
+        PublishOrder order(deliver, tell);
         QMap<QString, quint64> places;
         for (const QString &step : script.split(' ')) {
             const QString name = step.left(1);
@@ -39,7 +55,15 @@ private Q_SLOTS:
             publish.receivers << "client";
             if (step.startsWith('~'))
                 order.skip("client", {step.mid(1)});
-            else if (step.endsWith('!'))
+            else if (step == "^")
+                order.skipRemovals("client");
+            else if (step == ".")
+                order.resume();
+            else if (step.endsWith('#')) {
+                PublishOrder::Removal removal;
+                removal.names << name << name + '2';
+                order.takeEffect(places[name], removal);
+            } else if (step.endsWith('!'))
                 order.takeEffect(places[name], publish);
             else if (step.endsWith('-'))
                 order.leave(places[name]);
@@ -60,7 +84,8 @@ private Q_SLOTS:
     {
         QFETCH(const int, contentSize);
         QFETCH(const int, receivers);
-        PublishOrder order([](const PublishOrder::Publish &) {});
+        PublishOrder order([](const PublishOrder::Publish &) {},
+                           [](PublishOrder::Removal &) { return true; });
         const quint64 first = order.takePlace();
         PublishOrder::Publish publish;
         publish.record.contentJson = QByteArray(contentSize, ' ');

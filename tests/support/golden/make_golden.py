@@ -92,6 +92,7 @@ def written_rows():
             request("handshake", {"name": "a", "prompt": True, "transient": True}))
     written("handshake-features", request("handshake", {"features": True, "name": "me"}))
     written("sub-told", request("sub", {"now": True, "told": True, "wc": "room.*"}))
+    written("sub-removals", request("sub", {"removals": True, "wc": "room.*"}))
     written("no-data", request("sub", {}))
     written("object", request("pub", plain))
     written("unicode", request("pub", dict(plain, cnt={
@@ -172,11 +173,12 @@ def told_rows():
     delivered("plain", value, "thermometer", "1700000000123")
     delivered("now", dict(value, __stored__="now"), "thermometer", "1700000000123")
     delivered("changed", dict(value, __stored__="changed"), "thermometer", "1700000000123")
+    delivered("removed", {"__name__": "room.cellar", "__reason__": "removed"}, "thermometer")
     delivered("told", {"__reason__": "told", "__sub__": "room.*"}, "me")
 
 
 def bus_rows():
-    features = ["clients", "now", "prompt", "told", "transient"]
+    features = ["clients", "now", "prompt", "removals", "told", "transient"]
     for channel in ("query", "message"):
         from_bus(f"features-{channel}", reply_from_bus("handshake", {
             "channel": channel, "features": features, "instance": "<id>"}))

@@ -64,6 +64,10 @@ BusServer::BusServer(const TrelanBusSettings &settings, BusEventDispatcher &disp
     });
     _times.setInterval(TIMES_INTERVAL_MS);
     connect(&_times, &QTimer::timeout, this, &BusServer::checkTimes);
+    // A queued call would come before the clients: the queue is emptied in one go.
+    _turns.setInterval(0);
+    _turns.setSingleShot(true);
+    connect(&_turns, &QTimer::timeout, this, &BusServer::goOn);
 }
 
 BusServer::~BusServer()
@@ -190,6 +194,11 @@ void BusServer::encode(const std::function<QByteArray()> &make,
                        const std::function<void(const QByteArray &)> &done)
 {
     _codec.add([make, done] { return [done, frame = make()] { done(frame); }; });
+}
+
+void BusServer::goOnLater()
+{
+    _turns.start();
 }
 
 void BusServer::closeConnection(ConnectionId id)
@@ -326,6 +335,12 @@ void BusServer::handleCodecResults()
 void BusServer::handleStorageResults()
 {
     _storage.handleResults();
+    watchTimes();
+}
+
+void BusServer::goOn()
+{
+    _core.goOn();
     watchTimes();
 }
 

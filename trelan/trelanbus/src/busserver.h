@@ -57,6 +57,7 @@ private:
     void push(ConnectionId id, const QByteArray &frame) override;
     void encode(const std::function<QByteArray()> &make,
                 const std::function<void(const QByteArray &)> &done) override;
+    void goOnLater() override;
     void closeConnection(ConnectionId id) override;
     bool isAtEnd(ConnectionId id) const override;
     QString peer(ConnectionId id) const override;
@@ -74,6 +75,7 @@ private:
     void addJob(ConnectionId id, const Job &job);
     void handleCodecResults();
     void handleStorageResults();
+    void goOn();
     void watchTimes();
     void checkTimes();
     void answerEncoded(ConnectionId id, qint64 cost, const std::function<QByteArray()> &encode);
@@ -92,6 +94,7 @@ private:
     QHash<QString, QByteArray> _doneFrames; // by operation: the answer that it is done
     WarningLimiter _warnings;
     QTimer _times; // runs while something waits for a client
+    QTimer _turns; // runs while the rules have more to do
     Codec _codec;  // last: its thread calls back
 };
 

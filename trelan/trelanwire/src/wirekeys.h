@@ -54,6 +54,7 @@ TRELAN_WIRE_WORD(WILDCARD, "wc")
 TRELAN_WIRE_WORD(WILDCARDS, "wcs")
 TRELAN_WIRE_WORD(NOW, "now")
 TRELAN_WIRE_WORD(TOLD, "told")
+TRELAN_WIRE_WORD(REMOVALS, "removals")
 TRELAN_WIRE_WORD(CLIENTS, "clients")
 
 // What a bus answers to a handshake that asks for its features, beside "features".
@@ -106,6 +107,7 @@ namespace bus::features
 TRELAN_WIRE_WORD(CLIENTS, "clients")
 TRELAN_WIRE_WORD(NOW, "now")
 TRELAN_WIRE_WORD(PROMPT, "prompt")
+TRELAN_WIRE_WORD(REMOVALS, "removals")
 TRELAN_WIRE_WORD(TOLD, "told")
 TRELAN_WIRE_WORD(TRANSIENT, "transient")
 
@@ -126,6 +128,7 @@ namespace bus::reasons
 
 TRELAN_WIRE_WORD(SUBSCRIPTION, "sub")
 TRELAN_WIRE_WORD(TOLD, "told")
+TRELAN_WIRE_WORD(REMOVED, "removed")
 
 } // namespace bus::reasons
 

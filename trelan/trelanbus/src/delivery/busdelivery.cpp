@@ -159,6 +159,24 @@ BusDelivery::Overruns BusDelivery::deliver(const ObjectRecord &record, const QSt
     return overruns;
 }
 
+BusDelivery::Overruns BusDelivery::deliverRemoval(const QString &object, const QString &remover,
+                                                  qint64 time, const QStringList &clients)
+{
+    Overruns overruns;
+    Notification notification(_settings.coding());
+    for (const QString &client : clients) {
+        if (isBehind(client, object, Notification::REMOVAL_COST)) {
+            const QString overrun = appendName(client, object, {false, false, time, remover});
+            if (!overrun.isEmpty())
+                overruns.insert(client, overrun);
+        } else {
+            append(client, notification.removal(object, remover, time, client), now());
+        }
+        sendMore(client, notification);
+    }
+    return overruns;
+}
+
 BusDelivery::Overruns BusDelivery::deliverStored(const QStringList &objects, const QString &client)
 {
     Notification notification(_settings.coding());
@@ -231,8 +249,13 @@ Notification::Stored BusDelivery::wording(const QString &client, bool now) const
 QString BusDelivery::notify(const QString &name, const ObjectRecord &record, bool now,
                             Notification &notification)
 {
-    if (Notification::isKept(record) && isBehind(name, record))
-        return appendName(name, record.head.name, now);
+    if (Notification::isKept(record) &&
+        isBehind(name, record.head.name, Notification::cost(record))) {
+        ClientQueue::NameState state;
+        state.fresh = now;
+        state.now = now;
+        return appendName(name, record.head.name, state);
+    }
     QueuedMessage message = notification.message(record, name, wording(name, now));
     if (now)
         message.setUid(names::freshUid());
@@ -298,9 +321,12 @@ void BusDelivery::sendMore(const QString &client)
 
 void BusDelivery::sendMore(const QString &name, Notification &notification)
 {
-    const auto newest = [&](const QString &object, bool now) {
-        const ObjectRecord *record = _storage.find(object);
-        return record ? notification.message(*record, name, wording(name, now)) : QueuedMessage();
+    const auto newest = [&](const QString &object, const ClientQueue::NameState &state) {
+        if (const ObjectRecord *record = _storage.find(object))
+            return notification.message(*record, name, wording(name, state.now));
+        return state.removedAt == 0
+                   ? QueuedMessage()
+                   : notification.removal(object, state.remover, state.removedAt, name);
     };
     for (;;) {
         // Look the client up each time, since sending may find the connection at its end.
@@ -417,9 +443,8 @@ bool BusDelivery::isFull(const Client &client, int messages, qint64 bytes) const
 }
 
 /// Whether of a stored object only the name is to wait.
-bool BusDelivery::isBehind(const QString &name, const ObjectRecord &record) const
+bool BusDelivery::isBehind(const QString &name, const QString &object, qint64 cost) const
 {
-    const qint64 cost = Notification::cost(record);
     if (_bytes + cost > _settings.maxQueuedBytes())
         return true;
     const auto known = _clients.constFind(name);
@@ -427,11 +452,12 @@ bool BusDelivery::isBehind(const QString &name, const ObjectRecord &record) cons
         return cost > _settings.maxClientBytes() / CONFLATED_BYTES_SHARE;
     const ClientQueue &queue = known->queue;
     const int most = qMin(_settings.conflateAbove(), _settings.maxClientMessages());
-    return queue.hasName(record.head.name) || queue.count() + queue.nameCount() >= most ||
+    return queue.hasName(object) || queue.count() + queue.nameCount() >= most ||
            queue.bytes() + cost > _settings.maxClientBytes() / CONFLATED_BYTES_SHARE;
 }
 
-QString BusDelivery::appendName(const QString &name, const QString &object, bool now)
+QString BusDelivery::appendName(const QString &name, const QString &object,
+                                const ClientQueue::NameState &state)
 {
     ClientQueue &queue = client(name).queue;
     if (!queue.hasName(object)) {
@@ -443,7 +469,7 @@ QString BusDelivery::appendName(const QString &name, const QString &object, bool
             return totalFault(_settings.maxQueuedBytes());
     }
     const ObjectRecord *record = _storage.find(object);
-    queue.appendName(record ? record->head.name : object, now, now);
+    queue.appendName(record ? record->head.name : object, state);
     settleAccount(name);
     return {};
 }

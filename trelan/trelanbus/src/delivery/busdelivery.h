@@ -52,6 +52,10 @@ public:
 
     /// Notifies \a clients of a value, one after the other.
     Overruns deliver(const ObjectRecord &record, const QStringList &clients);
+    /// Tells \a clients, one after the other, that \a remover has removed an object at \a time, in
+    /// milliseconds since the epoch.
+    Overruns deliverRemoval(const QString &object, const QString &remover, qint64 time,
+                            const QStringList &clients);
     /// Notifies \a client of the stored values of these objects, with ids that it cannot know.
     Overruns deliverStored(const QStringList &objects, const QString &client);
     /// Notifies \a client of the stored values and, when it has them all, that they were all, which
@@ -109,13 +113,14 @@ private:
     bool hasLeft(const QString &name);
     TrelanError roomFault(const QString &name, qint64 cost) const;
     bool isFull(const Client &client, int messages, qint64 bytes) const;
-    bool isBehind(const QString &name, const ObjectRecord &record) const;
+    bool isBehind(const QString &name, const QString &object, qint64 cost) const;
     Notification::Stored wording(const QString &client, bool now) const;
     Overruns queueStored(const QStringList &objects, const QString &client,
                          Notification &notification);
     QString notify(const QString &name, const ObjectRecord &record, bool now,
                    Notification &notification);
-    QString appendName(const QString &name, const QString &object, bool now);
+    QString appendName(const QString &name, const QString &object,
+                       const ClientQueue::NameState &state);
     void append(const QString &name, QueuedMessage message, qint64 queuedAt);
     void append(const TrelanMessage &message, qint64 queuedAt, qint64 storedId = 0);
     void keep(const TrelanMessage &message, qint64 cost, const Done &done);

@@ -43,6 +43,9 @@ public:
     virtual void encode(const std::function<QByteArray()> &make,
                         const std::function<void(const QByteArray &)> &done) = 0;
 
+    /// Has BusCore::goOn() called when everybody else has had a turn.
+    virtual void goOnLater() = 0;
+
     virtual void closeConnection(ConnectionId id) = 0;
     /// Whether the connection takes no more requests, even if nobody has noticed yet.
     virtual bool isAtEnd(ConnectionId id) const = 0;

@@ -10,7 +10,7 @@ namespace bus
 namespace
 {
 
-constexpr qint64 NAME_COST = 96; // bytes beside the text, measured roughly
+constexpr qint64 NAME_COST = 112; // bytes beside the text, measured roughly
 // More than the hundred messages that a client remembers.
 constexpr size_t MAX_REMEMBERED = 128;
 
@@ -31,17 +31,21 @@ void ClientQueue::append(QueuedMessage message)
     _waiting.append(message);
 }
 
-void ClientQueue::appendName(const QString &name, bool fresh, bool now)
+void ClientQueue::appendName(const QString &name, const NameState &state)
 {
     const auto known = _states.find(name);
-    if (known != _states.end()) {
-        known->fresh = known->fresh || fresh;
-        known->now = known->now || now;
+    if (known == _states.end()) {
+        _states.insert(name, state);
+        _names.push_back({name, ++_lastNumber, 0});
+        _nameBytes += nameCost(name);
         return;
     }
-    _states.insert(name, {fresh, now});
-    _names.push_back({name, ++_lastNumber, 0});
-    _nameBytes += nameCost(name);
+    known->fresh = known->fresh || state.fresh;
+    known->now = known->now || state.now;
+    if (state.removedAt != 0) {
+        known->remover = state.remover;
+        known->removedAt = state.removedAt;
+    }
 }
 
 bool ClientQueue::hasName(const QString &name) const
@@ -273,7 +277,7 @@ void ClientQueue::takeNames(const Newest &newest)
         _names.pop_front();
         _nameBytes -= nameCost(next.name);
         const NameState state = _states.take(next.name);
-        QueuedMessage message = newest(next.name, state.now);
+        QueuedMessage message = newest(next.name, state);
         if (!message.body)
             continue;
         if (state.fresh)
@@ -386,7 +390,13 @@ void ClientQueue::nameWaitsAgain(const QueuedMessage &message)
 {
     const auto known = _states.find(message.object);
     if (known == _states.end()) {
-        _states.insert(message.object, {false, message.now});
+        NameState state;
+        state.now = message.now;
+        if (message.removal) {
+            state.remover = message.body->sender();
+            state.removedAt = message.body->time();
+        }
+        _states.insert(message.object, state);
         _nameBytes += nameCost(message.object);
     } else if (message.now) {
         known->now = true;

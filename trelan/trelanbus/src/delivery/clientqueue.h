@@ -41,17 +41,26 @@ public:
     static constexpr qint64 SILENCE_MS = 60000;
     static constexpr qint64 ANSWER_WAIT_MS = 60000;
 
-    /// The notification of the newest value of an object; without a body if there is none any more.
-    /// If \a now, the client has asked for the value.
-    using Newest = std::function<QueuedMessage(const QString &name, bool now)>;
+    /// What is known of a name that waits.
+    struct NameState
+    {
+        bool fresh = false; ///< its id has to be new
+        bool now = false;   ///< the client has asked for the value
+        /// When the object was removed, and by whom; 0 if the client is not to be told.
+        qint64 removedAt = 0;
+        QString remover;
+    };
+
+    /// The notification of the newest value of an object or, if there is none any more, of its
+    /// removal; without a body if there is nothing to tell.
+    using Newest = std::function<QueuedMessage(const QString &name, const NameState &state)>;
 
     /// Appends a message. A time of queueing in the past means that it has waited since then.
     void append(QueuedMessage message);
 
-    /// Appends the name of an object, once, however often this is called before its turn comes. If
-    /// \a fresh, its value is sent with an id that the client cannot know yet. If \a now, the
-    /// client has asked for the value; a change that comes meanwhile does not alter that.
-    void appendName(const QString &name, bool fresh, bool now);
+    /// Appends the name of an object, once, however often this is called before its turn comes:
+    /// what one of the calls says of the name stays true.
+    void appendName(const QString &name, const NameState &state);
     bool hasName(const QString &name) const;
 
     /// Whether takeFrame() may have a frame; it has none otherwise.
@@ -122,13 +131,6 @@ private:
         QString name;
         quint64 number;
         int resends; // of its message
-    };
-
-    /// What is known of a name that waits.
-    struct NameState
-    {
-        bool fresh; // its id has to be new
-        bool now;   // the client has asked for the value
     };
 
     /// A message that the client may remember.

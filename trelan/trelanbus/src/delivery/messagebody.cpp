@@ -48,6 +48,11 @@ const QString &MessageBody::sender() const
     return _sender;
 }
 
+qint64 MessageBody::time() const
+{
+    return _time;
+}
+
 bool MessageBody::needsAnswer() const
 {
     return _options.testFlag(TrelanMessage::NeedAnswer);

@@ -30,6 +30,7 @@ public:
 
     int textSize() const; ///< in bytes or in characters
     const QString &sender() const;
+    qint64 time() const;
     bool needsAnswer() const;
     /// A hash of the text.
     size_t digest() const;

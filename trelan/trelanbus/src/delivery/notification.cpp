@@ -7,7 +7,6 @@
 #include <wirekeys.h>
 
 #include <QtCore/QDateTime>
-#include <QtCore/QVariantMap>
 
 namespace bus
 {
@@ -69,12 +68,6 @@ QByteArray lightText(const ObjectRecord &record, const QString &word)
     return text;
 }
 
-/// A text of strings only.
-QByteArray textOf(const QVariantMap &map, TrelanTransport::Coding coding)
-{
-    return coding == TrelanTransport::Classic ? json::indented(map) : json::compact(map);
-}
-
 } // namespace
 
 Notification::Notification(TrelanTransport::Coding coding)
@@ -100,16 +93,40 @@ QueuedMessage Notification::message(const ObjectRecord &record, const QString &r
     return message;
 }
 
+QueuedMessage Notification::removal(const QString &object, const QString &remover, qint64 time,
+                                    const QString &receiver)
+{
+    if (!_removal || _removed != object || _removal->sender() != remover ||
+        _removal->time() != time) {
+        _removed = object;
+        _removal = ofWords(
+            {{keys::NOTIFIED_NAME, object}, {keys::NOTIFIED_REASON, QString(reasons::REMOVED)}},
+            remover, time);
+    }
+    QueuedMessage message(_removal, receiver, names::freshUid());
+    message.kind = QueuedMessage::Value;
+    message.object = object;
+    message.removal = true;
+    return message;
+}
+
 QueuedMessage Notification::marker(const QString &client, const QString &wildcards) const
 {
-    const QByteArray text = textOf(
+    const MessageBody::Ref body = ofWords(
         {{keys::NOTIFIED_REASON, QString(reasons::TOLD)}, {keys::MARKED_SUBSCRIPTION, wildcards}},
-        _coding);
-    const auto body = std::make_shared<const MessageBody>(squeezed(text), client,
-                                                          QDateTime::currentMSecsSinceEpoch());
+        client, QDateTime::currentMSecsSinceEpoch());
     QueuedMessage marker(body, client, names::freshUid());
     marker.kind = QueuedMessage::Marker;
     return marker;
+}
+
+/// A body whose text has these keys and strings only.
+MessageBody::Ref Notification::ofWords(const QVariantMap &words, const QString &sender,
+                                       qint64 time) const
+{
+    const QByteArray text =
+        _coding == TrelanTransport::Classic ? json::indented(words) : json::compact(words);
+    return std::make_shared<const MessageBody>(squeezed(text), sender, time);
 }
 
 bool Notification::isKept(const ObjectRecord &record)

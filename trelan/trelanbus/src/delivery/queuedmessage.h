@@ -35,6 +35,7 @@ struct QueuedMessage
     bool sent = false;      // at least once
     bool conflated = false; // the value is read from the storage each time it is sent
     bool now = false;       // a value that the client has asked for, rather than a change
+    bool removal = false;   // tells that the object is gone
     bool expired = false;   // not to be sent again
     bool outlived = false;  // given up after the lifetime of messages
 

@@ -246,13 +246,15 @@ QString toldFault(const BusRequest &request)
 
 bool parseSubscribe(const QVariantMap &data, BusRequest &request)
 {
-    if (!takeWildcards(data, request) ||
-        !checkTypes(data,
-                    {{keys::NOW, "true or false", isTruth}, {keys::TOLD, "true or false", isTruth}},
-                    request))
+    if (!takeWildcards(data, request) || !checkTypes(data,
+                                                     {{keys::NOW, "true or false", isTruth},
+                                                      {keys::TOLD, "true or false", isTruth},
+                                                      {keys::REMOVALS, "true or false", isTruth}},
+                                                     request))
         return false;
     request.now = data.value(keys::NOW).toBool();
     request.told = data.value(keys::TOLD).toBool();
+    request.removals = data.value(keys::REMOVALS).toBool();
     const QString told = request.told ? toldFault(request) : QString();
     if (!told.isEmpty()) {
         request.fault = dataFault(told);

@@ -47,6 +47,7 @@ struct BusRequest
     bool features = false;  ///< Handshake: asks what the bus can do
     bool now = false;       ///< Subscribe: with the values that are stored
     bool told = false;      ///< Subscribe: says which values those are, and which is the last
+    bool removals = false;  ///< Subscribe: and is told what is removed
     QString wildcards;      ///< Subscribe: the text that came
     QStringList names;      ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
     std::optional<TrelanMessage> message; ///< SendMessage; with the time, without a sender

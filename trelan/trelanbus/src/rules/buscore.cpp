@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <functional>
 #include <string_view>
+#include <utility>
 
 namespace bus
 {
@@ -20,12 +21,13 @@ constexpr int MAX_LAST_PUBLISHED = 10000;
 constexpr qint64 MAX_TESTS_AT_ONCE = 1000000;
 constexpr qint64 CLIENT_DATA_COST = 256; // bytes in an answer, roughly
 constexpr qint64 FEATURES_COST = 512;
+constexpr int MAX_TOLD_AT_ONCE = 1000; // removals in one turn: some milliseconds
 
 /// What this bus can do beyond what every bus can, sorted.
 QStringList featureNames()
 {
-    return {features::CLIENTS, features::NOW, features::PROMPT, features::TOLD,
-            features::TRANSIENT};
+    return {features::CLIENTS,  features::NOW,  features::PROMPT,
+            features::REMOVALS, features::TOLD, features::TRANSIENT};
 }
 
 void logPublish(const ObjectHead &object)
@@ -47,7 +49,8 @@ BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutp
     , _delivery(settings, storage, output, [this](ConnectionId id) { _msgClients.count(id); })
     , _queryClients(channels::QUERY, output)
     , _msgClients(channels::MESSAGE, output)
-    , _order([this](const PublishOrder::Publish &publish) { deliver(publish); })
+    , _order([this](const PublishOrder::Publish &publish) { deliver(publish); },
+             [this](PublishOrder::Removal &removal) { return tellRemoval(removal); })
     , _lastPublished(MAX_LAST_PUBLISHED)
 {}
 
@@ -130,6 +133,11 @@ bool BusCore::hasQueues() const
     return _delivery.hasQueues();
 }
 
+void BusCore::goOn()
+{
+    _order.resume();
+}
+
 void BusCore::restoreMessages()
 {
     _delivery.restore();
@@ -187,8 +195,7 @@ void BusCore::endQuery(ConnectionId id)
     const QString client = _queryClients.remove(id);
     if (client.isEmpty())
         return;
-    _subscriptions.removeClient(client);
-    _delivery.dropNotifications(client);
+    forgetSubscriptions(client);
 }
 
 void BusCore::endMessages(ConnectionId id)
@@ -233,9 +240,61 @@ void BusCore::publish(ConnectionId id, const BusRequest &request)
 
 void BusCore::remove(ConnectionId id, const BusRequest &request)
 {
-    _storage.remove(request.names, [this, id, word = request.word](const TrelanError &error) {
-        _output.reply(id, word, error);
+    const QString remover = _queryClients.name(id);
+    // Without a place a removal holds nothing up that nobody is to be told of.
+    const quint64 place = _removals.isEmpty() ? 0 : _order.takePlace();
+    _storage.remove(request.names, [this, id, word = request.word, remover,
+                                    place](const TrelanError &error, const QStringList &removed) {
+        objectsRemoved(removed, remover, place,
+                       [this, id, word, error] { _output.reply(id, word, error); });
     });
+}
+
+/// Tells of stored objects that are gone from the storage. Everything that removes objects ends
+/// here. \a place is the one that was taken for the removal, if any.
+void BusCore::objectsRemoved(const QStringList &names, const QString &remover, quint64 place,
+                             const std::function<void()> &reply)
+{
+    const bool isTold = !names.isEmpty() && !_removals.isEmpty();
+    const bool waits = isTold && _order.isFull();
+    if (reply && !waits)
+        reply();
+    if (isTold) {
+        PublishOrder::Removal removal;
+        removal.names = names;
+        removal.remover = remover;
+        removal.time = QDateTime::currentMSecsSinceEpoch();
+        if (waits)
+            removal.reply = reply;
+        _order.takeEffect(place == 0 ? _order.takePlace() : place, std::move(removal));
+    } else if (place != 0) {
+        _order.leave(place);
+    }
+}
+
+/// Tells of as many names as may be told before others have a turn. An object that is there again
+/// is passed over: its publish is behind the removal, or the client has been told of it already.
+bool BusCore::tellRemoval(PublishOrder::Removal &removal)
+{
+    if (removal.reply)
+        std::exchange(removal.reply, {})();
+    for (int work = 0; removal.next < removal.names.size(); ++removal.next) {
+        if (work >= MAX_TOLD_AT_ONCE) {
+            _output.goOnLater();
+            return false;
+        }
+        const QString name = removal.names.at(removal.next);
+        ++work;
+        if (_storage.find(name))
+            continue;
+        QStringList receivers = _removals.receivers(name);
+        const auto isSpared = [&](const QString &client) { return removal.spares(client, name); };
+        receivers.erase(std::remove_if(receivers.begin(), receivers.end(), isSpared),
+                        receivers.end());
+        work += receivers.size();
+        closeReceivers(_delivery.deliverRemoval(name, removal.remover, removal.time, receivers));
+    }
+    return true;
 }
 
 void BusCore::loadObject(ConnectionId id, const BusRequest &request)
@@ -277,9 +336,19 @@ void BusCore::subscribe(ConnectionId id, const BusRequest &request)
     }
     for (const QString &wildcard : std::as_const(added))
         _subscriptions.add(client, wildcard);
+    if (request.removals)
+        subscribeToRemovals(client, request.names);
     _output.reply(id, request.word, TrelanError());
     if (request.now)
         notifyOfStored(_queryClients.name(id), distinct, request);
+}
+
+void BusCore::subscribeToRemovals(const QString &client, const QStringList &wildcards)
+{
+    if (_removals.count(client) == 0)
+        _order.skipRemovals(client);
+    for (const QString &wildcard : wildcards)
+        _removals.add(client, wildcard);
 }
 
 /// What is wrong with a subscription that adds so many wildcards, and asks for the values of so
@@ -350,8 +419,10 @@ QVariantMap BusCore::clientData(const QString &name) const
 void BusCore::unsubscribe(ConnectionId id, const BusRequest &request)
 {
     const QString client = _queryClients.name(id);
-    for (const QString &wildcard : request.names)
+    for (const QString &wildcard : request.names) {
         _subscriptions.remove(client, wildcard);
+        _removals.remove(client, wildcard);
+    }
     _output.reply(id, request.word, TrelanError());
 }
 
@@ -393,6 +464,13 @@ void BusCore::closeReceivers(const BusDelivery::Overruns &overruns)
         closeReceiver(overrun.key(), *overrun);
 }
 
+void BusCore::forgetSubscriptions(const QString &client)
+{
+    _subscriptions.removeClient(client);
+    _removals.removeClient(client);
+    _delivery.dropNotifications(client);
+}
+
 /// Closes a client that cannot be told of a change, so that it does not believe to know them all.
 void BusCore::closeReceiver(const QString &client, const QString &reason)
 {
@@ -401,8 +479,7 @@ void BusCore::closeReceiver(const QString &client, const QString &reason)
             << QStringLiteral("client %1 loses its subscriptions and its message connection: %2")
                    .arg(names::quoted(client), reason);
     }
-    _subscriptions.removeClient(client);
-    _delivery.dropNotifications(client);
+    forgetSubscriptions(client);
     if (const ConnectionId id = _msgClients.connection(client)) {
         endMessages(id);
         _output.closeConnection(id);

@@ -13,6 +13,8 @@
 #include <QtCore/QPair>
 #include <QtCore/QString>
 
+#include <functional>
+
 namespace bus
 {
 
@@ -42,6 +44,9 @@ public:
     bool checkTimes();
     bool hasQueues() const;
 
+    /// To be called once after each BusOutput::goOnLater().
+    void goOn();
+
     /// To be called once, when the storage is open.
     void restoreMessages();
 
@@ -53,18 +58,23 @@ private:
     void endMessages(ConnectionId id);
     void publish(ConnectionId id, const BusRequest &request);
     void remove(ConnectionId id, const BusRequest &request);
+    void objectsRemoved(const QStringList &names, const QString &remover, quint64 place = 0,
+                        const std::function<void()> &reply = {});
+    bool tellRemoval(PublishOrder::Removal &removal);
     void loadObject(ConnectionId id, const BusRequest &request);
     void loadObjects(ConnectionId id, const BusRequest &request);
     void subscribe(ConnectionId id, const BusRequest &request);
     void unsubscribe(ConnectionId id, const BusRequest &request);
     TrelanError subscriptionFault(const QString &client, const BusRequest &request, int added,
                                   int valued) const;
+    void subscribeToRemovals(const QString &client, const QStringList &wildcards);
     void notifyOfStored(const QString &client, const QStringList &wildcards,
                         const BusRequest &request);
     void listClients(ConnectionId id, const BusRequest &request);
     QVariantMap clientData(const QString &name) const;
     void sendMessage(ConnectionId id, const BusRequest &request);
     void deliver(const PublishOrder::Publish &publish);
+    void forgetSubscriptions(const QString &client);
     void closeReceivers(const BusDelivery::Overruns &overruns);
     void closeReceiver(const QString &client, const QString &reason);
     void freshenUid(ObjectRecord &record);
@@ -77,7 +87,8 @@ private:
     ClientRegistry _queryClients;
     ClientRegistry _msgClients;
     PublishOrder _order;
-    SubscriptionIndex _subscriptions;                       // of clients with a query connection
+    SubscriptionIndex _subscriptions; // of clients with a query connection
+    SubscriptionIndex _removals;      // those of them with which removals are told
     QCache<QString, QPair<QString, size_t>> _lastPublished; // uid and digest by object name
     WarningLimiter _warnings;
 };

@@ -91,6 +91,11 @@ int SubscriptionIndex::count(const QString &client) const
     return known == _wildcardsOfClient.constEnd() ? 0 : known->size();
 }
 
+bool SubscriptionIndex::isEmpty() const
+{
+    return _wildcards.isEmpty();
+}
+
 QStringList SubscriptionIndex::receivers(const QString &name)
 {
     constexpr int USUAL_PARTIES = 8;

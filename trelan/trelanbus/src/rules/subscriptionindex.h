@@ -53,6 +53,7 @@ public:
 
     bool contains(const QString &client, const QString &wildcard) const;
     int count(const QString &client) const;
+    bool isEmpty() const;
 
     /// The clients with at least one wildcard that matches \a name, each once.
     QStringList receivers(const QString &name);

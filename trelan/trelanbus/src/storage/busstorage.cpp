@@ -79,7 +79,7 @@ void BusStorage::publish(const ObjectRecord &record, const Done &done)
     });
 }
 
-void BusStorage::remove(const QStringList &names, const Done &done)
+void BusStorage::remove(const QStringList &names, const RemoveDone &done)
 {
     PermanentStore::Change toDisk;
     for (const QString &name : names) {
@@ -87,19 +87,20 @@ void BusStorage::remove(const QStringList &names, const Done &done)
             toDisk.removes.append(name);
     }
     const auto removeFromMemory = [this, names] {
-        for (const QString &name : names)
-            _objects.remove(name);
+        QStringList removed;
+        for (const QString &name : names) {
+            if (_objects.remove(name))
+                removed.append(name);
+        }
+        return removed;
     };
     if (toDisk.removes.isEmpty()) {
-        removeFromMemory();
-        done(TrelanError());
+        done(TrelanError(), removeFromMemory());
         return;
     }
     // All names wait, not only those on disk: a value that is published meanwhile must stay.
     change(toDisk, names, [removeFromMemory, done](const TrelanError &error) {
-        if (error.error() == TrelanError::NoError)
-            removeFromMemory();
-        done(error);
+        done(error, error.error() == TrelanError::NoError ? removeFromMemory() : QStringList());
     });
 }
 

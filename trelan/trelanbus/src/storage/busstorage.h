@@ -52,9 +52,12 @@ public:
     /// Keeps a stored object. \a done is called with the outcome, at once or from handleResults().
     void publish(const ObjectRecord &record, const Done &done);
 
+    /// \a removed has the names of the objects that were there, each once.
+    using RemoveDone = std::function<void(const TrelanError &, const QStringList &removed)>;
+
     /// Drops objects; names that are not there are no error. \a done is called with the outcome, at
     /// once or from handleResults().
-    void remove(const QStringList &names, const Done &done);
+    void remove(const QStringList &names, const RemoveDone &done);
 
     /// \a id is the id of the message on disk, or 0 if it is not there.
     using MessageDone = std::function<void(const TrelanError &, qint64 id)>;

@@ -51,11 +51,12 @@ void ObjectStore::put(const ObjectRecord &record)
     account(before, room(name));
 }
 
-void ObjectStore::remove(const QString &name)
+bool ObjectStore::remove(const QString &name)
 {
     const qint64 before = room(name);
-    _objects.remove(name);
+    const bool isRemoved = _objects.remove(name) > 0;
     account(before, room(name));
+    return isRemoved;
 }
 
 void ObjectStore::setDeliveryUid(const QString &name, const QString &uid)

@@ -30,7 +30,8 @@ public:
 
     /// Keeps \a record in place of the value of its name. Bounds do not count.
     void put(const ObjectRecord &record);
-    void remove(const QString &name);
+    /// Returns false if there is no such object.
+    bool remove(const QString &name);
     /// Changes the value that is kept, if there is one.
     void setDeliveryUid(const QString &name, const QString &uid);
 
