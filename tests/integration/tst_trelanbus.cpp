@@ -50,6 +50,9 @@ private Q_SLOTS:
         rows("2 \"wcs\" has to be a string", {"sub {'wcs':['a']}"});
         rows("2 either \"wc\" or \"wcs\"", {"sub {}", "sub {'wc':'a','wcs':'b'}"});
         rows("2 \"told\" has to be true or false", {"sub {'wc':'a','now':true,'told':1}"});
+        rows("2 \"limit\" has to be a whole number from 1 to 3600000",
+             {"sendMessage {'r':'a','limit':0}", "sendMessage {'r':'a','limit':3600001}",
+              "sendMessage {'r':'a','limit':1.5}", "sendMessage {'r':'a','limit':'5'}"});
         rows("2 \"removals\" has to be true or false", {"sub {'wc':'a','removals':0}"});
         rows("2 \"told\" goes with \"now\" only",
              {"sub {'wc':'a','told':true}", "sub {'wc':'a','now':false,'told':true}"});
@@ -57,7 +60,8 @@ private Q_SLOTS:
              {"sub {'now':true,'told':true,'wcs':'" + (QByteArray(1020, 'x') + "::").repeated(64) +
               QByteArray(146, 'x') + "'}"});
         rows("0 ", {"sub {'wc':'a','now':true,'told':false}", "sub {'wc':'a','told':false}"});
-        rows("3 client \"bob\" is not connected", {"sendMessage {'r':'bob'}"});
+        rows("3 client \"bob\" is not connected",
+             {"sendMessage {'r':'bob'}", "sendMessage {'r':'bob','limit':1}"});
         rows("3 this connection is registered as \"me\"", {"handshake {'name':'you'}"});
         rows("4 Unsupported request", {"PUB {'nm':'a'}", " {}"});
     }

@@ -374,6 +374,37 @@ private Q_SLOTS:
         QCOMPARE(me["queued"].toInt(), 64); // the messages
     }
 
+    void limits()
+    {
+        const QTemporaryDir folder;
+        TrelanBusSettings settings;
+        settings.setDataFolder(folder.path());
+        const QByteArray stored = "sendMessage {'r':'me','ops':2,'msg':'";
+        {
+            LogCapture log;
+            CodedBus server(settings);
+            RawPeer writer(server, "writer");
+            QCOMPARE(writer.ask(stored + "soon over','limit':1}"), "0 ");
+            const auto clients = [&writer] {
+                return writer.ask("clients {}") == "0 " ? writer.data()["clients"].toList().size()
+                                                        : -1;
+            };
+            QTRY_COMPARE(clients(), 1); // it does not wait any more
+            QCOMPARE(log.faults().join('\n'), QString());
+            Reader reader(server);
+            QVERIFY(reader.open());
+            QVERIFY(writer.send(golden("limited")));
+            QCOMPARE(writer.receive(), "0 ");
+            QCOMPARE(reader.messages->receiveDelivery()["msg"].toString(), "hi");
+            QCOMPARE(writer.ask(stored + "in memory','limit':3600000}"), "0 ");
+            QCOMPARE(writer.ask(stored + "on disk'}"), "0 ");
+        }
+        CodedBus server(settings);
+        Reader reader(server);
+        QVERIFY(reader.open());
+        QCOMPARE(reader.messages->receiveDelivery()["msg"].toString(), "on disk");
+    }
+
     void boundsOfMarkers()
     {
         CodedBus server;

@@ -11,8 +11,9 @@ using namespace bus;
 /// "check" are the queue's; "send" sends what may be sent. "@x" queues the name of the object x,
 /// whose newest value "$x" changes and "-x" removes; "&x" queues the name for a client that has
 /// asked for the value, which is sent as "x="; "%x" queues
-/// its removal, which is sent as "-x" unless there is a value. "#m" queues a marker. What is sent
-/// and what is given up ("!a") is the outcome.
+/// its removal, "!a" a message that is not to be sent after 1000 ms; the removal is sent as "-x"
+/// unless there is a value. "#m" queues a marker. What is sent and what is given up ("!a") is the
+/// outcome.
 class tst_ClientQueue : public QObject
 {
     Q_OBJECT
@@ -51,6 +52,7 @@ class tst_ClientQueue : public QObject
                         : kind == '#' ? QueuedMessage::Marker
                                       : QueuedMessage::Direct;
         appended.queuedAt = now;
+        appended.endsAt = kind == '!' ? now + 1000 : 0;
         appended.object = object;
         queue.append(appended);
     }
@@ -124,6 +126,13 @@ private Q_SLOTS:
             0);
         row("a value that was removed comes under a known id",
             "nx1 send ~x1 -x %x send ~-x nx1 send", "x1 -x fresh", 1);
+        row("a limit", "!a t999 send ~a", "a", 0);
+        row("a limit is over", "!a +b t1000 send ~b", "b", 0);
+        row("a limit is over behind others", "+a !b +c t1000 check send ~a ~c", "a c", 0);
+        row("a limit is over in front of a name", "!a @x t1000 send ~x", "x", 0);
+        row("a limit is over after sending", "!a send restart t1000 send", "a", 0);
+        row("a limit is over in silence", "!a send t60000 check send", "a", 0);
+        row("a limit is over, and it is acknowledged", "!a send t1000 ~a send", "a", 0);
         row("32 KiB", "1a 1b 1c 1d send", "a b c", 4);
         row("room for the next", "1a 1b 1c 1d 1e send ~a send", "a b c d", 4);
         row("large has to wait", "+a 7b send", "a", 2);

@@ -93,6 +93,8 @@ def written_rows():
     written("handshake-features", request("handshake", {"features": True, "name": "me"}))
     written("sub-told", request("sub", {"now": True, "told": True, "wc": "room.*"}))
     written("sub-removals", request("sub", {"removals": True, "wc": "room.*"}))
+    written("limited", request("sendMessage", {
+        "limit": 3600000, "msg": "hi", "ops": 0, "r": "me"}))
     written("no-data", request("sub", {}))
     written("object", request("pub", plain))
     written("unicode", request("pub", dict(plain, cnt={
@@ -178,7 +180,7 @@ def told_rows():
 
 
 def bus_rows():
-    features = ["clients", "now", "prompt", "removals", "told", "transient"]
+    features = ["clients", "limit", "now", "prompt", "removals", "told", "transient"]
     for channel in ("query", "message"):
         from_bus(f"features-{channel}", reply_from_bus("handshake", {
             "channel": channel, "features": features, "instance": "<id>"}))

@@ -82,13 +82,13 @@ void BusDelivery::restore()
         const qint64 age =
             qBound<qint64>(0, wallClock - stored.queuedAt, _settings.messageLifetime());
         const QString name = stored.message.reciever();
-        append(stored.message, now() - age, stored.id);
+        append(stored.message, now() - age, stored.id, 0);
     }
     // A client may connect at once, and must not get what is out of date.
     checkTimes();
 }
 
-void BusDelivery::accept(const TrelanMessage &message, const Done &done)
+void BusDelivery::accept(const TrelanMessage &message, qint64 limit, const Done &done)
 {
     const QString name = message.reciever();
     const auto known = _clients.constFind(name);
@@ -102,12 +102,12 @@ void BusDelivery::accept(const TrelanMessage &message, const Done &done)
     // A log line is not worth the wait for the disk, where no bound drops the oldest lines.
     // The queue of a transient client would end with the bus, anyway.
     const bool endsWithBus = name == LOGGER_NAME || (connected && known->transient);
-    if (fault.error() == TrelanError::NoError && message.isStored() && !endsWithBus) {
+    if (fault.error() == TrelanError::NoError && message.isStored() && !endsWithBus && limit == 0) {
         keep(message, cost, done);
         return;
     }
     if (fault.error() == TrelanError::NoError)
-        append(message, now());
+        append(message, now(), 0, limit);
     finish(message, fault, done);
 }
 
@@ -122,7 +122,7 @@ void BusDelivery::keep(const TrelanMessage &message, qint64 cost, const Done &do
         if (late)
             _storage.removeMessages({id});
         else if (kept)
-            append(message, now(), id);
+            append(message, now(), id, 0);
         settleAccount(message.reciever());
         finish(message, late ? absenceFault(message.reciever()) : error, done);
     });
@@ -481,11 +481,14 @@ void BusDelivery::append(const QString &name, QueuedMessage message, qint64 queu
     settleAccount(name);
 }
 
-void BusDelivery::append(const TrelanMessage &message, qint64 queuedAt, qint64 storedId)
+/// The \a limit is counted from \a queuedAt; 0 is none.
+void BusDelivery::append(const TrelanMessage &message, qint64 queuedAt, qint64 storedId,
+                         qint64 limit)
 {
     QueuedMessage queued(std::make_shared<const MessageBody>(message), message.reciever(),
                          message.uid());
     queued.storedId = storedId;
+    queued.endsAt = limit == 0 ? 0 : queuedAt + limit;
     append(message.reciever(), std::move(queued), queuedAt);
 }
 
@@ -496,7 +499,7 @@ bool BusDelivery::encodesLarge(const QString &name, Client &client,
 {
     if (client.encoding)
         return true;
-    const QueuedMessage *next = client.queue.largeToEncode(newest);
+    const QueuedMessage *next = client.queue.largeToEncode(now(), newest);
     if (!next)
         return false;
     settleAccount(name); // names have become messages

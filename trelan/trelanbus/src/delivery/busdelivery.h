@@ -43,8 +43,9 @@ public:
     void restore();
 
     /// Accepts a message for its receiver, or says why not. \a done is called at once or when the
-    /// message is on disk, and in any case before the message is sent.
-    void accept(const TrelanMessage &message, const Done &done);
+    /// message is on disk, and in any case before the message is sent. A message with a \a limit,
+    /// in milliseconds, is never on disk, and dropped if it was not sent by then.
+    void accept(const TrelanMessage &message, qint64 limit, const Done &done);
 
     /// Clients that are past a bound and cannot be told what they have subscribed to any more, each
     /// with the bound, for people.
@@ -122,7 +123,7 @@ private:
     QString appendName(const QString &name, const QString &object,
                        const ClientQueue::NameState &state);
     void append(const QString &name, QueuedMessage message, qint64 queuedAt);
-    void append(const TrelanMessage &message, qint64 queuedAt, qint64 storedId = 0);
+    void append(const TrelanMessage &message, qint64 queuedAt, qint64 storedId, qint64 limit);
     void keep(const TrelanMessage &message, qint64 cost, const Done &done);
     void finish(const TrelanMessage &message, const TrelanError &error, const Done &done);
     void reserve(const QString &name, int messages, qint64 bytes);

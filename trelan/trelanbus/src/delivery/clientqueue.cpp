@@ -14,6 +14,11 @@ constexpr qint64 NAME_COST = 112; // bytes beside the text, measured roughly
 // More than the hundred messages that a client remembers.
 constexpr size_t MAX_REMEMBERED = 128;
 
+bool hasEnded(const QueuedMessage &message, qint64 now)
+{
+    return message.endsAt != 0 && now >= message.endsAt;
+}
+
 int indexOf(const QList<QueuedMessage> &messages, const QString &key)
 {
     const auto found =
@@ -58,11 +63,11 @@ bool ClientQueue::hasNext() const
     return _inFlight.size() < MAX_IN_FLIGHT && !(_waiting.isEmpty() && _names.empty());
 }
 
-const QueuedMessage *ClientQueue::largeToEncode(const Newest &newest)
+const QueuedMessage *ClientQueue::largeToEncode(qint64 now, const Newest &newest)
 {
     if (!hasNext())
         return nullptr;
-    takeNames(newest);
+    takeNext(now, newest);
     if (_waiting.isEmpty() || !_nextFrame.isEmpty() ||
         _waiting.first().body->textSize() <= LARGE_TEXT || _waiting.first().body->isEncoded())
         return nullptr;
@@ -80,7 +85,7 @@ QByteArray ClientQueue::takeFrame(qint64 now, const Newest &newest, TrelanTransp
 {
     if (!hasNext())
         return {};
-    takeNames(newest);
+    takeNext(now, newest);
     if (_waiting.isEmpty())
         return {};
     // What is in flight may have to be sent again, and then comes before the marker.
@@ -200,11 +205,15 @@ void ClientQueue::checkTimes(qint64 now, qint64 lifetime)
         QueuedMessage &message = _waiting[i];
         if (message.kind != QueuedMessage::Direct)
             continue;
+        const bool ended = hasEnded(message, now);
         message.outlived = now - message.queuedAt >= lifetime;
-        if (!message.outlived && !isAnswerLate(message, now))
+        if (!ended && !message.outlived && !isAnswerLate(message, now))
             continue;
         forget(message);
-        _givenUp.prepend(_waiting.takeAt(i));
+        if (ended)
+            _waiting.removeAt(i);
+        else
+            _givenUp.prepend(_waiting.takeAt(i));
         if (i == 0)
             _nextFrame.clear();
     }
@@ -266,6 +275,16 @@ qint64 ClientQueue::nameBytes() const
 qint64 ClientQueue::nameCost(const QString &name)
 {
     return NAME_COST + name.size() * qint64(sizeof(QChar));
+}
+
+/// Sees to it that the first message is the next to send.
+void ClientQueue::takeNext(qint64 now, const Newest &newest)
+{
+    while (!_waiting.isEmpty() && hasEnded(_waiting.first(), now)) {
+        forget(_waiting.takeFirst());
+        _nextFrame.clear();
+    }
+    takeNames(newest);
 }
 
 /// Makes a message of the name whose turn has come, and skips names whose objects are gone.

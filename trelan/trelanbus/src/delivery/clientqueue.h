@@ -68,7 +68,7 @@ public:
 
     /// The message to send next, if it is so large that others would wait for its frame and it has
     /// no frame yet: the caller makes one elsewhere and hands it to setFrame(). Null otherwise.
-    const QueuedMessage *largeToEncode(const Newest &newest);
+    const QueuedMessage *largeToEncode(qint64 now, const Newest &newest);
     /// Takes the frame of the message with this key. It is ignored if another message is next now.
     void setFrame(const QString &key, const QByteArray &frame);
 
@@ -101,8 +101,9 @@ public:
     /// Returns false if there is none to drop.
     bool dropOldest(QueuedMessage::Kind kind, bool keepNext);
 
-    /// Sends the oldest message again after a long silence, and gives up messages that waited for
-    /// \a lifetime and calls for whose answer nobody waits any more.
+    /// Sends the oldest message again after a long silence, gives up messages that waited for \a
+    /// lifetime and calls for whose answer nobody waits any more, and drops messages that have
+    /// reached their own end.
     void checkTimes(qint64 now, qint64 lifetime);
 
     /// Whether time alone can change anything, so that checkTimes() has to be called.
@@ -141,6 +142,7 @@ private:
         size_t digest; // of the text
     };
 
+    void takeNext(qint64 now, const Newest &newest);
     void takeNames(const Newest &newest);
     bool wouldBeDropped(const QueuedMessage &message) const;
     void freshenFirst();

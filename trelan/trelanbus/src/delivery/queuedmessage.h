@@ -29,6 +29,7 @@ struct QueuedMessage
     qint64 storedId = 0; // on disk; 0 if it is not there
     quint64 number = 0;  // its place in the queue
     qint64 queuedAt = 0;
+    qint64 endsAt = 0; // not to be sent from then on; 0 is never
     qint64 sentAt = 0;
     qint64 frameSize = 0;
     int resends = 0;

@@ -10,6 +10,7 @@
 #include <QtCore/QHash>
 #include <QtCore/QVariantMap>
 
+#include <cmath>
 #include <initializer_list>
 
 namespace bus
@@ -27,6 +28,8 @@ constexpr int MAX_WORD = 64;
 
 // The marker behind the values repeats the wildcards, and waits in the queue of the client.
 constexpr int MAX_TOLD = 65536;
+
+constexpr int MAX_LIMIT = 60 * 60 * 1000;
 
 const QString LIST_SEPARATOR = QStringLiteral("::");
 
@@ -49,6 +52,12 @@ bool isNumber(const QVariant &value)
 {
     const int type = value.userType();
     return type == QMetaType::Double || type == QMetaType::LongLong || type == QMetaType::Int;
+}
+
+bool isLimit(const QVariant &value)
+{
+    const double limit = value.toDouble();
+    return isNumber(value) && limit >= 1 && limit <= MAX_LIMIT && limit == std::floor(limit);
 }
 
 /// Takes the text under \a key, or sets the fault, also if there is no such key.
@@ -282,7 +291,8 @@ bool parseSendMessage(const QVariantMap &data, BusRequest &request)
                     {{keys::MESSAGE_TEXT, "a string", isText},
                      UID,
                      TIME,
-                     {keys::MESSAGE_OPTIONS, "a number", isNumber}},
+                     {keys::MESSAGE_OPTIONS, "a number", isNumber},
+                     {keys::MESSAGE_LIMIT, "a whole number from 1 to 3600000", isLimit}},
                     request))
         return false;
     if (request.name.isEmpty()) {
@@ -294,6 +304,7 @@ bool parseSendMessage(const QVariantMap &data, BusRequest &request)
         request.fault = dataFault(QStringLiteral("the receiver: %1").arg(fault));
         return false;
     }
+    request.limit = data.value(keys::MESSAGE_LIMIT).toLongLong();
     request.message = TrelanMessage::fromVariantMap(data);
     if (data.value(keys::TIME).toString().isEmpty())
         request.message->setDt(QDateTime::currentDateTime());

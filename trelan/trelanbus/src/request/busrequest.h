@@ -51,6 +51,7 @@ struct BusRequest
     QString wildcards;      ///< Subscribe: the text that came
     QStringList names;      ///< objects (Remove) or wildcards (Subscribe, Unsubscribe)
     std::optional<TrelanMessage> message; ///< SendMessage; with the time, without a sender
+    qint64 limit = 0; ///< SendMessage: milliseconds until it is not to be sent any more; 0 is never
     ObjectRecord record; ///< Publish; without publisher, and without uid where none was sent
 
     /// Never fails: what is wrong with \a payload stands in the fault.

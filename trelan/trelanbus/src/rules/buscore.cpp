@@ -26,8 +26,8 @@ constexpr int MAX_TOLD_AT_ONCE = 1000; // removals in one turn: some millisecond
 /// What this bus can do beyond what every bus can, sorted.
 QStringList featureNames()
 {
-    return {features::CLIENTS,  features::NOW,  features::PROMPT,
-            features::REMOVALS, features::TOLD, features::TRANSIENT};
+    return {features::CLIENTS,  features::LIMIT, features::NOW,      features::PROMPT,
+            features::REMOVALS, features::TOLD,  features::TRANSIENT};
 }
 
 void logPublish(const ObjectHead &object)
@@ -437,9 +437,10 @@ void BusCore::sendMessage(ConnectionId id, const BusRequest &request)
                                          .arg(names::quoted(message.sender()),
                                               names::quoted(message.reciever()));
     }
-    _delivery.accept(message, [this, id, word = request.word](const TrelanError &error) {
-        _output.reply(id, word, error);
-    });
+    _delivery.accept(message, request.limit,
+                     [this, id, word = request.word](const TrelanError &error) {
+                         _output.reply(id, word, error);
+                     });
 }
 
 /// Delivers to each client with a matching wildcard once, however many of its wildcards match.
