@@ -1,6 +1,7 @@
 #include "logcapture.h"
 #include "pacedreader.h"
 #include "rawpeer.h"
+#include "slowdisk.h"
 #include "testtable.h"
 
 #include <transport.h>
@@ -184,6 +185,45 @@ private Q_SLOTS:
         QVERIFY(messages.connectTo(server.msgPort()));
         QCOMPARE(messages.ask("handshake {'name':'a'}"), "0 ");
         QCOMPARE(messages.receiveDelivery()["msg"].toString(), "for another");
+    }
+
+    void leavesWhileAMessageGoesToDisk()
+    {
+        const QTemporaryDir folder;
+        TrelanBusSettings settings;
+        settings.setDataFolder(folder.path());
+        {
+            TestBus server(settings);
+            RawPeer sender(server, "sender"), other(server, "other");
+            // How often a client of the name has a connection; -1 if there is none of the name.
+            const auto connections = [&other](const QString &name) {
+                other.ask("clients {}");
+                for (const QVariant &client : other.data()["clients"].toList()) {
+                    if (client.toMap()["name"] == name)
+                        return client.toMap()["connections"].toList().size();
+                }
+                return -1;
+            };
+            auto stopped = slowdisk::stop();
+            QVERIFY(sender.send(RawPeer::frame("sendMessage {'r':'a','ops':2,'msg':'late'}")));
+            QTRY_COMPARE(connections("a"), 0); // its room is reserved
+            {
+                RawPeer messages;
+                QVERIFY(messages.connectTo(server.msgPort()));
+                QCOMPARE(messages.ask("handshake {'name':'a','transient':true}"), "0 ");
+            }
+            QTRY_COMPARE(connections("a"), 0);
+            stopped.unlock();
+            QCOMPARE(sender.receive(), "3 client \"a\" is not connected");
+            QCOMPARE(connections("a"), -1);
+            QCOMPARE(other.ask("sendMessage {'r':'b','ops':2,'msg':''}"), "0 ");
+        }
+        TestBus server(settings);
+        RawPeer query(server, "me");
+        QCOMPARE(query.ask("clients {}"), "0 ");
+        const QVariantList clients = query.data()["clients"].toList();
+        QCOMPARE(clients.size(), 2);
+        QCOMPARE(clients[0].toMap()["name"].toString(), "b");
     }
 
     void logLinesAreNeverRefused()

@@ -56,6 +56,8 @@ public:
     QByteArray text() const { return qUncompress(QByteArray::fromBase64(_reader.payload())); }
     /// Whether bytes, or the end of the connection, arrive within this time.
     bool hasInput(int milliseconds);
+    /// Whether anything is there behind the frame received last.
+    bool hasMore() { return _reader.isInsideFrame() || hasInput(0); }
     /// Whether the other side ends the connection. Skips what it still sends.
     bool awaitEnd();
     /// Makes the end a reset, after which the system keeps nothing of the connection.
