@@ -217,6 +217,7 @@ private Q_SLOTS:
         QCOMPARE(reader.receive(false), "a=1 now");
         RawPeer newer(server, "me");
         QVERIFY(reader.query.awaitEnd());
+        QVERIFY(reader.open());
         QCOMPARE(newer.ask("sub {'wc':'c','now':true}"), "0 ");
         QCOMPARE(reader.receive(), "c=4 ");
     }
