@@ -9,10 +9,12 @@
 #include "trelangadget.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
+#include "trelanoptions.h"
 #include "trelanpending.h"
 
 #include <QtCore/QObject>
 #include <QtCore/QStringList>
+#include <QtCore/QVariantList>
 #include <QtCore/QVariantMap>
 
 #include <functional>
@@ -22,34 +24,7 @@
 namespace bus
 {
 
-/// \brief How one operation of a TrelanClient is treated. A plain value.
-///
-/// \code
-/// client.call("printer", "print", { { "file", path } },
-///             bus::TrelanOptions().within(5000).orWaitForBus());
-/// \endcode
-class TRELAN_EXPORT TrelanOptions
-{
-public:
-    TrelanOptions() = default;
-
-    /// The operation ends as TimedOut after so many milliseconds, 1 or more; 30 s unless set.
-    TrelanOptions within(int milliseconds) const;
-    /// While the bus is away the operation waits for it, instead of ending as NotConnected.
-    TrelanOptions orWaitForBus() const;
-    /// An operation whose connection is lost before the bus has answered is sent again on the next
-    /// one. It may be done twice, since nobody knows whether it was done.
-    TrelanOptions orRepeat() const;
-
-    int milliseconds() const;
-    bool waitsForBus() const;
-    bool mayRepeat() const;
-
-private:
-    int _milliseconds = 30000;
-    bool _waitsForBus = false;
-    bool _mayRepeat = false;
-};
+class WatchMailbox;
 
 /// \brief A subscription of TrelanClient::watch(), to end it with TrelanClient::unwatch().
 ///
@@ -63,8 +38,11 @@ public:
 
 private:
     friend class TrelanClient;
-    TrelanWatch(const TrelanPending &pending, quint64 number);
+    TrelanWatch(const TrelanPending &pending, quint64 number,
+                const std::weak_ptr<WatchMailbox> &mailbox);
+
     quint64 _number = 0;
+    std::weak_ptr<WatchMailbox> _mailbox;
 };
 
 /// \brief The bus for an application: publish, watch, load, send, call and serve, with one object.
@@ -152,6 +130,10 @@ public:
     /// All stored objects that \a wildcard takes in, by name; none is no failure.
     TrelanReply<TrelanObjects> loadAll(const QString &wildcard, const TrelanOptions &options = {});
 
+    /// Who is on the bus, or has something waiting there, sorted by name: a map for each, with the
+    /// keys that docs/protocol.md lists under `clients`. Refused by a bus that lacks that feature.
+    TrelanReply<QVariantList> clients(const TrelanOptions &options = {});
+
     /// Sends a text to another client. Done when the bus has it; NobodyThere where the receiver is
     /// not connected.
     TrelanPending send(const QString &receiver, const QString &text,
@@ -232,9 +214,8 @@ public:
 Q_SIGNALS:
     /// Whether the bus is there has changed, or why it is not.
     void stateChanged(bus::TrelanConnectionState state);
-    /// A call that nobody serves, a command to everybody that a watch takes in, or an answer to a
-    /// command that this client has not called with call(). A call that needs an answer is refused
-    /// by the client where nothing is connected to this signal.
+    /// A call that nobody serves, or a command to everybody that a watch takes in. A call that
+    /// needs an answer is refused by the client where nothing is connected to this signal.
     void commandReceived(bus::TrelanCommand command);
     /// A text from another client.
     void messageReceived(bus::TrelanMessage message);

@@ -1,0 +1,48 @@
+#include "client/opencall.h"
+
+#include "client/clientdoor.h"
+#include "client/clientengine.h"
+
+namespace bus
+{
+
+const QString ERROR_PARAMETER = QStringLiteral("error");
+
+TrelanMessage answerTo(const TrelanCommand &call, const QVariantMap &result)
+{
+    TrelanCommand answer;
+    answer.setName(call.name());
+    answer.setParams(result);
+    answer.setParentUid(call.uid());
+    answer.setReciever(call.sender());
+    TrelanMessage message;
+    answer.toTrelanMessage(message);
+    message.setStored(false);
+    return message;
+}
+
+OpenCall::OpenCall(const TrelanCommand &command, const std::weak_ptr<ClientDoor> &door,
+                   const std::shared_ptr<std::atomic<int>> &open)
+    : _command(command)
+    , _door(door)
+    , _open(open)
+{
+    ++*_open;
+}
+
+OpenCall::~OpenCall()
+{
+    answer({{ERROR_PARAMETER,
+             QStringLiteral("the call of \"%1\" was not answered").arg(_command.name())}});
+    --*_open;
+}
+
+void OpenCall::answer(const QVariantMap &result)
+{
+    if (_isAnswered.exchange(true) || !_command.needAnswer())
+        return;
+    if (const std::shared_ptr<ClientDoor> door = _door.lock())
+        ClientEngine::send(*door, answerTo(_command, result), {});
+}
+
+} // namespace bus
