@@ -30,6 +30,10 @@ public:
         return publishAll(content, number);
     }
     /// @}
+
+    /// Calls another program with \a content, and returns when that has answered with it. False if
+    /// there is no such thing.
+    virtual bool call(const QVariantMap & /*content*/) { return false; }
 };
 
 /// \brief A connection that has subscribed to what is published, and counts it.

@@ -28,6 +28,7 @@ FAN_OUT = 32
 ACKNOWLEDGED = [("acknowledged", "acknowledged", 0), ("pipelined", "pipelined", 0)]
 DELIVERED = [("delivered", "passed", 1)]
 FANNED_OUT = [("last", "passed", FAN_OUT), ("streamed", "streamed", FAN_OUT)]
+CALLED = [("called", "called", 1)]
 ALL = ACKNOWLEDGED + DELIVERED + FANNED_OUT
 
 
@@ -46,6 +47,7 @@ OWN = [
     Bus("prompt-light", "Prompt + Light", servers.trelanbusd, idle=True),
     Bus("prompt-classic", "Prompt + Classic", servers.trelanbusd),
     Bus("controllers", "two controllers, Prompt + Light", servers.trelanbusd, DELIVERED),
+    Bus("client", "TrelanClient", servers.trelanbusd, ALL + CALLED),
     Bus("paced-classic", "Paced + Classic", servers.trelanbusd, ACKNOWLEDGED + DELIVERED, slow=True),
     Bus("relay", "raw relay, no codec", servers.embedded("relay"), idle=True),
 ]
@@ -54,12 +56,12 @@ OWN = [
 class Peer(Bus):
     program = "peers/busbench_peers"
 
-    def __init__(self, name, label, server, own_way=False):
-        super().__init__(name, label, server, idle=True, own_way=own_way)
+    def __init__(self, name, label, server, measures=None, own_way=False):
+        super().__init__(name, label, server, measures, idle=True, own_way=own_way)
 
 
 PEERS = [
-    Peer("dbus", "QtDBus", servers.dbus_daemon, own_way=True),
+    Peer("dbus", "QtDBus", servers.dbus_daemon, ALL + CALLED, own_way=True),
     Peer("mosquitto", "mosquitto QoS 1", servers.mosquitto),
     Peer("nats", "nats-server", servers.nats_server),
     Peer("remoteobjects", "Qt Remote Objects", servers.embedded("remoteobjects")),
@@ -264,7 +266,7 @@ def parse(arguments):
     if options.smoke:
         options.rounds, options.milliseconds, options.idle = 1, 5, False
         options.processors, options.sizes = [report.FREE], SIZES[:1]
-        options.only = ["prompt-light", "controllers", "relay"]
+        options.only = ["prompt-light", "controllers", "client", "relay"]
     return options
 
 

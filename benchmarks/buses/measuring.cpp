@@ -68,6 +68,11 @@ QJsonObject Measuring::run(const Order &order)
 
 Measuring::Once Measuring::once(const Order &order)
 {
+    if (order.kind == QLatin1String("called"))
+        return [this] {
+            const qint64 start = nanoseconds();
+            return _publisher.call(_content) ? nanoseconds() - start : -1;
+        };
     if (order.receivers > 0)
         return [this, number = order.receivers] {
             const qint64 start = nanoseconds();

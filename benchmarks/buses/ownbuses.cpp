@@ -1,3 +1,4 @@
+#include "clientbus.h"
 #include "controllerbus.h"
 #include "relaybus.h"
 
@@ -17,6 +18,8 @@ std::unique_ptr<Bus> makeBus(const QString &name, const QStringList &address)
     if (name == QLatin1String("controllers"))
         return std::make_unique<ControllerBus>(TrelanTransport::Prompt, TrelanTransport::Light,
                                                address);
+    if (name == QLatin1String("client"))
+        return std::make_unique<ClientBus>(address);
     if (name == QLatin1String("relay"))
         return std::make_unique<RelayBus>(address);
     return nullptr;

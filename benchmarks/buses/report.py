@@ -11,6 +11,7 @@ COLUMNS = [
     ("delivered, µs", ["delivered.p50_us", "delivered.p99_us"]),
     ("last of 32, µs", ["last.p50_us", "last.p99_us"]),
     ("deliveries/s to 32", ["streamed.per_s"]),
+    ("called, µs", ["called.p50_us", "called.p99_us"]),
     ("CPU of a publish, µs", ["acknowledged.cpu_us"]),
     ("of a delivery, µs", ["delivery.cpu_us"]),
 ]
@@ -27,6 +28,9 @@ RATIOS = [
 MAX_TIMES_RELAY = {"acknowledged.p50_us": 2.2, "delivered.p50_us": 2}
 MIN_SHARE_OF_RELAY_STREAM = 1 / 3
 MAX_TIMES_CHANNELS = 2
+# TrelanClient beside what it stands on.
+MAX_TIMES_HANDLER = 1.5
+MAX_TIMES_CONTROLLERS = 1.3
 MAX_CPU_US = 10
 MAX_PSS_MIB = 15
 
@@ -129,6 +133,14 @@ def goals(run):
             add("through two controllers / direct channels", cpus, size,
                 results.ratio("controllers", "prompt-light", cpus, size, "delivered.p50_us"),
                 MAX_TIMES_CHANNELS, True)
+            add("TrelanClient, acknowledged: its time / handler", cpus, size,
+                results.ratio("client", "prompt-light", cpus, size, "acknowledged.p50_us"),
+                MAX_TIMES_HANDLER, True)
+            add("TrelanClient, delivered: its time / two controllers", cpus, size,
+                results.ratio("client", "controllers", cpus, size, "delivered.p50_us"),
+                MAX_TIMES_CONTROLLERS, True)
+            add("call and answer: QtDBus asyncCall / TrelanClient", cpus, size,
+                results.ratio("dbus", "client", cpus, size, "called.p50_us"), 1, False)
         add("server CPU of a publish, µs", cpus, small,
             results.get("prompt-light", cpus, small, "acknowledged.cpu_us"), MAX_CPU_US, True)
     add("PSS with 10 idle clients, MiB", FREE, 0,

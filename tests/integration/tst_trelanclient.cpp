@@ -180,6 +180,13 @@ private Q_SLOTS:
         reply.then(&context, [&](const QVariantMap &answer) { answered = answer["n"].toInt(); });
         QTRY_COMPARE(answered, 42);
 
+        // Equal calls at once: each has its own answer.
+        QList<TrelanPending> equal;
+        for (int i = 0; i < 100; ++i)
+            equal << caller.call("callee", "double", n(1));
+        for (const TrelanPending &one : equal)
+            QTRY_VERIFY(one.isDone());
+
         const auto later = caller.call("callee", "later");
         QTRY_COMPARE(open.size(), size_t(1));
         QVERIFY(!later.isFinished());

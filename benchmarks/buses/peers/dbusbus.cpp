@@ -14,6 +14,7 @@ namespace
 const QString SERVICE = QStringLiteral("org.example.Bench");
 const QString PATH = QStringLiteral("/bench");
 const QString INTERFACE = QStringLiteral("org.example.Bench");
+const QString PUBLISH = QStringLiteral("publish");
 constexpr int PATIENCE_MS = 10000;
 
 /// QtDBus leaves maps inside of maps as they came until somebody asks for them.
@@ -53,20 +54,28 @@ public:
 
     bool publish(const QVariantMap &content) override
     {
-        const QDBusMessage reply = _connection.call(call(content), QDBus::Block, PATIENCE_MS);
+        const QDBusMessage reply =
+            _connection.call(call(PUBLISH, content), QDBus::Block, PATIENCE_MS);
         return reply.type() == QDBusMessage::ReplyMessage;
     }
     bool publishAll(const QVariantMap &content, int number) override
     {
         QList<QDBusPendingCall> calls;
         for (int i = 0; i < number; ++i)
-            calls.append(_connection.asyncCall(call(content), PATIENCE_MS));
+            calls.append(_connection.asyncCall(call(PUBLISH, content), PATIENCE_MS));
         for (QDBusPendingCall &pending : calls) {
             pending.waitForFinished();
             if (pending.isError())
                 return false;
         }
         return true;
+    }
+    bool call(const QVariantMap &content) override
+    {
+        QDBusPendingCall pending =
+            _connection.asyncCall(call(QStringLiteral("echo"), content), PATIENCE_MS);
+        pending.waitForFinished();
+        return !pending.isError() && !plain(pending.reply().arguments().value(0)).toMap().isEmpty();
     }
     bool pass(const QVariantMap &content) override
     {
@@ -84,10 +93,9 @@ public:
     }
 
 private:
-    static QDBusMessage call(const QVariantMap &content)
+    static QDBusMessage call(const QString &method, const QVariantMap &content)
     {
-        QDBusMessage message =
-            QDBusMessage::createMethodCall(SERVICE, PATH, INTERFACE, QStringLiteral("publish"));
+        QDBusMessage message = QDBusMessage::createMethodCall(SERVICE, PATH, INTERFACE, method);
         message << content;
         return message;
     }
@@ -133,6 +141,7 @@ class Service : public QObject
 
 public Q_SLOTS:
     bool publish(const QVariantMap &content) { return !content.isEmpty(); }
+    QVariantMap echo(const QVariantMap &content) { return plain(content); }
 };
 
 } // namespace

@@ -9,6 +9,7 @@
 #include "client/watchmailbox.h"
 #include "codec/publishrequest.h"
 #include "trelanframe.h"
+#include "values/uids.h"
 
 #include <wirekeys.h>
 
@@ -130,6 +131,8 @@ TrelanPending TrelanClient::publish(const TrelanObject &object, const TrelanOpti
     const Operation::Ref operation = ClientEngine::makeOperation(options);
     TrelanObject published = object;
     published.setPublisher(d->_clientName);
+    if (published.uid().isEmpty())
+        published.setUid(uids::random());
     operation->frame =
         requests::publish(std::move(published), TrelanTransport::Light, requests::Unique);
     operation->cost = operation->frame.size();

@@ -121,7 +121,7 @@ Operation::Ref ClientEngine::send(ClientDoor &door, const TrelanMessage &message
     const Operation::Ref operation = makeOperation(options);
     operation->message = message;
     if (message.uid().isEmpty())
-        operation->message->setUid(uids::unique(message));
+        operation->message->setUid(uids::random());
     operation->cost = message.message().size();
     door.post(operation, [operation](ClientEngine &engine) { engine.begin(operation); });
     return operation;
@@ -131,7 +131,7 @@ Operation::Ref ClientEngine::makeCall(ClientDoor &door, TrelanCommand call,
                                       const TrelanOptions &options)
 {
     const Operation::Ref operation = makeOperation(options);
-    call.setUid(uids::unique(call));
+    call.setUid(uids::random());
     TrelanMessage message;
     const bool hasReceiver = call.toTrelanMessage(message);
     message.setStored(false); // nobody is to be called when nobody waits any more

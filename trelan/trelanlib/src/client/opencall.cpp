@@ -2,6 +2,7 @@
 
 #include "client/clientdoor.h"
 #include "client/clientengine.h"
+#include "values/uids.h"
 
 namespace bus
 {
@@ -15,6 +16,7 @@ TrelanMessage answerTo(const TrelanCommand &call, const QVariantMap &result)
     answer.setParams(result);
     answer.setParentUid(call.uid());
     answer.setReciever(call.sender());
+    answer.setUid(uids::random());
     TrelanMessage message;
     answer.toTrelanMessage(message);
     message.setStored(false);

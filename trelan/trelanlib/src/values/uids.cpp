@@ -5,8 +5,11 @@
 
 #include <QtCore/QMutex>
 #include <QtCore/QQueue>
+#include <QtCore/QRandomGenerator>
 #include <QtCore/QSet>
 #include <QtCore/QThread>
+
+#include <array>
 
 namespace bus::uids
 {
@@ -45,6 +48,15 @@ QString of(const TrelanObject &object, const QByteArray &contentJson)
                          object.timestamp().toIsoText() + QString::number(int(object.options())) +
                          value::nowText();
     return value::digest(text.toUtf8(), contentJson);
+}
+
+QString random()
+{
+    constexpr int BYTES = 20; // as many as a digest has
+    std::array<quint32, BYTES / sizeof(quint32)> bits {};
+    QRandomGenerator::system()->fillRange(bits.data(), bits.size());
+    return QString::fromLatin1(
+        QByteArray::fromRawData(reinterpret_cast<const char *>(bits.data()), BYTES).toBase64());
 }
 
 bool remember(const QString &uid)

@@ -34,6 +34,10 @@ QString uniqueOf(const Make &make)
     }
 }
 
+/// An id by chance alone, of the usual length: nobody has to wait for it, however many equal values
+/// are sent in one millisecond.
+QString random();
+
 /// An id for \a value, by its genUid().
 template <typename Value>
 QString unique(const Value &value)
