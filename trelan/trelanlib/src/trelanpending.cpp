@@ -102,8 +102,8 @@ void PendingState::end(const QVariant &value, const TrelanFailure &failure)
         _value = value;
         _failure = failure;
         signal = std::move(_signal);
-        _ended.notify_all();
     }
+    _ended.notify_all(); // unlocked, so that who waits does not wait once more
     if (signal)
         emit signal->finished();
 }

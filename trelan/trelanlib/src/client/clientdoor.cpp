@@ -28,27 +28,39 @@ ClientDoor::ClientDoor(const TrelanClientSettings &settings)
 
 void ClientDoor::post(const Operation::Ref &operation, Task task)
 {
-    TrelanFailure failure;
+    const TrelanFailure failure = take(operation, std::move(task));
+    if (failure.kind() != TrelanFailure::None && operation)
+        operation->state->fail(failure);
+}
+
+TrelanFailure ClientDoor::take(const Operation::Ref &operation, Task task)
+{
     {
         const std::lock_guard locker(_mutex);
         if (_isClosed)
-            failure = closedFailure();
-        else if (const QString fault = operation ? excess(*operation) : QString(); !fault.isEmpty())
-            failure = {TrelanFailure::Refused, fault, TrelanError::StorageAccessError};
-        if (failure.kind() == TrelanFailure::None) {
-            if (operation) {
-                ++_operations;
-                _bytes += operation->cost;
-            }
-            _posted.push_back({operation, std::move(task)});
-            _isIdle = false;
-            if (_posted.size() == 1 && _engine)
-                _engine->wake();
-            return;
+            return closedFailure();
+        if (operation) {
+            const QString fault = excess(*operation);
+            if (!fault.isEmpty())
+                return {TrelanFailure::Refused, fault, TrelanError::StorageAccessError};
+            ++_operations;
+            _bytes += operation->cost;
         }
+        _isIdle = false;
+        _posted.push_back({operation, std::move(task)});
+        if (_posted.size() > 1)
+            return {};
     }
-    if (operation)
-        operation->state->fail(failure);
+    wake();
+    return {};
+}
+
+/// Has the tasks run. Without the lock of the tasks, which the woken thread needs at once.
+void ClientDoor::wake()
+{
+    const std::lock_guard locker(_engineMutex);
+    if (_engine)
+        _engine->wake();
 }
 
 /// What is past a bound, for people; empty if nothing is. A single large operation is let in, so
@@ -64,20 +76,24 @@ QString ClientDoor::excess(const Operation &operation) const
 
 void ClientDoor::open(ClientEngine *engine)
 {
-    const std::lock_guard locker(_mutex);
-    _engine = engine;
-    if (!_posted.empty())
-        _engine->wake();
+    {
+        const std::lock_guard locker(_engineMutex);
+        _engine = engine;
+    }
+    wake(); // something may have been posted before
 }
 
 void ClientDoor::close()
 {
+    {
+        const std::lock_guard locker(_engineMutex);
+        _engine = nullptr;
+    }
     std::vector<Posted> left;
     {
         const std::lock_guard locker(_mutex);
         _isClosed = true;
         _isIdle = true;
-        _engine = nullptr;
         left.swap(_posted);
         _changed.notify_all();
     }

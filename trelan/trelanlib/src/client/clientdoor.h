@@ -63,19 +63,22 @@ private:
         Task task;
     };
 
+    TrelanFailure take(const Operation::Ref &operation, Task task);
     QString excess(const Operation &operation) const;
+    void wake();
 
     const int _maxOperations;
     const qint64 _maxBytes;
     mutable std::mutex _mutex; // guards the members down to the condition
     std::vector<Posted> _posted;
-    ClientEngine *_engine = nullptr;
     bool _isClosed = false;
     bool _isIdle = true;
     TrelanConnectionState _state;
     int _operations = 0;
     qint64 _bytes = 0;
     mutable std::condition_variable _changed;
+    std::mutex _engineMutex; // guards the member below; taken alone
+    ClientEngine *_engine = nullptr;
     std::atomic<bool> _isLimitKnown {false};
 };
 

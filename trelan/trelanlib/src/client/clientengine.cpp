@@ -262,7 +262,8 @@ QByteArray ClientEngine::frameOf(Operation &operation) const
         return operation.frame;
     QVariantMap data = operation.message->toVariantMap();
     if (!operation.message->isStored() && _session.features().has(features::LIMIT))
-        data.insert(keys::MESSAGE_LIMIT, qBound<qint64>(1, operation.deadline - steadyNow(), MAX_LIMIT_MS));
+        data.insert(keys::MESSAGE_LIMIT,
+                    qBound<qint64>(1, operation.deadline - steadyNow(), MAX_LIMIT_MS));
     return request(operations::SEND_MESSAGE, data);
 }
 

@@ -54,7 +54,7 @@ QString random()
 {
     constexpr int BYTES = 20; // as many as a digest has
     std::array<quint32, BYTES / sizeof(quint32)> bits {};
-    QRandomGenerator::system()->fillRange(bits.data(), bits.size());
+    QRandomGenerator::global()->fillRange(bits.data(), bits.size());
     return QString::fromLatin1(
         QByteArray::fromRawData(reinterpret_cast<const char *>(bits.data()), BYTES).toBase64());
 }
