@@ -1,10 +1,14 @@
 #include <scriptedserver.h>
 #include <testsupport.h>
+#include <testtable.h>
 #include <trelanbus.h>
 #include <trelanclient.h>
 #include <trelanqueryhandler.h>
 
+#include <atomic>
+#include <functional>
 #include <memory>
+#include <vector>
 
 using namespace bus;
 
@@ -69,7 +73,13 @@ TrelanFailure::Kind outcome(const TrelanPending &pending)
     return pending.wait(LONG_MS) ? pending.failure().kind() : TrelanFailure::Kind(-1);
 }
 
+using Begin = std::function<TrelanPending(TrelanClient &)>;
+using Change = std::function<void(TrelanClientSettings &, Bus &)>;
+
 } // namespace
+
+Q_DECLARE_METATYPE(Begin)
+Q_DECLARE_METATYPE(Change)
 
 class tst_TrelanClient : public QObject
 {
@@ -158,8 +168,8 @@ private Q_SLOTS:
         QTRY_VERIFY(seen.told.contains("-x.lost"));
         QTRY_VERIFY(seen.told.contains("x.new=3"));
         QVERIFY(!seen.told.contains("x.new=2"));
-        const auto kept = other.load("x.kept", TrelanOptions().orWaitForBus());
-        QCOMPARE(outcome(kept), TrelanFailure::None);
+        QTRY_COMPARE(outcome(other.load("x.kept", TrelanOptions().orWaitForBus())),
+                     TrelanFailure::None);
     }
 
     void callsAndServes()
@@ -230,6 +240,259 @@ private Q_SLOTS:
         QTRY_VERIFY(taken(first) || taken(second));
         const QString text = (taken(first) ? first : second).state().description();
         QVERIFY2(text.contains("one") && text.contains("127.0.0.1:"), qPrintable(text));
+    }
+
+    void refusals_data()
+    {
+        const TestTable<Begin, QString> row("begin", "failure");
+        row(
+            "no name", [](TrelanClient &c) { return c.publish("", n(1)); },
+            R"(refused \(2\): .*name.*)");
+        row(
+            "name with a wildcard", [](TrelanClient &c) { return c.publish("a.+", n(1)); },
+            R"(refused \(2\): .*a\.\+.*)");
+        row(
+            "empty wildcard", [](TrelanClient &c) { return Seen().watch(c, ""); },
+            R"(refused \(2\): .*)");
+        row(
+            "call of nobody", [](TrelanClient &c) { return c.call("", "x"); },
+            R"(refused \(2\): a call needs a receiver)");
+        row(
+            "unknown object", [](TrelanClient &c) { return c.load("x"); },
+            R"(refused \(2\): there is no object "x")");
+        row(
+            "misfit",
+            [](TrelanClient &c) {
+                return c.call("other", "sum", {{"text", "no number"}});
+            },
+            "answered with an error: no number");
+        row(
+            "an answer that is no map", [](TrelanClient &c) { return c.call("other", "list"); },
+            "answered with an error: the answer is no map");
+        row(
+            "an answer of somebody else",
+            [](TrelanClient &c) {
+                return c.call("other", "stolen", {}, TrelanOptions().within(200));
+            },
+            "timed out: .*");
+        row(
+            "a served function that never answers",
+            [](TrelanClient &c) {
+                return c.call("other", "never", {}, TrelanOptions().within(200));
+            },
+            "timed out: .*");
+    }
+
+    void refusals()
+    {
+        QFETCH(Begin, begin);
+        QFETCH(QString, failure);
+        Bus bus;
+        TrelanClient client("client", bus.settings()), other("other", bus.settings()),
+            thief("thief", bus.settings());
+        QObject context;
+        std::vector<TrelanCall> open;
+        other.serve("sum", &context, [](const TrelanCall &call) {
+            call.fail(call.command().params().value("text").toString());
+        });
+        other.serve("never", &context, [&](const TrelanCall &call) { open.push_back(call); });
+        const auto answer = [](TrelanClient &by, const TrelanCommand &call, const QString &params) {
+            TrelanMessage message;
+            message.setReciever(call.sender());
+            message.setMessage(
+                QString(R"({"__cmd__":{"__name__":"x","__params__":%1,"__parent__":"%2"}})")
+                    .arg(params, call.uid()));
+            by.send(message);
+        };
+        connect(&other, &TrelanClient::commandReceived, &context, [&](const TrelanCommand &call) {
+            if (call.name() == "list")
+                answer(other, call, "[1]");
+            else
+                answer(thief, call, "{}");
+        });
+        QVERIFY(client.waitForConnected() && other.waitForConnected() && thief.waitForConnected());
+        const TrelanPending pending = begin(client);
+        QTRY_VERIFY(pending.isFinished());
+        const QRegularExpression expected(QRegularExpression::anchoredPattern(failure));
+        const QString text = pending.failure().toString();
+        QVERIFY2(expected.match(text).hasMatch(), qPrintable(text));
+    }
+
+    void continuationsEndWithTheirContext()
+    {
+        Bus bus;
+        TrelanClient client("client", bus.settings());
+        QObject context;
+        QStringList ran;
+        auto gone = std::make_unique<QObject>();
+        const TrelanPending pending = client.publish("x", n(1));
+        pending.then(gone.get(), [&] { ran << "of a deleted context"; });
+        pending.then(&context, [&] { ran << "before the end"; });
+        pending.onError(&context, [&](const TrelanFailure &) { ran << "an error"; });
+        QVERIFY(pending.wait());
+        pending.then(&context, [&] { ran << "after the end"; });
+        QVERIFY2(ran.isEmpty(), "a continuation has not waited for the event loop");
+        gone.reset();
+        const TrelanPendingWatcher watcher(pending);
+        QSignalSpy finished(&watcher, &TrelanPendingWatcher::finished);
+        QVERIFY(finished.wait());
+        QCOMPARE(ran, (QStringList {"before the end", "after the end"}));
+        QCOMPARE(finished.size(), 1);
+    }
+
+    void watchEndsWithItsContext()
+    {
+        Bus bus;
+        TrelanClient client("client", bus.settings());
+        auto seen = std::make_unique<Seen>();
+        QCOMPARE(outcome(seen->watch(client, "x.*")), TrelanFailure::None);
+        seen.reset();
+        // The subscription ends when many watches have been made after it.
+        Seen others;
+        for (int i = 0; i < 40; ++i)
+            QCOMPARE(outcome(others.watch(client, QString("y%1.*").arg(i))), TrelanFailure::None);
+        const auto clients = client.clients();
+        QVERIFY(clients.wait());
+        QCOMPARE(clients.result()[0].toMap().value("subscriptions").toInt(), 40);
+    }
+
+    /// A context that does not get at its events skips values, and ends with the newest ones.
+    void slowContextSkipsValues()
+    {
+        Bus bus;
+        TrelanClient writer("writer", bus.settings()), reader("reader", bus.settings());
+        Seen seen;
+        const TrelanWatch watch = seen.watch(reader, "x.*");
+        QVERIFY(watch.wait(LONG_MS));
+        constexpr int CHANGES = 5000;
+        for (int i = 1; i <= CHANGES; ++i) {
+            const TrelanPending pending = writer.publish("x.a", n(i));
+            if (i % 100 == 0)
+                QVERIFY(pending.wait(LONG_MS));
+        }
+        QCOMPARE(outcome(writer.publish("x.b", n(1))), TrelanFailure::None);
+        QTRY_VERIFY(seen.told.contains("x.b=1"));
+        QVERIFY2(seen.told.size() <= 1100, qPrintable(QString::number(seen.told.size())));
+        QVERIFY(seen.told.contains(QString("x.a=%1").arg(CHANGES)));
+    }
+
+    void boundsAreKept()
+    {
+        Bus bus;
+        bus.stop();
+        TrelanClient client("client", bus.settings().setLimits(2, 1000));
+        QTRY_COMPARE(client.state().status(), TrelanConnectionState::Away);
+        const TrelanPending first = client.publish("a", n(1)), second = client.publish("b", n(1));
+        const TrelanPending third = client.publish("c", n(1));
+        QCOMPARE(third.failure().kind(), TrelanFailure::Refused);
+        QCOMPARE(third.failure().code(), quint16(TrelanError::StorageAccessError));
+        bus.start();
+        QCOMPARE(outcome(first), TrelanFailure::None);
+        QCOMPARE(outcome(second), TrelanFailure::None);
+        QCOMPARE(outcome(client.publish("c", n(1))), TrelanFailure::None);
+    }
+
+    void saysWhyItIsAway_data()
+    {
+        const TestTable<QString, Change, TrelanConnectionState::Reason> row("client", "change",
+                                                                            "reason");
+        using Settings = TrelanClientSettings;
+        using State = TrelanConnectionState;
+        row(
+            "no bus", "a", [](Settings &, Bus &bus) { bus.stop(); }, State::NoBus);
+        row(
+            "a host name", "a", [](Settings &s, Bus &) { s.setHost("localhost"); }, State::NoBus);
+        row(
+            "a port 0", "a", [](Settings &s, Bus &) { s.setPorts(0, 1); }, State::NoBus);
+        row(
+            "no name", "", [](Settings &, Bus &) {}, State::Refused);
+        row(
+            "swapped ports", "a",
+            [](Settings &s, Bus &) { s.setPorts(s.queryPort(), s.messagePort()); },
+            State::OtherPort);
+    }
+
+    void saysWhyItIsAway()
+    {
+        QFETCH(QString, client);
+        QFETCH(Change, change);
+        QFETCH(TrelanConnectionState::Reason, reason);
+        Bus bus;
+        TrelanClientSettings settings = bus.settings();
+        change(settings, bus);
+        TrelanClient away(client, settings);
+        QTRY_COMPARE(away.state().reason(), reason);
+        QVERIFY(!away.state().description().isEmpty());
+        QCOMPARE(outcome(away.load("x")), TrelanFailure::NotConnected);
+    }
+
+    /// A bus without any additions: the client asks for the objects instead.
+    void busWithoutFeatures_data()
+    {
+        const TestTable<bool> row("refuses");
+        row("ignores the question", false);
+        row("refuses the question", true);
+    }
+
+    void busWithoutFeatures()
+    {
+        QFETCH(bool, refuses);
+        const auto handshake = [refuses](ScriptedPeer &peer) {
+            const bool isRefused = refuses && peer.frame.data.contains("features");
+            return peer.send(ScriptedServer::reply("handshake", isRefused ? 2 : 0));
+        };
+        const ScriptedServer messages([&](ScriptedPeer &peer) {
+            if (peer.readFrame() && handshake(peer))
+                peer.awaitEnd();
+        });
+        const ScriptedServer queries([&](ScriptedPeer &peer) {
+            while (peer.readFrame()) {
+                const QByteArray operation = peer.frame.operation.toUtf8();
+                if (operation == "handshake")
+                    handshake(peer);
+                else if (operation == "loadObjects")
+                    peer.send(ScriptedServer::reply(
+                        operation, 0, {},
+                        R"({"x.a":{"nm":"x.a","cnt":{"n":1},"p":"p","uid":"u","dt":"1","opt":2}})"));
+                else
+                    peer.send(ScriptedServer::reply(operation));
+            }
+        });
+        TrelanClient client("old",
+                            TrelanClientSettings().setPorts(messages.port(), queries.port()));
+        Seen seen;
+        QCOMPARE(outcome(seen.watch(client, "x.*")), TrelanFailure::None);
+        QTRY_COMPARE(seen.told, QStringList {"x.a=1"});
+        QVERIFY(client.state().lacking().contains("removals"));
+        for (const ScriptedFrame &frame : queries.frames()) {
+            if (frame.operation == "sub")
+                QCOMPARE(frame.data.keys(), QStringList {"wc"});
+        }
+    }
+
+    void silentBusIsGivenUp()
+    {
+        const ScriptedServer silent([](ScriptedPeer &peer) { peer.awaitEnd(); });
+        TrelanClient client(
+            "client",
+            TrelanClientSettings().setPorts(silent.port(), silent.port()).setPatience(100));
+        const TrelanPending waits = client.load("x", TrelanOptions().within(400).orWaitForBus());
+        QTRY_COMPARE(client.state().status(), TrelanConnectionState::Away);
+        QCOMPARE(outcome(waits), TrelanFailure::TimedOut);
+        QCOMPARE(outcome(client.load("x")), TrelanFailure::NotConnected);
+    }
+
+    void waitingInTheClientsThreadIsRefused()
+    {
+        Bus bus;
+        TrelanClient client("client", bus.settings().setPatience(LONG_MS));
+        std::atomic_int waited {-1};
+        // Without a context the function runs in the client's own thread.
+        connect(&client, &TrelanClient::stateChanged, [&](const TrelanConnectionState &) {
+            waited = client.publish("x", n(1)).wait(LONG_MS) ? 1 : 0;
+        });
+        bus.stop();
+        QTRY_COMPARE(waited.load(), 0);
     }
 };
 

@@ -145,9 +145,9 @@ TrelanPending TrelanClient::remove(const QStringList &names, const TrelanOptions
 {
     const Operation::Ref operation =
         makeRequest(operations::REMOVE, {{keys::OBJECTS, names}}, options);
-    d->_door->post(operation,
-                   [operation, names](ClientEngine &engine) { engine.remove(operation, names); });
-    return operation->state->pending();
+    for (const QString &name : names)
+        operation->removedNames.append(name.trimmed());
+    return d->begin(operation);
 }
 
 TrelanPending TrelanClient::remove(const QString &name, const TrelanOptions &options)

@@ -102,10 +102,12 @@ void PendingState::end(const QVariant &value, const TrelanFailure &failure)
         _value = value;
         _failure = failure;
         signal = std::move(_signal);
+        // Under the lock, so that what is added later runs later. All connections are queued: no
+        // continuation runs here.
+        if (signal)
+            emit signal->finished();
     }
     _ended.notify_all(); // unlocked, so that who waits does not wait once more
-    if (signal)
-        emit signal->finished();
 }
 
 bool PendingState::isFinished() const

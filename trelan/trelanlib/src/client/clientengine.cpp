@@ -154,17 +154,12 @@ void ClientEngine::begin(const Operation::Ref &operation)
     });
     if (_settings.keep() && operation->isStoredPublish())
         _kept.keep(operation->storedName, operation->frame);
+    for (const QString &name : std::as_const(operation->removedNames))
+        _kept.forget(name);
     if (_session.isUp())
         submit(operation);
     else
         wait(operation);
-}
-
-void ClientEngine::remove(const Operation::Ref &operation, const QStringList &names)
-{
-    for (const QString &name : names)
-        _kept.forget(name.trimmed());
-    begin(operation);
 }
 
 void ClientEngine::reportIdle()
@@ -295,8 +290,20 @@ void ClientEngine::onLost(const Operation::Ref &operation)
     if (operation->isStoredPublish() || operation->mayRepeat)
         wait(operation);
     else
-        fail(operation, {TrelanFailure::NotConnected,
-                         QStringLiteral("the connection was lost before the answer was there")});
+        failUnsent(operation,
+                   QStringLiteral("the connection was lost before the answer was there"));
+}
+
+/// A value that waits is not to come after its removal, which is as old as this operation.
+void ClientEngine::failUnsent(const Operation::Ref &operation, const QString &description)
+{
+    for (const QString &name : std::as_const(operation->removedNames)) {
+        if (const Operation::Ref publish = _outbox.takePublish(name))
+            fail(publish,
+                 {TrelanFailure::NotConnected,
+                  QStringLiteral("\"%1\" was to be removed before it was sent").arg(name)});
+    }
+    fail(operation, {TrelanFailure::NotConnected, description});
 }
 
 bool ClientEngine::mayWait(const Operation &operation) const
@@ -307,7 +314,7 @@ bool ClientEngine::mayWait(const Operation &operation) const
 void ClientEngine::wait(const Operation::Ref &operation)
 {
     if (!mayWait(*operation))
-        return fail(operation, {TrelanFailure::NotConnected, _session.state().description()});
+        return failUnsent(operation, _session.state().description());
     if (const Operation::Ref replaced = _outbox.append(operation))
         fail(
             replaced,

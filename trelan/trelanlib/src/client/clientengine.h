@@ -66,7 +66,6 @@ public:
     /// \name Tasks
     /// @{
     void begin(const Operation::Ref &operation);
-    void remove(const Operation::Ref &operation, const QStringList &names);
     void watch(WatchTable::Number number, const QString &wildcard,
                const std::shared_ptr<WatchMailbox> &mailbox, const Operation::Ref &operation);
     void unwatch(WatchTable::Number number, const Operation::Ref &operation);
@@ -88,6 +87,7 @@ private:
     QByteArray frameOf(Operation &operation) const;
     void onReply(const Operation::Ref &operation, const AskingChannel::Reply &reply);
     void onLost(const Operation::Ref &operation);
+    void failUnsent(const Operation::Ref &operation, const QString &description);
     bool mayWait(const Operation &operation) const;
     void wait(const Operation::Ref &operation);
     void done(const Operation::Ref &operation, const QVariant &value = {});

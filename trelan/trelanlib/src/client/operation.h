@@ -6,6 +6,7 @@
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
+#include <QtCore/QStringList>
 #include <QtCore/QVariantMap>
 
 #include <functional>
@@ -29,6 +30,7 @@ struct Operation
     QByteArray frame;                     ///< the request; empty if it is made when it is sent
     std::optional<TrelanMessage> message; ///< what is sent, if it is a message
     QString storedName;                   ///< of the stored object that is published, if one is
+    QStringList removedNames;             ///< of a removal
     QString call;                         ///< the uid of the call whose answer is waited for
     Result result;                        ///< none: there is no result
     qint64 deadline = 0;                  ///< on the client's clock

@@ -31,6 +31,9 @@ public:
         return replaced;
     }
 
+    /// The publish of this stored object that waits, if one does; its place is for it no more.
+    Operation::Ref takePublish(const QString &name) { return _publishes.take(name); }
+
     bool isEmpty() const { return _waiting.empty(); }
 
     /// The next operation that has not ended; null if there is none.
