@@ -3,11 +3,13 @@
 /// Prints nothing and ends with 7 if all is well.
 
 #include <transport.h>
+#include <trelanclient.h>
 #include <trelancontroller.h>
 #include <trelanmsgworker.h>
 #include <trelanqueryworker.h>
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QLoggingCategory>
 #include <QtCore/QThread>
 
 #include <atomic>
@@ -64,6 +66,32 @@ protected:
     }
 };
 
+/// Makes clients that publish and watch, and ends the process.
+int runClients(const QByteArray &what, quint16 messagePort, quint16 queryPort)
+{
+    QLoggingCategory::setFilterRules(QStringLiteral("trelan.client=false"));
+    const auto settings = bus::TrelanClientSettings().setPorts(messagePort, queryPort);
+    const QString name = QString::number(QCoreApplication::applicationPid());
+    static bus::TrelanClient _staticClient(name + QStringLiteral("static"), settings);
+    bus::TrelanClient stack(name + QStringLiteral("stack"), settings);
+    auto *heap = new bus::TrelanClient(name + QStringLiteral("heap"), settings);
+    QObject context;
+    for (bus::TrelanClient *client : {&_staticClient, &stack, heap}) {
+        client->watch(QStringLiteral("probe.*"), &context, [](const bus::TrelanObject &) {});
+        for (int i = 0; i < 100; ++i)
+            client->publish(QStringLiteral("probe.object"), {});
+    }
+    if (what.contains("connected"))
+        heap->waitForConnected();
+    if (what.contains("thread"))
+        QObject::connect(heap, &bus::TrelanClient::stateChanged, [] { std::exit(OK); });
+    if (what.contains("thread"))
+        ::pause();
+    if (what.contains("exit"))
+        std::exit(OK);
+    return OK; // which leaves the client on the heap
+}
+
 Controller _static("static"); // NOLINT(cert-err58-cpp): that is what is tried
 
 } // namespace
@@ -73,6 +101,8 @@ int main(int argc, char **argv)
     const QByteArray what(argv[1]);
     const std::unique_ptr<QCoreApplication> app(
         what.contains("noapp") ? nullptr : new QCoreApplication(argc, argv));
+    if (what.contains("client"))
+        return runClients(what, QByteArray(argv[2]).toUShort(), QByteArray(argv[3]).toUShort());
     _exitsInWorker = what.contains("worker");
     _exits = what.contains("three") ? 3 : what.contains("two") ? 2 : 1;
     bus::TrelanObject object;

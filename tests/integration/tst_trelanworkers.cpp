@@ -454,6 +454,9 @@ private Q_SLOTS:
 #endif
             row(qPrintable(where + " static"), where + " static");
         }
+        for (const QString where : {"client", "client exit", "client connected exit",
+                                    "client connected", "noapp client exit", "client thread"})
+            row(qPrintable(where), where);
         row("two workers", "two workers");
         row("two workers without main", "noapp two workers static");
 #ifndef __SANITIZE_THREAD__
@@ -474,8 +477,9 @@ private Q_SLOTS:
         for (int i = 0; i < (SOAK ? 20 : 2); ++i) {
             QProcess &probe = probes.emplace_back();
             probe.setProcessChannelMode(QProcess::MergedChannels);
+            const quint16 messages = where.contains("client") ? bus.msgPort() : server.port();
             probe.start(EXIT_PROBE,
-                        {where, QString::number(server.port()), QString::number(bus.queryPort())});
+                        {where, QString::number(messages), QString::number(bus.queryPort())});
             if (i % 4 == 1) {
                 for (QProcess &running : probes)
                     QVERIFY(running.state() == QProcess::NotRunning || running.waitForFinished());
