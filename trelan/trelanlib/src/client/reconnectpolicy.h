@@ -57,7 +57,7 @@ private:
     static constexpr int FIRST_PAUSE_MS = 50;
     static constexpr int MAX_DOUBLINGS = 12;
     static constexpr int FIRST_TAKEN_PAUSE_MS = 5000;
-    static constexpr int MAX_TAKEN_DOUBLINGS = 4;
+    static constexpr int MAX_TAKEN_DOUBLINGS = 4; // 80 s, and half as much by chance
 
     const int _maxPause;
     qint64 _acceptedAt = -1;
