@@ -1,6 +1,6 @@
 #include "trelanclient.h"
 
-#include "client/callsignal.h"
+#include "client/callmailbox.h"
 #include "client/clientdoor.h"
 #include "client/clientengine.h"
 #include "client/clientlog.h"
@@ -243,9 +243,9 @@ TrelanPending TrelanClient::unwatch(const TrelanWatch &watch)
 void TrelanClient::serveCalls(const QString &command, const QObject *context,
                               const CallFunction &function)
 {
-    const auto signal = std::make_shared<CallSignal>();
-    connect(signal.get(), &CallSignal::called, context, function, Qt::QueuedConnection);
-    d->_door->post([command, signal](ClientEngine &engine) { engine.serve(command, signal); });
+    const auto mailbox = std::make_shared<CallMailbox>();
+    mailbox->connectTo(context, function);
+    d->_door->post([command, mailbox](ClientEngine &engine) { engine.serve(command, mailbox); });
 }
 
 void TrelanClient::stopServing(const QString &command)

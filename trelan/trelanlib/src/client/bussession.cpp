@@ -56,9 +56,8 @@ BusSession::BusSession(const QString &clientName, const TrelanClientSettings &se
     };
     connect(&_queries, &AskingChannel::lost, this, onLost);
     connect(&_messages, &MessageChannel::lost, this, onLost);
-    connect(&_messages, &MessageChannel::accepted, this, [this](const BusFeatures &features) {
-        onAccepted(features, channels::MESSAGE, _isMessageAccepted);
-    });
+    connect(&_messages, &MessageChannel::accepted, this,
+            [this](const BusFeatures &features) { onAccepted(features, channels::MESSAGE); });
     connect(&_messages, &MessageChannel::refused, this, &BusSession::onRefused);
     connect(&_messages, &MessageChannel::arrived, this, &BusSession::arrived);
     connect(&_probe, &NameProbe::finished, this, &BusSession::onProbed);
@@ -101,10 +100,7 @@ void BusSession::connectNow()
         return;
     }
     _phase = Connecting;
-    _isQueryAccepted = false;
-    _isMessageAccepted = false;
     _queries.open(_host, _settings.queryPort(), _settings.patience());
-    _messages.open(_host, _settings.messagePort(), _settings.patience(), _asksFeatures);
 }
 
 void BusSession::onQueryAnswer(const AskingChannel::Reply &reply)
@@ -114,10 +110,10 @@ void BusSession::onQueryAnswer(const AskingChannel::Reply &reply)
     if (!reply.isYes())
         return onRefused(reply.error);
     _features = BusFeatures::fromData(reply.data);
-    onAccepted(_features, channels::QUERY, _isQueryAccepted);
+    onAccepted(_features, channels::QUERY);
 }
 
-void BusSession::onAccepted(const BusFeatures &features, const QString &channel, bool &isAccepted)
+void BusSession::onAccepted(const BusFeatures &features, const QString &channel)
 {
     if (!features.channel.isEmpty() && features.channel != channel) {
         const bool isQuery = channel == QString(channels::QUERY);
@@ -128,9 +124,12 @@ void BusSession::onAccepted(const BusFeatures &features, const QString &channel,
                 .arg(channel));
         return;
     }
-    isAccepted = true;
-    if (!_isQueryAccepted || !_isMessageAccepted)
+    if (channel == QString(channels::QUERY)) {
+        // Only now: the bus has dropped what the last query connection had subscribed. What still
+        // came of that would be taken for an answer to what is subscribed next.
+        _messages.open(_host, _settings.messagePort(), _settings.patience(), _asksFeatures);
         return;
+    }
     _phase = Up;
     _policy.accepted(steadyNow());
     _ownAddresses = {_queries.localAddress(), _messages.localAddress()};

@@ -53,7 +53,7 @@ private:
 
     void connectNow();
     void onQueryAnswer(const AskingChannel::Reply &reply);
-    void onAccepted(const BusFeatures &features, const QString &channel, bool &isAccepted);
+    void onAccepted(const BusFeatures &features, const QString &channel);
     void onRefused(const TrelanError &error);
     void onProbed(NameProbe::Outcome outcome, const QString &address);
     void fail(TrelanConnectionState::Reason reason, const QString &description);
@@ -75,8 +75,6 @@ private:
     BusFeatures _features;
     QSet<QString> _ownAddresses; // of the last connections
     bool _asksFeatures = true;   // until a bus refuses the question
-    bool _isQueryAccepted = false;
-    bool _isMessageAccepted = false;
 };
 
 } // namespace bus

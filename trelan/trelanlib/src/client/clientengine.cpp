@@ -7,9 +7,6 @@
 
 #include <wirekeys.h>
 
-#include <QtCore/QCoreApplication>
-#include <QtCore/QEvent>
-
 #include <utility>
 
 namespace bus
@@ -95,15 +92,8 @@ void ClientEngine::stop()
 
 void ClientEngine::wake()
 {
-    QCoreApplication::postEvent(this, new QEvent(QEvent::User));
-}
-
-bool ClientEngine::event(QEvent *event)
-{
-    if (event->type() != QEvent::User)
-        return QObject::event(event);
-    _door->runTasks(*this);
-    return true;
+    QMetaObject::invokeMethod(
+        this, [this] { _door->runTasks(*this); }, Qt::QueuedConnection);
 }
 
 Operation::Ref ClientEngine::makeOperation(const TrelanOptions &options)
@@ -501,7 +491,7 @@ void ClientEngine::takeAnswer(const TrelanCommand &answer, bool isWhole)
         done(operation, params);
 }
 
-void ClientEngine::serve(const QString &command, const std::shared_ptr<CallSignal> &function)
+void ClientEngine::serve(const QString &command, const std::shared_ptr<CallMailbox> &function)
 {
     _served.insert(command, function);
 }
@@ -513,13 +503,13 @@ void ClientEngine::stopServing(const QString &command)
 
 void ClientEngine::takeCall(const TrelanCommand &call)
 {
-    const std::shared_ptr<CallSignal> function = _served.value(call.name());
+    const std::shared_ptr<CallMailbox> function = _served.value(call.name());
     if (function && function->isConnected()) {
         const auto open = std::make_shared<OpenCall>(call, _door, _openCalls);
         if (*_openCalls > MAX_OPEN_CALLS)
             open->answer({{ERROR_PARAMETER, QStringLiteral("too many calls wait here already")}});
         else
-            emit function->called(TrelanCall(open));
+            function->put(TrelanCall(open));
         return;
     }
     if (function)

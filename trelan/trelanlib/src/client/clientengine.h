@@ -1,7 +1,7 @@
 #pragma once
 
 #include "client/bussession.h"
-#include "client/callsignal.h"
+#include "client/callmailbox.h"
 #include "client/clientdoor.h"
 #include "client/deadlines.h"
 #include "client/keptobjects.h"
@@ -69,13 +69,11 @@ public:
     void watch(WatchTable::Number number, const QString &wildcard,
                const std::shared_ptr<WatchMailbox> &mailbox, const Operation::Ref &operation);
     void unwatch(WatchTable::Number number, const Operation::Ref &operation);
-    void serve(const QString &command, const std::shared_ptr<CallSignal> &function);
+    void serve(const QString &command, const std::shared_ptr<CallMailbox> &function);
     void stopServing(const QString &command);
     /// From now on the door is told when nothing is asked that has no answer.
     void reportIdle();
     /// @}
-
-    bool event(QEvent *event) override;
 
 private:
     void reportIfIdle();
@@ -120,8 +118,8 @@ private:
     QHash<QString, Operation::Ref> _calls; // that wait for an answer, by uid
     WatchTable _watches;
     QHash<WatchTable::Number, WatchEntry> _watchEntries;
-    int _pruneAbove = 0;                                 // watches
-    QHash<QString, std::shared_ptr<CallSignal>> _served; // by command
+    int _pruneAbove = 0;                                  // watches
+    QHash<QString, std::shared_ptr<CallMailbox>> _served; // by command
     std::shared_ptr<std::atomic<int>> _openCalls;
     KeptObjects _kept;
     QString _instance; // of the bus of the last connection
