@@ -478,6 +478,7 @@ private Q_SLOTS:
     void comesBackSlower()
     {
         channelworker::Reconnection reconnection;
+        reconnection.begin(TrelanChannelSettings().setMode(TrelanTransport::Prompt));
         int longest = 0;
         QCOMPARE(reconnection.nextDelay(), 0);
         for (const int most : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
@@ -486,7 +487,7 @@ private Q_SLOTS:
             QVERIFY2(delay >= most / 2 && delay <= most, qPrintable(QString::number(delay)));
             longest = qMax(longest, delay);
         }
-        TrelanTransport::setMode(TrelanTransport::Paced);
+        reconnection.begin(TrelanChannelSettings());
         QCOMPARE(reconnection.nextDelay(), 5000);
     }
 };

@@ -12,6 +12,8 @@
 #include <QtCore/QLoggingCategory>
 #include <QtNetwork/QHostAddress>
 
+#include <optional>
+
 namespace bus
 {
 
@@ -20,6 +22,7 @@ class TrelanController::Private
 public:
     QString _clientName;
     bool _logBridgeInstalled = false;
+    std::optional<TrelanChannelSettings> _ownSettings;
 
     static QThread *wire(TrelanController &controller, TrelanMsgWorker *worker);
     static QThread *wire(TrelanController &controller, TrelanQueryWorker *worker);
@@ -55,6 +58,16 @@ void TrelanController::setLogBridgeInstalled(bool installed)
     d->_logBridgeInstalled = installed;
 }
 
+void TrelanController::setChannelSettings(const TrelanChannelSettings &settings)
+{
+    d->_ownSettings = settings;
+}
+
+TrelanChannelSettings TrelanController::channelSettings() const
+{
+    return d->_ownSettings.value_or(TrelanChannelSettings::ofProcess());
+}
+
 void TrelanController::setBus(QString host, quint16 msgPort, quint16 queryPort)
 {
     stop();
@@ -68,15 +81,24 @@ void TrelanController::setBus(QString host, quint16 msgPort, quint16 queryPort)
             << "The host of the bus has to be a numeric IPv4 address, and \"" << host
             << "\" is none";
     }
-    TrelanMessageReciever::setMsgHost(address.toIPv4Address());
-    TrelanMessageReciever::setMsgPort(msgPort);
-    TrelanQueryHandler::setQueryHost(address.toIPv4Address());
-    TrelanQueryHandler::setQueryPort(queryPort);
+    if (d->_ownSettings) {
+        d->_ownSettings->setHost(address.toIPv4Address()).setPorts(msgPort, queryPort);
+    } else {
+        TrelanMessageReciever::setMsgHost(address.toIPv4Address());
+        TrelanMessageReciever::setMsgPort(msgPort);
+        TrelanQueryHandler::setQueryHost(address.toIPv4Address());
+        TrelanQueryHandler::setQueryPort(queryPort);
+    }
     start();
 }
 
 bool TrelanController::initWorkers(TrelanMsgWorker *msgWorker, TrelanQueryWorker *queryWorker)
 {
+    // The worker's thread does not run yet.
+    if (d->_ownSettings && msgWorker)
+        msgWorker->setChannelSettings(*d->_ownSettings);
+    if (d->_ownSettings && queryWorker)
+        queryWorker->setChannelSettings(*d->_ownSettings);
     QThread *msgThread = msgWorker ? Private::wire(*this, msgWorker) : nullptr;
     QThread *queryThread = queryWorker ? Private::wire(*this, queryWorker) : nullptr;
     if (queryThread)

@@ -2,6 +2,7 @@
 
 #include "trelanglobal.h"
 
+#include "trelanchannelsettings.h"
 #include "trelancommand.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
@@ -64,6 +65,15 @@ public:
     bool logBridgeInstalled() const;
     void setLogBridgeInstalled(bool installed);
 
+    /// \brief Settings for the workers of this controller alone, in place of those of the process,
+    /// so that a controller has a bus or a transport of its own.
+    ///
+    /// initWorkers() hands them to the workers, also to one that has settings already. From then on
+    /// setBus() changes the host and the ports in these, and leaves those of the process alone.
+    void setChannelSettings(const TrelanChannelSettings &settings);
+    /// Its own settings, or else those of the process as they are now.
+    TrelanChannelSettings channelSettings() const;
+
 Q_SIGNALS:
     /// To the application: a message has arrived that the message worker has not consumed.
     void unprocessedMessage(TrelanMessage msg);
@@ -101,8 +111,8 @@ public Q_SLOTS:
     /// \brief Stops everything, and starts again with the bus at \a host, a numeric IPv4 address.
     ///
     /// With an empty host or a port 0 it only stops. Host and ports are settings of the process,
-    /// shared by all its controllers. The call waits until the workers have stopped, some tenths of
-    /// a second.
+    /// shared by all its controllers that have none of their own. The call waits until the workers
+    /// have stopped, some tenths of a second.
     void setBus(QString host, quint16 msgPort, quint16 queryPort);
 
 protected:

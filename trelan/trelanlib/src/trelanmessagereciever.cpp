@@ -1,5 +1,6 @@
 #include "trelanmessagereciever.h"
 
+#include "channel/channelsocket.h"
 #include "channel/connectioncount.h"
 #include "channel/promptinbox.h"
 #include "channel/socketwait.h"
@@ -20,6 +21,8 @@
 #include <QtNetwork/QHostAddress>
 #include <QtNetwork/QTcpSocket>
 
+#include <optional>
+
 namespace bus
 {
 
@@ -30,7 +33,7 @@ using morvik::logtab;
 namespace
 {
 
-constexpr int WAIT_MS = 30000;      // for the connection and for a frame to leave
+constexpr int WAIT_MS = 30000;      // for a frame to leave
 constexpr int READ_WAIT_MS = 100;   // after every read attempt
 constexpr int READ_PAUSE_MS = 10;   // after every read attempt, before the wait
 constexpr int CLOSE_PAUSE_MS = 100; // before a connection is ended
@@ -76,6 +79,7 @@ public:
     Private(TrelanMessageReciever &receiver, const QString &clientName);
 
     bool isConnected() const;
+    TrelanChannelSettings settings() const;
     bool open();
     void close();
     void onSocketReadyRead();
@@ -84,6 +88,7 @@ public:
 
     QPointer<QTcpSocket> _socket;
     QString _clientName;
+    std::optional<TrelanChannelSettings> _ownSettings;
     bool _opened = false;
     bool _transient = false;
     Filter _cache;
@@ -153,6 +158,16 @@ void TrelanMessageReciever::setTransient(bool transient)
     d->_transient = transient;
 }
 
+void TrelanMessageReciever::setChannelSettings(const TrelanChannelSettings &settings)
+{
+    d->_ownSettings = settings;
+}
+
+TrelanChannelSettings TrelanMessageReciever::channelSettings() const
+{
+    return d->settings();
+}
+
 quint32 TrelanMessageReciever::msgHost()
 {
     return _msgHost;
@@ -211,7 +226,7 @@ void TrelanMessageReciever::processObject(const TrelanObject &obj)
 
 bool TrelanMessageReciever::open()
 {
-    if (msgPort() == 0 || !d->_socket)
+    if (d->settings().messagePort() == 0 || !d->_socket)
         return false;
     return isOpen() || d->open();
 }
@@ -290,11 +305,7 @@ TrelanMessageReciever::Private::Private(TrelanMessageReciever &receiver, const Q
 
 void TrelanMessageReciever::Private::makeSocket()
 {
-    _socket = new QTcpSocket(&_receiver);
-    connect(_socket, SIGNAL(connected()), &_receiver, SLOT(socketConnected()));
-    connect(_socket, SIGNAL(disconnected()), &_receiver, SLOT(socketDisconnected()));
-    connect(_socket, SIGNAL(error(QAbstractSocket::SocketError)), &_receiver,
-            SLOT(socketError(QAbstractSocket::SocketError)));
+    _socket = channelsocket::make(_receiver);
     connect(_socket, SIGNAL(readyRead()), &_receiver, SLOT(onSocketReadyRead()));
 }
 
@@ -304,33 +315,30 @@ bool TrelanMessageReciever::Private::isConnected() const
     return _socket && _socket->isOpen() && _socket->state() != QAbstractSocket::UnconnectedState;
 }
 
+TrelanChannelSettings TrelanMessageReciever::Private::settings() const
+{
+    if (_ownSettings)
+        return *_ownSettings;
+    return TrelanChannelSettings::ofProcess().setHost(msgHost());
+}
+
 bool TrelanMessageReciever::Private::open()
 {
-    // connectToHost() refuses on a connection that is not yet accepted; and an earlier handshake
-    // says nothing about a new connection.
-    if (_socket->state() != QAbstractSocket::UnconnectedState) {
-        _socket->blockSignals(true);
-        _socket->abort();
-    }
-    if (_receiver.sender() == _socket) {
-        wait::retire(*_socket);
+    if (!channelsocket::end(*_socket, _receiver.sender()))
         makeSocket();
-    }
     _connections.next();
     const ConnectionCount::Mark here = _connections.mark();
-    _opened = false;
+    _opened = false; // an earlier handshake says nothing about this connection
     _answer.stop();
-    _mode = TrelanTransport::mode();
-    _coding = TrelanTransport::coding();
-    _inbox->begin(TrelanTransport::maxPayload());
+    const TrelanChannelSettings now = settings();
+    _mode = now.mode();
+    _coding = now.coding();
+    _inbox->begin(now.maxPayload(), now.patience());
     if (!isPrompt())
         _socket->setReadBufferSize(0);
-    _socket->blockSignals(false);
-    _socket->connectToHost(QHostAddress(msgHost()), msgPort(), QIODevice::ReadWrite);
     const QPointer<TrelanMessageReciever> self(&_receiver);
-    const bool isWritten =
-        wait::connected(*_socket, isPrompt() ? TrelanTransport::patience() : WAIT_MS) &&
-        !here.isOver() && _receiver.handshake();
+    const bool isWritten = channelsocket::connectToBus(*_socket, now, now.messagePort()) &&
+                           !here.isOver() && _receiver.handshake();
     if (!self)
         return false;
     // A slot that was told of a loss has closed the channel, or has opened it again and heard so.
@@ -343,7 +351,7 @@ bool TrelanMessageReciever::Private::open()
         return false;
     }
     if (isPrompt())
-        _answer.start(TrelanTransport::patience());
+        _answer.start(now.patience());
     emit _receiver.kelbusConnected();
     return true;
 }

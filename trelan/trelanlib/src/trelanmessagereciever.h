@@ -2,6 +2,7 @@
 
 #include "trelanglobal.h"
 
+#include "trelanchannelsettings.h"
 #include "trelancommand.h"
 #include "trelanerror.h"
 #include "trelanmessage.h"
@@ -75,7 +76,14 @@ public:
     /// effect with the next open(). For a program that is called once and ends, such as a tool.
     void setTransient(bool transient);
 
-    /// IPv4 address used by the next open() of any receiver of the process; 127.0.0.1 unless set.
+    /// From the next open() on the receiver goes by \a settings instead of those of the process.
+    void setChannelSettings(const TrelanChannelSettings &settings);
+    /// What the next open() goes by: its own settings, or else those of the process as they are
+    /// now.
+    TrelanChannelSettings channelSettings() const;
+
+    /// IPv4 address used by the next open() of any receiver of the process that has no settings of
+    /// its own; 127.0.0.1 unless set.
     /// Not thread-safe: set host and port before the first receiver opens.
     static quint32 msgHost();
     static void setMsgHost(quint32 host);

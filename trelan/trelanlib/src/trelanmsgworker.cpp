@@ -5,6 +5,8 @@
 #include "sharedobjectsstorage.h"
 #include "trelanmessagereciever.h"
 
+#include <optional>
+
 namespace bus
 {
 
@@ -13,6 +15,7 @@ class TrelanMsgWorker::Private
 public:
     QString _clientName;
     QFlags<Option> _options;
+    std::optional<TrelanChannelSettings> _ownSettings;
     QPointer<TrelanMessageReciever> _reciever;
     QPointer<QTimer> _restartTimer;
     TrelanMessageReciever::Filter _filter; // of the current channel, or of the one before
@@ -48,10 +51,18 @@ void TrelanMsgWorker::setOptions(const QFlags<Option> &options)
     d->_options = options;
 }
 
+void TrelanMsgWorker::setChannelSettings(const TrelanChannelSettings &settings)
+{
+    d->_ownSettings = settings;
+}
+
 bool TrelanMsgWorker::doStart()
 {
     doStop();
     d->_reciever = new TrelanMessageReciever(d->_clientName, this);
+    if (d->_ownSettings)
+        d->_reciever->setChannelSettings(*d->_ownSettings);
+    d->_reconnection.begin(d->_reciever->channelSettings());
     d->_restartTimer = channelworker::makeRestartTimer(
         this, d->_reciever.data(), &TrelanMessageReciever::handshakeAccepted, d->_reconnection);
     if (d->_filter && d->_options.testFlag(KeepFilter))

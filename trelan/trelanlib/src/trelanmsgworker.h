@@ -2,6 +2,7 @@
 
 #include "trelanglobal.h"
 
+#include "trelanchannelsettings.h"
 #include "trelancommand.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
@@ -47,6 +48,10 @@ public:
     /// Takes effect for the next incoming object or channel. Not thread-safe: before the worker is
     /// started, or in its thread.
     void setOptions(const QFlags<Option> &options);
+
+    /// From the next attempt to connect on the worker goes by \a settings instead of those of the
+    /// process. Not thread-safe: before the worker is started, or in its thread.
+    void setChannelSettings(const TrelanChannelSettings &settings);
 
     /// Builds the channel and opens it. Always true: a bus that is not there is waited for.
     bool doStart() override;

@@ -1,5 +1,6 @@
 #include "trelanqueryhandler.h"
 
+#include "channel/channelsocket.h"
 #include "channel/queryhandlerprivate.h"
 #include "channel/socketwait.h"
 #include "codec/publishrequest.h"
@@ -26,7 +27,7 @@ using morvik::logtab;
 namespace
 {
 
-constexpr int WAIT_MS = 30000;      // for the connection, the write and a reply's first byte
+constexpr int WAIT_MS = 30000;      // for the write and for a reply's first byte
 constexpr int READ_WAIT_MS = 100;   // before the third and every later read attempt
 constexpr int READ_PAUSE_MS = 10;   // after every read attempt
 constexpr int CLOSE_PAUSE_MS = 100; // before a connection is ended
@@ -111,7 +112,7 @@ TrelanError TrelanQueryHandler::lastError() const
 bool TrelanQueryHandler::open()
 {
     d->resetFailure();
-    if (queryPort() == 0 || !d->_socket)
+    if (d->settings().queryPort() == 0 || !d->_socket)
         return d->fail(NotOpen);
     return isOpen() || d->open();
 }
@@ -239,6 +240,16 @@ bool TrelanQueryHandler::subscribeNow(const QStringList &wildCards)
     return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCards, {{keys::NOW, true}}));
 }
 
+void TrelanQueryHandler::setChannelSettings(const TrelanChannelSettings &settings)
+{
+    d->_ownSettings = settings;
+}
+
+TrelanChannelSettings TrelanQueryHandler::channelSettings() const
+{
+    return d->settings();
+}
+
 TrelanQueryHandler::Private::Private(TrelanQueryHandler &handler, const QString &clientName)
     : _clientName(clientName)
     , _handler(handler)
@@ -250,11 +261,7 @@ TrelanQueryHandler::Private::Private(TrelanQueryHandler &handler, const QString 
 
 void TrelanQueryHandler::Private::makeSocket()
 {
-    _socket = new QTcpSocket(&_handler);
-    connect(_socket, SIGNAL(connected()), &_handler, SLOT(socketConnected()));
-    connect(_socket, SIGNAL(disconnected()), &_handler, SLOT(socketDisconnected()));
-    connect(_socket, SIGNAL(error(QAbstractSocket::SocketError)), &_handler,
-            SLOT(socketError(QAbstractSocket::SocketError)));
+    _socket = channelsocket::make(_handler);
 }
 
 QByteArray TrelanQueryHandler::Private::frameOf(const QString &operation,
@@ -386,15 +393,21 @@ bool TrelanQueryHandler::Private::isConnected() const
     return _socket && _socket->isOpen() && _socket->state() == QAbstractSocket::ConnectedState;
 }
 
+TrelanChannelSettings TrelanQueryHandler::Private::settings() const
+{
+    return _ownSettings.value_or(TrelanChannelSettings::ofProcess());
+}
+
 bool TrelanQueryHandler::Private::open()
 {
     _connections.next();
     const ConnectionCount::Mark here = _connections.mark();
-    _mode = TrelanTransport::mode();
-    _coding = TrelanTransport::coding();
+    const TrelanChannelSettings now = settings();
+    _mode = now.mode();
+    _coding = now.coding();
     _plainYes.clear();
-    _prompt.begin(TrelanTransport::maxPayload());
-    const bool isAccepted = connectToBus() && !here.isOver() && _handler.handshake();
+    _prompt.begin(now.maxPayload(), now.patience());
+    const bool isAccepted = connectToBus(now) && !here.isOver() && _handler.handshake();
     if (here.isOver()) {
         // Refused, or a slot that was told of a loss has closed the channel or opened it again.
         const bool isOpen = isConnected() && _handshaked;
@@ -464,24 +477,12 @@ bool TrelanQueryHandler::Private::isPrompt() const
     return _mode == TrelanTransport::Prompt;
 }
 
-bool TrelanQueryHandler::Private::connectToBus()
+bool TrelanQueryHandler::Private::connectToBus(const TrelanChannelSettings &settings)
 {
-    // A close that is still sending, or a connection without a handshake, would make
-    // connectToHost() refuse; and an earlier handshake says nothing about this connection.
-    if (_socket->state() != QAbstractSocket::UnconnectedState) {
-        _socket->blockSignals(true);
-        _socket->abort();
-    }
-    if (_handler.sender() == _socket) {
-        wait::retire(*_socket);
+    if (!channelsocket::end(*_socket, _handler.sender()))
         makeSocket();
-    }
-    _handshaked = false;
-    _socket->blockSignals(false);
-    _socket->connectToHost(QHostAddress(queryHost()), queryPort(), QIODevice::ReadWrite);
-    const bool connected =
-        _socket->state() == QAbstractSocket::ConnectedState ||
-        wait::connected(*_socket, isPrompt() ? TrelanTransport::patience() : WAIT_MS);
+    _handshaked = false; // an earlier handshake says nothing about this connection
+    const bool connected = channelsocket::connectToBus(*_socket, settings, settings.queryPort());
     if (connected && isPrompt())
         _socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     return connected || fail(NotOpen);

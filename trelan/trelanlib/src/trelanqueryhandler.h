@@ -2,6 +2,7 @@
 
 #include "trelanglobal.h"
 
+#include "trelanchannelsettings.h"
 #include "trelancommand.h"
 #include "trelanerror.h"
 #include "trelanmessage.h"
@@ -32,7 +33,8 @@ namespace bus
 /// for the connection, and then for the handshake, which is a request. close(), and so the
 /// destructor, takes 100 ms.
 /// In Prompt mode (see TrelanTransport) there are no pauses: a request returns as soon as its reply
-/// is complete, or after TrelanTransport::patience().
+/// is complete, or after TrelanTransport::patience(). A handler may have settings of its own, see
+/// setChannelSettings().
 ///
 /// Failure: an operation that fails returns false and leaves its arguments untouched. The reason
 /// goes to the Qt log (category "default") and to lastFailure() and lastError(). A request that
@@ -74,7 +76,8 @@ public:
     /// Closes; takes 100 ms, or none in Prompt mode.
     ~TrelanQueryHandler() override;
 
-    /// IPv4 address used by the next open() of any handler of the process; 127.0.0.1 unless set.
+    /// IPv4 address used by the next open() of any handler of the process that has no settings of
+    /// its own; 127.0.0.1 unless set.
     /// Not thread-safe: set host and port before the first handler opens.
     static quint32 queryHost();
     static void setQueryHost(quint32 host);
@@ -104,6 +107,12 @@ public:
 
     /// Code and description as the bus sent them if the last failure was Refused, else no error.
     TrelanError lastError() const;
+
+    /// From the next open() on the handler goes by \a settings instead of those of the process.
+    void setChannelSettings(const TrelanChannelSettings &settings);
+    /// What the next open() goes by: its own settings, or else those of the process as they are
+    /// now.
+    TrelanChannelSettings channelSettings() const;
 
 Q_SIGNALS:
     /// The connection dropped by itself; never emitted by close(). It may come out of a request

@@ -11,6 +11,7 @@
 #include <QtCore/QMessageLogger>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace bus
@@ -37,7 +38,7 @@ void warnOfOtherPort(const TrelanQueryHandler &handler)
     if (handler.lastFailure() == TrelanQueryHandler::Refused &&
         handler.lastError().error() == TrelanError::UnsupportedRequest)
         qWarning("Port %d seems to be that of the message channel",
-                 TrelanQueryHandler::queryPort());
+                 handler.channelSettings().queryPort());
 }
 
 } // namespace
@@ -48,6 +49,7 @@ public:
     QString _clientName;
     QStringList _wildcards;
     QFlags<Option> _options;
+    std::optional<TrelanChannelSettings> _ownSettings;
     QPointer<LaterQueryHandler> _handler;
     QPointer<QTimer> _restartTimer;
     SharedObjectsStorage _storage;
@@ -74,6 +76,9 @@ bool TrelanQueryWorker::doStart()
 {
     doStop();
     d->_handler = new LaterQueryHandler(d->_clientName, this);
+    if (d->_ownSettings)
+        d->_handler->setChannelSettings(*d->_ownSettings);
+    d->_reconnection.begin(d->_handler->channelSettings());
     d->_restartTimer =
         channelworker::makeRestartTimer(this, static_cast<TrelanQueryHandler *>(d->_handler),
                                         &TrelanQueryHandler::kelbusConnected, d->_reconnection);
@@ -102,6 +107,11 @@ QFlags<TrelanQueryWorker::Option> TrelanQueryWorker::options() const
 void TrelanQueryWorker::setOptions(const QFlags<Option> &options)
 {
     d->_options = options;
+}
+
+void TrelanQueryWorker::setChannelSettings(const TrelanChannelSettings &settings)
+{
+    d->_ownSettings = settings;
 }
 
 void TrelanQueryWorker::sendMessage(TrelanMessage msg)
@@ -149,8 +159,9 @@ void TrelanQueryWorker::sendCommand(TrelanCommand cmd)
     if (cmd.needAnswer()) {
         // The uid is set before the command is kept: the sent one must have it too.
         if (cmd.uid().isEmpty())
-            cmd.setUid(TrelanTransport::mode() == TrelanTransport::Prompt ? uids::unique(cmd)
-                                                                          : cmd.genUid());
+            cmd.setUid(d->_handler->channelSettings().mode() == TrelanTransport::Prompt
+                           ? uids::unique(cmd)
+                           : cmd.genUid());
         d->_storage.storeCmd(cmd);
     }
     d->_handler->sendCommandLater(cmd);

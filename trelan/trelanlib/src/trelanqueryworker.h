@@ -2,6 +2,7 @@
 
 #include "trelanglobal.h"
 
+#include "trelanchannelsettings.h"
 #include "trelancommand.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
@@ -54,6 +55,10 @@ public:
     /// Takes effect with the next connection. Not thread-safe: before the worker is started, or in
     /// its thread.
     void setOptions(const QFlags<Option> &options);
+
+    /// From the next attempt to connect on the worker goes by \a settings instead of those of the
+    /// process. Not thread-safe: before the worker is started, or in its thread.
+    void setChannelSettings(const TrelanChannelSettings &settings);
 
 Q_SIGNALS:
     /// The bus has accepted the handshake; the wildcards given at construction are subscribed next.

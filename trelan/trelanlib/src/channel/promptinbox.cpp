@@ -2,7 +2,6 @@
 
 #include "channel/directsocket.h"
 #include "channel/socketwait.h"
-#include "trelantransport.h"
 
 #include <QtCore/QEvent>
 #include <QtNetwork/QTcpSocket>
@@ -26,7 +25,7 @@ PromptInbox::PromptInbox(const QPointer<QTcpSocket> &socket, Owner &owner, QObje
     : QObject(parent)
     , _socket(socket)
     , _owner(owner)
-    , _reader(std::make_unique<TrelanFrameReader>(TrelanTransport::maxPayload()))
+    , _reader(std::make_unique<TrelanFrameReader>(0)) // until begin()
     , _stall(this)
     , _sendSoon(this)
 {
@@ -37,8 +36,9 @@ PromptInbox::PromptInbox(const QPointer<QTcpSocket> &socket, Owner &owner, QObje
     connect(&_sendSoon, &QTimer::timeout, this, &PromptInbox::sendAllAndLetGo);
 }
 
-void PromptInbox::begin(qint64 maxPayload)
+void PromptInbox::begin(qint64 maxPayload, int patience)
 {
+    _patience = patience;
     _reader = std::make_unique<TrelanFrameReader>(maxPayload);
     _stall.stop();
     _unsent.clear();
@@ -175,7 +175,7 @@ void PromptInbox::watchStall(bool progress)
     if (!_reader->isInsideFrame())
         _stall.stop();
     else if (progress || !_stall.isActive())
-        _stall.start(TrelanTransport::patience());
+        _stall.start(_patience);
 }
 
 void PromptInbox::sendAllAndLetGo()

@@ -40,7 +40,8 @@ public:
     PromptInbox(const QPointer<QTcpSocket> &socket, Owner &owner, QObject *parent);
 
     /// To be called before a connection is made: forgets what is left of the one before.
-    void begin(qint64 maxPayload);
+    /// \a patience, in milliseconds, is for the rest of a frame that has begun.
+    void begin(qint64 maxPayload, int patience);
     /// To be called once the connection is made.
     void watchArrivals();
     /// Sends what waits to be sent, and stops waiting for the rest of a frame.
@@ -80,6 +81,7 @@ private:
     Owner &_owner;
     State _state = Waiting;
     std::unique_ptr<TrelanFrameReader> _reader;
+    int _patience = 0;
     QTimer _stall;                // runs inside a frame
     QByteArray _unsent;           // frames that leave together
     QElapsedTimer _sinceUnsent;   // since the first of them

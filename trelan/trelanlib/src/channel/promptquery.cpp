@@ -2,7 +2,6 @@
 
 #include "channel/directsocket.h"
 #include "channel/socketwait.h"
-#include "trelantransport.h"
 
 #include <QtCore/QDeadlineTimer>
 #include <QtNetwork/QTcpSocket>
@@ -28,13 +27,13 @@ PromptQuery::PromptQuery(const QPointer<QTcpSocket> &socket, const ConnectionCou
     : _socket(socket)
     , _connections(connections)
     , _context(context)
-    , _maxPayload(TrelanTransport::maxPayload())
-    , _reader(std::make_unique<TrelanFrameReader>(_maxPayload))
+    , _reader(std::make_unique<TrelanFrameReader>(0)) // until begin()
 {}
 
-void PromptQuery::begin(qint64 maxPayload)
+void PromptQuery::begin(qint64 maxPayload, int patience)
 {
     _maxPayload = maxPayload;
+    _patience = patience;
     forget();
 }
 
@@ -128,7 +127,7 @@ void PromptQuery::sendUnsent()
 PromptQuery::Result PromptQuery::awaitReply()
 {
     const ConnectionCount::Mark here = _connections.mark();
-    switch (awaitFrame(TrelanTransport::patience())) {
+    switch (awaitFrame(_patience)) {
     case TrelanFrameReader::NeedMoreData:
         // A slot may have opened the channel again, and that connection owes no reply.
         return {here.isOver() || !isConnected() ? Lost : TimedOut, {}, {}};

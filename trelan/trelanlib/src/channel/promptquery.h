@@ -46,8 +46,9 @@ public:
                 QObject &context);
 
     /// To be called when a connection is to be made, after it was counted. What the one before has
-    /// left behind is forgotten; its requests end as Lost when their turn comes.
-    void begin(qint64 maxPayload);
+    /// left behind is forgotten; its requests end as Lost when their turn comes. \a patience, in
+    /// milliseconds, is for each reply.
+    void begin(qint64 maxPayload, int patience);
     /// The connection is broken off: what has come on it answers nobody.
     void forget();
 
@@ -82,7 +83,8 @@ private:
     const QPointer<QTcpSocket> &_socket;
     const ConnectionCount &_connections;
     QObject &_context;
-    qint64 _maxPayload;
+    qint64 _maxPayload = 0;
+    int _patience = 0;
     std::unique_ptr<TrelanFrameReader> _reader;
     QQueue<Pending> _pending; // requests without a reply, the oldest first
     qint64 _pendingBytes = 0; // of their frames

@@ -2,6 +2,7 @@
 
 #include "channel/connectioncount.h"
 #include "channel/promptquery.h"
+#include "trelanchannelsettings.h"
 #include "trelanqueryhandler.h"
 #include "trelantransport.h"
 
@@ -12,6 +13,7 @@
 #include <QtCore/QVariantMap>
 
 #include <functional>
+#include <optional>
 
 class QTcpSocket;
 
@@ -54,6 +56,8 @@ public:
     bool publish(const QList<TrelanObject> &objects);
 
     bool isConnected() const;
+    /// What the next connection is made with.
+    TrelanChannelSettings settings() const;
     bool open();
     void close();
     void resetFailure();
@@ -62,6 +66,7 @@ public:
 
     QPointer<QTcpSocket> _socket;
     QString _clientName;
+    std::optional<TrelanChannelSettings> _ownSettings;
     bool _handshaked = false;
     Failure _lastFailure = None;
     TrelanError _lastError;
@@ -69,7 +74,7 @@ public:
 private:
     void makeSocket();
     bool isPrompt() const;
-    bool connectToBus();
+    bool connectToBus(const TrelanChannelSettings &settings);
     bool failUnlessLost(Failure failure, const ConnectionCount::Mark &connection);
     bool breakOff(Failure failure);
     bool pacedRequest(const QByteArray &frame, QVariantMap &answer);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "trelantransport.h"
+#include "trelanchannelsettings.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QPointer>
@@ -23,11 +23,15 @@ constexpr int RESTART_INTERVAL_MS = 5000;
 class Reconnection
 {
 public:
+    /// What the channel is going to be opened with.
+    void begin(const TrelanChannelSettings &settings) { _mode = settings.mode(); }
     void connected() { _connected.start(); }
+    /// Whether the delays differ, and the first one is none.
+    bool isVaried() const { return _mode == TrelanTransport::Prompt; }
 
     int nextDelay()
     {
-        if (TrelanTransport::mode() == TrelanTransport::Paced)
+        if (!isVaried())
             return RESTART_INTERVAL_MS;
         if (_connected.isValid() && _connected.hasExpired(LASTING_MS))
             _attempts = 0;
@@ -44,6 +48,7 @@ private:
     static constexpr int MAX_DOUBLINGS = 6;
     static constexpr qint64 LASTING_MS = 10000;
 
+    TrelanTransport::Mode _mode = TrelanTransport::Paced;
     QElapsedTimer _connected;
     int _attempts = 0;
 };
@@ -65,7 +70,7 @@ QTimer *makeRestartTimer(QObject *worker, Channel *channel, void (Channel::*acce
 /// Starts the timer after a failed attempt to connect.
 inline void restartLater(QTimer &timer, Reconnection &reconnection)
 {
-    if (TrelanTransport::mode() == TrelanTransport::Prompt && timer.isActive())
+    if (reconnection.isVaried() && timer.isActive())
         return; // the loss of the connection has started it
     timer.start(reconnection.nextDelay());
 }

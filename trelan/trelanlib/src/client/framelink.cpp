@@ -35,7 +35,7 @@ void FrameLink::open(quint32 host, quint16 port, int patience)
             [this] { lose(QStringLiteral("the bus has ended the connection")); });
     connect(_socket, &QTcpSocket::errorOccurred, this,
             [this] { lose(_socket ? _socket->errorString() : QString()); });
-    _inbox->begin(TrelanTransport::maxPayload());
+    _inbox->begin(TrelanTransport::maxPayload(), patience);
     _connecting.start(patience);
     _socket->connectToHost(QHostAddress(host), port, QIODevice::ReadWrite);
 }

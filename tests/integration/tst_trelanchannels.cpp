@@ -1,0 +1,112 @@
+#include <rawpeer.h>
+#include <scriptedserver.h>
+#include <testtable.h>
+#include <trelancontroller.h>
+#include <trelanmessagereciever.h>
+#include <trelanmsgworker.h>
+#include <trelanqueryhandler.h>
+#include <trelanqueryworker.h>
+
+#include <QtTest/QtTest>
+
+using namespace bus;
+
+namespace
+{
+
+TrelanChannelSettings settingsOf(const TrelanBus &bus, TrelanTransport::Mode mode)
+{
+    return TrelanChannelSettings().setMode(mode).setPorts(bus.msgPort(), bus.queryPort());
+}
+
+class Controller : public TrelanController
+{
+public:
+    using TrelanController::TrelanController;
+    QStringList objects; // names, as they come
+
+protected:
+    bool doStart() override
+    {
+        connect(this, &Controller::unprocessedObject, this,
+                [this](const auto &object) { objects << object.name(); });
+        return initWorkers(new TrelanMsgWorker(clientName()),
+                           new TrelanQueryWorker(clientName(), {"*"}));
+    }
+};
+
+TrelanObject named(const QString &name)
+{
+    TrelanObject object;
+    object.setName(name);
+    return object;
+}
+
+} // namespace
+
+/// What channels, workers and controller do for who asks for it: settings of their own, states,
+/// results, features and removals.
+class tst_TrelanChannels : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void twoBusesInOneProcess()
+    {
+        const TestBus first, second;
+        Controller paced("me"), prompt("me");
+        paced.setChannelSettings(settingsOf(first, TrelanTransport::Paced));
+        prompt.setChannelSettings(TrelanChannelSettings().setMode(TrelanTransport::Prompt));
+        paced.start();
+        prompt.setBus("127.0.0.1", second.msgPort(), second.queryPort());
+        QCOMPARE(TrelanQueryHandler::queryPort(), TrelanQueryHandler::DEFAULT_PORT);
+
+        // Each bus has a client of its own that publishes until the controller has heard of it.
+        const auto publishUntilHeard = [](const TrelanBus &bus, const Controller &controller,
+                                          const QString &name) {
+            TrelanQueryHandler other("other");
+            other.setChannelSettings(settingsOf(bus, TrelanTransport::Prompt));
+            QVERIFY(other.open());
+            QTRY_VERIFY(other.publish(named(name)) && controller.objects.contains(name));
+        };
+        publishUntilHeard(first, paced, "of.first");
+        publishUntilHeard(second, prompt, "of.second");
+        QVERIFY(!paced.objects.contains("of.second"));
+        QVERIFY(!prompt.objects.contains("of.first"));
+    }
+
+    void handlersOfTwoModes()
+    {
+        const TestBus bus;
+        const auto duration = [&](TrelanTransport::Mode mode) {
+            TrelanQueryHandler handler("me");
+            handler.setChannelSettings(settingsOf(bus, mode));
+            if (!handler.open())
+                return -1ll;
+            QElapsedTimer clock;
+            clock.start();
+            for (int i = 0; i < 20; ++i)
+                handler.publish(named("a"));
+            return clock.elapsed();
+        };
+        const auto prompt = duration(TrelanTransport::Prompt);
+        const auto paced = duration(TrelanTransport::Paced);
+        QVERIFY2(paced >= 200, qPrintable(QString::number(paced)));
+        QVERIFY2(prompt >= 0 && prompt < paced, qPrintable(QString::number(prompt)));
+    }
+
+    void patienceIsThatOfTheChannel()
+    {
+        const ScriptedServer silent([](ScriptedPeer &peer) { peer.awaitEnd(); });
+        TrelanQueryHandler handler("me");
+        handler.setChannelSettings(TrelanChannelSettings()
+                                       .setMode(TrelanTransport::Prompt)
+                                       .setPatience(50)
+                                       .setPorts(1, silent.port()));
+        QVERIFY(!handler.open()); // within the time of a test, which 30 s are not
+        QCOMPARE(handler.lastFailure(), TrelanQueryHandler::Timeout);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_TrelanChannels)
+#include "tst_trelanchannels.moc"
