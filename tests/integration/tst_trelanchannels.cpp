@@ -35,6 +35,16 @@ protected:
     }
 };
 
+using Server = ScriptedServer;
+
+/// Refuses every handshake that has a key beside the name.
+void refuseKeys(ScriptedPeer &peer)
+{
+    while (peer.readFrame() &&
+           peer.send(Server::reply(peer.frame.operation.toUtf8(),
+                                   peer.frame.data.size() == 1 ? 0 : 2, "no such key"))) {}
+}
+
 TrelanObject named(const QString &name)
 {
     TrelanObject object;
@@ -105,6 +115,83 @@ private Q_SLOTS:
                                        .setPorts(1, silent.port()));
         QVERIFY(!handler.open()); // within the time of a test, which 30 s are not
         QCOMPARE(handler.lastFailure(), TrelanQueryHandler::Timeout);
+    }
+
+    void featuresOfTheBus()
+    {
+        const TestBus bus;
+        TrelanQueryHandler handler("me");
+        TrelanMessageReciever receiver("me");
+        QSignalSpy accepted(&receiver, &TrelanMessageReciever::handshakeAccepted);
+        const auto ask = [&](bool asks) {
+            handler.setChannelSettings(settingsOf(bus, TrelanTransport::Paced));
+            handler.setAsksFeatures(asks);
+            handler.close();
+            receiver.setChannelSettings(handler.channelSettings());
+            receiver.setAsksFeatures(asks);
+            receiver.close();
+            return handler.open() && receiver.open() && accepted.wait();
+        };
+        QVERIFY(ask(true));
+        QVERIFY(handler.features().contains("now"));
+        QCOMPARE(receiver.features(), handler.features());
+        QVERIFY(ask(false));
+        QCOMPARE(handler.features() + receiver.features(), QStringList());
+    }
+
+    void portOfTheOtherChannelIsNoticed()
+    {
+        const TestBus bus;
+        const auto swapped = TrelanChannelSettings().setPorts(bus.queryPort(), bus.msgPort());
+        TrelanQueryHandler handler("me");
+        handler.setChannelSettings(swapped);
+        handler.setAsksFeatures(true);
+        QVERIFY(!handler.open());
+        QCOMPARE(handler.lastFailure(), TrelanQueryHandler::Refused);
+        QCOMPARE(handler.lastError(), TrelanError::UnsupportedRequest);
+
+        TrelanMessageReciever receiver("me");
+        receiver.setChannelSettings(swapped);
+        receiver.setAsksFeatures(true);
+        QSignalSpy refused(&receiver, &TrelanMessageReciever::handshakeRefused);
+        QVERIFY(receiver.open());
+        QVERIFY(refused.wait());
+        QCOMPARE(receiver.refusal(), TrelanError::UnsupportedRequest);
+        QVERIFY(!receiver.isOpen());
+    }
+
+    void keyThatIsRefusedIsLeftOut_data()
+    {
+        const TestTable<bool> row("prompt");
+        row("Paced", false);
+        row("Prompt", true);
+    }
+
+    void keyThatIsRefusedIsLeftOut()
+    {
+        QFETCH(bool, prompt);
+        const auto mode = prompt ? TrelanTransport::Prompt : TrelanTransport::Paced;
+        const Server server(refuseKeys);
+        const auto settings =
+            TrelanChannelSettings().setMode(mode).setPorts(server.port(), server.port());
+        TrelanQueryHandler handler("me");
+        handler.setChannelSettings(settings);
+        handler.setAsksFeatures(true);
+        QVERIFY(handler.open());
+        QCOMPARE(handler.lastFailure(), TrelanQueryHandler::None);
+        QCOMPARE(server.frames().size(), 2);
+
+        // In Prompt mode the message channel has a key of its own, and is refused for ever.
+        TrelanMessageReciever receiver("me");
+        receiver.setChannelSettings(settings);
+        receiver.setAsksFeatures(true);
+        QSignalSpy accepted(&receiver, &TrelanMessageReciever::handshakeAccepted);
+        QSignalSpy refused(&receiver, &TrelanMessageReciever::handshakeRefused);
+        QVERIFY(receiver.open());
+        QTRY_COMPARE(accepted.size() + refused.size(), 1);
+        QCOMPARE(receiver.isOpen(), !prompt);
+        QCOMPARE(server.frames().size(), 4);
+        QVERIFY(!server.frames().last().data.contains("features"));
     }
 };
 

@@ -80,7 +80,7 @@ public:
 
     bool isConnected() const;
     TrelanChannelSettings settings() const;
-    bool open();
+    bool open(bool asksFeatures);
     void close();
     void onSocketReadyRead();
     bool send(TrelanFrame::Kind kind, const QVariantMap &envelope);
@@ -91,6 +91,10 @@ public:
     std::optional<TrelanChannelSettings> _ownSettings;
     bool _opened = false;
     bool _transient = false;
+    bool _asksFeatures = false;
+    bool _namesFeatures = false; // this connection's handshake has the key
+    QStringList _features;
+    TrelanError _refusal;
     Filter _cache;
     PromptInbox *_inbox; // a child of the receiver, with which it goes to another thread
     QTimer _answer;      // runs, in Prompt mode, until the handshake is answered
@@ -112,6 +116,8 @@ private:
     bool processRequest(const QVariant &envelope);
     void takeMessage(const TrelanMessage &msg);
     bool processReply(const QVariant &envelope);
+    bool takeHandshake(const TrelanError &error, const QVariantMap &data);
+    void openWithoutFeatures();
 
     TrelanMessageReciever &_receiver;
     TrelanTransport::Mode _mode;
@@ -166,6 +172,21 @@ void TrelanMessageReciever::setChannelSettings(const TrelanChannelSettings &sett
 TrelanChannelSettings TrelanMessageReciever::channelSettings() const
 {
     return d->settings();
+}
+
+void TrelanMessageReciever::setAsksFeatures(bool asks)
+{
+    d->_asksFeatures = asks;
+}
+
+QStringList TrelanMessageReciever::features() const
+{
+    return d->_features;
+}
+
+TrelanError TrelanMessageReciever::refusal() const
+{
+    return d->_refusal;
 }
 
 quint32 TrelanMessageReciever::msgHost()
@@ -228,7 +249,7 @@ bool TrelanMessageReciever::open()
 {
     if (d->settings().messagePort() == 0 || !d->_socket)
         return false;
-    return isOpen() || d->open();
+    return isOpen() || d->open(d->_asksFeatures);
 }
 
 void TrelanMessageReciever::close()
@@ -272,6 +293,8 @@ bool TrelanMessageReciever::handshake()
     }
     if (d->_transient)
         data.insert(keys::TRANSIENT, true);
+    if (d->_namesFeatures)
+        data.insert(keys::FEATURES, true);
     return request(operations::HANDSHAKE, data);
 }
 
@@ -322,13 +345,16 @@ TrelanChannelSettings TrelanMessageReciever::Private::settings() const
     return TrelanChannelSettings::ofProcess().setHost(msgHost());
 }
 
-bool TrelanMessageReciever::Private::open()
+bool TrelanMessageReciever::Private::open(bool asksFeatures)
 {
     if (!channelsocket::end(*_socket, _receiver.sender()))
         makeSocket();
     _connections.next();
     const ConnectionCount::Mark here = _connections.mark();
     _opened = false; // an earlier handshake says nothing about this connection
+    _namesFeatures = asksFeatures;
+    _features.clear();
+    _refusal = TrelanError();
     _answer.stop();
     const TrelanChannelSettings now = settings();
     _mode = now.mode();
@@ -579,21 +605,51 @@ bool TrelanMessageReciever::Private::processReply(const QVariant &envelope)
     const TrelanError error = replies::error(result);
     const quint16 code = error.error();
     if (operation == operations::HANDSHAKE) {
-        const bool accepted = code == 0;
-        _opened = accepted;
-        _answer.stop();
-        if (!accepted) {
-            close();
-            emit _receiver.handshakeRefused();
-        } else {
-            emit _receiver.handshakeAccepted();
-        }
-        return accepted;
+        return takeHandshake(error, answer.value(keys::DATA).toMap());
     }
     if (code != 0) {
         qCritical().noquote().nospace() << code << logtab << error.description();
     }
     return true;
+}
+
+bool TrelanMessageReciever::Private::takeHandshake(const TrelanError &error,
+                                                   const QVariantMap &data)
+{
+    _answer.stop();
+    _refusal = error;
+    const bool isKeyRefused = _namesFeatures && error != TrelanError();
+    if (_namesFeatures && !isKeyRefused) {
+        _features = data.value(keys::FEATURES).toStringList();
+        if (data.value(keys::CHANNEL, QString(channels::MESSAGE)) != QString(channels::MESSAGE))
+            _refusal = TrelanError(TrelanError::UnsupportedRequest,
+                                   QStringLiteral("the port is that of the query channel"));
+    }
+    _opened = _refusal == TrelanError();
+    if (_opened) {
+        emit _receiver.handshakeAccepted();
+        return true;
+    }
+    close();
+    if (isKeyRefused)
+        openWithoutFeatures();
+    else
+        emit _receiver.handshakeRefused();
+    return false;
+}
+
+/// Later, since the refusal came out of the connection that was closed.
+void TrelanMessageReciever::Private::openWithoutFeatures()
+{
+    const ConnectionCount::Mark here = _connections.mark();
+    const auto again = [this, here, refusal = _refusal] {
+        const QPointer<TrelanMessageReciever> self(&_receiver);
+        if (here.isOver() || open(false) || !self) // the first: it was closed or opened meanwhile
+            return;
+        _refusal = refusal;
+        emit _receiver.handshakeRefused();
+    };
+    QMetaObject::invokeMethod(&_receiver, again, Qt::QueuedConnection);
 }
 
 } // namespace bus

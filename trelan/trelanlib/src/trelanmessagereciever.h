@@ -12,6 +12,7 @@
 #include <QtCore/QCache>
 #include <QtCore/QObject>
 #include <QtCore/QSharedPointer>
+#include <QtCore/QStringList>
 #include <QtCore/QVariantMap>
 #include <QtNetwork/QAbstractSocket>
 
@@ -81,6 +82,18 @@ public:
     /// What the next open() goes by: its own settings, or else those of the process as they are
     /// now.
     TrelanChannelSettings channelSettings() const;
+
+    /// Asks the bus at the next open() what it can do beyond what every bus can; see the table of
+    /// features in docs/protocol.md. False unless set. A bus that refuses to be asked is connected
+    /// once more, and not asked. A port of the other channel is noticed then, and taken for a
+    /// refused handshake.
+    void setAsksFeatures(bool asks);
+    /// What the bus has answered with its acceptance of the handshake; empty if it was not asked,
+    /// or has nothing to say.
+    QStringList features() const;
+
+    /// Why the last handshake was refused; no error if it was not.
+    TrelanError refusal() const;
 
     /// IPv4 address used by the next open() of any receiver of the process that has no settings of
     /// its own; 127.0.0.1 unless set.

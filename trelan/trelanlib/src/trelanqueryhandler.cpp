@@ -210,8 +210,7 @@ void TrelanQueryHandler::socketError(QAbstractSocket::SocketError error)
 
 bool TrelanQueryHandler::handshake()
 {
-    QVariantMap ignored;
-    return request(ignored, operations::HANDSHAKE, {{keys::CLIENT_NAME, d->_clientName}});
+    return d->handshake();
 }
 
 bool TrelanQueryHandler::request(QVariantMap &answer, QString operation, QVariantMap data)
@@ -248,6 +247,16 @@ void TrelanQueryHandler::setChannelSettings(const TrelanChannelSettings &setting
 TrelanChannelSettings TrelanQueryHandler::channelSettings() const
 {
     return d->settings();
+}
+
+void TrelanQueryHandler::setAsksFeatures(bool asks)
+{
+    d->_asksFeatures = asks;
+}
+
+QStringList TrelanQueryHandler::features() const
+{
+    return d->_features;
 }
 
 TrelanQueryHandler::Private::Private(TrelanQueryHandler &handler, const QString &clientName)
@@ -400,6 +409,20 @@ TrelanChannelSettings TrelanQueryHandler::Private::settings() const
 
 bool TrelanQueryHandler::Private::open()
 {
+    _namesFeatures = _asksFeatures;
+    if (openOnce())
+        return true;
+    if (!_isKeyRefused)
+        return false;
+    _namesFeatures = false;
+    resetFailure();
+    return openOnce();
+}
+
+bool TrelanQueryHandler::Private::openOnce()
+{
+    _isKeyRefused = false;
+    _features.clear();
     _connections.next();
     const ConnectionCount::Mark here = _connections.mark();
     const TrelanChannelSettings now = settings();
@@ -439,6 +462,25 @@ void TrelanQueryHandler::Private::close()
     _handshaked = false;
 }
 
+bool TrelanQueryHandler::Private::handshake()
+{
+    QVariantMap data {{keys::CLIENT_NAME, _clientName}};
+    if (_namesFeatures)
+        data.insert(keys::FEATURES, true);
+    QVariantMap answer;
+    if (!request(frameOf(operations::HANDSHAKE, data), answer))
+        return false;
+    if (!_namesFeatures)
+        return true;
+    _features = answer.value(keys::FEATURES).toStringList();
+    if (answer.value(keys::CHANNEL, QString(channels::QUERY)) == QString(channels::QUERY))
+        return true;
+    close();
+    _lastError = TrelanError(TrelanError::UnsupportedRequest,
+                             QStringLiteral("the port is that of the message channel"));
+    return fail(Refused);
+}
+
 void TrelanQueryHandler::Private::resetFailure()
 {
     _lastFailure = None;
@@ -462,6 +504,7 @@ bool TrelanQueryHandler::Private::judge(const QString &operation, const QVariant
 
     if (operation == operations::HANDSHAKE) {
         _handshaked = code == 0;
+        _isKeyRefused = _namesFeatures && !_handshaked;
         if (!_handshaked)
             close();
         return _handshaked;

@@ -114,6 +114,15 @@ public:
     /// now.
     TrelanChannelSettings channelSettings() const;
 
+    /// Asks the bus at the next open() what it can do beyond what every bus can; see the table of
+    /// features in docs/protocol.md. False unless set. A bus that refuses to be asked is connected
+    /// once more, and not asked. A port of the other channel is noticed then: open() fails, as if
+    /// the bus had refused it as an unsupported request.
+    void setAsksFeatures(bool asks);
+    /// What the bus has answered since the last open(); empty if it was not asked, or has nothing
+    /// to say.
+    QStringList features() const;
+
 Q_SIGNALS:
     /// The connection dropped by itself; never emitted by close(). It may come out of a request
     /// that is waiting, so reopen from a queued connection, not from a direct one.

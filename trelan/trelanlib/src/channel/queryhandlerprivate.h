@@ -60,6 +60,7 @@ public:
     TrelanChannelSettings settings() const;
     bool open();
     void close();
+    bool handshake();
     void resetFailure();
     bool fail(Failure failure);
     bool judge(const QString &operation, const QVariantMap &result);
@@ -68,12 +69,15 @@ public:
     QString _clientName;
     std::optional<TrelanChannelSettings> _ownSettings;
     bool _handshaked = false;
+    bool _asksFeatures = false;
+    QStringList _features;
     Failure _lastFailure = None;
     TrelanError _lastError;
 
 private:
     void makeSocket();
     bool isPrompt() const;
+    bool openOnce();
     bool connectToBus(const TrelanChannelSettings &settings);
     bool failUnlessLost(Failure failure, const ConnectionCount::Mark &connection);
     bool breakOff(Failure failure);
@@ -90,6 +94,8 @@ private:
     TrelanTransport::Coding _coding = TrelanTransport::Classic;
     ConnectionCount _connections;
     PromptQuery _prompt;
+    bool _namesFeatures = false; // this connection's handshake has the key
+    bool _isKeyRefused = false;  // and the bus has refused it
     QByteArray _plainYes; // the last payload in Prompt mode that said nothing but that it is done
 };
 
