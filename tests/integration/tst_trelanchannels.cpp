@@ -193,6 +193,71 @@ private Q_SLOTS:
         QCOMPARE(server.frames().size(), 4);
         QVERIFY(!server.frames().last().data.contains("features"));
     }
+
+    void stateFollowsTheBus()
+    {
+        TestBus bus;
+        TrelanBusSettings again;
+        again.setQueryPort(bus.queryPort());
+        again.setMsgPort(bus.msgPort());
+        Controller controller("me");
+        controller.setChannelSettings(settingsOf(bus, TrelanTransport::Prompt));
+        QStringList states;
+        connect(&controller, &Controller::stateChanged, [&](const TrelanConnectionState &state) {
+            states << state.toString().section(' ', 0, 0);
+            if (QThread::currentThread() != controller.thread())
+                states << "in another thread";
+        });
+        controller.start();
+        QTRY_COMPARE(states, QStringList("connected"));
+        bus.stop();
+        QTRY_COMPARE(states.last(), "away");
+        QCOMPARE(controller.state().reason(), TrelanConnectionState::NoBus);
+        QVERIFY(bus.start(again));
+        QTRY_COMPARE(states, QStringList({"connected", "away", "connected"}));
+        controller.stop();
+        QCOMPARE(states.mid(3), QStringList("away"));
+        QCOMPARE(controller.state().description(), "stopped");
+    }
+
+    void stateSaysWhatIsWrong()
+    {
+        const TestBus bus;
+        const Server refusing([](ScriptedPeer &peer) {
+            while (peer.readFrame() && peer.send(Server::reply("handshake", 3, "not you"))) {}
+        });
+        using State = TrelanConnectionState;
+        const auto reasonAt = [](quint16 msgPort, quint16 queryPort, State::Reason expected) {
+            Controller controller("me");
+            controller.setChannelSettings(TrelanChannelSettings()
+                                              .setMode(TrelanTransport::Prompt)
+                                              .setPorts(msgPort, queryPort));
+            controller.start();
+            QTRY_COMPARE(controller.state().reason(), expected);
+            QCOMPARE(controller.state().status(), State::Away);
+            QVERIFY(controller.state().description().contains("127.0.0.1:"));
+        };
+        reasonAt(1, 1, State::NoBus);
+        reasonAt(bus.msgPort(), 1, State::NoBus);
+        reasonAt(bus.msgPort(), bus.msgPort(), State::OtherPort);
+        reasonAt(refusing.port(), refusing.port(), State::Refused);
+        reasonAt(refusing.port(), bus.queryPort(), State::Refused);
+    }
+
+    void stateSaysThatTheNameIsTaken()
+    {
+        const TestBus bus;
+        Controller first("me"), second("me");
+        int taken = 0;
+        for (Controller *controller : {&first, &second}) {
+            controller->setChannelSettings(settingsOf(bus, TrelanTransport::Prompt));
+            connect(controller, &Controller::stateChanged, [&](const auto &state) {
+                taken += state.reason() == TrelanConnectionState::NameTaken ? 1 : 0;
+            });
+            controller->start();
+        }
+        QTRY_VERIFY(taken > 2);
+    }
 };
 
 QTEST_GUILESS_MAIN(tst_TrelanChannels)

@@ -479,16 +479,39 @@ private Q_SLOTS:
     {
         channelworker::Reconnection reconnection;
         reconnection.begin(TrelanChannelSettings().setMode(TrelanTransport::Prompt));
-        int longest = 0;
-        QCOMPARE(reconnection.nextDelay(), 0);
+        QCOMPARE(reconnection.delayAfterFailure(), 0);
         for (const int most : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
-            reconnection.connected(); // the connection does not last
-            const int delay = reconnection.nextDelay();
+            const int delay = reconnection.delayAfterLoss(9999); // the connection does not last
             QVERIFY2(delay >= most / 2 && delay <= most, qPrintable(QString::number(delay)));
-            longest = qMax(longest, delay);
         }
+        QVERIFY(reconnection.isProbablyTaken());
+        QCOMPARE(reconnection.delayAfterLoss(10000), 0);
         reconnection.begin(TrelanChannelSettings());
-        QCOMPARE(reconnection.nextDelay(), 5000);
+        QCOMPARE(reconnection.delayAfterFailure(), 5000);
+    }
+
+    void yieldsToAnotherOfItsName()
+    {
+        channelworker::Reconnection reconnection;
+        reconnection.begin(TrelanChannelSettings().setPauses(50, 400));
+        const auto isAbout = [](int delay, int pause) {
+            return delay >= pause && delay <= pause + pause / 4;
+        };
+        QCOMPARE(reconnection.delayAfterLoss(10000), 0);
+        QVERIFY(isAbout(reconnection.delayAfterLoss(9999), 5000));
+        QVERIFY(!reconnection.isProbablyTaken()); // it may have been the bus, this once
+        // The other one had the name for the pause, and a connection has to last longer than that.
+        for (const int pause : {10000, 20000, 40000, 60000, 60000})
+            QVERIFY(isAbout(reconnection.delayAfterLoss(pause / 2 + 9999), pause));
+        QVERIFY(reconnection.isProbablyTaken());
+
+        // A bus that is away has ended the connections itself.
+        for (const int most : {50, 100, 200, 400, 400}) {
+            const int delay = reconnection.delayAfterFailure();
+            QVERIFY2(delay >= most / 2 && delay <= most, qPrintable(QString::number(delay)));
+        }
+        QVERIFY(!reconnection.isProbablyTaken());
+        QVERIFY(isAbout(reconnection.delayAfterLoss(0), 5000));
     }
 };
 

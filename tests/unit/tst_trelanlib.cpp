@@ -37,18 +37,23 @@ class tst_TrelanLib : public QObject
 private Q_SLOTS:
     void typesHaveTwoNames()
     {
+        QByteArrayList names {"TrelanConnectionState", "bus::TrelanConnectionState"};
         for (const QByteArray frame : {"%", "QSharedPointer<%>"}) {
-            for (const QByteArray type : {"TrelanMessage", "TrelanObject", "TrelanCommand"}) {
-                const int id = QMetaType::type(QByteArray(frame).replace("%", type));
-                QVERIFY2(id != QMetaType::UnknownType, type);
-                QCOMPARE(QMetaType::type(QByteArray(frame).replace("%", "bus::" + type)), id);
-            }
+            for (const QByteArray type : {"TrelanMessage", "TrelanObject", "TrelanCommand"})
+                names << QByteArray(frame).replace("%", type)
+                      << QByteArray(frame).replace("%", "bus::" + type);
+        }
+        for (int i = 0; i < names.size(); i += 2) {
+            const int id = QMetaType::type(names[i]);
+            QVERIFY2(id != QMetaType::UnknownType, names[i]);
+            QCOMPARE(QMetaType::type(names[i + 1]), id);
         }
     }
 
     void methodsKeepTheirPlaces_data()
     {
-        // Signals and slots may be reached by number: what is added comes after these.
+        // Signals and slots may be reached by number: what is added comes after those before it.
+        // Slots come after all signals, and go on by as many as are added.
         const TestTable<const QMetaObject *, QStringList> row("type", "names");
         const auto names = [](const char *text) { return QString(text).split(' '); };
         row("query handler", &bus::TrelanQueryHandler::staticMetaObject,
@@ -58,16 +63,17 @@ private Q_SLOTS:
                   "processReply"));
         row("receiver signals", &bus::TrelanMessageReciever::staticMetaObject,
             names("incomingMessage incomingObject incomingCommand busDisconnected "
-                  "kelbusConnected"));
+                  "kelbusConnected handshakeRefused handshakeAccepted"));
         row("message worker signals", &bus::TrelanMsgWorker::staticMetaObject,
-            names("unprocessedMessage unprocessedObject unprocessedCommand workerConnected"));
+            names("unprocessedMessage unprocessedObject unprocessedCommand workerConnected "
+                  "stateChanged"));
         row("query worker", &bus::TrelanQueryWorker::staticMetaObject,
-            names("workerConnected objectLoaded sendMessage publish subscribe subscribe "
-                  "unsubscribe unsubscribe sendCommand loadObject"));
+            names("workerConnected objectLoaded stateChanged sendMessage publish subscribe "
+                  "subscribe unsubscribe unsubscribe sendCommand loadObject"));
         row("controller", &bus::TrelanController::staticMetaObject,
             names("unprocessedMessage unprocessedObject unprocessedCommand sendLogMessage "
                   "sendMessage publish subscribe subscribe unsubscribe unsubscribe sendCommand "
-                  "loadObject objectLoaded setBus"));
+                  "loadObject objectLoaded stateChanged setBus"));
         row("log creator", &bus::TrelanLogCreator::staticMetaObject,
             names("sendMessage sendMessage"));
     }

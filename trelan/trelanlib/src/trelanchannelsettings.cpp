@@ -19,6 +19,8 @@ public:
     quint32 _host = QHostAddress(QHostAddress::LocalHost).toIPv4Address();
     quint16 _queryPort = TrelanQueryHandler::DEFAULT_PORT;
     quint16 _messagePort = TrelanMessageReciever::DEFAULT_PORT;
+    int _firstPause = 0;
+    int _maxPause = 0;
 };
 
 TrelanChannelSettings::TrelanChannelSettings()
@@ -111,6 +113,23 @@ TrelanChannelSettings &TrelanChannelSettings::setPorts(quint16 messagePort, quin
     d->_messagePort = messagePort;
     d->_queryPort = queryPort;
     return *this;
+}
+
+TrelanChannelSettings &TrelanChannelSettings::setPauses(int firstPause, int maxPause)
+{
+    d->_firstPause = qMax(firstPause, 0);
+    d->_maxPause = qMax(maxPause, d->_firstPause);
+    return *this;
+}
+
+int TrelanChannelSettings::firstPause() const
+{
+    return d->_firstPause;
+}
+
+int TrelanChannelSettings::maxPause() const
+{
+    return d->_maxPause;
 }
 
 } // namespace bus

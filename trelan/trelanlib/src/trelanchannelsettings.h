@@ -57,6 +57,19 @@ public:
     quint16 messagePort() const;
     TrelanChannelSettings &setPorts(quint16 messagePort, quint16 queryPort);
 
+    /// \brief When a worker tries again, in milliseconds: at once, then after about \a firstPause,
+    /// then after about twice as long each time, up to \a maxPause. Chance varies each pause, so
+    /// that many clients do not come back together.
+    ///
+    /// A connection that is lost within 10 s of its acceptance is an exception: it has probably
+    /// been taken by another program of the same name. The worker waits 5 s then, and twice as long
+    /// each further time, up to a minute, so that the two do not go on taking it from each other. 0
+    /// and 0, unless set: the worker goes by the mode, see docs/threads.md. A channel without a
+    /// worker never tries again by itself.
+    TrelanChannelSettings &setPauses(int firstPause, int maxPause);
+    int firstPause() const;
+    int maxPause() const;
+
 private:
     class Data;
     QSharedDataPointer<Data> d;

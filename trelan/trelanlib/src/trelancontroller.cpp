@@ -1,5 +1,7 @@
 #include "trelancontroller.h"
 
+#include "channel/reconnection.h"
+#include "channel/workerstate.h"
 #include "trelanlogcreator.h"
 #include "trelanmessagereciever.h"
 #include "trelanmsgworker.h"
@@ -10,6 +12,7 @@
 
 #include <QtCore/QDebug>
 #include <QtCore/QLoggingCategory>
+#include <QtCore/QMap>
 #include <QtNetwork/QHostAddress>
 
 #include <optional>
@@ -20,12 +23,22 @@ namespace bus
 class TrelanController::Private
 {
 public:
+    enum Part { Messages, Queries };
+
     QString _clientName;
     bool _logBridgeInstalled = false;
     std::optional<TrelanChannelSettings> _ownSettings;
 
-    static QThread *wire(TrelanController &controller, TrelanMsgWorker *worker);
-    static QThread *wire(TrelanController &controller, TrelanQueryWorker *worker);
+    WorkerState _state;
+    QMap<Part, TrelanConnectionState> _parts; // of the workers that there are
+    int _run = 0;                             // what earlier workers still say is ignored
+
+    QThread *wire(TrelanController &controller, TrelanMsgWorker *worker);
+    QThread *wire(TrelanController &controller, TrelanQueryWorker *worker);
+    template <typename Worker>
+    void watchState(TrelanController &controller, Worker *worker, Part part);
+    TrelanConnectionState combined() const;
+    void setState(TrelanController &controller, const TrelanConnectionState &state);
 };
 
 TrelanController::TrelanController(const QString &clientName, QObject *parent)
@@ -68,6 +81,11 @@ TrelanChannelSettings TrelanController::channelSettings() const
     return d->_ownSettings.value_or(TrelanChannelSettings::ofProcess());
 }
 
+TrelanConnectionState TrelanController::state() const
+{
+    return d->_state.get();
+}
+
 void TrelanController::setBus(QString host, quint16 msgPort, quint16 queryPort)
 {
     stop();
@@ -92,6 +110,14 @@ void TrelanController::setBus(QString host, quint16 msgPort, quint16 queryPort)
     start();
 }
 
+bool TrelanController::doStop()
+{
+    ++d->_run;
+    d->_parts.clear();
+    d->setState(*this, channelworker::stoppedState());
+    return AbstractWorkerController::doStop();
+}
+
 bool TrelanController::initWorkers(TrelanMsgWorker *msgWorker, TrelanQueryWorker *queryWorker)
 {
     // The worker's thread does not run yet.
@@ -99,8 +125,8 @@ bool TrelanController::initWorkers(TrelanMsgWorker *msgWorker, TrelanQueryWorker
         msgWorker->setChannelSettings(*d->_ownSettings);
     if (d->_ownSettings && queryWorker)
         queryWorker->setChannelSettings(*d->_ownSettings);
-    QThread *msgThread = msgWorker ? Private::wire(*this, msgWorker) : nullptr;
-    QThread *queryThread = queryWorker ? Private::wire(*this, queryWorker) : nullptr;
+    QThread *msgThread = msgWorker ? d->wire(*this, msgWorker) : nullptr;
+    QThread *queryThread = queryWorker ? d->wire(*this, queryWorker) : nullptr;
     if (queryThread)
         queryThread->start(QThread::InheritPriority);
     if (msgThread)
@@ -124,6 +150,7 @@ QThread *TrelanController::Private::wire(TrelanController &controller, TrelanMsg
             SIGNAL(unprocessedObject(TrelanObject)), Qt::QueuedConnection);
     connect(worker, SIGNAL(unprocessedCommand(TrelanCommand)), &controller,
             SIGNAL(unprocessedCommand(TrelanCommand)), Qt::QueuedConnection);
+    watchState(controller, worker, Messages);
     controller.prepareMsgWorker(worker);
     return thread;
 }
@@ -149,8 +176,49 @@ QThread *TrelanController::Private::wire(TrelanController &controller, TrelanQue
             Qt::QueuedConnection);
     connect(worker, SIGNAL(objectLoaded(TrelanObject)), &controller,
             SIGNAL(objectLoaded(TrelanObject)), Qt::QueuedConnection);
+    watchState(controller, worker, Queries);
     controller.prepareQueryWorker(worker);
     return thread;
+}
+
+template <typename Worker>
+void TrelanController::Private::watchState(TrelanController &controller, Worker *worker, Part part)
+{
+    _parts.insert(part, TrelanConnectionState());
+    setState(controller, combined());
+    const auto take = [this, &controller, part, run = _run](const TrelanConnectionState &state) {
+        if (run != _run)
+            return;
+        _parts.insert(part, state);
+        setState(controller, combined());
+    };
+    connect(worker, &Worker::stateChanged, &controller, take, Qt::QueuedConnection);
+}
+
+/// The state of the part that is worst off; of a connected controller, what any of its parts lacks.
+TrelanConnectionState TrelanController::Private::combined() const
+{
+    const auto severity = [](const TrelanConnectionState &state) {
+        if (state.status() != TrelanConnectionState::Away)
+            return state.isConnected() ? 0 : 1;
+        return state.reason() == TrelanConnectionState::NoBus ? 2 : 3;
+    };
+    QStringList lacking;
+    TrelanConnectionState worst = TrelanConnectionState::connected();
+    for (const TrelanConnectionState &part : _parts) {
+        lacking += part.lacking();
+        if (severity(part) > severity(worst))
+            worst = part;
+    }
+    lacking.removeDuplicates();
+    return worst.isConnected() ? TrelanConnectionState::connected(lacking) : worst;
+}
+
+void TrelanController::Private::setState(TrelanController &controller,
+                                         const TrelanConnectionState &state)
+{
+    if (_state.set(state))
+        emit controller.stateChanged(state);
 }
 
 } // namespace bus

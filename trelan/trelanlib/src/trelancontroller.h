@@ -4,6 +4,7 @@
 
 #include "trelanchannelsettings.h"
 #include "trelancommand.h"
+#include "trelanconnectionstate.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
 
@@ -74,6 +75,14 @@ public:
     /// Its own settings, or else those of the process as they are now.
     TrelanChannelSettings channelSettings() const;
 
+    /// \brief Whether its workers have the bus: connected if each of them is.
+    ///
+    /// Otherwise it says what is wrong with one of them. A refusal, a name that is taken and a
+    /// wrong port come before a bus that is not there. Away, with the description "stopped", after
+    /// a stop. Known to the controller by its event loop, as everything that comes from the
+    /// workers.
+    TrelanConnectionState state() const;
+
 Q_SIGNALS:
     /// To the application: a message has arrived that the message worker has not consumed.
     void unprocessedMessage(TrelanMessage msg);
@@ -106,6 +115,8 @@ Q_SIGNALS:
     /// To the application: an object asked for with loadObject() has come. Nothing comes where the
     /// bus does not know it.
     void objectLoaded(TrelanObject obj);
+    /// To the application: state() is another one.
+    void stateChanged(bus::TrelanConnectionState state);
 
 public Q_SLOTS:
     /// \brief Stops everything, and starts again with the bus at \a host, a numeric IPv4 address.
@@ -123,6 +134,8 @@ protected:
     virtual void prepareMsgWorker(TrelanMsgWorker *msgWorker);
     /// As prepareMsgWorker(), for the query worker.
     virtual void prepareQueryWorker(TrelanQueryWorker *queryWorker);
+
+    bool doStop() override;
 
 private:
     class Private;

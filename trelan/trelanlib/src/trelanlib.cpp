@@ -1,6 +1,7 @@
 #include "trelanlib.h"
 
 #include "trelancommand.h"
+#include "trelanconnectionstate.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
 
@@ -71,6 +72,7 @@ TrelanLib::TrelanLib()
     qRegisterMetaType<QSharedPointer<TrelanMessage>>("QSharedPointer<TrelanMessage>");
     qRegisterMetaType<QSharedPointer<TrelanObject>>("QSharedPointer<TrelanObject>");
     qRegisterMetaType<QSharedPointer<TrelanCommand>>("QSharedPointer<TrelanCommand>");
+    qRegisterMetaType<TrelanConnectionState>("TrelanConnectionState");
     registerSocketTypes();
 
     initTranslations();

@@ -1,6 +1,7 @@
 #include "trelanmsgworker.h"
 
 #include "channel/reconnection.h"
+#include "channel/workerstate.h"
 
 #include "sharedobjectsstorage.h"
 #include "trelanmessagereciever.h"
@@ -21,12 +22,14 @@ public:
     TrelanMessageReciever::Filter _filter; // of the current channel, or of the one before
     SharedObjectsStorage _storage;
     channelworker::Reconnection _reconnection;
+    WorkerState _state;
 
-    void stopChannel()
-    {
-        channelworker::stopTimer(_restartTimer);
-        channelworker::stopChannel(_reciever);
-    }
+    void makeChannel(TrelanMsgWorker &worker);
+    void connectChannel(TrelanMsgWorker &worker);
+    QString busAt() const;
+    void setState(TrelanMsgWorker &worker, const TrelanConnectionState &state);
+    void tryAgain(TrelanMsgWorker &worker, const TrelanConnectionState &state);
+    void stopChannel();
 };
 
 TrelanMsgWorker::TrelanMsgWorker(const QString &clientName, QFlags<Option> options)
@@ -59,33 +62,12 @@ void TrelanMsgWorker::setChannelSettings(const TrelanChannelSettings &settings)
 bool TrelanMsgWorker::doStart()
 {
     doStop();
-    d->_reciever = new TrelanMessageReciever(d->_clientName, this);
-    if (d->_ownSettings)
-        d->_reciever->setChannelSettings(*d->_ownSettings);
-    d->_reconnection.begin(d->_reciever->channelSettings());
-    d->_restartTimer = channelworker::makeRestartTimer(
-        this, d->_reciever.data(), &TrelanMessageReciever::handshakeAccepted, d->_reconnection);
-    if (d->_filter && d->_options.testFlag(KeepFilter))
-        d->_reciever->setFilter(d->_filter);
-    d->_filter = d->_reciever->filter();
-    d->_reciever->setTransient(d->_options.testFlag(Transient));
-
-    connect(d->_restartTimer, SIGNAL(timeout()), this, SLOT(restart()));
-    connect(d->_reciever, SIGNAL(incomingMessage(TrelanMessage)), this,
-            SLOT(processMessage(TrelanMessage)));
-    connect(d->_reciever, SIGNAL(incomingObject(TrelanObject)), this,
-            SLOT(processObject(TrelanObject)));
-    connect(d->_reciever, SIGNAL(incomingCommand(TrelanCommand)), this,
-            SLOT(processCommand(TrelanCommand)));
-    connect(d->_reciever, SIGNAL(busDisconnected()), d->_restartTimer, SLOT(start()));
-    connect(d->_reciever, SIGNAL(kelbusConnected()), this, SIGNAL(workerConnected()));
-    // A refusal closes the connection without busDisconnected().
-    connect(d->_reciever, &TrelanMessageReciever::handshakeRefused, d->_restartTimer,
-            [this] { channelworker::restartLater(*d->_restartTimer, d->_reconnection); });
-
+    d->makeChannel(*this);
+    d->connectChannel(*this);
     // After a success the timer is left alone: it runs if the connection has been lost meanwhile.
     if (!d->_reciever->open())
-        channelworker::restartLater(*d->_restartTimer, d->_reconnection);
+        d->tryAgain(*this, TrelanConnectionState::away(TrelanConnectionState::NoBus,
+                                                       QStringLiteral("no bus: ") + d->busAt()));
     return true;
 }
 
@@ -93,6 +75,11 @@ bool TrelanMsgWorker::doStop()
 {
     d->stopChannel();
     return true;
+}
+
+TrelanConnectionState TrelanMsgWorker::state() const
+{
+    return d->_state.get();
 }
 
 void TrelanMsgWorker::doProcessMessage(const TrelanMessage &msg)
@@ -128,6 +115,75 @@ void TrelanMsgWorker::processObject(TrelanObject obj)
     if (d->_options.testFlag(StoreObjects))
         d->_storage.store(obj);
     doProcessObject(obj);
+}
+
+void TrelanMsgWorker::Private::makeChannel(TrelanMsgWorker &worker)
+{
+    _reciever = new TrelanMessageReciever(_clientName, &worker);
+    if (_ownSettings)
+        _reciever->setChannelSettings(*_ownSettings);
+    _reciever->setAsksFeatures(_options.testFlag(AskFeatures));
+    _reciever->setTransient(_options.testFlag(Transient));
+    if (_filter && _options.testFlag(KeepFilter))
+        _reciever->setFilter(_filter);
+    _filter = _reciever->filter();
+    _reconnection.begin(_reciever->channelSettings());
+    _restartTimer = channelworker::makeRestartTimer(
+        &worker, _reciever.data(), &TrelanMessageReciever::handshakeAccepted, _reconnection);
+}
+
+void TrelanMsgWorker::Private::connectChannel(TrelanMsgWorker &worker)
+{
+    connect(_restartTimer, SIGNAL(timeout()), &worker, SLOT(restart()));
+    connect(_reciever, SIGNAL(incomingMessage(TrelanMessage)), &worker,
+            SLOT(processMessage(TrelanMessage)));
+    connect(_reciever, SIGNAL(incomingObject(TrelanObject)), &worker,
+            SLOT(processObject(TrelanObject)));
+    connect(_reciever, SIGNAL(incomingCommand(TrelanCommand)), &worker,
+            SLOT(processCommand(TrelanCommand)));
+    connect(_reciever, SIGNAL(busDisconnected()), _restartTimer, SLOT(start()));
+    connect(_reciever, SIGNAL(kelbusConnected()), &worker, SIGNAL(workerConnected()));
+    connect(_reciever, &TrelanMessageReciever::handshakeAccepted, _restartTimer,
+            [this, &worker] { setState(worker, TrelanConnectionState::connected()); });
+    connect(_reciever, &TrelanMessageReciever::busDisconnected, _restartTimer, [this, &worker] {
+        // A client that the bus does not take is away already, for a reason that says more.
+        if (_state.get().status() != TrelanConnectionState::Away)
+            setState(worker, channelworker::lostState(_reconnection, _clientName, busAt()));
+    });
+    // A refusal closes the connection without busDisconnected().
+    connect(_reciever, &TrelanMessageReciever::handshakeRefused, _restartTimer, [this, &worker] {
+        tryAgain(worker, channelworker::refusedState(_reciever->refusal(), busAt(),
+                                                     QStringLiteral("query")));
+    });
+}
+
+QString TrelanMsgWorker::Private::busAt() const
+{
+    const TrelanChannelSettings settings = _reciever->channelSettings();
+    return channelworker::busAt(settings.host(), settings.messagePort());
+}
+
+void TrelanMsgWorker::Private::setState(TrelanMsgWorker &worker, const TrelanConnectionState &state)
+{
+    if (_state.set(state))
+        emit worker.stateChanged(state);
+}
+
+/// After a failed attempt. A connection that was lost in it has started the timer, and has set the
+/// state.
+void TrelanMsgWorker::Private::tryAgain(TrelanMsgWorker &worker, const TrelanConnectionState &state)
+{
+    if (!_restartTimer->isActive())
+        setState(worker, state);
+    channelworker::restartLater(*_restartTimer, _reconnection);
+}
+
+void TrelanMsgWorker::Private::stopChannel()
+{
+    channelworker::stopTimer(_restartTimer);
+    channelworker::stopChannel(_reciever);
+    if (_state.get().isConnected())
+        _state.set(channelworker::stoppedState());
 }
 
 } // namespace bus

@@ -4,6 +4,7 @@
 
 #include "trelanchannelsettings.h"
 #include "trelancommand.h"
+#include "trelanconnectionstate.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
 #include "trelantransport.h"
@@ -25,7 +26,8 @@ namespace bus
 /// application through queued connections.
 ///
 /// While the bus is away a new attempt follows every 5 s, with a new channel each time. With
-/// TrelanTransport::Prompt the first one follows at once, and later ones after up to 5 s.
+/// TrelanTransport::Prompt the first one follows at once, and later ones after up to 5 s. Other
+/// pauses are a setting, see TrelanChannelSettings::setPauses().
 class TRELAN_EXPORT TrelanMsgWorker : public morvik::AbstractWorker
 {
     Q_OBJECT
@@ -37,7 +39,9 @@ public:
         /// whose acknowledgement was lost with the connection is not seen twice.
         KeepFilter = 2,
         /// The bus keeps nothing for this client while it is away.
-        Transient = 4
+        Transient = 4,
+        /// Asks the bus what it can do, see TrelanMessageReciever::setAsksFeatures().
+        AskFeatures = 16
     };
     Q_DECLARE_FLAGS(Options, Option)
 
@@ -52,6 +56,10 @@ public:
     /// From the next attempt to connect on the worker goes by \a settings instead of those of the
     /// process. Not thread-safe: before the worker is started, or in its thread.
     void setChannelSettings(const TrelanChannelSettings &settings);
+
+    /// Whether the bus has accepted the channel, or why it has not. Thread-safe, as long as the
+    /// worker exists.
+    TrelanConnectionState state() const;
 
     /// Builds the channel and opens it. Always true: a bus that is not there is waited for.
     bool doStart() override;
@@ -72,6 +80,8 @@ Q_SIGNALS:
     void unprocessedCommand(TrelanCommand cmd);
     /// The connection is made; the bus has yet to accept the handshake.
     void workerConnected();
+    /// state() is another one. Emitted in the worker's thread; not when the worker is stopped.
+    void stateChanged(bus::TrelanConnectionState state);
 
 protected Q_SLOTS:
     /// Hands the message to doProcessMessage().

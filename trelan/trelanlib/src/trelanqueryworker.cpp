@@ -2,10 +2,12 @@
 
 #include "channel/laterqueryhandler.h"
 #include "channel/reconnection.h"
+#include "channel/workerstate.h"
 #include "sharedobjectsstorage.h"
 #include "values/uids.h"
 
 #include <loghelpers.h>
+#include <wirekeys.h>
 
 #include <QtCore/QDebug>
 #include <QtCore/QMessageLogger>
@@ -41,6 +43,32 @@ void warnOfOtherPort(const TrelanQueryHandler &handler)
                  handler.channelSettings().queryPort());
 }
 
+QString busAt(const TrelanQueryHandler &handler)
+{
+    const TrelanChannelSettings settings = handler.channelSettings();
+    return channelworker::busAt(settings.host(), settings.queryPort());
+}
+
+/// Why the last operation of a worker that connects has failed.
+TrelanConnectionState failureState(const TrelanQueryHandler &handler)
+{
+    using State = TrelanConnectionState;
+    switch (handler.lastFailure()) {
+    case TrelanQueryHandler::None:
+    case TrelanQueryHandler::NotOpen:
+        break;
+    case TrelanQueryHandler::Timeout:
+        return State::away(State::NoBus, busAt(handler) + QStringLiteral(" does not answer"));
+    case TrelanQueryHandler::Framing:
+        return State::away(State::NoBus,
+                           busAt(handler) + QStringLiteral(" answers as no bus does"));
+    case TrelanQueryHandler::Refused:
+        return channelworker::refusedState(handler.lastError(), busAt(handler),
+                                           QStringLiteral("message"));
+    }
+    return State::away(State::NoBus, QStringLiteral("no bus: ") + busAt(handler));
+}
+
 } // namespace
 
 class TrelanQueryWorker::Private
@@ -54,9 +82,14 @@ public:
     QPointer<QTimer> _restartTimer;
     SharedObjectsStorage _storage;
     channelworker::Reconnection _reconnection;
+    WorkerState _state;
 
     bool isOpen(const TrelanQueryWorker &worker) const;
+    void makeChannel(TrelanQueryWorker &worker);
+    TrelanConnectionState connectChannel();
     bool subscribeAll();
+    TrelanConnectionState connectedState() const;
+    void setState(TrelanQueryWorker &worker, const TrelanConnectionState &state);
     void stopChannel(const TrelanQueryWorker &worker);
 };
 
@@ -75,20 +108,13 @@ TrelanQueryWorker::~TrelanQueryWorker()
 bool TrelanQueryWorker::doStart()
 {
     doStop();
-    d->_handler = new LaterQueryHandler(d->_clientName, this);
-    if (d->_ownSettings)
-        d->_handler->setChannelSettings(*d->_ownSettings);
-    d->_reconnection.begin(d->_handler->channelSettings());
-    d->_restartTimer =
-        channelworker::makeRestartTimer(this, static_cast<TrelanQueryHandler *>(d->_handler),
-                                        &TrelanQueryHandler::kelbusConnected, d->_reconnection);
-
-    connect(d->_restartTimer, SIGNAL(timeout()), this, SLOT(restart()));
-    connect(d->_handler, SIGNAL(busDisconnected()), d->_restartTimer, SLOT(start()));
-    connect(d->_handler, SIGNAL(kelbusConnected()), this, SIGNAL(workerConnected()));
-
-    // After a success the timer is left alone: it runs if the connection has been lost meanwhile.
-    if (!d->_handler->open() || !d->subscribeAll())
+    d->makeChannel(*this);
+    const TrelanConnectionState state = d->connectChannel();
+    // The timer runs if the connection has been lost meanwhile. Then the loss has set the state,
+    // and after a success the timer is left alone.
+    if (!d->_restartTimer->isActive())
+        d->setState(*this, state);
+    if (!state.isConnected())
         channelworker::restartLater(*d->_restartTimer, d->_reconnection);
     return true;
 }
@@ -97,6 +123,11 @@ bool TrelanQueryWorker::doStop()
 {
     d->stopChannel(*this);
     return true;
+}
+
+TrelanConnectionState TrelanQueryWorker::state() const
+{
+    return d->_state.get();
 }
 
 QFlags<TrelanQueryWorker::Option> TrelanQueryWorker::options() const
@@ -183,18 +214,66 @@ bool TrelanQueryWorker::Private::isOpen(const TrelanQueryWorker &worker) const
     return _handler && _handler->isOpen() && !worker.isStopRequested();
 }
 
+void TrelanQueryWorker::Private::makeChannel(TrelanQueryWorker &worker)
+{
+    _handler = new LaterQueryHandler(_clientName, &worker);
+    if (_ownSettings)
+        _handler->setChannelSettings(*_ownSettings);
+    _handler->setAsksFeatures(_options.testFlag(AskFeatures));
+    _reconnection.begin(_handler->channelSettings());
+    _restartTimer =
+        channelworker::makeRestartTimer(&worker, static_cast<TrelanQueryHandler *>(_handler),
+                                        &TrelanQueryHandler::kelbusConnected, _reconnection);
+
+    connect(_restartTimer, SIGNAL(timeout()), &worker, SLOT(restart()));
+    connect(_handler, SIGNAL(busDisconnected()), _restartTimer, SLOT(start()));
+    connect(_handler, SIGNAL(kelbusConnected()), &worker, SIGNAL(workerConnected()));
+    connect(_handler, &TrelanQueryHandler::busDisconnected, _restartTimer, [this, &worker] {
+        // A client that the bus does not take is away already, for a reason that says more.
+        if (_state.get().status() != TrelanConnectionState::Away)
+            setState(worker,
+                     channelworker::lostState(_reconnection, _clientName, busAt(*_handler)));
+    });
+}
+
+/// Opens the channel and subscribes, and says how that went.
+TrelanConnectionState TrelanQueryWorker::Private::connectChannel()
+{
+    if (!_handler->open())
+        return failureState(*_handler);
+    if (subscribeAll())
+        return connectedState();
+    TrelanConnectionState state = failureState(*_handler);
+    warnOfOtherPort(*_handler);
+    _handler->unsubscribe(_wildcards); // no partial subscription is left
+    return state;
+}
+
 bool TrelanQueryWorker::Private::subscribeAll()
 {
     const bool now = _options.testFlag(SubscribeNow);
-    const bool all =
-        std::all_of(_wildcards.cbegin(), _wildcards.cend(), [&](const QString &wildcard) {
-            return now ? _handler->subscribeNow(wildcard) : _handler->subscribe(wildcard);
-        });
-    if (!all) {
-        warnOfOtherPort(*_handler);
-        _handler->unsubscribe(_wildcards); // no partial subscription is left
-    }
-    return all;
+    return std::all_of(_wildcards.cbegin(), _wildcards.cend(), [&](const QString &wildcard) {
+        return now ? _handler->subscribeNow(wildcard) : _handler->subscribe(wildcard);
+    });
+}
+
+TrelanConnectionState TrelanQueryWorker::Private::connectedState() const
+{
+    QStringList lacking;
+    const auto want = [&](Option option, const QString &feature) {
+        if (_options.testFlag(option) && !_handler->features().contains(feature))
+            lacking += feature;
+    };
+    if (_options.testFlag(AskFeatures))
+        want(SubscribeNow, features::NOW);
+    return TrelanConnectionState::connected(lacking);
+}
+
+void TrelanQueryWorker::Private::setState(TrelanQueryWorker &worker,
+                                          const TrelanConnectionState &state)
+{
+    if (_state.set(state))
+        emit worker.stateChanged(state);
 }
 
 void TrelanQueryWorker::Private::stopChannel(const TrelanQueryWorker &worker)
@@ -203,6 +282,8 @@ void TrelanQueryWorker::Private::stopChannel(const TrelanQueryWorker &worker)
     if (_handler && !worker.isStopRequested())
         _handler->takeReplies(); // to the requests that were sent before the stop
     channelworker::stopChannel(_handler);
+    if (_state.get().isConnected())
+        _state.set(channelworker::stoppedState());
 }
 
 } // namespace bus

@@ -4,6 +4,7 @@
 
 #include "trelanchannelsettings.h"
 #include "trelancommand.h"
+#include "trelanconnectionstate.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
 #include "trelantransport.h"
@@ -38,7 +39,10 @@ public:
         /// Subscribing the wildcards given at construction also brings the values that are stored
         /// now, so that what the application has collected is whole again after every
         /// reconnection. See TrelanQueryHandler::subscribeNow().
-        SubscribeNow = 1
+        SubscribeNow = 1,
+        /// Asks the bus what it can do, see TrelanQueryHandler::setAsksFeatures(), and says in
+        /// state() what it lacks of what the options want.
+        AskFeatures = 4
     };
     Q_DECLARE_FLAGS(Options, Option)
 
@@ -60,11 +64,17 @@ public:
     /// process. Not thread-safe: before the worker is started, or in its thread.
     void setChannelSettings(const TrelanChannelSettings &settings);
 
+    /// Whether the channel is open, with the wildcards given at construction subscribed, or why it
+    /// is not. Thread-safe, as long as the worker exists.
+    TrelanConnectionState state() const;
+
 Q_SIGNALS:
     /// The bus has accepted the handshake; the wildcards given at construction are subscribed next.
     void workerConnected();
     /// An object asked for with loadObject() has come, and is in the SharedObjectsStorage.
     void objectLoaded(TrelanObject obj);
+    /// state() is another one. Emitted in the worker's thread; not when the worker is stopped.
+    void stateChanged(bus::TrelanConnectionState state);
 
 public Q_SLOTS:
     void sendMessage(TrelanMessage msg);
