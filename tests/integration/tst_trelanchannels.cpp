@@ -23,15 +23,17 @@ class Controller : public TrelanController
 {
 public:
     using TrelanController::TrelanController;
+    QStringList wildcards {"*"};
     QStringList objects; // names, as they come
+    TrelanQueryWorker *queries = nullptr;
 
 protected:
     bool doStart() override
     {
         connect(this, &Controller::unprocessedObject, this,
                 [this](const auto &object) { objects << object.name(); });
-        return initWorkers(new TrelanMsgWorker(clientName()),
-                           new TrelanQueryWorker(clientName(), {"*"}));
+        queries = new TrelanQueryWorker(clientName(), wildcards);
+        return initWorkers(new TrelanMsgWorker(clientName()), queries);
     }
 };
 
@@ -257,6 +259,96 @@ private Q_SLOTS:
             controller->start();
         }
         QTRY_VERIFY(taken > 2);
+    }
+
+    void operationsTellTheirResults()
+    {
+        const TestBus bus;
+        Controller controller("me");
+        controller.wildcards.clear();
+        controller.setChannelSettings(settingsOf(bus, TrelanTransport::Prompt));
+        controller.start();
+        QTRY_VERIFY(controller.state().isConnected());
+        const auto kind = [](const TrelanPending &pending) {
+            return pending.wait() ? int(pending.failure().kind()) : -1;
+        };
+        TrelanQueryWorker &queries = *controller.queries;
+        TrelanMessage message;
+        message.setReciever("nobody");
+
+        QCOMPARE(kind(queries.askToSubscribe({"a.*", "b"})), TrelanFailure::None);
+        QCOMPARE(kind(queries.askToPublish(named("a.1"))), TrelanFailure::None);
+        QTRY_COMPARE(controller.objects, QStringList("a.1"));
+        const auto loaded = queries.askToLoad("a.1");
+        QCOMPARE(kind(loaded), TrelanFailure::None);
+        QCOMPARE(loaded.result().publisher(), "me");
+        const auto all = queries.askToLoadAll("a.*");
+        QCOMPARE(kind(all), TrelanFailure::None);
+        QCOMPARE(all.result().keys(), QStringList("a.1"));
+        QCOMPARE(kind(queries.askToRemove({"a.1"})), TrelanFailure::None);
+        const auto missing = queries.askToLoad("a.1");
+        QCOMPARE(kind(missing), TrelanFailure::Refused);
+        QVERIFY(missing.failure().code() != 0);
+        QCOMPARE(kind(queries.askToSend(message)), TrelanFailure::NobodyThere);
+        QCOMPARE(kind(queries.askToUnsubscribe({"a.*"})), TrelanFailure::None);
+        queries.askToPublish(named("a.2"));
+        queries.askToPublish(named("b"));
+        QTRY_COMPARE(controller.objects, QStringList({"a.1", "b"}));
+    }
+
+    void operationsAlwaysEnd_data()
+    {
+        const TestTable<QByteArray, bool, int> row("what", "prompt", "kind");
+        row("silent", "silent", true, TrelanFailure::TimedOut);
+        row("silent, several on their way", "silent twice", true, TrelanFailure::NotConnected);
+        row("lost", "lost", true, TrelanFailure::NotConnected);
+        row("lost, Paced", "lost", false, TrelanFailure::NotConnected);
+        row("stopped", "stopped", true, TrelanFailure::NotConnected);
+        row("stopped, Paced", "stopped", false, TrelanFailure::NotConnected);
+        row("never there", "away", true, TrelanFailure::NotConnected);
+        row("never started", "unstarted", true, TrelanFailure::NotConnected);
+    }
+
+    void operationsAlwaysEnd()
+    {
+        QFETCH(QByteArray, what);
+        QFETCH(bool, prompt);
+        const Server server([&](ScriptedPeer &peer) {
+            if (peer.readFrame() && peer.send(Server::reply("handshake")) && peer.readFrame() &&
+                what != "lost")
+                peer.awaitEnd();
+        });
+        const auto settings =
+            TrelanChannelSettings()
+                .setMode(prompt ? TrelanTransport::Prompt : TrelanTransport::Paced)
+                .setPatience(what.startsWith("silent") ? 100 : 30000)
+                .setPorts(1, what == "away" ? 1 : server.port());
+        Controller controller("me");
+        controller.wildcards.clear();
+        controller.setChannelSettings(settings);
+        TrelanPending pending;
+        if (what == "unstarted") {
+            TrelanQueryWorker worker("me", {});
+            pending = worker.askToRemove({"a"});
+            QVERIFY(!pending.isFinished());
+        } else {
+            controller.start();
+            const auto expected =
+                what == "away" ? TrelanConnectionState::Away : TrelanConnectionState::Connected;
+            QTRY_COMPARE(controller.queries->state().status(), expected);
+            if (what == "silent twice")
+                controller.queries->askToRemove({"a"});
+            pending = controller.queries->askToRemove({"a"});
+        }
+        if (what == "stopped") {
+            QTRY_COMPARE(server.frames().size(), 2);
+            const auto waiting = controller.queries->askToPublish(named("b"));
+            controller.stop();
+            QCOMPARE(waiting.failure().kind(), TrelanFailure::NotConnected);
+        }
+        QVERIFY(pending.wait(5000));
+        QTEST(int(pending.failure().kind()), "kind");
+        QVERIFY(!pending.failure().description().isEmpty());
     }
 };
 

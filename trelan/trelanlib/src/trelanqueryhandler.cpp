@@ -124,10 +124,7 @@ void TrelanQueryHandler::close()
 
 bool TrelanQueryHandler::rmPersistent(const QStringList &names)
 {
-    QVariantList objects;
-    for (const QString &name : names)
-        objects.append(name.trimmed());
-    return request(operations::REMOVE, {{keys::OBJECTS, objects}});
+    return d->request(d->removeFrame(names));
 }
 
 bool TrelanQueryHandler::publish(TrelanObject object)
@@ -172,10 +169,11 @@ bool TrelanQueryHandler::loadObject(const QString &name, TrelanObject &object)
 bool TrelanQueryHandler::loadObjects(const QString &wildCard, QMap<QString, TrelanObject> &objects)
 {
     QVariantMap answer;
-    if (!request(answer, operations::LOAD_OBJECTS, {{keys::WILDCARD, wildCard}}))
+    if (!d->request(d->loadAllFrame(wildCard), answer))
         return false;
-    for (auto entry = answer.cbegin(); entry != answer.cend(); ++entry)
-        objects.insert(entry.key(), TrelanObject::fromVariantMap(entry.value().toMap()));
+    const QMap<QString, TrelanObject> loaded = replies::objects(answer);
+    for (auto entry = loaded.cbegin(); entry != loaded.cend(); ++entry)
+        objects.insert(entry.key(), entry.value());
     return true;
 }
 
@@ -307,6 +305,19 @@ QByteArray TrelanQueryHandler::Private::commandFrame(TrelanCommand command) cons
         return messageFrame(message);
     TrelanObject object;
     return command.toTrelanObject(object) ? publishFrame(object) : QByteArray();
+}
+
+QByteArray TrelanQueryHandler::Private::removeFrame(const QStringList &names) const
+{
+    QVariantList objects;
+    for (const QString &name : names)
+        objects.append(name.trimmed());
+    return frameOf(operations::REMOVE, {{keys::OBJECTS, objects}});
+}
+
+QByteArray TrelanQueryHandler::Private::loadAllFrame(const QString &wildcard) const
+{
+    return frameOf(operations::LOAD_OBJECTS, {{keys::WILDCARD, wildcard}});
 }
 
 QByteArray TrelanQueryHandler::Private::loadFrame(const QString &name) const

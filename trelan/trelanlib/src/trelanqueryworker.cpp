@@ -3,6 +3,8 @@
 #include "channel/laterqueryhandler.h"
 #include "channel/reconnection.h"
 #include "channel/workerstate.h"
+#include "client/pendingstate.h"
+#include "codec/replies.h"
 #include "sharedobjectsstorage.h"
 #include "values/uids.h"
 
@@ -13,6 +15,8 @@
 #include <QtCore/QMessageLogger>
 
 #include <algorithm>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -69,11 +73,57 @@ TrelanConnectionState failureState(const TrelanQueryHandler &handler)
     return State::away(State::NoBus, QStringLiteral("no bus: ") + busAt(handler));
 }
 
+/// An operation with a result. Ends it when nobody is left who could: a worker that stops drops
+/// what is asked.
+struct Outcome
+{
+    Outcome() = default;
+    ~Outcome()
+    {
+        state->fail({TrelanFailure::NotConnected,
+                     QStringLiteral("the worker was stopped before the bus has answered")});
+    }
+    Q_DISABLE_COPY(Outcome)
+
+    const PendingState::Ref state = PendingState::make();
+};
+
+/// \a unregistered is what that code means of an operation.
+TrelanFailure failureOf(const TrelanQueryHandler &handler, TrelanFailure::Kind unregistered)
+{
+    const TrelanError error = handler.lastError();
+    switch (handler.lastFailure()) {
+    case TrelanQueryHandler::None:
+    case TrelanQueryHandler::NotOpen:
+        break;
+    case TrelanQueryHandler::Timeout:
+        return {TrelanFailure::TimedOut, QStringLiteral("the bus has not answered")};
+    case TrelanQueryHandler::Framing:
+        return {TrelanFailure::NotConnected, QStringLiteral("the answer of the bus is none")};
+    case TrelanQueryHandler::Refused:
+        return {error == TrelanError(TrelanError::UnregisteredClient) ? unregistered
+                                                                      : TrelanFailure::Refused,
+                error.description(), error.error()};
+    }
+    return {TrelanFailure::NotConnected,
+            QStringLiteral("the connection was lost before the bus has answered")};
+}
+
+QVariant nothing(const QVariantMap & /*answer*/)
+{
+    return {};
+}
+
 } // namespace
 
 class TrelanQueryWorker::Private
 {
 public:
+    /// Asks a handler for an operation.
+    using Ask = std::function<void(LaterQueryHandler &handler, const LaterQueryHandler::Done &)>;
+    /// Makes the result of what the bus has answered.
+    using Read = std::function<QVariant(const QVariantMap &answer)>;
+
     QString _clientName;
     QStringList _wildcards;
     QFlags<Option> _options;
@@ -91,6 +141,8 @@ public:
     TrelanConnectionState connectedState() const;
     void setState(TrelanQueryWorker &worker, const TrelanConnectionState &state);
     void stopChannel(const TrelanQueryWorker &worker);
+    PendingState::Ref begin(TrelanQueryWorker &worker, const Ask &ask, const Read &read = nothing,
+                            TrelanFailure::Kind unregistered = TrelanFailure::Refused);
 };
 
 TrelanQueryWorker::TrelanQueryWorker(const QString &clientName, QStringList wildcards)
@@ -202,10 +254,99 @@ void TrelanQueryWorker::loadObject(QString name)
 {
     if (!d->isOpen(*this))
         return;
-    d->_handler->loadObjectLater(name, [this](const TrelanObject &object) {
+    d->_handler->loadObjectLater(name, [this](bool done, const QVariantMap &answer) {
+        if (!done)
+            return;
+        const TrelanObject object = TrelanObject::fromVariantMap(answer);
         d->_storage.store(object);
         emit objectLoaded(object);
     });
+}
+
+TrelanPending TrelanQueryWorker::askToPublish(const TrelanObject &object)
+{
+    const auto ask = [object](auto &handler, const auto &done) {
+        handler.publishLater(object, done);
+    };
+    return d->begin(*this, ask)->pending();
+}
+
+TrelanPending TrelanQueryWorker::askToRemove(const QStringList &names)
+{
+    const auto ask = [names](auto &handler, const auto &done) { handler.removeLater(names, done); };
+    return d->begin(*this, ask)->pending();
+}
+
+TrelanPending TrelanQueryWorker::askToSend(const TrelanMessage &message)
+{
+    const auto ask = [message](auto &handler, const auto &done) {
+        handler.sendMessageLater(message, done);
+    };
+    return d->begin(*this, ask, nothing, TrelanFailure::NobodyThere)->pending();
+}
+
+TrelanReply<TrelanObject> TrelanQueryWorker::askToLoad(const QString &name)
+{
+    const auto ask = [name](auto &handler, const auto &done) {
+        handler.loadObjectLater(name, done);
+    };
+    const auto read = [](const QVariantMap &answer) {
+        return QVariant::fromValue(TrelanObject::fromVariantMap(answer));
+    };
+    return d->begin(*this, ask, read)->reply<TrelanObject>();
+}
+
+TrelanReply<TrelanObjects> TrelanQueryWorker::askToLoadAll(const QString &wildcard)
+{
+    const auto ask = [wildcard](auto &handler, const auto &done) {
+        handler.loadObjectsLater(wildcard, done);
+    };
+    const auto read = [](const QVariantMap &answer) {
+        return QVariant::fromValue(replies::objects(answer));
+    };
+    return d->begin(*this, ask, read)->reply<TrelanObjects>();
+}
+
+TrelanPending TrelanQueryWorker::askToSubscribe(const QStringList &wildcards)
+{
+    const auto ask = [wildcards](auto &handler, const auto &done) {
+        handler.subscribeLater(wildcards, done);
+    };
+    return d->begin(*this, ask)->pending();
+}
+
+TrelanPending TrelanQueryWorker::askToUnsubscribe(const QStringList &wildcards)
+{
+    const auto ask = [wildcards](auto &handler, const auto &done) {
+        handler.unsubscribeLater(wildcards, done);
+    };
+    return d->begin(*this, ask)->pending();
+}
+
+/// Has the operation asked for in the worker's thread. Nothing but the queued event and the
+/// callback holds the outcome, so that it ends with them at the latest.
+PendingState::Ref TrelanQueryWorker::Private::begin(TrelanQueryWorker &worker, const Ask &ask,
+                                                    const Read &read,
+                                                    TrelanFailure::Kind unregistered)
+{
+    const auto outcome = std::make_shared<Outcome>();
+    const auto inThread = [this, &worker, ask, read, unregistered, outcome] {
+        if (!isOpen(worker)) {
+            outcome->state->fail({TrelanFailure::NotConnected,
+                                  QStringLiteral("there is no connection with the bus")});
+            return;
+        }
+        const LaterQueryHandler &handler = *_handler;
+        ask(*_handler,
+            [&handler, &worker, read, unregistered, outcome](bool done, const QVariantMap &answer) {
+                if (done)
+                    outcome->state->finish(read(answer));
+                else if (!worker.isStopRequested()) // which ends a wait as time does
+                    outcome->state->fail(failureOf(handler, unregistered));
+            });
+    };
+    QMetaObject::invokeMethod(&worker, inThread, Qt::QueuedConnection);
+    return outcome->state;
 }
 
 bool TrelanQueryWorker::Private::isOpen(const TrelanQueryWorker &worker) const

@@ -7,6 +7,7 @@
 #include "trelanconnectionstate.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
+#include "trelanpending.h"
 #include "trelantransport.h"
 
 #include <abstractworker.h>
@@ -23,7 +24,8 @@ namespace bus
 /// request after the other, in the order in which it was asked for.
 ///
 /// Threads: as TrelanMsgWorker. The slots are reached through queued connections, and each blocks
-/// the worker's thread until the bus has answered; nothing tells the caller how it went. In Prompt
+/// the worker's thread until the bus has answered; nothing tells the caller how it went, except of
+/// an operation that is asked for with one of the functions that return a TrelanPending. In Prompt
 /// mode (see TrelanTransport) the worker sends waiting requests ahead of the replies to earlier
 /// ones, up to 64 requests or 256 KiB; replies are taken in the order of the requests.
 ///
@@ -87,6 +89,27 @@ public Q_SLOTS:
     /// is sent.
     void sendCommand(TrelanCommand cmd);
     void loadObject(QString name);
+
+public:
+    /// \name Operations that tell how they went
+    ///
+    /// Each asks for what the slot or the method of TrelanQueryHandler of like name does, behind
+    /// what was asked for before. They return at once, and may be called from any thread for as
+    /// long as the worker exists; a controller deletes its workers when it stops. The operation
+    /// ends as done, or as NotConnected, where there is no connection, or none any more before the
+    /// bus has answered, Refused, with what the bus says, or TimedOut. It also ends when the worker
+    /// is stopped or deleted. Do not wait for one in the worker's own thread.
+    /// @{
+    TrelanPending askToPublish(const TrelanObject &object);
+    TrelanPending askToRemove(const QStringList &names);
+    /// NobodyThere where the message is not stored and its receiver is not connected.
+    TrelanPending askToSend(const TrelanMessage &message);
+    /// Refused where there is no such object. The SharedObjectsStorage is left alone.
+    TrelanReply<TrelanObject> askToLoad(const QString &name);
+    TrelanReply<TrelanObjects> askToLoadAll(const QString &wildcard);
+    TrelanPending askToSubscribe(const QStringList &wildcards);
+    TrelanPending askToUnsubscribe(const QStringList &wildcards);
+    /// @}
 
 private:
     class Private;

@@ -7,48 +7,54 @@
 namespace bus
 {
 
-void LaterQueryHandler::publishLater(const TrelanObject &object)
+void LaterQueryHandler::publishLater(const TrelanObject &object, const Done &done)
 {
-    askLater(d->publishFrame(object));
+    askLater(d->publishFrame(object), done);
 }
 
-void LaterQueryHandler::sendMessageLater(const TrelanMessage &message)
+void LaterQueryHandler::removeLater(const QStringList &names, const Done &done)
 {
-    askLater(d->messageFrame(message));
+    askLater(d->removeFrame(names), done);
 }
 
-void LaterQueryHandler::sendCommandLater(const TrelanCommand &command)
+void LaterQueryHandler::sendMessageLater(const TrelanMessage &message, const Done &done)
 {
-    askLater(d->commandFrame(command));
+    askLater(d->messageFrame(message), done);
 }
 
-void LaterQueryHandler::subscribeLater(const QString &wildcard)
+void LaterQueryHandler::sendCommandLater(const TrelanCommand &command, const Done &done)
 {
-    askLater(d->wildcardFrame(operations::SUBSCRIBE, wildcard));
+    askLater(d->commandFrame(command), done);
 }
 
-void LaterQueryHandler::subscribeLater(const QStringList &wildcards)
+void LaterQueryHandler::subscribeLater(const QString &wildcard, const Done &done)
 {
-    askLater(d->wildcardFrame(operations::SUBSCRIBE, wildcards));
+    askLater(d->wildcardFrame(operations::SUBSCRIBE, wildcard), done);
 }
 
-void LaterQueryHandler::unsubscribeLater(const QString &wildcard)
+void LaterQueryHandler::subscribeLater(const QStringList &wildcards, const Done &done)
 {
-    askLater(d->wildcardFrame(operations::UNSUBSCRIBE, wildcard));
+    askLater(d->wildcardFrame(operations::SUBSCRIBE, wildcards), done);
 }
 
-void LaterQueryHandler::unsubscribeLater(const QStringList &wildcards)
+void LaterQueryHandler::unsubscribeLater(const QString &wildcard, const Done &done)
 {
-    askLater(d->wildcardFrame(operations::UNSUBSCRIBE, wildcards));
+    askLater(d->wildcardFrame(operations::UNSUBSCRIBE, wildcard), done);
 }
 
-void LaterQueryHandler::loadObjectLater(const QString &name,
-                                        const std::function<void(const TrelanObject &)> &loaded)
+void LaterQueryHandler::unsubscribeLater(const QStringList &wildcards, const Done &done)
 {
-    d->requestLater(d->loadFrame(name), [loaded](bool done, const QVariantMap &answer) {
-        if (done)
-            loaded(TrelanObject::fromVariantMap(answer));
-    });
+    askLater(d->wildcardFrame(operations::UNSUBSCRIBE, wildcards), done);
+}
+
+void LaterQueryHandler::loadObjectLater(const QString &name, const Done &done)
+{
+    askLater(d->loadFrame(name), done);
+}
+
+void LaterQueryHandler::loadObjectsLater(const QString &wildcard, const Done &done)
+{
+    askLater(d->loadAllFrame(wildcard), done);
 }
 
 void LaterQueryHandler::takeReplies()
@@ -56,9 +62,10 @@ void LaterQueryHandler::takeReplies()
     d->takeReplies();
 }
 
-void LaterQueryHandler::askLater(const QByteArray &frame)
+void LaterQueryHandler::askLater(const QByteArray &frame, const Done &done)
 {
-    d->requestLater(frame, [](bool, const QVariantMap &) {});
+    d->requestLater(
+        frame, done ? done : [](bool, const QVariantMap &) {});
 }
 
 } // namespace bus

@@ -36,7 +36,9 @@ public:
     QByteArray publishFrame(TrelanObject object) const;
     QByteArray messageFrame(TrelanMessage message) const;
     QByteArray commandFrame(TrelanCommand command) const;
+    QByteArray removeFrame(const QStringList &names) const;
     QByteArray loadFrame(const QString &name) const;
+    QByteArray loadAllFrame(const QString &wildcard) const;
     /// \a operation is "sub" or "unsub".
     QByteArray wildcardFrame(const QString &operation, const QString &wildcard,
                              const QVariantMap &more = {}) const;

@@ -16,4 +16,12 @@ TrelanError error(const QVariantMap &result)
             QStringLiteral("the code of the reply is no number; its description: ") + description};
 }
 
+QMap<QString, TrelanObject> objects(const QVariantMap &data)
+{
+    QMap<QString, TrelanObject> objects;
+    for (auto entry = data.cbegin(); entry != data.cend(); ++entry)
+        objects.insert(entry.key(), TrelanObject::fromVariantMap(entry.value().toMap()));
+    return objects;
+}
+
 } // namespace bus::replies
