@@ -1,5 +1,6 @@
 #include <rawpeer.h>
 #include <scriptedserver.h>
+#include <sharedobjectsstorage.h>
 #include <testtable.h>
 #include <trelancontroller.h>
 #include <trelanmessagereciever.h>
@@ -24,7 +25,9 @@ class Controller : public TrelanController
 public:
     using TrelanController::TrelanController;
     QStringList wildcards {"*"};
-    QStringList objects; // names, as they come
+    TrelanMsgWorker::Options options;
+    TrelanQueryWorker::Options queryOptions;
+    QStringList objects; // names, as they come, with a sign before those of removed ones
     TrelanQueryWorker *queries = nullptr;
 
 protected:
@@ -32,8 +35,13 @@ protected:
     {
         connect(this, &Controller::unprocessedObject, this,
                 [this](const auto &object) { objects << object.name(); });
+        connect(this, &Controller::objectRemoved, this,
+                [this](const QString &name) { objects << '-' + name; });
+        connect(this, &Controller::unprocessedMessage, this,
+                [this](const auto &message) { objects << message.message(); });
         queries = new TrelanQueryWorker(clientName(), wildcards);
-        return initWorkers(new TrelanMsgWorker(clientName()), queries);
+        queries->setOptions(queryOptions);
+        return initWorkers(new TrelanMsgWorker(clientName(), options), queries);
     }
 };
 
@@ -259,6 +267,35 @@ private Q_SLOTS:
             controller->start();
         }
         QTRY_VERIFY(taken > 2);
+    }
+
+    void removalsAreToldToWhoAsks()
+    {
+        const TestBus bus;
+        Controller asking("asking"), other("other"), half("half");
+        asking.options = {TrelanMsgWorker::TakeRemovals, TrelanMsgWorker::StoreObjects,
+                          TrelanMsgWorker::AskFeatures};
+        asking.queryOptions = {TrelanQueryWorker::SubscribeRemovals,
+                               TrelanQueryWorker::AskFeatures};
+        half.queryOptions = TrelanQueryWorker::SubscribeRemovals;
+        SharedObjectsStorage storage;
+        for (Controller *controller : {&asking, &other, &half}) {
+            controller->setChannelSettings(settingsOf(bus, TrelanTransport::Prompt));
+            controller->start();
+            QTRY_VERIFY(controller->state().isConnected());
+            QCOMPARE(controller->state().lacking(), QStringList());
+        }
+        asking.queries->askToPublish(named("a"));
+        QTRY_COMPARE(asking.objects, QStringList("a"));
+        QVERIFY(storage.contains("a"));
+        asking.queries->askToRemove({"a", "never.there"});
+        asking.queries->askToPublish(named("last"));
+        QTRY_COMPARE(asking.objects, QStringList({"a", "-a", "last"}));
+        QVERIFY(!storage.contains("a"));
+        QTRY_COMPARE(other.objects, QStringList({"a", "last"}));
+        // To a receiver that does not take removals for what they are, they are messages.
+        QTRY_COMPARE(half.objects.size(), 3);
+        QVERIFY(half.objects[1].contains("\"__reason__\""));
     }
 
     void operationsTellTheirResults()

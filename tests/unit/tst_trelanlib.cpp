@@ -63,17 +63,17 @@ private Q_SLOTS:
                   "processReply"));
         row("receiver signals", &bus::TrelanMessageReciever::staticMetaObject,
             names("incomingMessage incomingObject incomingCommand busDisconnected "
-                  "kelbusConnected handshakeRefused handshakeAccepted"));
+                  "kelbusConnected handshakeRefused handshakeAccepted objectRemoved"));
         row("message worker signals", &bus::TrelanMsgWorker::staticMetaObject,
             names("unprocessedMessage unprocessedObject unprocessedCommand workerConnected "
-                  "stateChanged"));
+                  "stateChanged objectRemoved"));
         row("query worker", &bus::TrelanQueryWorker::staticMetaObject,
             names("workerConnected objectLoaded stateChanged sendMessage publish subscribe "
                   "subscribe unsubscribe unsubscribe sendCommand loadObject"));
         row("controller", &bus::TrelanController::staticMetaObject,
             names("unprocessedMessage unprocessedObject unprocessedCommand sendLogMessage "
                   "sendMessage publish subscribe subscribe unsubscribe unsubscribe sendCommand "
-                  "loadObject objectLoaded stateChanged setBus"));
+                  "loadObject objectLoaded stateChanged objectRemoved setBus"));
         row("log creator", &bus::TrelanLogCreator::staticMetaObject,
             names("sendMessage sendMessage"));
     }

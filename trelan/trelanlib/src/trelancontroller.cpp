@@ -150,6 +150,8 @@ QThread *TrelanController::Private::wire(TrelanController &controller, TrelanMsg
             SIGNAL(unprocessedObject(TrelanObject)), Qt::QueuedConnection);
     connect(worker, SIGNAL(unprocessedCommand(TrelanCommand)), &controller,
             SIGNAL(unprocessedCommand(TrelanCommand)), Qt::QueuedConnection);
+    connect(worker, SIGNAL(objectRemoved(QString)), &controller, SIGNAL(objectRemoved(QString)),
+            Qt::QueuedConnection);
     watchState(controller, worker, Messages);
     controller.prepareMsgWorker(worker);
     return thread;

@@ -117,6 +117,9 @@ Q_SIGNALS:
     void objectLoaded(TrelanObject obj);
     /// To the application: state() is another one.
     void stateChanged(bus::TrelanConnectionState state);
+    /// To the application: an object is removed. For workers with the options TakeRemovals and
+    /// SubscribeRemovals.
+    void objectRemoved(QString name);
 
 public Q_SLOTS:
     /// \brief Stops everything, and starts again with the bus at \a host, a numeric IPv4 address.

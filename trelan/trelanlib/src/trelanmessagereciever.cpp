@@ -65,6 +65,12 @@ TrelanCommand commandOf(const TrelanMessage &msg, const QVariantMap &call)
     return command;
 }
 
+bool isRemoval(const QVariantMap &body)
+{
+    return body.contains(TrelanObject::MSG_NAME_HD) &&
+           body.value(TrelanObject::MSG_REASON_HD).toString() == QString(reasons::REMOVED);
+}
+
 } // namespace
 
 std::atomic<quint16> TrelanMessageReciever::_msgPort {TrelanMessageReciever::DEFAULT_PORT};
@@ -92,6 +98,7 @@ public:
     bool _opened = false;
     bool _transient = false;
     bool _asksFeatures = false;
+    bool _takesRemovals = false;
     bool _namesFeatures = false; // this connection's handshake has the key
     QStringList _features;
     TrelanError _refusal;
@@ -184,6 +191,11 @@ QStringList TrelanMessageReciever::features() const
     return d->_features;
 }
 
+void TrelanMessageReciever::setTakesRemovals(bool takes)
+{
+    d->_takesRemovals = takes;
+}
+
 TrelanError TrelanMessageReciever::refusal() const
 {
     return d->_refusal;
@@ -222,6 +234,8 @@ void TrelanMessageReciever::processMessage(const TrelanMessage &msg)
         body.value(TrelanObject::MSG_REASON_HD).toString() == TrelanObject::MSG_REASON_SUB;
     if (isNotification)
         processObject(objectOf(msg, body));
+    else if (d->_takesRemovals && isRemoval(body))
+        emit objectRemoved(body.value(TrelanObject::MSG_NAME_HD).toString());
     else if (body.contains(TrelanCommand::MSG_CMD_HD))
         emit incomingCommand(commandOf(msg, body.value(TrelanCommand::MSG_CMD_HD).toMap()));
     else

@@ -92,6 +92,11 @@ public:
     /// or has nothing to say.
     QStringList features() const;
 
+    /// Takes a text by which the bus tells that an object is removed for that, see objectRemoved().
+    /// False unless set: such a text is a message like any other then. The bus tells whoever has
+    /// subscribed with TrelanQueryHandler::WithRemovals.
+    void setTakesRemovals(bool takes);
+
     /// Why the last handshake was refused; no error if it was not.
     TrelanError refusal() const;
 
@@ -127,6 +132,8 @@ Q_SIGNALS:
     void handshakeRefused();
     /// The bus has accepted the handshake: isOpen() is true now.
     void handshakeAccepted();
+    /// The bus has removed the object, in order with its changes. Only with setTakesRemovals().
+    void objectRemoved(QString name);
 
 public Q_SLOTS:
     /// Connects and sends the handshake. True at once on an open receiver; false at once, without

@@ -124,6 +124,7 @@ void TrelanMsgWorker::Private::makeChannel(TrelanMsgWorker &worker)
         _reciever->setChannelSettings(*_ownSettings);
     _reciever->setAsksFeatures(_options.testFlag(AskFeatures));
     _reciever->setTransient(_options.testFlag(Transient));
+    _reciever->setTakesRemovals(_options.testFlag(TakeRemovals));
     if (_filter && _options.testFlag(KeepFilter))
         _reciever->setFilter(_filter);
     _filter = _reciever->filter();
@@ -141,6 +142,12 @@ void TrelanMsgWorker::Private::connectChannel(TrelanMsgWorker &worker)
             SLOT(processObject(TrelanObject)));
     connect(_reciever, SIGNAL(incomingCommand(TrelanCommand)), &worker,
             SLOT(processCommand(TrelanCommand)));
+    connect(_reciever, &TrelanMessageReciever::objectRemoved, &worker,
+            [this, &worker](const QString &name) {
+                if (_options.testFlag(StoreObjects))
+                    _storage.remove(name);
+                emit worker.objectRemoved(name);
+            });
     connect(_reciever, SIGNAL(busDisconnected()), _restartTimer, SLOT(start()));
     connect(_reciever, SIGNAL(kelbusConnected()), &worker, SIGNAL(workerConnected()));
     connect(_reciever, &TrelanMessageReciever::handshakeAccepted, _restartTimer,

@@ -40,6 +40,10 @@ public:
         KeepFilter = 2,
         /// The bus keeps nothing for this client while it is away.
         Transient = 4,
+        /// Tells of removed objects by objectRemoved(), and takes them out of the
+        /// SharedObjectsStorage if StoreObjects is set. The query worker has to subscribe with
+        /// SubscribeRemovals.
+        TakeRemovals = 8,
         /// Asks the bus what it can do, see TrelanMessageReciever::setAsksFeatures().
         AskFeatures = 16
     };
@@ -82,6 +86,8 @@ Q_SIGNALS:
     void workerConnected();
     /// state() is another one. Emitted in the worker's thread; not when the worker is stopped.
     void stateChanged(bus::TrelanConnectionState state);
+    /// The bus has removed an object. Only with the option TakeRemovals.
+    void objectRemoved(QString name);
 
 protected Q_SLOTS:
     /// Hands the message to doProcessMessage().

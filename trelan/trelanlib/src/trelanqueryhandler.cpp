@@ -48,6 +48,17 @@ QStringList linesOf(const QByteArray &payload)
     return lines;
 }
 
+/// The keys of a subscription that asks for more.
+QVariantMap wanted(TrelanQueryHandler::SubscribeOptions options)
+{
+    QVariantMap more;
+    if (options.testFlag(TrelanQueryHandler::WithNow))
+        more.insert(keys::NOW, true);
+    if (options.testFlag(TrelanQueryHandler::WithRemovals))
+        more.insert(keys::REMOVALS, true);
+    return more;
+}
+
 } // namespace
 
 std::atomic<quint16> TrelanQueryHandler::_queryPort {TrelanQueryHandler::DEFAULT_PORT};
@@ -139,22 +150,22 @@ bool TrelanQueryHandler::publish(QList<TrelanObject> objects)
 
 bool TrelanQueryHandler::subscribe(const QString &wildCard)
 {
-    return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCard));
+    return d->request(d->subscribeFrame(wildCard, {}));
 }
 
 bool TrelanQueryHandler::subscribe(const QStringList &wildCards)
 {
-    return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCards));
+    return d->request(d->subscribeFrame(wildCards, {}));
 }
 
 bool TrelanQueryHandler::unsubscribe(const QString &wildCard)
 {
-    return d->request(d->wildcardFrame(operations::UNSUBSCRIBE, wildCard));
+    return d->request(d->unsubscribeFrame(wildCard));
 }
 
 bool TrelanQueryHandler::unsubscribe(const QStringList &wildCards)
 {
-    return d->request(d->wildcardFrame(operations::UNSUBSCRIBE, wildCards));
+    return d->request(d->unsubscribeFrame(wildCards));
 }
 
 bool TrelanQueryHandler::loadObject(const QString &name, TrelanObject &object)
@@ -229,12 +240,22 @@ bool TrelanQueryHandler::processReply(QString operation, QVariantMap data, QVari
 
 bool TrelanQueryHandler::subscribeNow(const QString &wildCard)
 {
-    return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCard, {{keys::NOW, true}}));
+    return subscribeWith(wildCard, WithNow);
 }
 
 bool TrelanQueryHandler::subscribeNow(const QStringList &wildCards)
 {
-    return d->request(d->wildcardFrame(operations::SUBSCRIBE, wildCards, {{keys::NOW, true}}));
+    return subscribeWith(wildCards, WithNow);
+}
+
+bool TrelanQueryHandler::subscribeWith(const QString &wildCard, SubscribeOptions options)
+{
+    return d->request(d->subscribeFrame(wildCard, options));
+}
+
+bool TrelanQueryHandler::subscribeWith(const QStringList &wildCards, SubscribeOptions options)
+{
+    return d->request(d->subscribeFrame(wildCards, options));
 }
 
 void TrelanQueryHandler::setChannelSettings(const TrelanChannelSettings &settings)
@@ -325,22 +346,30 @@ QByteArray TrelanQueryHandler::Private::loadFrame(const QString &name) const
     return frameOf(operations::LOAD_OBJECT, {{keys::OBJECT_NAME, name}});
 }
 
-QByteArray TrelanQueryHandler::Private::wildcardFrame(const QString &operation,
-                                                      const QString &wildcard,
-                                                      const QVariantMap &more) const
+QByteArray TrelanQueryHandler::Private::subscribeFrame(const QString &wildcard,
+                                                       SubscribeOptions options) const
 {
-    QVariantMap data = more;
+    QVariantMap data = wanted(options);
     data.insert(keys::WILDCARD, wildcard);
-    return frameOf(operation, data);
+    return frameOf(operations::SUBSCRIBE, data);
 }
 
-QByteArray TrelanQueryHandler::Private::wildcardFrame(const QString &operation,
-                                                      const QStringList &wildcards,
-                                                      const QVariantMap &more) const
+QByteArray TrelanQueryHandler::Private::subscribeFrame(const QStringList &wildcards,
+                                                       SubscribeOptions options) const
 {
-    QVariantMap data = more;
+    QVariantMap data = wanted(options);
     data.insert(keys::WILDCARDS, wildcards.join(LIST_SEPARATOR));
-    return frameOf(operation, data);
+    return frameOf(operations::SUBSCRIBE, data);
+}
+
+QByteArray TrelanQueryHandler::Private::unsubscribeFrame(const QString &wildcard) const
+{
+    return frameOf(operations::UNSUBSCRIBE, {{keys::WILDCARD, wildcard}});
+}
+
+QByteArray TrelanQueryHandler::Private::unsubscribeFrame(const QStringList &wildcards) const
+{
+    return frameOf(operations::UNSUBSCRIBE, {{keys::WILDCARDS, wildcards.join(LIST_SEPARATOR)}});
 }
 
 bool TrelanQueryHandler::Private::request(const QByteArray &frame, QVariantMap &answer)

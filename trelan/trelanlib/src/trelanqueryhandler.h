@@ -123,6 +123,20 @@ public:
     /// to say.
     QStringList features() const;
 
+    /// What a subscription brings beside later changes.
+    enum SubscribeOption {
+        WithNow = 1, ///< the stored values, as subscribeNow() does
+        /// Every removal of an object that is taken in. The receiving side has to ask for it as
+        /// well, see TrelanMessageReciever::setTakesRemovals().
+        WithRemovals = 2
+    };
+    Q_DECLARE_FLAGS(SubscribeOptions, SubscribeOption)
+
+    /// Subscribes as subscribe() does, with more. A bus that does not know of an option only
+    /// subscribes: features() tells.
+    bool subscribeWith(const QString &wildCard, SubscribeOptions options);
+    bool subscribeWith(const QStringList &wildCards, SubscribeOptions options);
+
 Q_SIGNALS:
     /// The connection dropped by itself; never emitted by close(). It may come out of a request
     /// that is waiting, so reopen from a queued connection, not from a direct one.
@@ -195,5 +209,7 @@ private:
     static std::atomic<quint16> _queryPort;
     static std::atomic<quint32> _queryHost;
 };
+
+Q_DECLARE_OPERATORS_FOR_FLAGS(TrelanQueryHandler::SubscribeOptions)
 
 } // namespace bus

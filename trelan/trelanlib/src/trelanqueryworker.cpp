@@ -307,10 +307,11 @@ TrelanReply<TrelanObjects> TrelanQueryWorker::askToLoadAll(const QString &wildca
     return d->begin(*this, ask, read)->reply<TrelanObjects>();
 }
 
-TrelanPending TrelanQueryWorker::askToSubscribe(const QStringList &wildcards)
+TrelanPending TrelanQueryWorker::askToSubscribe(const QStringList &wildcards,
+                                                TrelanQueryHandler::SubscribeOptions options)
 {
-    const auto ask = [wildcards](auto &handler, const auto &done) {
-        handler.subscribeLater(wildcards, done);
+    const auto ask = [wildcards, options](auto &handler, const auto &done) {
+        handler.subscribeLater(wildcards, done, options);
     };
     return d->begin(*this, ask)->pending();
 }
@@ -392,9 +393,11 @@ TrelanConnectionState TrelanQueryWorker::Private::connectChannel()
 
 bool TrelanQueryWorker::Private::subscribeAll()
 {
-    const bool now = _options.testFlag(SubscribeNow);
+    TrelanQueryHandler::SubscribeOptions more;
+    more.setFlag(TrelanQueryHandler::WithNow, _options.testFlag(SubscribeNow));
+    more.setFlag(TrelanQueryHandler::WithRemovals, _options.testFlag(SubscribeRemovals));
     return std::all_of(_wildcards.cbegin(), _wildcards.cend(), [&](const QString &wildcard) {
-        return now ? _handler->subscribeNow(wildcard) : _handler->subscribe(wildcard);
+        return _handler->subscribeWith(wildcard, more);
     });
 }
 
@@ -405,8 +408,10 @@ TrelanConnectionState TrelanQueryWorker::Private::connectedState() const
         if (_options.testFlag(option) && !_handler->features().contains(feature))
             lacking += feature;
     };
-    if (_options.testFlag(AskFeatures))
+    if (_options.testFlag(AskFeatures)) {
         want(SubscribeNow, features::NOW);
+        want(SubscribeRemovals, features::REMOVALS);
+    }
     return TrelanConnectionState::connected(lacking);
 }
 

@@ -8,6 +8,7 @@
 #include "trelanmessage.h"
 #include "trelanobject.h"
 #include "trelanpending.h"
+#include "trelanqueryhandler.h"
 #include "trelantransport.h"
 
 #include <abstractworker.h>
@@ -42,6 +43,9 @@ public:
         /// now, so that what the application has collected is whole again after every
         /// reconnection. See TrelanQueryHandler::subscribeNow().
         SubscribeNow = 1,
+        /// The subscriptions of those wildcards also tell of removed objects, to a message worker
+        /// with the option TakeRemovals.
+        SubscribeRemovals = 2,
         /// Asks the bus what it can do, see TrelanQueryHandler::setAsksFeatures(), and says in
         /// state() what it lacks of what the options want.
         AskFeatures = 4
@@ -107,7 +111,8 @@ public:
     /// Refused where there is no such object. The SharedObjectsStorage is left alone.
     TrelanReply<TrelanObject> askToLoad(const QString &name);
     TrelanReply<TrelanObjects> askToLoadAll(const QString &wildcard);
-    TrelanPending askToSubscribe(const QStringList &wildcards);
+    TrelanPending askToSubscribe(const QStringList &wildcards,
+                                 TrelanQueryHandler::SubscribeOptions options = {});
     TrelanPending askToUnsubscribe(const QStringList &wildcards);
     /// @}
 

@@ -2,8 +2,6 @@
 
 #include "channel/queryhandlerprivate.h"
 
-#include <wirekeys.h>
-
 namespace bus
 {
 
@@ -29,22 +27,23 @@ void LaterQueryHandler::sendCommandLater(const TrelanCommand &command, const Don
 
 void LaterQueryHandler::subscribeLater(const QString &wildcard, const Done &done)
 {
-    askLater(d->wildcardFrame(operations::SUBSCRIBE, wildcard), done);
+    askLater(d->subscribeFrame(wildcard, {}), done);
 }
 
-void LaterQueryHandler::subscribeLater(const QStringList &wildcards, const Done &done)
+void LaterQueryHandler::subscribeLater(const QStringList &wildcards, const Done &done,
+                                       SubscribeOptions options)
 {
-    askLater(d->wildcardFrame(operations::SUBSCRIBE, wildcards), done);
+    askLater(d->subscribeFrame(wildcards, options), done);
 }
 
 void LaterQueryHandler::unsubscribeLater(const QString &wildcard, const Done &done)
 {
-    askLater(d->wildcardFrame(operations::UNSUBSCRIBE, wildcard), done);
+    askLater(d->unsubscribeFrame(wildcard), done);
 }
 
 void LaterQueryHandler::unsubscribeLater(const QStringList &wildcards, const Done &done)
 {
-    askLater(d->wildcardFrame(operations::UNSUBSCRIBE, wildcards), done);
+    askLater(d->unsubscribeFrame(wildcards), done);
 }
 
 void LaterQueryHandler::loadObjectLater(const QString &name, const Done &done)

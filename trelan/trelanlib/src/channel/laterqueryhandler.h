@@ -25,7 +25,8 @@ public:
     void sendMessageLater(const TrelanMessage &message, const Done &done = {});
     void sendCommandLater(const TrelanCommand &command, const Done &done = {});
     void subscribeLater(const QString &wildcard, const Done &done = {});
-    void subscribeLater(const QStringList &wildcards, const Done &done = {});
+    void subscribeLater(const QStringList &wildcards, const Done &done = {},
+                        SubscribeOptions options = {});
     void unsubscribeLater(const QString &wildcard, const Done &done = {});
     void unsubscribeLater(const QStringList &wildcards, const Done &done = {});
     void loadObjectLater(const QString &name, const Done &done);

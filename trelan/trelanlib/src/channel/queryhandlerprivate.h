@@ -39,11 +39,10 @@ public:
     QByteArray removeFrame(const QStringList &names) const;
     QByteArray loadFrame(const QString &name) const;
     QByteArray loadAllFrame(const QString &wildcard) const;
-    /// \a operation is "sub" or "unsub".
-    QByteArray wildcardFrame(const QString &operation, const QString &wildcard,
-                             const QVariantMap &more = {}) const;
-    QByteArray wildcardFrame(const QString &operation, const QStringList &wildcards,
-                             const QVariantMap &more = {}) const;
+    QByteArray subscribeFrame(const QString &wildcard, SubscribeOptions options) const;
+    QByteArray subscribeFrame(const QStringList &wildcards, SubscribeOptions options) const;
+    QByteArray unsubscribeFrame(const QString &wildcard) const;
+    QByteArray unsubscribeFrame(const QStringList &wildcards) const;
     /// @}
 
     /// Asks a request and waits for the reply.
