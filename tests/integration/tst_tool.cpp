@@ -154,10 +154,11 @@ private Q_SLOTS:
         QCOMPARE(runTool("pub w.a n=1", _at), "0||");
         RunningTool watch("--json watch 'w.*' 'w.+'", _at);
         AWAIT(watch.out.count('\n') == 1);
-        for (const char *line :
-             {"pub w.a n=2", "pub w.b n=3 --not-stored", "pub other n=4", "pub w.a n=5 --name me"})
+        for (const char *line : {"pub w.a n=2", "pub w.b n=3 --not-stored", "pub other n=4",
+                                 "pub w.a n=5 --name me", "rm w.a"})
             QCOMPARE(runTool(line, _at).left(2), "0|");
-        AWAIT(watch.out.count('\n') == 4);
+        AWAIT(watch.out.count('\n') == 5);
+        QVERIFY(watch.out.endsWith("\n{\"name\":\"w.a\",\"removed\":true}\n"));
         QCOMPARE(watch.end(SIGINT), 0);
         QByteArray numbers;
         for (const QByteArray &line : watch.out.trimmed().split('\n'))

@@ -52,7 +52,10 @@ QueryLink::QueryLink(const Arguments &arguments, const QString &clientName, QStr
     , _arguments(arguments)
     , _clientName(clientName)
     , _wildCards(std::move(wildCards))
-{}
+{
+    if (_arguments.command == Arguments::Watch)
+        setOptions(AskFeatures);
+}
 
 bool QueryLink::doStart()
 {
@@ -84,9 +87,12 @@ bool QueryLink::subscribe(bus::TrelanQueryHandler &handler)
                (handler.lastFailure() == bus::TrelanQueryHandler::Refused &&
                 handler.lastError().error() != bus::TrelanError::UnsupportedRequest);
     }
+    const bool tellsRemovals = handler.features().contains(QLatin1String("removals"));
+    bus::TrelanQueryHandler::SubscribeOptions options = bus::TrelanQueryHandler::WithNow;
+    options.setFlag(bus::TrelanQueryHandler::WithRemovals, tellsRemovals);
     // A single wildcard may contain what separates the wildcards of a list.
-    return _wildCards.size() == 1 ? handler.subscribeNow(_wildCards.first())
-                                  : handler.subscribeNow(_wildCards);
+    return _wildCards.size() == 1 ? handler.subscribeWith(_wildCards.first(), options)
+                                  : handler.subscribeWith(_wildCards, options);
 }
 
 /// Waits for a bus that is away, but gives way to another client of the same name: two of them
@@ -124,6 +130,8 @@ MessageLink::MessageLink(const QString &clientName, Options options,
     _acceptance.setInterval(ACCEPTANCE_POLL_MS);
     connect(&_acceptance, &QTimer::timeout, this, &MessageLink::awaitAcceptance);
     connect(this, &MessageLink::workerConnected, this, [this] { _connected = true; });
+    // Before a controller hands it on, since this connection is made first.
+    connect(this, &MessageLink::objectRemoved, this, [this] { awaitRoom(); });
 }
 
 bool MessageLink::doStart()

@@ -17,7 +17,8 @@
 namespace trelanctl
 {
 
-/// \brief The query channel, which subscribes what is stored now and what changes from then on.
+/// \brief The query channel, which subscribes what is stored now and what changes from then on; for
+/// the command watch, what is removed as well, from a bus that tells of that.
 ///
 /// It subscribes by itself, since the worker that it derives from would try a wildcard that the bus
 /// refuses again and again.

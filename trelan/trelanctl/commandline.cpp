@@ -133,7 +133,7 @@ void addWatching(CLI::App &app, RawArguments &raw)
 {
     const char *names = "names to show, such as room.*; see trelanctl --help";
     CLI::App *watch = app.add_subcommand(
-        "watch", "show what is stored now, then every change, until interrupted");
+        "watch", "show what is stored now, then every change and removal, until interrupted");
     addName(*watch, "WILDCARD", raw.names, names)->required();
     addExamples(*watch, {{"trelanctl watch 'room.*' 'host.+'", "shows rooms and hosts"},
                          {"trelanctl watch '*' --json | jq .content", "hands changes on"}});

@@ -121,6 +121,17 @@ QString changeJson(const bus::TrelanObject &change)
     return compact(changeObject(change));
 }
 
+QStringList removalCells(const QString &name)
+{
+    return {terminal::escaped(name), QStringLiteral("-"), localTime(QDateTime::currentDateTime()),
+            QStringLiteral("removed")};
+}
+
+QString removalJson(const QString &name)
+{
+    return compact({{QStringLiteral("name"), name}, {QStringLiteral("removed"), true}});
+}
+
 QString errorOf(const bus::TrelanCommand &answer)
 {
     const QVariant error = answer.params().value(QStringLiteral("error"));

@@ -27,6 +27,10 @@ QString flagNames(const bus::TrelanObject &object);
 QStringList changeCells(const bus::TrelanObject &change);
 QString changeJson(const bus::TrelanObject &change);
 
+/// The cells of a removal, of which only the name is known and when it was heard of.
+QStringList removalCells(const QString &name);
+QString removalJson(const QString &name);
+
 /// What the parameter "error" of an answer says, a text as it is and anything else as JSON. Null if
 /// there is none, or if it is null.
 QString errorOf(const bus::TrelanCommand &answer);

@@ -76,14 +76,16 @@ bool Session::doStart()
 {
     auto *query = new QueryLink(_arguments, clientName(), _wildCards);
     const auto room = std::make_shared<QSemaphore>(MessageLink::ROOM);
+    MessageLink::Options options;
     // An answer that comes after the call has ended must not wait on the bus.
-    const MessageLink::Options options(
-        _arguments.command == Arguments::Call ? MessageLink::Transient : 0);
+    options.setFlag(MessageLink::Transient, _arguments.command == Arguments::Call);
+    options.setFlag(MessageLink::TakeRemovals, _arguments.command == Arguments::Watch);
     auto *messages = new MessageLink(clientName(), options, room);
     const auto release = [room] { room->release(); };
     connect(this, &Session::unprocessedMessage, this, release);
     connect(this, &Session::unprocessedCommand, this, release);
     connect(this, &Session::unprocessedObject, this, release);
+    connect(this, &Session::objectRemoved, this, release);
     connect(query, &QueryLink::opened, this, [this] { setOpen(_queryOpen, true); });
     connect(query, &QueryLink::lost, this, [this] { setOpen(_queryOpen, false); });
     connect(query, &QueryLink::failed, this, [this](int code, const QString &text) {

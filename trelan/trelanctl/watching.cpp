@@ -20,6 +20,8 @@ ExitCode Watching::run()
 {
     QObject::connect(&_session, &Session::unprocessedObject, &_session,
                      [this](const bus::TrelanObject &object) { show(object); });
+    QObject::connect(&_session, &Session::objectRemoved, &_session,
+                     [this](const QString &name) { showRemoval(name); });
     // A wildcard may take in commands to everybody, which are published like objects.
     QObject::connect(&_session, &Session::unprocessedCommand, &_session,
                      [this](const bus::TrelanCommand &command) {
@@ -49,6 +51,12 @@ void Watching::show(const bus::TrelanObject &object)
                                    : tableLine(changeCells(object), _columns, _width));
     if (_firstOnly)
         _session.finish({});
+}
+
+void Watching::showRemoval(const QString &name)
+{
+    _session.print(_arguments.json ? removalJson(name)
+                                   : tableLine(removalCells(name), _columns, _width));
 }
 
 } // namespace trelanctl

@@ -8,7 +8,7 @@ namespace trelanctl
 {
 
 /// \brief The commands watch and wait: what is stored now and what changes from then on, one line
-/// an object. watch prints all of it until the end, wait prints the first line.
+/// an object. watch prints all of it and what is removed until the end, wait prints the first line.
 class Watching
 {
 public:
@@ -18,6 +18,7 @@ public:
 
 private:
     void show(const bus::TrelanObject &object);
+    void showRemoval(const QString &name);
 
     const Arguments _arguments;
     const bool _firstOnly;
