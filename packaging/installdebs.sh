@@ -46,6 +46,22 @@ apt() {
     }
 }
 
+# What the client in Python publishes comes back. Its input is the file of ports.
+ROUND_TRIP='
+import asyncio, sys, trelan
+
+async def main():
+    ports = dict(line.strip().split("=") for line in sys.stdin)
+    async with trelan.connect(query_port=int(ports["query"]), message_port=int(ports["msg"])) as bus:
+        await bus.publish("room.cellar", {"celsius": 12}, permanent=True)
+        watch = bus.watch("room.*")
+        assert (await watch.__anext__()).content == {"celsius": 12}
+        await bus.rm("room.cellar")
+        assert (await watch.__anext__()).removed
+
+asyncio.run(asyncio.wait_for(main(), 30))
+'
+
 verify_units() {
     local scope=$1 folder=$2
     # The pages are not looked for, since the program man is not installed.
@@ -68,6 +84,7 @@ use_daemon() {
         sleep 0.1
     done
     at=(--query-port "$(sed -n 's/^query=//p' "$ports")")
+    inside python3 -c "$ROUND_TRIP" <"$ports" || fail "the client in Python ends with $?"
     inside trelanctl "${at[@]}" pub room.kitchen celsius=21.5 --permanent || fail "nothing is published"
     kill "$pid"
     wait "$pid" || fail "the daemon ended with $?"

@@ -48,6 +48,21 @@ IFS= read -r -t 30 line <&4 || fail "nothing is delivered"
 echo "$line"
 [[ $line == *'"celsius":21.5'* ]] || fail "something else is delivered"
 
+# The client in Python publishes what the tool watches.
+PYTHONPATH=$root/usr/lib/python3/dist-packages /usr/bin/python3 - "${ports[1]}" "${ports[3]}" <<'END' ||
+import asyncio, sys, trelan
+
+async def main():
+    ports = {"query_port": int(sys.argv[1]), "message_port": int(sys.argv[2])}
+    async with trelan.connect(**ports) as bus:
+        await bus.publish("room.cellar", {"celsius": 12})
+
+asyncio.run(main())
+END
+    fail "the client in Python ends with $?"
+IFS= read -r -t 30 line <&4 || fail "nothing is delivered from Python"
+[[ $line == *'"celsius":12'* ]] || fail "something else is delivered from Python: $line"
+
 # build FOLDER NAME: builds a project with the unpacked libraries.
 build() {
     cmake -S "$1" -B "$root/$2" -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null

@@ -17,12 +17,12 @@ root = pathlib.Path(sys.argv[1])
 sources = [lines(path.read_text(encoding="utf-8"))
            for folder in ("examples", "tests/package/consumer")
            for path in (root / folder).rglob("*")
-           if path.suffix in (".cpp", ".h", ".txt")]
+           if path.suffix in (".cpp", ".h", ".py", ".txt")]
 found, missing = 0, []
-for readme in (root / "README.md", root / "docs/tutorial.md",
+for readme in (root / "README.md", root / "docs/tutorial.md", root / "docs/python.md",
                *(root / "examples").glob("*/README.md")):
     text = readme.read_text(encoding="utf-8")
-    for block in re.findall(r"^```(?:cpp|cmake)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL):
+    for block in re.findall(r"^```(?:cpp|cmake|python)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL):
         found += 1
         if not any(lines(block) in source for source in sources):
             missing.append(f"{readme.relative_to(root)}: this is in no source:\n{block}")
