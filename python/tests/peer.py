@@ -1,9 +1,9 @@
 """A client for tests in which clients of two languages talk: peer.py NAME QUERY-PORT MESSAGE-PORT
 
 It publishes ``NAME.values`` with every kind of value, answers ``echo`` with its parameters, sends a
-call on for ``relay`` (``{"to", "command", "params"}``) and answers with its answer, and sends a text
-for ``tell`` (``{"to", "text"}``). What comes in is a line of JSON on its output: messages, and the
-changes of ``to.NAME`` and ``to.NAME.*``. It says ``ready`` when all of that is in place."""
+call on for ``relay`` (``{"to", "command", "params"}``) and answers with its answer, and sends a
+text for ``tell`` (``{"to", "text"}``). What comes in is a line of JSON on its output: messages, and
+the changes of ``to.NAME`` and ``to.NAME.*``. It says ``ready`` when all of that is in place."""
 
 import asyncio
 import json

@@ -610,10 +610,10 @@ def connect(name: Optional[str] = None, *, host: str = "127.0.0.1", query_port: 
 
     Entering waits ``timeout`` seconds for the bus, and raises why there is none; with 0 it does not
     wait. From then on the client comes back by itself. ``patience`` is the number of seconds for
-    which an operation waits for a bus that is away. The name has to be unique on the bus; without one the
-    process number makes it so. With ``transient``, which is the default without a name, no message
-    waits for this client while it is not connected. ``on_state`` is called with every new
-    :class:`State`.
+    which an operation waits for a bus that is away. The name has to be unique on the bus; without
+    one the process number makes it so. With ``transient``, which is the default without a
+    name, no message waits for this client while it is not connected. ``on_state`` is called with
+    every new :class:`State`.
     """
     if transient is None:
         transient = name is None

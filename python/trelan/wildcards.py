@@ -68,7 +68,7 @@ def _fits(name: str, wildcard: str, segments: List[str]) -> bool:
         rest = segments[anchor:]
         if not rest or not rest[0] or rest == ["*"]:
             return True
-        if rest[0] not in names:  # a star in the middle is none either: no name has such a segment
+        if rest[0] == "*" or rest[0] not in names:
             return False
         wanted = ["+"] * names.index(rest[0]) + rest
     if wildcard[-1] == "*":
