@@ -41,6 +41,8 @@ MOST_RUNNING = 16
 """Served commands that run at once."""
 MOST_WAITING = 64
 """Commands that wait for their turn to be served; further ones are answered with an error."""
+MOST_TASKS = 1000
+"""Answers on their way, errors included. Beyond that a refused command gets none."""
 _numbers = itertools.count(1)
 
 Function = Callable[[Command], Union[Optional[Mapping[str, Any]],
@@ -524,17 +526,19 @@ class Bus:
         elif self._has_reader or not command.needs_answer:
             self._take_in(command, size)
         else:
-            self._spawn(self._reply(command, {"error": f"nobody serves {command.name!r} here"}))
+            self._refuse(command, f"nobody serves {command.name!r} here")
 
     def _serve(self, command: Command) -> None:
         if self._serving < MOST_RUNNING + MOST_WAITING:
             self._serving += 1
             self._spawn(self._run_served(command, *self._served[command.name]))
-        elif command.needs_answer and len(self._tasks) < 10 * MOST_WAITING:
-            self._spawn(self._reply(command, {"error": "too many commands wait here"}))
         else:
-            LOG.warning("A command %r of %r is dropped: too many wait", command.name,
-                        command.sender)
+            self._refuse(command, "too many commands wait here")
+
+    def _refuse(self, command: Command, error: str) -> None:
+        LOG.debug("A command %r of %r is refused: %s", command.name, command.sender, error)
+        if command.needs_answer and len(self._tasks) < MOST_TASKS:
+            self._spawn(self._reply(command, {"error": error}))
 
     async def _run_served(self, command: Command, function: Function, timeout: float) -> None:
         try:
@@ -546,6 +550,7 @@ class Bus:
             self._serving -= 1
 
     async def _reply(self, command: Command, params: Mapping[str, Any]) -> None:
+        """Answers, also when the bus is away for a while; never twice."""
         session = self._session
         try:
             await self.answer(command, params)
@@ -555,8 +560,12 @@ class Bus:
             LOG.debug("The answer to %r cannot be sent: %s", command.name, error)
             too_large = isinstance(error, Refused) and error.code == INCORRECT_SIZE
             if too_large and "error" not in params:
-                await self._next_session(session)
-                await self._reply(command, {"error": f"the answer is too large: {error}"})
+                params = {"error": f"the answer is too large: {error}"}
+            elif not isinstance(error, NotConnected) or error.sent:
+                return
+            with contextlib.suppress(asyncio.TimeoutError):
+                await asyncio.wait_for(self._next_session(session), ANSWER_LIMIT / 1000)
+                await self._reply(command, params)
 
     async def _next_session(self, session: Optional[Session]) -> None:
         while self._session in (session, None) and self._state.status is not Status.CLOSED:
