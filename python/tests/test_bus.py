@@ -257,7 +257,7 @@ class Recovery(BusTest):
     async def test_says_what_it_is_about(self):
         states = asyncio.Queue()
         async with self.connect(on_state=states.put_nowait) as bus:
-            waits = asyncio.ensure_future(bus.call(bus.name, "x", timeout=LIMIT))
+            waits = asyncio.ensure_future(bus.call(bus.name, "x", timeout=0.5))
             await asyncio.sleep(0)
             self.daemon.kill()
             self.assertEqual((await self.within(states.get())).status, trelan.Status.CONNECTED)

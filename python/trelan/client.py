@@ -350,7 +350,7 @@ class Bus:
             loaded = await session.queries.ask("loadObjects", {"wc": wildcard})
         finally:
             session.loading.remove(newer)
-        for value in map(values.object_of, loaded.values()):
+        for value in (values.object_of(loaded[name]) for name in sorted(loaded)):
             change = Change(**vars(value), kind=Kind.NOW)
             for feed in self._feeds:
                 if not feed.takes_in(change.name):
