@@ -1,8 +1,11 @@
 """The client against trelanbusd, and against peers that do what no bus should."""
 
 import asyncio
+import contextlib
+import itertools
 import json
 import logging
+import os
 import unittest
 from unittest import mock
 
@@ -246,6 +249,53 @@ class Recovery(BusTest):
             await self.within(watch.whole())
             await other.publish("a.same", {"n": 2})
             self.assertEqual(await self.next(watch), ("changed", "a.same", {"n": 2}))
+
+    async def test_everybody_comes_back(self):
+        """The bus is killed under three publishers and watchers; all end with what is stored."""
+        running, published, latest = True, asyncio.Event(), [{}, {}, {}]
+
+        async def publish(bus):
+            for number in itertools.count():
+                if not running:
+                    return
+                with contextlib.suppress(trelan.NotConnected):
+                    if number % 7 == 6:
+                        await bus.rm(f"a.{bus.name}.{number % 5}")
+                    else:
+                        await bus.publish(f"a.{bus.name}.{number % 5}", {"n": number},
+                                          permanent=True)
+                    published.set()
+                await asyncio.sleep(0)
+
+        async def watch(bus, values):
+            async for change in bus.watch("a.*"):
+                if change.removed:
+                    del values[change.name]
+                else:
+                    self.assertGreaterEqual(change.content["n"],
+                                            values.get(change.name, {"n": 0})["n"])
+                    values[change.name] = change.content
+
+        async with contextlib.AsyncExitStack() as stack:
+            buses = [await stack.enter_async_context(self.connect(name)) for name in "xyz"]
+            watching = [asyncio.ensure_future(watch(*pair)) for pair in zip(buses, latest)]
+            publishing = [asyncio.ensure_future(publish(bus)) for bus in buses]
+            for _ in range(int(os.environ.get("TRELAN_PYTHON_ROUNDS", "5"))):
+                for _ in range(20):
+                    published.clear()
+                    await self.within(published.wait())
+                self.daemon.kill()
+                self.daemon.start()
+            running = False
+            await self.within(asyncio.gather(*publishing))
+            for bus in buses:
+                await bus.connected(LIMIT)
+            stored = {name: one.content for name, one in (await buses[0].ls("a.*")).items()}
+            self.assertTrue(stored)
+            while any(values != stored for values in latest):
+                await asyncio.wait(watching, timeout=0.01)
+                self.assertFalse(any(task.done() for task in watching))
+        await self.within(asyncio.gather(*watching))
 
     async def test_more_wildcards_than_a_bus_answers_at_once(self):
         async with self.connect() as bus:

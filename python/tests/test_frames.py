@@ -74,6 +74,18 @@ class Frames(unittest.TestCase):
 
 
 class Said(unittest.TestCase):
+    def test_golden_deliveries(self):
+        rows = {row["name"]: row for row in golden("bus.json")}
+        for name, kind in (("plain", Kind.EVENT), ("now", Kind.NOW), ("changed", Kind.CHANGED)):
+            for coding in ("classic", "light"):
+                said = values.said(frames.load(rows[name][coding])["data"])
+                self.assertEqual((said.kind, said.name, said.content, said.publisher, said.time),
+                                 (kind, "room.cellar", {"celsius": 12}, "thermometer",
+                                  1700000000123))
+        for name, wanted in (("removed", values.Removal("room.cellar")),
+                             ("told", values.Marker("room.*"))):
+            self.assertEqual(values.said(frames.load(rows[name]["light"])["data"]), wanted)
+
     def test_what_is_not_meant_stays_a_message(self):
         for text in ("", "{", "[1]", '{"a":1}', '{"__reason__":"sub"}', '{"__cmd__":1}',
                      '{"__cmd__":{"__name__":"x"},"more":1}', '{"__cmd__":{"__name__":1}}',
