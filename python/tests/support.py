@@ -98,7 +98,8 @@ class BusTest(unittest.IsolatedAsyncioTestCase):
 class Peer:
     """A server of one channel that answers as a function says: envelope in, envelopes out.
 
-    None for an envelope ends the connection. The peer remembers what it was sent."""
+    None for an envelope ends the connection, and bytes leave as they are. The peer remembers what
+    it was sent."""
 
     def __init__(self, answer):
         self._answer = answer
@@ -122,6 +123,9 @@ class Peer:
                 for answer in self._answer(envelope):
                     if answer is None:
                         break
+                    if isinstance(answer, bytes):
+                        writer.write(answer)
+                        continue
                     kind = frames.REPLY if "result" in answer else frames.REQUEST
                     writer.write(frames.encode(kind, answer))
                 else:

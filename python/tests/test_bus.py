@@ -1,12 +1,15 @@
 """The client against trelanbusd, and against peers that do what no bus should."""
 
 import asyncio
+import base64
 import contextlib
 import itertools
 import json
 import logging
 import os
+import struct
 import unittest
+import zlib
 from unittest import mock
 
 import trelan
@@ -421,6 +424,22 @@ class BadPeers(BusTest):
                 async with bus:
                     with self.assertRaises((trelan.ProtocolError, trelan.NotConnected)):
                         await self.within(bus.get("a"))
+
+    async def test_answer_that_cannot_be_read_costs_itself(self):
+        deep = b'{"operation":"loadObject","data":' + b'{"a":' * 5000 + b"1" + b"}" * 5001
+        payload = base64.b64encode(struct.pack(">I", len(deep)) + zlib.compress(deep))
+        answers = {"deep": b"[-REPLY-]\r\n%d\r\n%s" % (len(payload), payload),
+                   "plain": {"operation": "loadObject", "data": {"nm": "plain"},
+                             "result": {"code": 0}}}
+        bus, peers = await self.bus(
+            lambda asked: [answers.get(asked["data"].get("nm")) or accepted(asked)],
+            lambda asked: [accepted(asked)])
+        async with bus:
+            with self.assertRaises(trelan.ProtocolError):
+                await self.within(bus.get("deep"))
+            self.assertEqual((await self.within(bus.get("plain"))).name, "plain")
+            self.assertEqual([asked["operation"] for asked in peers[0].asked],
+                             ["handshake", "loadObject", "loadObject"])
 
     async def test_marker_that_nobody_asked_for(self):
         said = [delivery('{"__reason__":"told","__sub__":"a.*"}', "1", "me"),

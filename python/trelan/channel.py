@@ -187,7 +187,12 @@ class QueryChannel:
         if not self._waiting:
             raise ProtocolError("an answer has come that nobody waits for")
         operation, answer, _ = self._waiting[0]
-        envelope = frames.unpack(frame.payload)
+        try:
+            envelope = frames.unpack(frame.payload)
+        except ProtocolError as error:  # of this answer alone: the stream is still in step
+            self._waiting.popleft()
+            _fail(answer, error)
+            return
         answered = envelope.get("operation")
         if answered not in (operation, ""):
             raise ProtocolError(f"{operation} was asked, and {answered!r} is answered")
