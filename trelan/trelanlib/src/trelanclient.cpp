@@ -8,6 +8,7 @@
 #include "client/opencall.h"
 #include "client/watchmailbox.h"
 #include "codec/publishrequest.h"
+#include "codec/replies.h"
 #include "trelanframe.h"
 #include "values/uids.h"
 
@@ -172,7 +173,7 @@ TrelanReply<TrelanObjects> TrelanClient::loadAll(const QString &wildcard,
     const Operation::Ref operation =
         makeRequest(operations::LOAD_OBJECTS, {{keys::WILDCARD, wildcard}}, options);
     operation->result = [](const QVariantMap &data) {
-        return QVariant::fromValue(objectsOf(data));
+        return QVariant::fromValue(replies::objects(data));
     };
     d->begin(operation);
     return operation->state->reply<TrelanObjects>();

@@ -4,6 +4,7 @@
 #include "channel/connectioncount.h"
 #include "channel/promptinbox.h"
 #include "channel/socketwait.h"
+#include "codec/incoming.h"
 #include "codec/push.h"
 #include "codec/replies.h"
 #include "trelanframe.h"
@@ -39,37 +40,6 @@ constexpr int READ_PAUSE_MS = 10;   // after every read attempt, before the wait
 constexpr int CLOSE_PAUSE_MS = 100; // before a connection is ended
 constexpr int BYTES_PER_ATTEMPT = 100;
 constexpr int MAX_REMEMBERED = 100;
-
-TrelanObject objectOf(const TrelanMessage &msg, const QVariantMap &notification)
-{
-    TrelanObject object(msg.timestamp());
-    object.setContent(notification.value(TrelanObject::MSG_CONTEXT_HD).toMap());
-    object.setName(notification.value(TrelanObject::MSG_NAME_HD).toString());
-    object.setPublisher(msg.sender());
-    object.setUid(msg.uid());
-    return object;
-}
-
-TrelanCommand commandOf(const TrelanMessage &msg, const QVariantMap &call)
-{
-    TrelanCommand command;
-    command.setTimestamp(msg.timestamp());
-    command.setName(call.value(TrelanCommand::MSG_NAME_HD).toString());
-    command.setParams(call.value(TrelanCommand::MSG_PARAMS_HD).toMap());
-    if (call.contains(TrelanCommand::PARENT_UID_HD))
-        command.setParentUid(call.value(TrelanCommand::PARENT_UID_HD).toString());
-    command.setNeedAnswer(msg.needAnswer());
-    command.setUid(msg.uid());
-    command.setReciever(msg.reciever());
-    command.setSender(msg.sender());
-    return command;
-}
-
-bool isRemoval(const QVariantMap &body)
-{
-    return body.contains(TrelanObject::MSG_NAME_HD) &&
-           body.value(TrelanObject::MSG_REASON_HD).toString() == QString(reasons::REMOVED);
-}
 
 } // namespace
 
@@ -244,19 +214,10 @@ void TrelanMessageReciever::processMessage(const TrelanMessage &msg)
 
 void TrelanMessageReciever::processObject(const TrelanObject &obj)
 {
-    static const QString CMD_PREFIX = QStringLiteral("%1.%2.").arg(
-        TrelanCommand::BUS_OBJ_NAME_PREFIX, TrelanCommand::CMD_NAME_PREFIX);
-    if (!obj.name().startsWith(CMD_PREFIX)) {
+    if (isCommandToEverybody(obj))
+        emit incomingCommand(commandToEverybody(obj));
+    else
         emit incomingObject(obj);
-        return;
-    }
-    TrelanCommand command;
-    command.setTimestamp(obj.timestamp());
-    command.setName(obj.name().mid(CMD_PREFIX.size()));
-    command.setParams(obj.content());
-    command.setSender(obj.publisher());
-    command.setUid(obj.uid());
-    emit incomingCommand(command);
 }
 
 bool TrelanMessageReciever::open()

@@ -2,6 +2,7 @@
 
 #include "client/clientlog.h"
 #include "client/opencall.h"
+#include "codec/replies.h"
 #include "trelanframe.h"
 #include "values/uids.h"
 
@@ -33,14 +34,6 @@ TrelanFailure failureOf(const Operation &operation, const TrelanError &error)
 }
 
 } // namespace
-
-TrelanObjects objectsOf(const QVariantMap &data)
-{
-    TrelanObjects objects;
-    for (auto entry = data.cbegin(); entry != data.cend(); ++entry)
-        objects.insert(entry.key(), TrelanObject::fromVariantMap(entry.value().toMap()));
-    return objects;
-}
 
 ClientEngine::ClientEngine(const QString &clientName, const TrelanClientSettings &settings,
                            const std::shared_ptr<ClientDoor> &door, ClientEvents &events)
@@ -396,7 +389,7 @@ void ClientEngine::load(const QString &wildcard, quint64 round)
             return;
         if (!reply.isYes())
             return refuseWatches(wildcard, round, reply.error);
-        _watches.takeLoaded(wildcard, objectsOf(reply.data));
+        _watches.takeLoaded(wildcard, replies::objects(reply.data));
         _watches.takeTold(wildcard);
     };
     _session.queries().ask(request(operations::LOAD_OBJECTS, {{keys::WILDCARD, wildcard}}), take);

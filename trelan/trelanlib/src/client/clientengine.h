@@ -19,9 +19,6 @@
 namespace bus
 {
 
-/// The objects by name in the data of a reply. Internal to the library.
-TrelanObjects objectsOf(const QVariantMap &data);
-
 /// What a client tells whoever has made it. Called in the client's own thread.
 class ClientEvents
 {

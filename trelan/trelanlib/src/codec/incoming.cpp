@@ -15,39 +15,10 @@ namespace bus
 namespace
 {
 
-TrelanObject objectOf(const TrelanMessage &message, const QVariantMap &notification)
+const QString &commandPrefix()
 {
-    TrelanObject object(message.timestamp());
-    object.setContent(notification.value(keys::NOTIFIED_CONTENT).toMap());
-    object.setName(notification.value(keys::NOTIFIED_NAME).toString());
-    object.setPublisher(message.sender());
-    object.setUid(message.uid());
-    return object;
-}
-
-TrelanCommand commandOf(const TrelanMessage &message, const QVariantMap &call)
-{
-    TrelanCommand command;
-    command.setTimestamp(message.timestamp());
-    command.setName(call.value(keys::COMMAND_NAME).toString());
-    command.setParams(call.value(keys::COMMAND_PARAMS).toMap());
-    command.setParentUid(call.value(keys::COMMAND_PARENT).toString());
-    command.setNeedAnswer(message.needAnswer());
-    command.setUid(message.uid());
-    command.setReciever(message.reciever());
-    command.setSender(message.sender());
-    return command;
-}
-
-TrelanCommand commandToEverybody(const TrelanObject &object, const QString &prefix)
-{
-    TrelanCommand command;
-    command.setTimestamp(object.timestamp());
-    command.setName(object.name().mid(prefix.size()));
-    command.setParams(object.content());
-    command.setSender(object.publisher());
-    command.setUid(object.uid());
-    return command;
+    static const QString PREFIX = TrelanCommand::createObjectName(QString());
+    return PREFIX;
 }
 
 Incoming::Stored storedOf(const QVariantMap &body)
@@ -76,11 +47,10 @@ size_t digestOf(const TrelanMessage &message)
 
 void takeNotification(const TrelanMessage &message, const QVariantMap &body, Incoming &incoming)
 {
-    static const QString PREFIX = TrelanCommand::createObjectName(QString());
     incoming.object = objectOf(message, body);
-    if (incoming.object.name().startsWith(PREFIX)) {
+    if (isCommandToEverybody(incoming.object)) {
         incoming.kind = Incoming::Command;
-        incoming.command = commandToEverybody(incoming.object, PREFIX);
+        incoming.command = commandToEverybody(incoming.object);
         return;
     }
     incoming.kind = Incoming::Object;
@@ -90,6 +60,52 @@ void takeNotification(const TrelanMessage &message, const QVariantMap &body, Inc
 }
 
 } // namespace
+
+TrelanObject objectOf(const TrelanMessage &message, const QVariantMap &notification)
+{
+    TrelanObject object(message.timestamp());
+    object.setContent(notification.value(keys::NOTIFIED_CONTENT).toMap());
+    object.setName(notification.value(keys::NOTIFIED_NAME).toString());
+    object.setPublisher(message.sender());
+    object.setUid(message.uid());
+    return object;
+}
+
+TrelanCommand commandOf(const TrelanMessage &message, const QVariantMap &call)
+{
+    TrelanCommand command;
+    command.setTimestamp(message.timestamp());
+    command.setName(call.value(keys::COMMAND_NAME).toString());
+    command.setParams(call.value(keys::COMMAND_PARAMS).toMap());
+    command.setParentUid(call.value(keys::COMMAND_PARENT).toString());
+    command.setNeedAnswer(message.needAnswer());
+    command.setUid(message.uid());
+    command.setReciever(message.reciever());
+    command.setSender(message.sender());
+    return command;
+}
+
+bool isCommandToEverybody(const TrelanObject &object)
+{
+    return object.name().startsWith(commandPrefix());
+}
+
+TrelanCommand commandToEverybody(const TrelanObject &object)
+{
+    TrelanCommand command;
+    command.setTimestamp(object.timestamp());
+    command.setName(object.name().mid(commandPrefix().size()));
+    command.setParams(object.content());
+    command.setSender(object.publisher());
+    command.setUid(object.uid());
+    return command;
+}
+
+bool isRemoval(const QVariantMap &body)
+{
+    return body.contains(keys::NOTIFIED_NAME) &&
+           body.value(keys::NOTIFIED_REASON).toString() == QString(reasons::REMOVED);
+}
 
 Incoming Incoming::of(const TrelanMessage &message, bool hasAsked)
 {
@@ -102,7 +118,7 @@ Incoming Incoming::of(const TrelanMessage &message, bool hasAsked)
     if (reason == QString(reasons::SUBSCRIPTION) && hasName &&
         body.contains(keys::NOTIFIED_CONTENT)) {
         takeNotification(message, body, incoming);
-    } else if (hasAsked && reason == QString(reasons::REMOVED) && hasName) {
+    } else if (hasAsked && isRemoval(body)) {
         incoming.kind = Removal;
         incoming.name = body.value(keys::NOTIFIED_NAME).toString();
     } else if (hasAsked && reason == QString(reasons::TOLD) &&

@@ -5,6 +5,7 @@
 #include "trelanobject.h"
 
 #include <QtCore/QString>
+#include <QtCore/QVariantMap>
 
 #include <cstddef>
 
@@ -40,5 +41,16 @@ struct Incoming
     /// for a client that has not asked for them such a text is a message like any other.
     static Incoming of(const TrelanMessage &message, bool hasAsked);
 };
+
+/// \name The values in the texts of messages
+/// @{
+TrelanObject objectOf(const TrelanMessage &message, const QVariantMap &notification);
+TrelanCommand commandOf(const TrelanMessage &message, const QVariantMap &call);
+/// Whether \a object is a command to everybody, as which it is read by commandToEverybody().
+bool isCommandToEverybody(const TrelanObject &object);
+TrelanCommand commandToEverybody(const TrelanObject &object);
+/// Whether \a body says that an object is removed.
+bool isRemoval(const QVariantMap &body);
+/// @}
 
 } // namespace bus
