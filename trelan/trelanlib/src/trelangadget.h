@@ -13,9 +13,16 @@ namespace bus
 
 /// \brief Between a Q_GADGET and the content of an object, by the gadget's properties.
 ///
-/// Every stored property has a key of its name. Numbers, texts, booleans, lists, maps, QDateTime,
-/// QByteArray, enums by the name of their value, and other gadgets as maps of their own are taken,
-/// see docs/values.md. A fault names the property, and says what came and what was expected.
+/// Every stored property has a key of its name. Its type is bool, a whole number of any size,
+/// double, float, QString, QStringList, QVariantList, QVariantMap, QVariant, QByteArray, QDateTime,
+/// an enum or flags that moc knows, or another gadget, which travels as a map of its own. A list of
+/// gadgets or numbers has to be a QVariantList.
+///
+/// A whole number has to arrive exactly: 300 for a quint8 and 1.5 for an int are faults. One above
+/// 2^63 - 1 travels as a text. Enums travel by the names of their values, and are taken by number,
+/// too, if that is a value. A QDateTime travels in UTC, a QByteArray as text, and NaN as null; see
+/// docs/values.md. A fault names the property, and says what came and what was expected: "celsius"
+/// is the text "warm", and a number (double) was expected.
 ///
 /// \code
 /// struct Room

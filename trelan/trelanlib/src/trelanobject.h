@@ -1,5 +1,6 @@
 #pragma once
 
+#include "trelangadget.h"
 #include "trelanglobal.h"
 #include "trelantimestamp.h"
 
@@ -9,6 +10,8 @@
 #include <QtCore/QSharedPointer>
 #include <QtCore/QString>
 #include <QtCore/QVariantMap>
+
+#include <optional>
 
 namespace bus
 {
@@ -75,6 +78,25 @@ public:
 
     QVariantMap content() const;
     void setContent(const QVariantMap &content);
+
+    /// \brief The content as a Q_GADGET; see TrelanGadget.
+    ///
+    /// A property without a key in the content has the value of a default \a Gadget. Nothing is
+    /// returned where a key does not fit its property; \a fault says then which one, and why.
+    ///
+    /// \code
+    /// if (const auto room = object.contentAs<Room>())
+    ///     show(room->celsius);
+    /// \endcode
+    template <typename Gadget>
+    std::optional<Gadget> contentAs(QString *fault = nullptr) const
+    {
+        static_assert(TrelanGadget::isGadget<Gadget>(), "contentAs() makes a Q_GADGET");
+        std::optional<Gadget> gadget(std::in_place);
+        if (!TrelanGadget::fromMap(_content, *gadget, fault))
+            gadget.reset();
+        return gadget;
+    }
 
     /// Unique id of this value of the object; empty until somebody sets it.
     QString uid() const;
