@@ -1,4 +1,4 @@
-#include <trelanqueryhandler.h>
+#include <trelanclient.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
@@ -6,16 +6,12 @@
 int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
-    bus::TrelanTransport::setMode(bus::TrelanTransport::Prompt);
-    bus::TrelanTransport::setCoding(bus::TrelanTransport::Light);
+    const double celsius = application.arguments().value(1).toDouble();
 
-    bus::TrelanObject room;
-    room.setName("room.attic");
-    room.setContent({{"celsius", application.arguments().value(1).toDouble()}});
-
-    bus::TrelanQueryHandler handler("thermometer");
-    if (handler.open() && handler.publish(room))
+    bus::TrelanClient client("thermometer");
+    const auto published = client.publish("room.attic", {{"celsius", celsius}});
+    if (published.wait() && published.isDone())
         return 0;
-    qCritical() << handler.lastFailure() << handler.lastError().description();
+    qCritical().noquote() << published.failure().toString();
     return 1;
 }
