@@ -1,17 +1,15 @@
 #include "../ports.h"
 
-#include <trelanqueryhandler.h>
+#include <trelanclient.h>
 
 #include <QtCore/QCoreApplication>
 
 int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
-    examples::usePorts();
+    const auto settings = examples::busSettings();
 
-    bus::TrelanQueryHandler handler("thermometer");
-    bus::TrelanObject room;
-    room.setName("room.kitchen");
-    room.setContent({{"celsius", 21.5}});
-    return handler.open() && handler.publish(room) ? 0 : 1;
+    bus::TrelanClient client("thermometer", settings);
+    const auto published = client.publish("room.kitchen", {{"celsius", 21.5}});
+    return published.wait() && published.isDone() ? 0 : 1;
 }

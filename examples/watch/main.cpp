@@ -1,7 +1,6 @@
 #include "../ports.h"
 
-#include <trelanmessagereciever.h>
-#include <trelanqueryhandler.h>
+#include <trelanclient.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
@@ -9,12 +8,10 @@
 int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
-    examples::usePorts();
+    const auto settings = examples::busSettings();
 
-    bus::TrelanQueryHandler queries("watch");
-    bus::TrelanMessageReciever messages("watch");
-    QObject::connect(&messages, &bus::TrelanMessageReciever::incomingObject,
-                     [](const auto &room) { qInfo() << room.name() << room.content(); });
-    const bool watching = messages.open() && queries.open() && queries.subscribeNow("room.*");
-    return watching ? QCoreApplication::exec() : 1;
+    bus::TrelanClient client("watch", settings);
+    client.watch("room.*", &client,
+                 [](const auto &room) { qInfo() << room.name() << room.content(); });
+    return QCoreApplication::exec();
 }

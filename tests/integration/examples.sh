@@ -71,10 +71,17 @@ await call '{"room.cellar":12,"room.kitchen":21.5}' "${ctl[@]}" --json call ther
 pids+=($!)
 await logs 'it is cold in "room.cellar"' true
 
-run command --name answerer
+run command
+await command 'client "answerer" has the bus' true
 answer=$("$build/examples/command/command" "${ports[@]}" answerer 2>&1) || fail "ping: $answer"
-[[ $answer == *'"ping" answered by "answerer"'* ]] || fail "ping: $answer"
+[[ $answer == *'QMap((hello, QVariant(QString, pinger)))'* ]] || fail "ping: $answer"
+answer=$("$build/examples/command/command" "${ports[@]}" nobody 2>&1) && fail "ping nobody: $answer"
 echo "command: $answer"
+
+export QT_QPA_PLATFORM=offscreen
+await table ' | 21.5' "$build/examples/table/table" "${ports[@]}" --once
+await names '"room.cellar" QMap(("celsius", QVariant(qlonglong, 12)))' \
+    "$build/examples/names/names" "${ports[@]}" --once
 
 loaded=$("$build/examples/embed/embed" 2>&1) || fail "embed: $loaded"
 [[ $loaded == *'"room.kitchen" QMap(("celsius", QVariant(double, 21.5))) from "thermometer"'* ]] ||
