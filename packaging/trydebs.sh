@@ -74,9 +74,12 @@ build() {
 
 build "$consumer" consumer
 "$root/consumer/thermometer"
+"$root/consumer/columns"
 
 build "$root/usr/share/doc/libtrelanclient-dev/examples" examples
 "$root/examples/publish/publish" "${ports[@]}" || fail "the example publish ends with $?"
 "$root/examples/embed/embed" || fail "the example embed ends with $?"
+QT_QPA_PLATFORM=offscreen "$root/examples/table/table" "${ports[@]}" --once ||
+    fail "the example table ends with $?"
 [[ -x $root/examples/hoststate/hoststate ]] || fail "the example hoststate is not built"
 echo "The packages work, unpacked."

@@ -40,8 +40,8 @@ for trace in "$work/first" "$build"; do
     ! grep -rlF "$trace" "$prefix/$libdir/cmake" "$prefix/$libdir/pkgconfig" ||
         fail "$trace is named in what is installed"
 done
-for internal in connectioncount.h jsonreader.h wildcard.h wirevalue.h zstream.h; do
-    [ ! -e "$prefix/include/trelan/$internal" ] || fail "$internal is installed"
+for internal in connectioncount.h contentedit.h jsonreader.h objecttree.h wildcard.h wirevalue.h zstream.h; do
+    [ -z "$(find "$prefix/include" -name "$internal")" ] || fail "$internal is installed"
 done
 # Each installed header may include only installed headers.
 for header in "$prefix"/include/*/*.h; do
@@ -60,6 +60,8 @@ echo "ok: the support library is found beside the client"
     -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 "$cmake" --build "$work/cmake" >/dev/null
 check_program "CMake" "$work/cmake/thermometer"
+columns="Name Publisher Time Content celsius "
+expect "CMake, models" "$columns" "$(run "$work/cmake/columns" C)"
 
 # The programs of the tutorial, built as it says.
 "$cmake" -S "$source/../../../examples/tutorial" -B "$work/tutorial" \
@@ -83,5 +85,8 @@ export PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig"
 expect "pkg-config version" "1.2.1" "$(pkg-config --modversion trelanclient)"
 # pkg-config quotes paths for a shell: eval takes the quotes away.
 eval "\"$compiler\" -std=c++17 $flags \"$work/all.cpp\" -o \"$work/consumer\" \
-    $(pkg-config --cflags --libs trelanclient) \"-Wl,-rpath,$prefix/$libdir\""
+    $(pkg-config --cflags --libs trelanclient trelanmodels) \"-Wl,-rpath,$prefix/$libdir\""
 check_program "pkg-config" "$work/consumer"
+eval "\"$compiler\" -std=c++17 $flags \"$source/columns.cpp\" -o \"$work/columns\" \
+    $(pkg-config --cflags --libs trelanmodels) \"-Wl,-rpath,$prefix/$libdir\""
+expect "pkg-config, models" "$columns" "$(run "$work/columns" C)"
