@@ -45,6 +45,14 @@ private:
     TrelanBus _bus;
 };
 
+struct Room
+{
+    Q_GADGET
+    Q_PROPERTY(double celsius MEMBER celsius)
+public:
+    double celsius = 0;
+};
+
 /// What a watch was told, in order: names of values with their "n", removed names with a minus.
 class Seen : public QObject
 {
@@ -138,6 +146,32 @@ private Q_SLOTS:
         QTRY_COMPARE(other.told, (QStringList {"x.a=5"}));
         other.take();
         QCOMPARE(seen.take(), QStringList());
+    }
+
+    void typedValues()
+    {
+        Bus bus;
+        TrelanClient writer("writer", bus.settings()), reader("reader", bus.settings());
+        QStringList named;
+        QList<double> bare;
+        reader.watch("room.*", this, [&](const Room &room, const TrelanObject &object) {
+            named << object.name() + "=" + QString::number(room.celsius);
+        });
+        reader.watch<Room>("room.*", this, [&](const Room &room) { bare << room.celsius; });
+        for (int watch = 0; watch < 2; ++watch) {
+            const char *misfit =
+                R"(room\.b.*"celsius" is the text "warm", and a number \(double\) was expected)";
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(misfit));
+        }
+        QCOMPARE(outcome(writer.publish("room.a", Room {21.5})), TrelanFailure::None);
+        QCOMPARE(outcome(writer.publish("room.b", {{"celsius", "warm"}})), TrelanFailure::None);
+        QCOMPARE(outcome(writer.publish("room.c", Room {5})), TrelanFailure::None);
+        QTRY_COMPARE(named, (QStringList {"room.a=21.5", "room.c=5"}));
+        QTRY_COMPARE(bare, (QList<double> {21.5, 5}));
+        const TrelanPending refused = writer.publish("room.d", Room {qInf()});
+        QCOMPARE(outcome(refused), TrelanFailure::Refused);
+        QVERIFY2(refused.failure().description().contains("\"celsius\" is infinite"),
+                 qPrintable(refused.failure().description()));
     }
 
     void watchIsWholeAfterRestart()

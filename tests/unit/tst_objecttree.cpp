@@ -43,7 +43,7 @@ public:
     {
         note("insert", parent, first, last);
         auto &rows = rowOf(parent).children;
-        rows.insert(rows.begin() + first, size_t(last - first + 1), Row());
+        rows.insert(rows.begin() + first, size_t(last) + 1 - size_t(first), Row());
         _under = &parent;
         _first = first;
         _last = last;
@@ -207,6 +207,7 @@ private Q_SLOTS:
         row("two values", QVariantList {1}, R"([1], [2])", {});
         row("map for list", QVariantList {1}, "{}", {});
         row("where nothing was", {}, "x", "x");
+        row("a number where nothing was", {}, "21.5", 21.5);
     }
     void edits()
     {

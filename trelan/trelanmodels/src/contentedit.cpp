@@ -76,13 +76,12 @@ QVariant toCell(const QVariant &value)
 
 std::optional<QVariant> fromCell(const QVariant &edited, const QVariant &old)
 {
-    const bool isText = edited.userType() == QMetaType::QString;
     if (areAlike(edited, old))
         return edited;
-    // Where nothing was, every text is one.
-    if (!old.isValid() || old.isNull())
-        return edited;
+    const bool isText = edited.userType() == QMetaType::QString;
     const QVariant parsed = isText ? parse(edited.toString()) : QVariant();
+    if (old.isNull())
+        return parsed.isValid() ? parsed : edited;
     if (isText && areAlike(parsed, old))
         return parsed;
     return std::nullopt;

@@ -18,7 +18,8 @@ QVariant toCell(const QVariant &value);
 /// \brief What an editor has made of \a old. Nothing if it cannot be meant.
 ///
 /// An editor may return a text whatever it was given. The text for a number has to be a number, for
-/// a list or a map JSON of that kind.
+/// a list or a map JSON of that kind. Where nothing was, a text is JSON if it can be, as for the
+/// tool.
 std::optional<QVariant> fromCell(const QVariant &edited, const QVariant &old);
 
 /// The content in a text; nothing if that is no JSON object.

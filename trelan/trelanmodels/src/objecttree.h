@@ -17,7 +17,6 @@ namespace bus
 /// Orders names by their segments: everything of "a" stands together, and before "a-b".
 struct NameOrder
 {
-    using is_transparent = void;
     bool operator()(QStringView left, QStringView right) const;
 };
 
