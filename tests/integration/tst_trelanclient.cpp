@@ -504,6 +504,20 @@ private Q_SLOTS:
         }
     }
 
+    /// The signal crosses from the client's thread, so that Qt has to know its type by name.
+    void stateReachesTheContextsThread()
+    {
+        Bus bus;
+        TrelanClient client("client", bus.settings());
+        QVERIFY(client.waitForConnected());
+        bool isAway = false;
+        connect(&client, &TrelanClient::stateChanged, this, [&](const TrelanConnectionState &now) {
+            isAway = QThread::currentThread() == thread() && !now.isConnected();
+        });
+        bus.stop();
+        QTRY_VERIFY(isAway);
+    }
+
     void silentBusIsGivenUp()
     {
         const ScriptedServer silent([](ScriptedPeer &peer) { peer.awaitEnd(); });

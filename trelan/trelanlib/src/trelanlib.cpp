@@ -2,8 +2,10 @@
 
 #include "trelancommand.h"
 #include "trelanconnectionstate.h"
+#include "trelanfailure.h"
 #include "trelanmessage.h"
 #include "trelanobject.h"
+#include "trelanpending.h"
 
 #include <appversionmanager.h>
 
@@ -73,6 +75,8 @@ TrelanLib::TrelanLib()
     qRegisterMetaType<QSharedPointer<TrelanObject>>("QSharedPointer<TrelanObject>");
     qRegisterMetaType<QSharedPointer<TrelanCommand>>("QSharedPointer<TrelanCommand>");
     qRegisterMetaType<TrelanConnectionState>("TrelanConnectionState");
+    qRegisterMetaType<TrelanPending>("TrelanPending");
+    qRegisterMetaType<TrelanFailure>("TrelanFailure");
     registerSocketTypes();
 
     initTranslations();
