@@ -196,12 +196,17 @@ public:
     template <typename Function>
     void serve(const QString &command, const QObject *context, Function function)
     {
-        if constexpr (std::is_invocable_v<Function &, const TrelanCall &>)
+        if constexpr (std::is_invocable_v<Function &, const TrelanCall &>) {
+            static_assert(
+                std::is_void_v<std::invoke_result_t<Function &, const TrelanCall &>>,
+                "a function that takes a TrelanCall answers by it and returns nothing; to "
+                "return the answer, take a const TrelanCommand &");
             serveCalls(command, context, function);
-        else
+        } else {
             serveCalls(command, context, [function](const TrelanCall &call) mutable {
                 call.answer(function(call.command()));
             });
+        }
     }
     /// Ends it: later calls reach commandReceived() again.
     void stopServing(const QString &command);
