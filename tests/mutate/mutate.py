@@ -31,6 +31,7 @@ import suite
 FOLDERS = {
     "morvik": "morvik/src/",
     "trelanwire": "trelan/trelanwire/",
+    "trelanloop": "trelan/trelanloop/",
     "trelanlib": "trelan/trelanlib/",
     "trelanbus": "trelan/trelanbus/",
     "trelanctl": "trelan/trelanctl/",

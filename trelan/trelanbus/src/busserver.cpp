@@ -33,7 +33,7 @@ qint64 totalCost(const QVector<ObjectRecord> &records)
 
 } // namespace
 
-BusServer::BusServer(const TrelanBusSettings &settings, BusEventDispatcher &dispatcher)
+BusServer::BusServer(const TrelanBusSettings &settings, EventDispatcher &dispatcher)
     : _settings(settings)
     , _storage(settings,
                [this] {

@@ -1,12 +1,13 @@
 #pragma once
 
 #include "net/busconnection.h"
-#include "net/buseventdispatcher.h"
 #include "net/buslistener.h"
 #include "rules/buscore.h"
 #include "storage/backgroundworker.h"
 #include "storage/busstorage.h"
 #include "trelanbus.h"
+
+#include <eventdispatcher.h>
 
 #include <QtCore/QHash>
 #include <QtCore/QObject>
@@ -28,7 +29,7 @@ class BusServer : public QObject, private BusOutput, private BusConnection::Owne
 
 public:
     /// \a dispatcher belongs to the current thread and outlives the server.
-    BusServer(const TrelanBusSettings &settings, BusEventDispatcher &dispatcher);
+    BusServer(const TrelanBusSettings &settings, EventDispatcher &dispatcher);
     /// Waits for the disk, sends the answers that are due, and closes everything.
     ~BusServer() override;
 
@@ -87,7 +88,7 @@ private:
     BusListener _msgListener;
     BusStorage _storage;
     BusCore _core;
-    BusPoller &_poller;
+    Poller &_poller;
     QHash<ConnectionId, BusConnection *> _connections;     // children of this
     QHash<ConnectionId, std::shared_ptr<const Job>> _jobs; // for the codec; one for a connection
     ConnectionId _lastId = 0;

@@ -1,7 +1,8 @@
 #include "trelanbus.h"
 
 #include "busserver.h"
-#include "net/buseventdispatcher.h"
+
+#include <eventdispatcher.h>
 
 #include <QtCore/QSemaphore>
 #include <QtCore/QThread>
@@ -24,7 +25,7 @@ public:
     /// Returns when the server listens or has failed.
     bool startServer()
     {
-        auto dispatcher = std::make_unique<BusEventDispatcher>();
+        auto dispatcher = std::make_unique<EventDispatcher>();
         if (!dispatcher->open()) {
             _errorString = QStringLiteral("cannot watch anything: %1").arg(qt_error_string(errno));
             return false;
@@ -58,7 +59,7 @@ protected:
 
 private:
     const TrelanBusSettings _settings;
-    BusEventDispatcher *_dispatcher = nullptr; // belongs to the thread
+    EventDispatcher *_dispatcher = nullptr; // belongs to the thread
     QSemaphore _settled;
     bool _listening = false;
     quint16 _queryPort = 0;

@@ -79,7 +79,7 @@ int sendSome(int descriptor, const QByteArray &frame, int from)
 } // namespace
 
 BusConnection::BusConnection(Channel channel, ConnectionId id, int descriptor,
-                             const TrelanBusSettings &settings, BusPoller &poller, Owner &owner)
+                             const TrelanBusSettings &settings, Poller &poller, Owner &owner)
     : _channel(channel)
     , _connectionId(id)
     , _settings(settings)

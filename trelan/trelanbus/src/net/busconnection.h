@@ -1,9 +1,9 @@
 #pragma once
 
-#include "net/buspoller.h"
 #include "trelanbussettings.h"
 #include "values/connectionid.h"
 
+#include <poller.h>
 #include <trelanframereader.h>
 
 #include <QtCore/QList>
@@ -49,7 +49,7 @@ public:
     /// Takes \a descriptor, a connected socket that does not block. The owner is told nothing
     /// before open().
     BusConnection(Channel channel, ConnectionId id, int descriptor,
-                  const TrelanBusSettings &settings, BusPoller &poller, Owner &owner);
+                  const TrelanBusSettings &settings, Poller &poller, Owner &owner);
     ~BusConnection() override;
 
     /// Begins to read. False, with errno, if the system cannot watch one more socket.
@@ -113,7 +113,7 @@ private:
     const Channel _channel;
     const ConnectionId _connectionId;
     const TrelanBusSettings _settings;
-    BusPoller &_poller;
+    Poller &_poller;
     Owner &_owner;
     int _descriptor;
     quint32 _events; // that the poller watches

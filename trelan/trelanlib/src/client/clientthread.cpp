@@ -1,5 +1,7 @@
 #include "client/clientthread.h"
 
+#include <eventdispatcher.h>
+
 namespace bus
 {
 
@@ -58,7 +60,11 @@ ClientThread::~ClientThread()
 
 bool ClientThread::doStart()
 {
-    addWorkerToThread(new Worker(*this))->start(QThread::InheritPriority);
+    QThread *thread = addWorkerToThread(new Worker(*this));
+    auto dispatcher = std::make_unique<EventDispatcher>();
+    if (dispatcher->open()) // else the thread takes Qt's own, or fails as this has
+        thread->setEventDispatcher(dispatcher.release());
+    thread->start(QThread::InheritPriority);
     return true;
 }
 

@@ -1,4 +1,4 @@
-#include "net/buseventdispatcher.h"
+#include <eventdispatcher.h>
 #include "net/buslistener.h"
 
 #include <QtCore/QCoreApplication>
@@ -16,14 +16,14 @@
 #include <utility>
 #include <vector>
 
-using bus::BusEventDispatcher;
+using bus::EventDispatcher;
 using bus::BusListener;
 
 namespace
 {
 
 /// The dispatcher that this program runs on.
-BusEventDispatcher *_dispatcher = nullptr;
+EventDispatcher *_dispatcher = nullptr;
 
 /// Two ends of a connection.
 struct Pair
@@ -59,7 +59,7 @@ void turn()
 
 } // namespace
 
-class tst_BusEventDispatcher : public QObject
+class tst_EventDispatcher : public QObject
 {
     Q_OBJECT
 
@@ -234,7 +234,7 @@ private slots:
         busy.write(1);
         _dispatcher->setHandler([](quint64, quint32) {});
         std::vector<int> ready;
-        for (int i = 0; i < 2 * bus::BusPoller::MAX_EVENTS; ++i) {
+        for (int i = 0; i < 2 * bus::Poller::MAX_EVENTS; ++i) {
             ready.push_back(::dup(busy.ends[0]));
             QVERIFY(_dispatcher->poller().watch(ready.back(), quint64(i), EPOLLIN));
         }
@@ -290,7 +290,7 @@ private slots:
     void aThreadOfItsOwnEnds()
     {
         for (int i = 0; i < 200; ++i) {
-            auto dispatcher = std::make_unique<BusEventDispatcher>();
+            auto dispatcher = std::make_unique<EventDispatcher>();
             QVERIFY(dispatcher->open());
             QThread thread;
             thread.setEventDispatcher(dispatcher.release());
@@ -303,13 +303,13 @@ private slots:
 
 int main(int argc, char *argv[])
 {
-    _dispatcher = new BusEventDispatcher; // the application deletes it
+    _dispatcher = new EventDispatcher; // the application deletes it
     if (!_dispatcher->open())
         return 1;
     QCoreApplication::setEventDispatcher(_dispatcher);
     QCoreApplication app(argc, argv);
-    tst_BusEventDispatcher test;
+    tst_EventDispatcher test;
     return QTest::qExec(&test, argc, argv);
 }
 
-#include "tst_buseventdispatcher.moc"
+#include "tst_eventdispatcher.moc"

@@ -14,7 +14,7 @@ namespace bus
 /// Events carry tokens instead of descriptors or pointers: the handler of one event may end any
 /// connection, and a token of an ended connection belongs to nobody. A descriptor that stays ready
 /// is reported again. One thread.
-class BusPoller
+class Poller
 {
 public:
     // Reported at once. Other events are reported first the next time, after timers and other
@@ -22,9 +22,9 @@ public:
     static constexpr int MAX_EVENTS = 64;
     using Events = std::array<epoll_event, MAX_EVENTS>;
 
-    BusPoller() = default;
-    ~BusPoller();
-    Q_DISABLE_COPY(BusPoller)
+    Poller() = default;
+    ~Poller();
+    Q_DISABLE_COPY(Poller)
 
     /// False, with errno, if the system has no descriptor left. To be called first.
     bool open();

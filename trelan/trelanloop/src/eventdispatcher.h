@@ -1,6 +1,6 @@
 #pragma once
 
-#include "net/buspoller.h"
+#include "poller.h"
 
 #include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QHash>
@@ -15,33 +15,34 @@
 namespace bus
 {
 
-/// \brief The event loop of the bus: one wait for connections, notifiers, timers and other threads.
+/// \brief The event loop of the bus, and of the threads of clients: one wait for connections,
+/// notifiers, timers and other threads.
 ///
 /// Qt's own dispatcher waits in one system call, would ask for the connections in a second one, and
-/// goes through all of its lists in between. The bus would pay for that with every request.
+/// goes through all of its lists in between. Bus and clients would pay for that with every request.
 ///
-/// The dispatcher does what a thread of the bus needs: events, timers (all of them to the
+/// The dispatcher does what these threads need: events, timers (all of them to the
 /// millisecond) and socket notifiers, of which one of a kind may be enabled for a descriptor. There
 /// is no loop within a loop, and of the flags of processEvents() only WaitForMoreEvents counts.
 ///
 /// Any thread may make and open it and give it to a thread that has not started
 /// (QThread::setEventDispatcher()). Only that thread uses it from then on, except for wakeUp() and
 /// interrupt(), which are thread-safe.
-class BusEventDispatcher : public QAbstractEventDispatcher
+class EventDispatcher : public QAbstractEventDispatcher
 {
 public:
     /// Is called with what is ready of poller(), in the bits of epoll.
     using Handler = std::function<void(quint64 id, quint32 events)>;
 
-    BusEventDispatcher() = default;
-    ~BusEventDispatcher() override;
+    EventDispatcher() = default;
+    ~EventDispatcher() override;
 
     /// False, with errno, if the system has no descriptor left. To be called first.
     bool open();
 
     /// Watches what is not worth a notifier. Tokens below OWN_TOKENS are told to the handler, which
     /// has to stay as long as anything is watched for it.
-    BusPoller &poller();
+    Poller &poller();
     void setHandler(const Handler &handler);
     static constexpr quint64 OWN_TOKENS = 1ULL << 63U;
 
@@ -81,7 +82,7 @@ private:
     void activateNotifiers(int descriptor, quint32 events);
     void takeWakeUp();
 
-    BusPoller _poller;
+    Poller _poller;
     Handler _handler;
     QHash<int, Notifiers> _notifiers; // by descriptor
     QHash<int, Timer> _timers;        // by id

@@ -1,30 +1,30 @@
-#include "net/buspoller.h"
+#include "poller.h"
 
 #include <unistd.h>
 
 namespace bus
 {
 
-BusPoller::~BusPoller()
+Poller::~Poller()
 {
     if (_descriptor >= 0)
         ::close(_descriptor);
 }
 
-bool BusPoller::open()
+bool Poller::open()
 {
     _descriptor = ::epoll_create1(EPOLL_CLOEXEC);
     return _descriptor >= 0;
 }
 
-bool BusPoller::watch(int descriptor, quint64 token, quint32 events) const
+bool Poller::watch(int descriptor, quint64 token, quint32 events) const
 {
     epoll_event event {events, {}};
     event.data.u64 = token;
     return ::epoll_ctl(_descriptor, EPOLL_CTL_ADD, descriptor, &event) == 0;
 }
 
-void BusPoller::change(int descriptor, quint64 token, quint32 events) const
+void Poller::change(int descriptor, quint64 token, quint32 events) const
 {
     epoll_event event {events, {}};
     event.data.u64 = token;
@@ -32,12 +32,12 @@ void BusPoller::change(int descriptor, quint64 token, quint32 events) const
 }
 
 /// Closing alone is not enough while a child process has a copy of the descriptor.
-void BusPoller::forget(int descriptor) const
+void Poller::forget(int descriptor) const
 {
     ::epoll_ctl(_descriptor, EPOLL_CTL_DEL, descriptor, nullptr);
 }
 
-int BusPoller::wait(Events &events, int milliseconds) const
+int Poller::wait(Events &events, int milliseconds) const
 {
     return qMax(0, ::epoll_wait(_descriptor, events.data(), MAX_EVENTS, milliseconds));
 }

@@ -1,8 +1,7 @@
-#include "net/buseventdispatcher.h"
-
-#include "values/buslog.h"
+#include "eventdispatcher.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QDebug>
 #include <QtCore/QSocketNotifier>
 
 #include <sys/eventfd.h>
@@ -18,9 +17,9 @@ namespace bus
 namespace
 {
 
-constexpr quint64 WAKE_TOKEN = BusEventDispatcher::OWN_TOKENS;
-constexpr quint64 NOTIFIER_TOKENS = BusEventDispatcher::OWN_TOKENS + 1; // plus the descriptor
-constexpr int MAX_WAIT_MS = 3600 * 1000; // after which it looks again
+constexpr quint64 WAKE_TOKEN = EventDispatcher::OWN_TOKENS;
+constexpr quint64 NOTIFIER_TOKENS = EventDispatcher::OWN_TOKENS + 1; // plus the descriptor
+constexpr int MAX_WAIT_MS = 3600 * 1000;                             // after which it looks again
 
 // By QSocketNotifier::Type: the events that are watched for a notifier, and the events that
 // activate it.
@@ -38,13 +37,13 @@ quint32 watchedBy(const std::array<QSocketNotifier *, 3> &notifiers)
 
 } // namespace
 
-BusEventDispatcher::~BusEventDispatcher()
+EventDispatcher::~EventDispatcher()
 {
     if (_wakeDescriptor >= 0)
         ::close(_wakeDescriptor);
 }
 
-bool BusEventDispatcher::open()
+bool EventDispatcher::open()
 {
     if (!_poller.open())
         return false;
@@ -52,23 +51,23 @@ bool BusEventDispatcher::open()
     return _wakeDescriptor >= 0 && _poller.watch(_wakeDescriptor, WAKE_TOKEN, EPOLLIN);
 }
 
-BusPoller &BusEventDispatcher::poller()
+Poller &EventDispatcher::poller()
 {
     return _poller;
 }
 
-void BusEventDispatcher::setHandler(const Handler &handler)
+void EventDispatcher::setHandler(const Handler &handler)
 {
     _handler = handler;
 }
 
-bool BusEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
+bool EventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
 {
     QCoreApplication::sendPostedEvents(); // events that they post wake the dispatcher again
     const bool canWait = flags.testFlag(QEventLoop::WaitForMoreEvents);
     if (canWait)
         emit aboutToBlock();
-    BusPoller::Events events;
+    Poller::Events events;
     const int count = _poller.wait(events, canWait ? patience() : 0);
     if (canWait)
         emit awake();
@@ -78,13 +77,13 @@ bool BusEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
     return timersRan || count > 0;
 }
 
-bool BusEventDispatcher::hasPendingEvents()
+bool EventDispatcher::hasPendingEvents()
 {
-    BusPoller::Events events;
+    Poller::Events events;
     return patience() == 0 || _poller.wait(events, 0) > 0;
 }
 
-void BusEventDispatcher::registerSocketNotifier(QSocketNotifier *notifier)
+void EventDispatcher::registerSocketNotifier(QSocketNotifier *notifier)
 {
     const int descriptor = int(notifier->socket());
     const bool isKnown = _notifiers.contains(descriptor);
@@ -94,11 +93,11 @@ void BusEventDispatcher::registerSocketNotifier(QSocketNotifier *notifier)
     if (isKnown)
         _poller.change(descriptor, token, watchedBy(notifiers));
     else if (!_poller.watch(descriptor, token, watchedBy(notifiers)))
-        qCWarning(BUS_LOG).noquote()
-            << "cannot watch descriptor" << descriptor << ':' << qt_error_string(errno);
+        qWarning().noquote() << "cannot watch descriptor" << descriptor << ':'
+                             << qt_error_string(errno);
 }
 
-void BusEventDispatcher::unregisterSocketNotifier(QSocketNotifier *notifier)
+void EventDispatcher::unregisterSocketNotifier(QSocketNotifier *notifier)
 {
     const int descriptor = int(notifier->socket());
     const auto notifiers = _notifiers.find(descriptor);
@@ -114,15 +113,14 @@ void BusEventDispatcher::unregisterSocketNotifier(QSocketNotifier *notifier)
     _poller.forget(descriptor);
 }
 
-void BusEventDispatcher::registerTimer(int id, int milliseconds, Qt::TimerType type,
-                                       QObject *object)
+void EventDispatcher::registerTimer(int id, int milliseconds, Qt::TimerType type, QObject *object)
 {
     const Clock::time_point due = Clock::now() + std::chrono::milliseconds(milliseconds);
     _timers.insert(id, {object, milliseconds, type, due});
     _schedule.emplace(due, id);
 }
 
-bool BusEventDispatcher::unregisterTimer(int id)
+bool EventDispatcher::unregisterTimer(int id)
 {
     const auto timer = _timers.find(id);
     if (timer == _timers.end())
@@ -132,7 +130,7 @@ bool BusEventDispatcher::unregisterTimer(int id)
     return true;
 }
 
-bool BusEventDispatcher::unregisterTimers(QObject *object)
+bool EventDispatcher::unregisterTimers(QObject *object)
 {
     const QList<TimerInfo> timers = registeredTimers(object);
     for (const TimerInfo &timer : timers)
@@ -140,8 +138,7 @@ bool BusEventDispatcher::unregisterTimers(QObject *object)
     return !timers.isEmpty();
 }
 
-QList<QAbstractEventDispatcher::TimerInfo>
-BusEventDispatcher::registeredTimers(QObject *object) const
+QList<QAbstractEventDispatcher::TimerInfo> EventDispatcher::registeredTimers(QObject *object) const
 {
     QList<TimerInfo> timers;
     for (auto timer = _timers.begin(); timer != _timers.end(); ++timer) {
@@ -151,7 +148,7 @@ BusEventDispatcher::registeredTimers(QObject *object) const
     return timers;
 }
 
-int BusEventDispatcher::remainingTime(int id)
+int EventDispatcher::remainingTime(int id)
 {
     const auto timer = _timers.constFind(id);
     if (timer == _timers.constEnd())
@@ -161,22 +158,22 @@ int BusEventDispatcher::remainingTime(int id)
     return int(qBound<qint64>(0, remaining, std::numeric_limits<int>::max()));
 }
 
-void BusEventDispatcher::wakeUp()
+void EventDispatcher::wakeUp()
 {
     if (!_isWoken.exchange(true))
         ::eventfd_write(_wakeDescriptor, 1);
 }
 
 /// Waking is enough, since the loop looks for its end after each round of events.
-void BusEventDispatcher::interrupt()
+void EventDispatcher::interrupt()
 {
     wakeUp();
 }
 
-void BusEventDispatcher::flush() {}
+void EventDispatcher::flush() {}
 
 /// How many milliseconds nothing has to be done; less than zero without end.
-int BusEventDispatcher::patience() const
+int EventDispatcher::patience() const
 {
     if (_schedule.empty())
         return -1;
@@ -187,7 +184,7 @@ int BusEventDispatcher::patience() const
 
 /// Activates each timer that is due once. A timer without an interval is due again in the next
 /// turn.
-bool BusEventDispatcher::activateTimers()
+bool EventDispatcher::activateTimers()
 {
     if (_schedule.empty())
         return false;
@@ -211,7 +208,7 @@ bool BusEventDispatcher::activateTimers()
     return !due.empty();
 }
 
-void BusEventDispatcher::activate(const epoll_event &event)
+void EventDispatcher::activate(const epoll_event &event)
 {
     const quint64 token = event.data.u64;
     if (token < OWN_TOKENS)
@@ -223,7 +220,7 @@ void BusEventDispatcher::activate(const epoll_event &event)
 }
 
 /// Looks each notifier up, since an earlier one may have removed it.
-void BusEventDispatcher::activateNotifiers(int descriptor, quint32 events)
+void EventDispatcher::activateNotifiers(int descriptor, quint32 events)
 {
     for (size_t type = 0; type < ACTIVATING.size(); ++type) {
         QSocketNotifier *notifier = _notifiers.value(descriptor).at(type);
@@ -235,7 +232,7 @@ void BusEventDispatcher::activateNotifiers(int descriptor, quint32 events)
 }
 
 /// Empties the descriptor before the flag, since wakeUp() writes only while the flag is not set.
-void BusEventDispatcher::takeWakeUp()
+void EventDispatcher::takeWakeUp()
 {
     eventfd_t count = 0;
     ::eventfd_read(_wakeDescriptor, &count);
