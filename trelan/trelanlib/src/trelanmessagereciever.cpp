@@ -334,7 +334,9 @@ bool TrelanMessageReciever::Private::open(bool asksFeatures)
     const TrelanChannelSettings now = settings();
     _mode = now.mode();
     _coding = now.coding();
-    _inbox->begin(now.maxPayload(), now.patience());
+    // Without settings of its own the channel takes that of the process whenever it waits.
+    const auto patience = _ownSettings ? std::optional<int>(now.patience()) : std::nullopt;
+    _inbox->begin(now.maxPayload(), patience);
     if (!isPrompt())
         _socket->setReadBufferSize(0);
     const QPointer<TrelanMessageReciever> self(&_receiver);

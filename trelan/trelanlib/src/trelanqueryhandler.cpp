@@ -469,7 +469,9 @@ bool TrelanQueryHandler::Private::openOnce()
     _mode = now.mode();
     _coding = now.coding();
     _plainYes.clear();
-    _prompt.begin(now.maxPayload(), now.patience());
+    // Without settings of its own the channel takes that of the process whenever it waits.
+    const auto patience = _ownSettings ? std::optional<int>(now.patience()) : std::nullopt;
+    _prompt.begin(now.maxPayload(), patience);
     const bool isAccepted = connectToBus(now) && !here.isOver() && _handler.handshake();
     if (here.isOver()) {
         // Refused, or a slot that was told of a loss has closed the channel or opened it again.

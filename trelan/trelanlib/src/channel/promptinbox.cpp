@@ -36,7 +36,7 @@ PromptInbox::PromptInbox(const QPointer<QTcpSocket> &socket, Owner &owner, QObje
     connect(&_sendSoon, &QTimer::timeout, this, &PromptInbox::sendAllAndLetGo);
 }
 
-void PromptInbox::begin(qint64 maxPayload, int patience)
+void PromptInbox::begin(qint64 maxPayload, std::optional<int> patience)
 {
     _patience = patience;
     _reader = std::make_unique<TrelanFrameReader>(maxPayload);
@@ -175,7 +175,7 @@ void PromptInbox::watchStall(bool progress)
     if (!_reader->isInsideFrame())
         _stall.stop();
     else if (progress || !_stall.isActive())
-        _stall.start(_patience);
+        _stall.start(_patience.value_or(TrelanTransport::patience()));
 }
 
 void PromptInbox::sendAllAndLetGo()

@@ -9,6 +9,7 @@
 #include <QtCore/QTimer>
 
 #include <memory>
+#include <optional>
 
 class QTcpSocket;
 
@@ -41,7 +42,7 @@ public:
 
     /// To be called before a connection is made: forgets what is left of the one before.
     /// \a patience, in milliseconds, is for the rest of a frame that has begun.
-    void begin(qint64 maxPayload, int patience);
+    void begin(qint64 maxPayload, std::optional<int> patience);
     /// To be called once the connection is made.
     void watchArrivals();
     /// Sends what waits to be sent, and stops waiting for the rest of a frame.
@@ -81,7 +82,7 @@ private:
     Owner &_owner;
     State _state = Waiting;
     std::unique_ptr<TrelanFrameReader> _reader;
-    int _patience = 0;
+    std::optional<int> _patience; // TrelanTransport::patience() of the moment if there is none
     QTimer _stall;                // runs inside a frame
     QByteArray _unsent;           // frames that leave together
     QElapsedTimer _sinceUnsent;   // since the first of them

@@ -30,7 +30,7 @@ PromptQuery::PromptQuery(const QPointer<QTcpSocket> &socket, const ConnectionCou
     , _reader(std::make_unique<TrelanFrameReader>(0)) // until begin()
 {}
 
-void PromptQuery::begin(qint64 maxPayload, int patience)
+void PromptQuery::begin(qint64 maxPayload, std::optional<int> patience)
 {
     _maxPayload = maxPayload;
     _patience = patience;
@@ -127,7 +127,7 @@ void PromptQuery::sendUnsent()
 PromptQuery::Result PromptQuery::awaitReply()
 {
     const ConnectionCount::Mark here = _connections.mark();
-    switch (awaitFrame(_patience)) {
+    switch (awaitFrame(_patience.value_or(TrelanTransport::patience()))) {
     case TrelanFrameReader::NeedMoreData:
         // A slot may have opened the channel again, and that connection owes no reply.
         return {here.isOver() || !isConnected() ? Lost : TimedOut, {}, {}};

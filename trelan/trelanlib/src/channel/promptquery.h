@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 class QTcpSocket;
 
@@ -48,7 +49,7 @@ public:
     /// To be called when a connection is to be made, after it was counted. What the one before has
     /// left behind is forgotten; its requests end as Lost when their turn comes. \a patience, in
     /// milliseconds, is for each reply.
-    void begin(qint64 maxPayload, int patience);
+    void begin(qint64 maxPayload, std::optional<int> patience);
     /// The connection is broken off: what has come on it answers nobody.
     void forget();
 
@@ -84,7 +85,7 @@ private:
     const ConnectionCount &_connections;
     QObject &_context;
     qint64 _maxPayload = 0;
-    int _patience = 0;
+    std::optional<int> _patience; // TrelanTransport::patience() of the moment if there is none
     std::unique_ptr<TrelanFrameReader> _reader;
     QQueue<Pending> _pending; // requests without a reply, the oldest first
     qint64 _pendingBytes = 0; // of their frames
