@@ -58,21 +58,17 @@ bool holdsLiteralRun(const QString &name, const Segments &wildcard)
 
 enum class Verdict { Match, NoMatch, Undecided };
 
-Verdict enoughSegments(const Segments &name, const Segments &wildcard)
-{
-    return name.size() >= wildcard.size() ? Verdict::Match : Verdict::NoMatch;
-}
-
-/// Replaces a leading star by as many "+" as lead to the first literal segment behind it.
+/// Replaces a leading star by as many "+" as lead to the first literal segment behind it. The name
+/// has at least as many segments as the wildcard.
 Verdict resolveLeadingStar(const Segments &name, Segments &wildcard)
 {
     int anchor = 1;
     while (anchor < wildcard.size() && wildcard.at(anchor) == PLUS_SEGMENT)
         ++anchor;
     if (anchor == wildcard.size() || wildcard.at(anchor).isEmpty())
-        return enoughSegments(name, wildcard);
+        return Verdict::Match;
     if (wildcard.at(anchor) == STAR_SEGMENT)
-        return anchor == wildcard.size() - 1 ? enoughSegments(name, wildcard) : Verdict::NoMatch;
+        return anchor == wildcard.size() - 1 ? Verdict::Match : Verdict::NoMatch;
 
     const int position = name.indexOf(wildcard.at(anchor));
     if (position < 0)
