@@ -30,17 +30,14 @@ bool connected(QTcpSocket &socket, int milliseconds)
     return socket.waitForConnected(inVain ? 0 : int(deadline.remainingTime()));
 }
 
-bool bytesWritten(QTcpSocket &socket, const ConnectionCount::Mark &connection, int milliseconds)
+void bytesWritten(QTcpSocket &socket, const ConnectionCount::Mark &connection, int milliseconds)
 {
-    // Qt's wait fails at once when there is nothing to write, as is usual after a flush; and it
-    // ends when something has left, not all: a peer that answers early may never read the rest.
+    // Ends when something has left, not all: a peer that answers early may never read the rest.
     const QDeadlineTimer deadline(milliseconds);
     while (!connection.isOver() && socket.bytesToWrite() > 0 && !isOver(socket, deadline)) {
         if (socket.waitForBytesWritten(slice(deadline)))
-            return true;
+            return;
     }
-    return !connection.isOver() && socket.bytesToWrite() == 0 &&
-           socket.state() != QAbstractSocket::UnconnectedState;
 }
 
 bool readyRead(QTcpSocket &socket, const ConnectionCount::Mark &connection, int milliseconds)

@@ -13,7 +13,7 @@ namespace bus::wait
 
 bool connected(QTcpSocket &socket, int milliseconds);
 /// Both end early, too, when \a connection is over: a slot may open the channel again meanwhile.
-bool bytesWritten(QTcpSocket &socket, const ConnectionCount::Mark &connection, int milliseconds);
+void bytesWritten(QTcpSocket &socket, const ConnectionCount::Mark &connection, int milliseconds);
 bool readyRead(QTcpSocket &socket, const ConnectionCount::Mark &connection, int milliseconds);
 
 /// Whether the current thread is asked to end.
