@@ -105,12 +105,7 @@ void TrelanLogCreator::init(const QPointer<QObject> &receiver, const QByteArray 
 
 void TrelanLogCreator::release()
 {
-    const QMutexLocker locker(&_mutex);
-    _sender.clear();
-    _method.clear();
-    _baseClientName.clear();
-    _baseRepeatInterval = _repeatInterval = 0;
-    awaitConnects(&_mutex);
+    init(nullptr, {}, {}, 0);
 }
 
 QPointer<TrelanLogCreator> TrelanLogCreator::createCreator()
