@@ -363,7 +363,7 @@ void BusDelivery::checkTimes()
 
 bool BusDelivery::hasQueues() const
 {
-    return _bytes > 0 || _nameBytes > 0;
+    return _bytes > 0; // names never wait alone, or until some time
 }
 
 bool BusDelivery::hasDeadline() const
