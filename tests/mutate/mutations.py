@@ -38,7 +38,8 @@ STEP = re.compile(r"\+\+|--")
 BOOLEAN = re.compile(r"\b(?:true|false)\b")
 NUMBER = re.compile(r"(?<![\w.'])(?:\d+\.\d+|\d+)(?![\w.'])")
 CONDITION = re.compile(r"\b(?:if|while) \(")
-RETURN = re.compile(r"\breturn (?!true;|false;|\{\};)([^;]+);")
+# A null pointer is what "{}" makes, too.
+RETURN = re.compile(r"\breturn (?!true;|false;|nullptr;|\{\};)([^;]+);")
 
 KEYWORDS = r"(?!(?:return|if|while|for|switch|else|do|case|using|throw|static_assert|Q_\w+)\b)"
 TARGET = r"[*(]*[\w:]+(?:<[\w:, *]+>)?"
