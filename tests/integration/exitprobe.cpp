@@ -24,11 +24,17 @@ constexpr int OK = 7;
 bool _exitsInWorker = false;
 std::atomic_int _exits {0}; // workers that have yet to call exit()
 std::atomic_bool _allStarted {false};
+std::atomic_int _awaited {0}; // workers whose ends wait for each other
 
 class Worker : public bus::TrelanQueryWorker
 {
 public:
     using TrelanQueryWorker::TrelanQueryWorker;
+    ~Worker() override
+    {
+        for (--_awaited; _awaited > 0;)
+            QThread::yieldCurrentThread();
+    }
     bool doStart() override
     {
         // Of what is static it is made last, and so the first to be destroyed.
@@ -104,6 +110,7 @@ int main(int argc, char **argv)
     if (what.contains("client"))
         return runClients(what, QByteArray(argv[2]).toUShort(), QByteArray(argv[3]).toUShort());
     _exitsInWorker = what.contains("worker");
+    _awaited = what.contains("together") ? 2 : 0;
     _exits = what.contains("three") ? 3 : what.contains("two") ? 2 : 1;
     bus::TrelanObject object;
     object.setName(QStringLiteral("probe.object"));

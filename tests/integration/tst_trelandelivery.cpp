@@ -376,33 +376,54 @@ private Q_SLOTS:
         }
     }
 
+    void pastTheBoundOfNames_data()
+    {
+        const TestTable<int, int, int, QString> row("names", "bytesInAll", "kept", "reason");
+        row("of a client", 3, 1 << 20, 3, "3 objects wait for it at most");
+        // A name of six characters takes 124 bytes.
+        row("of all clients", 10000, 40000, 323, "the bus queues 40000 bytes at most");
+    }
+
     void pastTheBoundOfNames()
     {
+        QFETCH(int, names);
+        QFETCH(int, bytesInAll);
+        QFETCH(int, kept);
+        QFETCH(QString, reason);
         LogCapture log;
         TrelanBusSettings settings;
         settings.setConflateAbove(1);
-        settings.setMaxClientNames(3);
+        settings.setMaxClientNames(names);
+        settings.setMaxQueuedBytes(bytesInAll);
         settings.setMaxClientMessages(64); // as many as the window
         TestBus server(settings);
-        RawPeer writer(server, "writer"), query(server, "me"), messages;
-        QVERIFY(messages.connectTo(server.msgPort()));
+        RawPeer writer(server, "writer"), query(server, "me"), messages, other;
+        QVERIFY(messages.connectTo(server.msgPort()) && other.connectTo(server.msgPort()));
         QCOMPARE(messages.ask("handshake {'name':'me'}"), "0 ");
+        QCOMPARE(other.ask("handshake {'name':'other'}"), "0 "); // has less than its share
         QCOMPARE(query.ask("sub {'wc':'*'}"), "0 ");
         for (int i = 0; i < 67; ++i)
             QCOMPARE(writer.ask("pub {'nm':'event'}"), "0 ");
-        for (int i = 0; i < 5; ++i)
-            QCOMPARE(writer.ask("pub {'nm':'a." + QByteArray::number(i) + "','opt':2}"), "0 ");
+        const auto me = [&query] {
+            query.ask("clients {}");
+            return query.data().value("clients").toList()[0].toMap();
+        };
+        for (int i = 0; i < kept + 2; ++i) {
+            if (i == kept)
+                QCOMPARE(me()["queued"].toInt(), 64 + kept);
+            QCOMPARE(writer.ask("pub {'nm':'a." + QByteArray::number(1000 + i) + "','opt':2}"),
+                     "0 ");
+        }
         QVERIFY(messages.awaitEnd());
         const QStringList faults = log.faults();
         QCOMPARE(faults.size(), 3);
         QCOMPARE(faults[0], "warning: 1 notifications for \"me\" are dropped: its queue is full");
         QCOMPARE(faults[1], "warning: client \"me\" loses its subscriptions and its message "
-                            "connection: 3 objects wait for it at most");
+                            "connection: " +
+                                reason);
         QVERIFY2(faults[2].startsWith("warning: 2 notifications"), qPrintable(faults[2]));
-        QCOMPARE(query.ask("clients {}"), "0 ");
-        const QVariantMap me = query.data().value("clients").toList()[0].toMap();
-        QCOMPARE(me["connections"].toStringList().join(' '), "query");
-        QCOMPARE(me["subscriptions"].toInt() + me["queued"].toInt(), 0);
+        QCOMPARE(me()["connections"].toStringList().join(' '), "query");
+        QCOMPARE(me()["subscriptions"].toInt() + me()["queued"].toInt(), 0);
     }
 
     void expires()

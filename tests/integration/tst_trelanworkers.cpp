@@ -457,6 +457,7 @@ private Q_SLOTS:
         for (const QString where : {"client", "client exit", "client connected exit",
                                     "client connected", "noapp client exit", "client thread"})
             row(qPrintable(where), where);
+        row("workers that wait for each other", "main together");
         row("two workers", "two workers");
         row("two workers without main", "noapp two workers static");
 #ifndef __SANITIZE_THREAD__

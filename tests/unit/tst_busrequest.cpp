@@ -96,6 +96,21 @@ private Q_SLOTS:
             QCOMPARE(described(usual), expected);
     }
 
+    /// A line break for each bracket, and for each comma in between, with four blanks for each
+    /// level and three levels around the content.
+    void measures()
+    {
+        for (const QByteArray front : {"", "'x':100000000000000000000,"}) {
+            const payload::Request request = payload::decodeRequest(
+                packed("{" + front +
+                       "'operation':'pub','data':{'nm':'a','cnt':{'k':[1,{},'x'],'l':2}}}"),
+                1000);
+            QCOMPARE(request.isPublish, front.isEmpty());
+            QCOMPARE(request.measure.depth, 3);
+            QCOMPARE(request.measure.indentation, 3 * 17 + 4 * 21 + 2 * 25);
+        }
+    }
+
     /// What Qt writes is accepted, and what Qt cannot read is refused: it would go on to others.
     void oddTexts_data()
     {

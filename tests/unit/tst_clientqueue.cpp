@@ -135,6 +135,8 @@ private Q_SLOTS:
         row("a limit is over, and it is acknowledged", "!a send t1000 ~a send", "a", 0);
         row("32 KiB", "1a 1b 1c 1d send", "a b c", 4);
         row("room for the next", "1a 1b 1c 1d 1e send ~a send", "a b c d", 4);
+        row("room after a loss", "1a 1b 1c 1d send ~b send", "a b c a d", 3);
+        row("room after a restart", "1a 1b 1c send restart send", "a b c a b c", 3);
         row("large has to wait", "+a 7b send", "a", 2);
         row("large alone", "7a +b send", "a", 2);
     }

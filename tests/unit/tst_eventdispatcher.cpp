@@ -70,6 +70,8 @@ private slots:
         QElapsedTimer clock;
         clock.start();
         QEventLoop loop;
+        const QSignalSpy blocks(_dispatcher, &EventDispatcher::aboutToBlock);
+        const QSignalSpy awakes(_dispatcher, &EventDispatcher::awake);
         for (const int milliseconds : {30, 0, 20, 10}) {
             QTimer::singleShot(milliseconds, Qt::PreciseTimer, this, [&, milliseconds] {
                 order.append(milliseconds);
@@ -80,6 +82,8 @@ private slots:
         }
         loop.exec();
         QCOMPARE(order, QVector<int>({0, 10, 20, 30}));
+        QVERIFY(blocks.count() > 0);
+        QCOMPARE(blocks.count(), awakes.count());
     }
 
     void timersAreToldOf()

@@ -97,8 +97,12 @@ private Q_SLOTS:
         QVERIFY(passes("b"));
         init(interval); // forgets the line
         QVERIFY(passes("b"));
+        _now += pauses[0];
+        QVERIFY(passes("b"));
         init(interval);
         QVERIFY(passes("")); // the first line is no repeated one, even if it is empty
+        Creator::release();  // holds nothing back any more
+        QVERIFY(passes(""));
     }
 
     void wrongMethodNeitherDeadlocksNorRecurses()
