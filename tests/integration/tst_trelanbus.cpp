@@ -1,10 +1,6 @@
 #include <logcapture.h>
 #include <rawpeer.h>
 #include <testtable.h>
-#include <trelanqueryhandler.h>
-
-#include <atomic>
-#include <thread>
 
 using namespace bus;
 
@@ -272,32 +268,6 @@ private Q_SLOTS:
         QVERIFY(peer.send(large)); // the answer comes after that of the request before
         QCOMPARE(peer.receive(), "0 ");
         QCOMPARE(peer.ask("sub {'wc':'a'}"), "0 ");
-    }
-
-    void handlersInManyThreads()
-    {
-        LogCapture log;
-        TestBus server;
-        TrelanQueryHandler::setQueryPort(server.queryPort());
-        std::atomic_int done {0};
-        const auto work = [&done](const QString &name) {
-            TrelanQueryHandler handler(name);
-            TrelanObject object;
-            object.setName(name + ".n");
-            QMap<QString, TrelanObject> loaded;
-            bool ok = handler.open();
-            for (int i = 0; i < 10; ++i)
-                ok = ok && handler.publish(object) && handler.loadObjects(name + ".*", loaded);
-            done += ok && loaded.keys() == QStringList(object.name());
-        };
-        std::vector<std::thread> threads;
-        for (const char *name : {"a", "b", "c", "d"})
-            threads.emplace_back(work, QString(name));
-        work("the.one.that.started.the.bus");
-        for (std::thread &thread : threads)
-            thread.join();
-        QCOMPARE(done.load(), 5);
-        QCOMPARE(log.faults().join("\n"), QString());
     }
 };
 

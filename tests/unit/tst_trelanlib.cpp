@@ -9,26 +9,7 @@
 
 #include <appversionmanager.h>
 
-/// As in an application: the types in connect strings, compared as text, then lack the namespace.
-using bus::TrelanMessage;
-
 Q_DECLARE_METATYPE(const QMetaObject *)
-
-class Peer : public QObject
-{
-    Q_OBJECT
-public:
-    QString delivered;
-    QSemaphore done;
-public Q_SLOTS:
-    void receive(TrelanMessage message)
-    {
-        delivered = QThread::currentThread() == thread() ? message.message() : QString();
-        done.release();
-    }
-Q_SIGNALS:
-    void sendMessage(TrelanMessage message);
-};
 
 class tst_TrelanLib : public QObject
 {
@@ -100,25 +81,6 @@ private Q_SLOTS:
             QVERIFY2(index > last, slot);
             last = index;
         }
-    }
-
-    void queuedConnectionByName()
-    {
-        QThread thread;
-        Peer sender, receiver;
-        receiver.moveToThread(&thread);
-        connect(&sender, SIGNAL(sendMessage(TrelanMessage)), &receiver,
-                SLOT(receive(TrelanMessage)));
-        thread.start();
-
-        TrelanMessage message;
-        message.setMessage("hello");
-        emit sender.sendMessage(message);
-        const bool done = receiver.done.tryAcquire(1, 10000);
-        thread.quit();
-        thread.wait();
-        QVERIFY(done);
-        QCOMPARE(receiver.delivered, "hello");
     }
 
     void version()
