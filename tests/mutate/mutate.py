@@ -45,6 +45,7 @@ CONSTANT = re.compile(r"\bconst(?:expr)?\b.*?\b([A-Z][A-Z0-9_]+)\b\s*(?:=|\{)")
 # How long to wait for a test that usually takes this long: a fault may make it hang.
 PATIENCE = 3
 MORE_PATIENCE = 10
+LATE = re.compile(r": more than \d+ s$")
 
 
 def parse():
@@ -346,22 +347,28 @@ class Results:
         return entry
 
 
+def in_turns(found, wanted):
+    """Folder and mutant, so that every folder is done with the same share at any time."""
+    turns = [(place / max(1, wanted[folder]), folder, mutant)
+             for folder, mutants in found.items() for place, mutant in enumerate(mutants)]
+    return [turn[1:] for turn in sorted(turns, key=lambda turn: turn[:2])]
+
+
 def try_all(found, wanted, judge, results):
     """By folder, what came of the mutants: as many as wanted that compile."""
     done = {folder: [] for folder in found}
     total, number, start = sum(wanted.values()), 0, time.monotonic()
-    for folder, mutants in found.items():
-        for mutant in mutants:
-            if sum(entry["verdict"] != BROKEN for entry in done[folder]) == wanted[folder]:
-                break
-            entry = results.known.get(mutant.key())
-            if not entry:
-                entry = results.add(mutant, *judge.judge(mutant))
-                print(f"[{number + 1}/{total} {time.monotonic() - start:.0f} s] "
-                      f"{entry['verdict']} in {entry['seconds']} s: {entry['what']}"
-                      f"\n    {entry['reason']}".rstrip(), flush=True)
-            number += entry["verdict"] != BROKEN
-            done[folder].append(entry)
+    for folder, mutant in in_turns(found, wanted):
+        if sum(entry["verdict"] != BROKEN for entry in done[folder]) == wanted[folder]:
+            continue
+        entry = results.known.get(mutant.key())
+        if not entry:
+            entry = results.add(mutant, *judge.judge(mutant))
+            print(f"[{number + 1}/{total} {time.monotonic() - start:.0f} s] "
+                  f"{entry['verdict']} in {entry['seconds']} s: {entry['what']}"
+                  f"\n    {entry['reason']}".rstrip(), flush=True)
+        number += entry["verdict"] != BROKEN
+        done[folder].append(entry)
     return done
 
 
@@ -377,6 +384,8 @@ def report(done):
                   f"{100 * counts[ALIVE] / max(1, compiled):.1f}", counts[BROKEN]))
         if entries is not None:
             totals.update(counts)
+    late = sum(bool(LATE.search(entry["reason"])) for entries in done.values() for entry in entries)
+    print(f"\n{late} of them were killed by the time that a test took")
     print("\nalive:")
     for entries in done.values():
         for entry in entries:
