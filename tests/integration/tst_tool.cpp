@@ -313,6 +313,9 @@ private Q_SLOTS:
     {
         _at.setMsgPort(1);
         QVERIFY(runTool("watch x", _at).startsWith("3||trelanctl: no bus at 127.0.0.1:1\n"));
+        const QString bench = runTool("bench --seconds 0.001", _at);
+        QVERIFY2(bench.startsWith("3|") && bench.contains("no bus: no connection to port 1: "),
+                 qPrintable(bench));
         _bus.stop();
         const QString expected =
             QString("3||trelanctl: no bus at 127.0.0.1:%1\n").arg(_at.queryPort());

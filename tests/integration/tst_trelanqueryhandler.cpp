@@ -290,6 +290,8 @@ private Q_SLOTS:
         row("NUL", Server::frame({"[-REPLY-]\0z", 11}, payload), -1,
             incorrect + QString::fromLatin1("[-REPLY-]\0z", 11));
         row("line above 15 bytes", Server::frame("[-REPLY-]          ", payload), -1, nothing);
+        if (!PROMPT) // where the handler awaits the rest
+            row("one byte", "[", -1, incorrect + "[");
         row("header alone", "[-REPLY-]\r\n", -1, nothing);
         row("no size", "[-REPLY-]\r\nabc\r\n" + payload, -1, nothing);
         row("negative size", "[-REPLY-]\r\n-1\r\n", -1,

@@ -127,14 +127,15 @@ private slots:
             .text(keys::OBJECT_NAME, QByteArray("room 1"))
             .beginning();
         EnvelopeWriter(ending, 2)
-            .begin("empty")
+            .begin(std::string(100, 'k')) // more than an empty array has room for
             .end()
             .text(keys::UID, QString("\t"))
             .end()
             .success()
             .finish();
-        QByteArray expected = "{'data':{'cnt':[1],'dt':'-5','nm':'room 1','empty':{},"
-                              "'uid':'\\t'},'result':{'code':0,'description':''}}";
+        QByteArray expected = "{'data':{'cnt':[1],'dt':'-5','nm':'room 1','" +
+                              QByteArray(100, 'k') +
+                              "':{},'uid':'\\t'},'result':{'code':0,'description':''}}";
         QCOMPARE(beginning + ending, expected.replace('\'', '"'));
     }
 
