@@ -125,16 +125,19 @@ class Coverage:
         self.build = os.path.join(work, "counting")
         self.units = []
         self.lines = {}  # path: line: numbers of units
+        self.counted = {}  # path: lines with a counter, even if no unit runs them
 
     def measure(self, source, tree):
         path = os.path.join(self.work, "coverage.json")
         print("building the tests", flush=True)
         build_all(source, self.build, self.jobs)
         kept = json.loads(read(path)) if os.path.isfile(path) else {}
-        if kept.get("tree") != tree:
-            kept = {"tree": tree, "units": self._run_all()}
+        if kept.get("tree") != tree or "counted" not in kept:
+            units, counted = self._run_all()
+            kept = {"tree": tree, "units": units, "counted": counted}
             with open(path, "w", encoding="utf-8") as file:
                 json.dump(kept, file)
+        self.counted = {path: set(lines) for path, lines in kept["counted"].items()}
         for unit in suite.find_units(self.build):
             if unit.name not in kept["units"]:
                 continue
@@ -163,7 +166,8 @@ class Coverage:
         print(f"running {len(units)} tests for the lines that they cover", flush=True)
         with concurrent.futures.ThreadPoolExecutor(self.jobs) as pool:
             list(pool.map(judge, units))
-        return results
+        return results, {path: sorted(lines) for path, lines in counters.counted.items()
+                         if folder_of(path)}
 
     def plan(self, path, numbers, budget):
         """The tests to run for a file, in this order: its own, and others within the budget."""
@@ -209,12 +213,12 @@ class Mutant:
 def covering(path, line, code_lines, coverage, uses):
     """Numbers of the units that run a line. A statement of several lines has counters at some of
     them only; a constant is covered where it is used."""
-    lines = coverage.lines.get(path, {})
+    lines, counted = coverage.lines.get(path, {}), coverage.counted.get(path, ())
     constant = CONSTANT.search(code_lines[line - 1])
     if constant:
         return {number for user, at in uses[constant[1]]
                 for number in coverage.lines.get(user, {}).get(at, ())}
-    while line not in lines and line > 1 and not code_lines[line - 2].rstrip().endswith(
+    while line not in counted and line > 1 and not code_lines[line - 2].rstrip().endswith(
             (";", "{", "}", ":")) and code_lines[line - 2].strip():
         line -= 1
     return set(lines.get(line, ()))

@@ -131,6 +131,7 @@ class Counters:
     def __init__(self, build):
         self.build = build
         self.known = {}  # of a file and its content: path: lines
+        self.counted = {}  # path: lines with a counter, even if nothing has run them
 
     def covered(self, folder):
         """Which lines of which sources of the libraries were run."""
@@ -162,6 +163,9 @@ class Counters:
                                capture_output=True, text=True, check=True, cwd=folder)
         for report in filter(None, shown.stdout.splitlines()):
             entry = json.loads(report)
+            for file in entry["files"]:
+                self.counted.setdefault(file["file"], set()).update(
+                    line["line_number"] for line in file["lines"])
             self.known[unknown[entry["data_file"]]] = {
                 file["file"]: [line["line_number"] for line in file["lines"] if line["count"] > 0]
                 for file in entry["files"]}
