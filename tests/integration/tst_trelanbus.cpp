@@ -38,6 +38,7 @@ private Q_SLOTS:
         rows("2 \"opt\" has to be a number", {"pub {'nm':'a','opt':'2'}"});
         rows("2 \"dt\" has to be a string", {"pub {'nm':'a','dt':[]}"});
         rows("2 there is no object \"no.such\"", {"loadObject {'nm':'no.such'}"});
+        rows("2 there is no object \"\\\"\\\\\"", {"loadObject {'nm':'\\'\\\\'}"});
         rows("2 \"wc\" has to be a string", {"loadObjects {}", "sub {'wc':1}"});
         rows("2 \"objects\" has to be an array of strings",
              {"rm {'objects':'a'}", "rm {'objects':[1]}"});
