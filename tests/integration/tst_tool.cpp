@@ -281,6 +281,14 @@ private Q_SLOTS:
         QCOMPARE(other.end(SIGINT), 0);
     }
 
+    void breaksAMeasurementOff()
+    {
+        RunningTool bench("bench --seconds 1000", _at);
+        AWAIT(runTool("clients", _at).contains("trelanctl-bench-"));
+        QCOMPARE(bench.end(SIGINT), 1);
+        QVERIFY2(bench.err.contains("interrupted"), bench.err);
+    }
+
     void survivesARestart()
     {
         RunningTool watch("watch 'r.*'", _at);

@@ -20,11 +20,12 @@ using namespace bus;
 namespace
 {
 
+const QString LARGE = noise(30000).first().toString();
+
 /// Makes a sender send its number \a i: an object, a message, or a command, to the reader or to
 /// everybody, now and then with a content of 5 to 40 KB.
 bool sendOne(TrelanQueryHandler &handler, int i)
 {
-    static const QString LARGE = noise(30000).first().toString();
     QVariantMap content {{"i", i}, {"from", handler.clientName()}};
     if (i % 1001 == 1000)
         content.insert("large", LARGE.left(5000 + (i * 37) % 35000));
@@ -148,6 +149,20 @@ private Q_SLOTS:
             QCOMPARE(message.value("msg").toString(), QString::number(i));
             QVERIFY(newer.acknowledge(message));
         }
+    }
+
+    void moreAheadForAPromptReader()
+    {
+        TestBus server;
+        RawPeer query(server, "me"), messages;
+        QVERIFY(messages.connectTo(server.msgPort()));
+        QCOMPARE(messages.ask("handshake {'name':'me','prompt':true}"), "0 ");
+        for (int i = 0; i < 3; ++i) {
+            const QVariantMap data {{"r", "me"}, {"uid", QString::number(i)}, {"msg", LARGE}};
+            QVERIFY(query.send(RawPeer::frame("sendMessage", data)) && query.receive() == "0 ");
+        }
+        for (int i = 0; i < 3; ++i) // without acknowledgements
+            QCOMPARE(messages.receiveDelivery()["uid"].toString(), QString::number(i));
     }
 
     void nothingWaitsForATransientClient()

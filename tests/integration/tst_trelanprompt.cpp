@@ -493,6 +493,9 @@ private Q_SLOTS:
         QVERIFY(server.waitForNewConnection(30000));
         QTcpSocket *peer = server.nextPendingConnection();
         QTRY_COMPARE(peer->peek(9), QByteArray("abc"));
+        QVERIFY(peer->write("1") == 1 && peer->flush() && socket.waitForReadyRead());
+        QVERIFY(peer->write("2") == 1 && peer->flush());
+        QCOMPARE(direct::take(socket), QByteArray()); // "1" is with Qt, and comes first
     }
 
     void comesBackSlower()

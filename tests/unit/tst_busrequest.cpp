@@ -68,6 +68,7 @@ private Q_SLOTS:
         row("content is a list", "{'nm':'a','dt':'1','cnt':[]}", {});
         row("options are a text", "{'nm':'a','dt':'1','opt':'1'}", {});
         row("key twice", "{'nm':'a','dt':'1','cnt':{'k':1,'l':{'m':1,'m':2}}}", {});
+        row("key twice beside the content", "{'nm':'a','dt':'1','dt':'2'}", {});
         row("key twice, escaped", "{'nm':'a','dt':'1','cnt':{'k':1,'\\u006b':2}}", {});
         row("long id", "{'nm':'a','dt':'1','uid':'" + QByteArray(1025, 'u') + "'}", {});
         row("too small a number", "{'nm':'a','dt':'1','cnt':{'k':1e-999}}", {});
