@@ -103,6 +103,8 @@ private slots:
         object->startTimer(50000);
         QVERIFY(_dispatcher->unregisterTimers(object.get()));
         QVERIFY(!_dispatcher->unregisterTimers(object.get()));
+        turn();
+        QVERIFY(!_dispatcher->processEvents({})); // there is nothing to do
     }
 
     void aTimerOfNoTimeRunsOnceATurn()
