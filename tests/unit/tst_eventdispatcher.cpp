@@ -174,6 +174,7 @@ private slots:
         QCOMPARE(afterATurn(), "rw"); // the bytes are still unread
         write.setEnabled(false);
         QCOMPARE(afterATurn(), "r");
+        QVERIFY(_dispatcher->hasPendingEvents());
         pair.read(0);
         QCOMPARE(afterATurn(), "");
         read.setEnabled(false);
