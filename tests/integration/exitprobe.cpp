@@ -91,9 +91,9 @@ int runClients(const QByteArray &what, quint16 messagePort, quint16 queryPort)
         heap->waitForConnected();
     if (what.contains("thread"))
         QObject::connect(heap, &bus::TrelanClient::stateChanged, [] { std::exit(OK); });
-    if (what.contains("thread"))
+    if (what.contains("thread") && !heap->state().isConnected()) // else it was told before
         ::pause();
-    if (what.contains("exit"))
+    if (what.contains("exit") || what.contains("thread"))
         std::exit(OK);
     return OK; // which leaves the client on the heap
 }

@@ -56,6 +56,8 @@ public:
     /// Sends \a signal and returns the exit code; -1 if the tool does not end by itself.
     int end(int signal)
     {
+        if (processId() == 0) // it has ended: 0 would be every process of this test's group
+            return -1;
         ::kill(pid_t(processId()), signal);
         return waitForFinished() && exitStatus() == NormalExit ? exitCode() : -1;
     }
@@ -279,7 +281,9 @@ private Q_SLOTS:
         RunningTool other("logs", _at); // takes the name over
         AWAIT(logs.state() == QProcess::NotRunning);
         QVERIFY2(logs.err.contains("has taken the name 'logger' over, from "), logs.err);
-        QCOMPARE(other.end(SIGINT), 0);
+        // The loser's message channel may take the name back before its query channel has noticed.
+        QVERIFY2(other.end(SIGINT) == 0 || other.err.contains("has taken the name 'logger' over"),
+                 other.err);
     }
 
     void breaksAMeasurementOff()
