@@ -2,6 +2,7 @@
 
 #include "client/clientlog.h"
 #include "client/opencall.h"
+#include "codec/publishrequest.h"
 #include "codec/replies.h"
 #include "trelanframe.h"
 #include "values/uids.h"
@@ -238,11 +239,10 @@ QByteArray ClientEngine::frameOf(Operation &operation) const
 {
     if (!operation.message)
         return operation.frame;
-    QVariantMap data = operation.message->toVariantMap();
-    if (!operation.message->isStored() && _session.features().has(features::LIMIT))
-        data.insert(keys::MESSAGE_LIMIT,
-                    qBound<qint64>(1, operation.deadline - steadyNow(), MAX_LIMIT_MS));
-    return request(operations::SEND_MESSAGE, data);
+    const bool isLimited =
+        !operation.message->isStored() && _session.features().has(features::LIMIT);
+    const qint64 left = qBound<qint64>(1, operation.deadline - steadyNow(), MAX_LIMIT_MS);
+    return requests::message(*operation.message, isLimited ? left : 0);
 }
 
 void ClientEngine::onReply(const Operation::Ref &operation, const AskingChannel::Reply &reply)

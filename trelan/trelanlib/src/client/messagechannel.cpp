@@ -6,6 +6,8 @@
 
 #include <wirekeys.h>
 
+#include <QtCore/QStringBuilder>
+
 namespace bus
 {
 
@@ -104,7 +106,7 @@ void MessageChannel::takeMessage(const TrelanMessage &message)
 {
     // Repeated ones are acknowledged, too, so that the bus stops sending them.
     _link.sendTogether(pushes::acknowledgement(message, TrelanTransport::Light));
-    const QString key = message.msgKey();
+    const QString key = message.sender() % QLatin1Char('.') % message.uid();
     // contains() and never object(), which would count as a use: the oldest key goes first.
     if (_seen.contains(key))
         return;

@@ -1,6 +1,7 @@
 #include "codec/publishrequest.h"
 
 #include "trelanframe.h"
+#include "trelanmessage.h"
 #include "trelanobject.h"
 #include "values/uids.h"
 
@@ -57,6 +58,24 @@ QByteArray publish(TrelanObject object, TrelanTransport::Coding coding, Uid uid)
     return TrelanFrame::encode(TrelanFrame::Request,
                                TrelanFrame::request(operations::PUBLISH, object.toVariantMap()),
                                coding);
+}
+
+QByteArray message(const TrelanMessage &message, qint64 limit)
+{
+    static thread_local QByteArray _text;
+    const Scratch scratch(_text);
+    EnvelopeWriter writer(_text);
+    writer.begin(keys::DATA).time(keys::TIME, message.timestamp().toMSecsSinceEpoch());
+    if (limit > 0)
+        writer.number(keys::MESSAGE_LIMIT, limit);
+    return writer.text(keys::MESSAGE_TEXT, message.message())
+        .number(keys::MESSAGE_OPTIONS, int(message.options()))
+        .text(keys::MESSAGE_RECIEVER, message.reciever())
+        .text(keys::MESSAGE_SENDER, message.sender())
+        .text(keys::UID, message.uid())
+        .end()
+        .text(keys::OPERATION, operations::SEND_MESSAGE)
+        .frame(frameformat::REQUEST);
 }
 
 } // namespace bus::requests
