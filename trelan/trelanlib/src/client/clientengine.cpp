@@ -116,13 +116,11 @@ Operation::Ref ClientEngine::makeCall(ClientDoor &door, TrelanCommand call,
 {
     const Operation::Ref operation = makeOperation(options);
     call.setUid(uids::random());
-    TrelanMessage message;
-    const bool hasReceiver = call.toTrelanMessage(message);
-    message.setStored(false); // nobody is to be called when nobody waits any more
+    const TrelanMessage message = messageOf(call);
     operation->message = message;
     operation->call = message.uid();
     operation->cost = message.message().size();
-    if (hasReceiver) {
+    if (call.hasDestination()) {
         door.post(operation, [operation](ClientEngine &engine) { engine.begin(operation); });
     } else {
         operation->state->fail({TrelanFailure::Refused, QStringLiteral("a call needs a receiver"),

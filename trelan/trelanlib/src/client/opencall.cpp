@@ -4,10 +4,27 @@
 #include "client/clientengine.h"
 #include "values/uids.h"
 
+#include <jsonwriter.h>
+
 namespace bus
 {
 
 const QString ERROR_PARAMETER = QStringLiteral("error");
+
+TrelanMessage messageOf(const TrelanCommand &command)
+{
+    TrelanCommand bare(command);
+    bare.setParams({}); // written below
+    TrelanMessage message;
+    bare.toTrelanMessage(message);
+    message.setStored(false);
+    QVariantMap call {{TrelanCommand::MSG_NAME_HD, command.name()},
+                      {TrelanCommand::MSG_PARAMS_HD, command.params()}};
+    if (!command.parentUid().isEmpty())
+        call.insert(TrelanCommand::PARENT_UID_HD, command.parentUid());
+    message.setMessage(QString::fromUtf8(json::exact({{TrelanCommand::MSG_CMD_HD, call}})));
+    return message;
+}
 
 TrelanMessage answerTo(const TrelanCommand &call, const QVariantMap &result)
 {
@@ -17,10 +34,7 @@ TrelanMessage answerTo(const TrelanCommand &call, const QVariantMap &result)
     answer.setParentUid(call.uid());
     answer.setReciever(call.sender());
     answer.setUid(uids::random());
-    TrelanMessage message;
-    answer.toTrelanMessage(message);
-    message.setStored(false);
-    return message;
+    return messageOf(answer);
 }
 
 OpenCall::OpenCall(const TrelanCommand &command, const std::weak_ptr<ClientDoor> &door,

@@ -38,6 +38,10 @@ private:
 /// The parameter of an answer that says that the call has failed.
 extern const QString ERROR_PARAMETER;
 
+/// The message of a call or an answer, which is not stored: nobody is to be called when nobody
+/// waits any more. Whole numbers are written exactly.
+TrelanMessage messageOf(const TrelanCommand &command);
+
 /// The message that answers \a call, which does not wait where the caller is not connected.
 TrelanMessage answerTo(const TrelanCommand &call, const QVariantMap &result);
 
