@@ -13,10 +13,18 @@ import zlib
 from unittest import mock
 
 import trelan
-from peer import VALUES
 from support import LIMIT, BusTest, Peer
 from trelan import policy
 from trelan.values import command_text
+
+VALUES = {
+    "null": None, "true": True, "list": [1, [], {}, [{"a": [None]}]], "object": {"": {"b": {}}},
+    "whole": [0, -1, 2 ** 53 + 1, 2 ** 63 - 1, -2 ** 63, 2 ** 64 - 1],
+    "double": [0.1, -2.5, 1e-7, 1.7976931348623157e308, 5e-324, 1e22],
+    "text": ["", "\0", "\"\\/\b\f\n\r\t\x1f\x7f", "Grüße 世界 \U0001f680", "\u2028\ufeff"],
+    "Gr\u00fc\u00dfe \U0001f680": "key",
+}
+"""Every kind of value, with the edges of numbers and of Unicode."""
 
 
 class Operations(BusTest):

@@ -7,11 +7,9 @@ import subprocess
 import sys
 import unittest
 
-from peer import VALUES
 from support import BusTest
 
 EXAMPLES = pathlib.Path(__file__).resolve().parents[2] / "examples/python"
-PEER = pathlib.Path(__file__).resolve().parent / "peer.py"
 RUN = """
 import functools, json, runpy, sys, trelan
 trelan.connect = functools.partial(trelan.connect, **json.loads(sys.argv[1]))
@@ -54,23 +52,6 @@ class Examples(BusTest):
             self.assertEqual(await bus.call("files", "count", {"list": [1]}), {"n": 1})
             self.assertEqual(await self.line(await self.example("call.py")), "2")
             self.assertIsNone(serve.returncode)
-
-    async def test_peer(self):
-        """The side of Python in talks with other clients; the tool is the other side here."""
-        ports = [str(port) for port in self.daemon.ports.values()]
-        peer = await self.start(str(PEER), "peer", *ports)
-        self.assertEqual(await self.line(peer), "ready")
-        await self.control("send", "peer", "Gr\u00fc\u00dfe \U0001f680")
-        self.assertEqual(json.loads(await self.line(peer))["text"], "Gr\u00fc\u00dfe \U0001f680")
-        given = json.dumps({"text": VALUES["text"][3:], "n": -2 ** 53})
-        answer = await self.control("--json", "call", "peer", "echo", f"all={given}")
-        self.assertEqual(json.loads(answer)["parameters"]["all"], json.loads(given))
-        await self.control("pub", "to.peer", "n=1")
-        said = json.loads(await self.line(peer))
-        self.assertEqual((said["kind"], said["name"], said["content"]),
-                         ("changed", "to.peer", {"n": 1}))
-        values = json.loads(await self.control("--json", "get", "peer.values"))["content"]
-        self.assertEqual(values["text"], VALUES["text"])
 
     async def until_there(self, name):
         """Waits until a client is on the bus."""
