@@ -410,6 +410,28 @@ private Q_SLOTS:
         QVERIFY(seen.told.contains(QString("x.a=%1").arg(CHANGES)));
     }
 
+    /// A function that runs an event loop is told the rest in order, and nothing older afterwards.
+    void valuesStayInOrderInNestedLoops()
+    {
+        Bus bus;
+        TrelanClient writer("writer", bus.settings()), reader("reader", bus.settings());
+        QObject context;
+        QList<int> told;
+        const auto take = [&](const TrelanObject &object) {
+            told << object.content().value("n").toInt();
+            if (told.size() > 1)
+                return;
+            writer.publish("x", n(3));
+            QTRY_VERIFY(told.contains(3));
+        };
+        QVERIFY(reader.watch("x", &context, take).wait(LONG_MS));
+        writer.publish("x", n(1));
+        QCOMPARE(outcome(writer.publish("x", n(2))), TrelanFailure::None);
+        // The watch of another wildcard is whole after the values before it have arrived.
+        QVERIFY(reader.watch("z", &context, [](const TrelanObject &) {}).wait(LONG_MS));
+        QTRY_COMPARE(told, (QList<int> {1, 2, 3}));
+    }
+
     void boundsAreKept()
     {
         Bus bus;

@@ -26,8 +26,13 @@ void WatchMailbox::connectTo(const QObject *context, const Changed &changed, con
         const std::shared_ptr<WatchMailbox> mailbox = self.lock();
         if (!mailbox)
             return;
-        const std::deque<Item> items = mailbox->take();
-        for (const Item &item : items) {
+        // What a function that runs an event loop has left over comes before what has come since.
+        std::deque<Item> &items = mailbox->_handedOver;
+        for (Item &item : mailbox->take())
+            items.push_back(std::move(item));
+        while (!items.empty()) {
+            const Item item = std::move(items.front());
+            items.pop_front();
             if (mailbox->_isClosed || !alive)
                 return;
             if (item.kind == Item::Removal && removed)

@@ -54,13 +54,14 @@ private:
     std::deque<Item> take();
 
     std::atomic<bool> _isClosed {false};
-    std::mutex _mutex; // guards the members below
+    std::mutex _mutex; // guards the members down to the last but one
     std::deque<Item> _items;
     QHash<QString, size_t> _places; // of the last item of each stored object
     size_t _events = 0;             // among the items
     size_t _oldestEvent = 0;        // no event is before this place
     size_t _dropped = 0;            // among the items
     bool _hasLost = false;          // events, and the log does not say so yet
+    std::deque<Item> _handedOver;   // of the thread of the context alone, so that no mutex guards it
 };
 
 } // namespace bus
