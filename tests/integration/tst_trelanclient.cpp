@@ -390,6 +390,26 @@ private Q_SLOTS:
         QCOMPARE(clients.result()[0].toMap().value("subscriptions").toInt(), 40);
     }
 
+    /// More than the bus would tell at a time, on the first connection and on the next.
+    void manyWatches()
+    {
+        constexpr int WATCHES = 250;
+        Bus bus;
+        TrelanClient client("client", bus.settings());
+        Seen seen;
+        QList<TrelanWatch> watches;
+        for (int i = 0; i < WATCHES; ++i)
+            watches << seen.watch(client, QString("x%1").arg(i));
+        for (const TrelanWatch &watch : watches)
+            QCOMPARE(outcome(watch), TrelanFailure::None);
+        bus.stop();
+        QTRY_COMPARE(client.state().status(), TrelanConnectionState::Away);
+        bus.start();
+        for (int i = 0; i < WATCHES; ++i)
+            client.publish(QString("x%1").arg(i), n(1), TrelanOptions().orWaitForBus());
+        QTRY_COMPARE(seen.told.size(), WATCHES);
+    }
+
     /// A context that does not get at its events skips values, and ends with the newest ones.
     void slowContextSkipsValues()
     {

@@ -20,6 +20,7 @@ namespace
 constexpr qint64 MAX_LIMIT_MS = 3600000;
 constexpr int FIRST_PRUNE = 16; // watches
 constexpr int MAX_OPEN_CALLS = 1000;
+constexpr int MAX_ROUNDS = 32; // a bus refuses many markers at a time
 
 QByteArray request(const QString &operation, const QVariantMap &data)
 {
@@ -164,8 +165,10 @@ void ClientEngine::onUp()
     _instance = instance;
     _wasUp = true;
     _door->setLimitKnown(_session.features().has(features::LIMIT));
-    while (const Operation::Ref operation = _outbox.takeNext())
-        submit(operation);
+    while (_session.isUp() && !_outbox.isEmpty()) { // a connection may be lost by sending
+        if (const Operation::Ref operation = _outbox.takeNext())
+            submit(operation);
+    }
     if (isRestarted && _settings.keep())
         publishAgain();
     pruneWatches();
@@ -178,6 +181,7 @@ void ClientEngine::onUp()
 void ClientEngine::onDown()
 {
     _watches.endRounds();
+    _toSubscribe.clear();
     const auto calls = std::exchange(_calls, {});
     for (const Operation::Ref &operation : calls)
         onLost(operation);
@@ -205,7 +209,8 @@ void ClientEngine::onArrived(const TrelanMessage &message)
     case Incoming::Removal:
         return _watches.takeRemoval(incoming.name);
     case Incoming::Told:
-        return _watches.takeTold(incoming.name);
+        _watches.takeTold(incoming.name);
+        return subscribeNext();
     case Incoming::Command:
         if (incoming.command.parentUid().isEmpty())
             takeCall(incoming.command);
@@ -360,6 +365,23 @@ void ClientEngine::watch(WatchTable::Number number, const QString &wildcard,
 
 void ClientEngine::subscribe(const QString &wildcard)
 {
+    _toSubscribe.enqueue(wildcard);
+    subscribeNext();
+}
+
+void ClientEngine::subscribeNext()
+{
+    while (_session.isUp() && !_toSubscribe.isEmpty() && _watches.openRounds() < MAX_ROUNDS) {
+        const QString wildcard = _toSubscribe.dequeue();
+        const quint64 round = _watches.beginRound(wildcard);
+        if (round != 0)
+            ask(wildcard, round);
+    }
+}
+
+/// Asks the bus for what begins with this round.
+void ClientEngine::ask(const QString &wildcard, quint64 round)
+{
     const BusFeatures &features = _session.features();
     const bool tells = features.has(features::NOW) && features.has(features::TOLD);
     QVariantMap data {{keys::WILDCARD, wildcard}};
@@ -369,7 +391,6 @@ void ClientEngine::subscribe(const QString &wildcard)
     }
     if (features.has(features::REMOVALS))
         data.insert(keys::REMOVALS, true);
-    const quint64 round = _watches.beginRound(wildcard);
     _session.queries().ask(request(operations::SUBSCRIBE, data),
                            [this, wildcard, round](const AskingChannel::Reply &reply) {
                                if (reply.isThere && !reply.isYes())
@@ -389,6 +410,7 @@ void ClientEngine::load(const QString &wildcard, quint64 round)
             return refuseWatches(wildcard, round, reply.error);
         _watches.takeLoaded(wildcard, replies::objects(reply.data));
         _watches.takeTold(wildcard);
+        subscribeNext();
     };
     _session.queries().ask(request(operations::LOAD_OBJECTS, {{keys::WILDCARD, wildcard}}), take);
 }
@@ -409,6 +431,7 @@ void ClientEngine::refuseWatches(const QString &wildcard, quint64 round, const T
         if (entry.whole)
             fail(entry.whole, failure);
     }
+    subscribeNext();
 }
 
 void ClientEngine::unwatch(WatchTable::Number number, const Operation::Ref &operation)

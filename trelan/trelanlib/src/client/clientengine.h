@@ -12,6 +12,7 @@
 
 #include <QtCore/QHash>
 #include <QtCore/QObject>
+#include <QtCore/QQueue>
 #include <QtCore/QString>
 
 #include <memory>
@@ -90,6 +91,8 @@ private:
     void end(const Operation::Ref &operation);
 
     void subscribe(const QString &wildcard);
+    void subscribeNext();
+    void ask(const QString &wildcard, quint64 round);
     void load(const QString &wildcard, quint64 round);
     void refuseWatches(const QString &wildcard, quint64 round, const TrelanError &error);
     void unsubscribe(const QString &wildcard, const Operation::Ref &operation);
@@ -114,6 +117,7 @@ private:
     Outbox _outbox;
     QHash<QString, Operation::Ref> _calls; // that wait for an answer, by uid
     WatchTable _watches;
+    QQueue<QString> _toSubscribe; // wildcards
     QHash<WatchTable::Number, WatchEntry> _watchEntries;
     int _pruneAbove = 0;                                  // watches
     QHash<QString, std::shared_ptr<CallMailbox>> _served; // by command

@@ -61,7 +61,7 @@ private:
     size_t _oldestEvent = 0;        // no event is before this place
     size_t _dropped = 0;            // among the items
     bool _hasLost = false;          // events, and the log does not say so yet
-    std::deque<Item> _handedOver;   // of the thread of the context alone, so that no mutex guards it
+    std::deque<Item> _handedOver; // of the thread of the context alone, so that no mutex guards it
 };
 
 } // namespace bus

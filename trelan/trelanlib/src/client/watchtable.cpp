@@ -38,6 +38,9 @@ quint64 WatchTable::beginRound(const QString &wildcard)
         watch->isInRound = true;
         members.append(watch.key());
     }
+    if (members.isEmpty())
+        return 0;
+    ++_openRounds;
     _rounds[wildcard].append({++_lastRound, members});
     return _lastRound;
 }
@@ -47,8 +50,10 @@ QVector<WatchTable::Number> WatchTable::refuseRound(const QString &wildcard, qui
     QVector<Number> refused;
     QList<Round> &rounds = _rounds[wildcard];
     for (int i = 0; i < rounds.size(); ++i) {
-        if (rounds.at(i).number == round)
+        if (rounds.at(i).number == round) {
             refused = rounds.takeAt(i--).members;
+            --_openRounds;
+        }
     }
     if (rounds.isEmpty())
         _rounds.remove(wildcard);
@@ -60,6 +65,7 @@ QVector<WatchTable::Number> WatchTable::refuseRound(const QString &wildcard, qui
 void WatchTable::endRounds()
 {
     _rounds.clear();
+    _openRounds = 0;
     for (Watch &watch : _watches) {
         watch.told.clear();
         watch.isWhole = false;
@@ -131,6 +137,7 @@ void WatchTable::takeTold(const QString &wildcard)
     if (rounds == _rounds.end())
         return;
     const QVector<Number> members = rounds->takeFirst().members;
+    --_openRounds;
     if (rounds->isEmpty())
         _rounds.erase(rounds);
     for (const Number number : members) {

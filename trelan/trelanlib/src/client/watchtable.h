@@ -46,10 +46,13 @@ public:
     QStringList wildcards() const;
 
     /// The bus was asked for the values of \a wildcard: those of its watches that are not whole
-    /// become so by the answer. Returns the number of the round.
+    /// become so by the answer. Returns the number of the round; 0 if there is no such watch, and
+    /// nothing to ask.
     quint64 beginRound(const QString &wildcard);
     /// The bus has refused that: the watches of the round end. Returns them.
     QVector<Number> refuseRound(const QString &wildcard, quint64 round);
+    /// How many rounds have begun and not ended.
+    int openRounds() const { return _openRounds; }
     /// The connection has ended, and with it what was asked. All watches want a round on the next.
     void endRounds();
 
@@ -86,6 +89,7 @@ private:
 
     QMap<Number, Watch> _watches;         // in the order in which they were made
     QHash<QString, QList<Round>> _rounds; // by wildcard, the oldest first
+    int _openRounds = 0;                  // of all wildcards
     quint64 _lastRound = 0;
 };
 
