@@ -222,7 +222,11 @@ TrelanWatch TrelanClient::watchObjects(const QString &wildcard, const QObject *c
 {
     const quint64 number = ++d->_lastWatch;
     const auto mailbox = std::make_shared<WatchMailbox>();
-    mailbox->connectTo(context, changed, removed);
+    const auto unwatch = [number, door = std::weak_ptr(d->_door)] {
+        if (const std::shared_ptr<ClientDoor> open = door.lock())
+            open->post([number](ClientEngine &engine) { engine.unwatch(number, nullptr); });
+    };
+    mailbox->connectTo(context, changed, removed, unwatch);
     const Operation::Ref operation = ClientEngine::makeOperation({});
     d->_door->post(operation, [number, wildcard, mailbox, operation](ClientEngine &engine) {
         engine.watch(number, wildcard, mailbox, operation);

@@ -101,6 +101,8 @@ void AskingChannel::onFrame(FrameLink &, TrelanFrame::Kind kind, const QByteArra
     if (!_asked.isEmpty()) // which the bus has not begun before
         _asked.head().at = _clock.elapsed();
     oldest.done(reply);
+    if (_asked.isEmpty())
+        emit idle();
 }
 
 void AskingChannel::onLost(FrameLink &, const QString &reason)

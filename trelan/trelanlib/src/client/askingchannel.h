@@ -61,6 +61,8 @@ public:
 
 Q_SIGNALS:
     void connected();
+    /// The last reply that was waited for has been handed on.
+    void idle();
     /// The connection could not be made, or was lost.
     void lost(const QString &reason);
 

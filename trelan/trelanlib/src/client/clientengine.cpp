@@ -18,7 +18,6 @@ namespace
 {
 
 constexpr qint64 MAX_LIMIT_MS = 3600000;
-constexpr int FIRST_PRUNE = 16; // watches
 constexpr int MAX_OPEN_CALLS = 1000;
 constexpr int MAX_ROUNDS = 32; // a bus refuses many markers at a time
 
@@ -43,11 +42,11 @@ ClientEngine::ClientEngine(const QString &clientName, const TrelanClientSettings
     , _door(door)
     , _events(events)
     , _session(clientName, settings)
-    , _pruneAbove(FIRST_PRUNE)
     , _openCalls(std::make_shared<std::atomic<int>>(0))
 {
     connect(&_session, &BusSession::up, this, &ClientEngine::onUp);
     connect(&_session, &BusSession::down, this, &ClientEngine::onDown);
+    connect(&_session.queries(), &AskingChannel::idle, this, &ClientEngine::reportIfIdle);
     connect(&_session, &BusSession::arrived, this, &ClientEngine::onArrived);
     connect(&_session, &BusSession::stateChanged, this, [this](const TrelanConnectionState &state) {
         _door->setState(state);
@@ -88,7 +87,12 @@ void ClientEngine::stop()
 void ClientEngine::wake()
 {
     QMetaObject::invokeMethod(
-        this, [this] { _door->runTasks(*this); }, Qt::QueuedConnection);
+        this,
+        [this] {
+            _door->runTasks(*this);
+            reportIfIdle();
+        },
+        Qt::QueuedConnection);
 }
 
 Operation::Ref ClientEngine::makeOperation(const TrelanOptions &options)
@@ -145,12 +149,6 @@ void ClientEngine::begin(const Operation::Ref &operation)
         wait(operation);
 }
 
-void ClientEngine::reportIdle()
-{
-    _reportsIdle = true;
-    reportIfIdle();
-}
-
 void ClientEngine::reportIfIdle()
 {
     const bool isIdle = _session.isUp() ? _session.queries().isIdle() : !_session.isFirstAttempt();
@@ -171,7 +169,6 @@ void ClientEngine::onUp()
     }
     if (isRestarted && _settings.keep())
         publishAgain();
-    pruneWatches();
     const QStringList wildcards = _watches.wildcards();
     for (const QString &wildcard : wildcards)
         subscribe(wildcard);
@@ -250,7 +247,6 @@ QByteArray ClientEngine::frameOf(Operation &operation) const
 
 void ClientEngine::onReply(const Operation::Ref &operation, const AskingChannel::Reply &reply)
 {
-    reportIfIdle();
     if (operation->isOver)
         return;
     if (!reply.isThere)
@@ -338,10 +334,9 @@ void ClientEngine::watch(WatchTable::Number number, const QString &wildcard,
                          const std::shared_ptr<WatchMailbox> &mailbox,
                          const Operation::Ref &operation)
 {
-    if (_watches.count() >= _pruneAbove) {
-        pruneWatches();
-        _pruneAbove = qMax(FIRST_PRUNE, 2 * _watches.count());
-    }
+    if (!mailbox->isConnected())
+        return fail(operation,
+                    {TrelanFailure::Refused, QStringLiteral("the watch has ended already")});
     operation->place = _deadlines.add(operation->deadline, [this, operation] {
         fail(operation, {TrelanFailure::TimedOut, QStringLiteral("the watch is not whole yet")});
     });
@@ -458,17 +453,6 @@ void ClientEngine::unsubscribe(const QString &wildcard, const Operation::Ref &op
     };
     _session.queries().ask(request(operations::UNSUBSCRIBE, {{keys::WILDCARD, wildcard}}),
                            answered);
-}
-
-/// Ends the watches whose contexts are gone.
-void ClientEngine::pruneWatches()
-{
-    const QList<WatchTable::Number> numbers = _watches.numbers();
-    for (const WatchTable::Number number : numbers) {
-        const auto entry = _watchEntries.constFind(number);
-        if (entry == _watchEntries.constEnd() || !entry->mailbox->isConnected())
-            unwatch(number, nullptr);
-    }
 }
 
 /// What this bus does not have is published again, unless it was meanwhile.

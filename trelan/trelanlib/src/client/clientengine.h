@@ -70,7 +70,7 @@ public:
     void serve(const QString &command, const std::shared_ptr<CallMailbox> &function);
     void stopServing(const QString &command);
     /// From now on the door is told when nothing is asked that has no answer.
-    void reportIdle();
+    void reportIdle() { _reportsIdle = true; }
     /// @}
 
 private:
@@ -96,7 +96,6 @@ private:
     void load(const QString &wildcard, quint64 round);
     void refuseWatches(const QString &wildcard, quint64 round, const TrelanError &error);
     void unsubscribe(const QString &wildcard, const Operation::Ref &operation);
-    void pruneWatches();
     void publishAgain();
 
     void takeObject(const Incoming &incoming);
@@ -119,7 +118,6 @@ private:
     WatchTable _watches;
     QQueue<QString> _toSubscribe; // wildcards
     QHash<WatchTable::Number, WatchEntry> _watchEntries;
-    int _pruneAbove = 0;                                  // watches
     QHash<QString, std::shared_ptr<CallMailbox>> _served; // by command
     std::shared_ptr<std::atomic<int>> _openCalls;
     KeptObjects _kept;

@@ -18,10 +18,17 @@ constexpr size_t MAX_EVENTS = 1000;
 
 } // namespace
 
-void WatchMailbox::connectTo(const QObject *context, const Changed &changed, const Removed &removed)
+void WatchMailbox::connectTo(const QObject *context, const Changed &changed, const Removed &removed,
+                             const std::function<void()> &gone)
 {
-    const auto handOver = [self = std::weak_ptr(shared_from_this()),
-                           alive = QPointer<const QObject>(context), changed, removed] {
+    const std::weak_ptr<WatchMailbox> self(shared_from_this());
+    // Goes with the connection, and so with the context.
+    const std::shared_ptr<void> end(nullptr, [self, gone](void *) {
+        const std::shared_ptr<WatchMailbox> mailbox = self.lock();
+        if (mailbox && !mailbox->_isClosed.exchange(true))
+            gone();
+    });
+    const auto handOver = [self, end, alive = QPointer<const QObject>(context), changed, removed] {
         // Each function may end the watch, or delete the context.
         const std::shared_ptr<WatchMailbox> mailbox = self.lock();
         if (!mailbox)

@@ -28,9 +28,11 @@ public:
     using Changed = std::function<void(const TrelanObject &)>;
     using Removed = std::function<void(const QString &)>;
 
-    /// To be called once: hands over to these functions in the thread of \a context.
-    void connectTo(const QObject *context, const Changed &changed, const Removed &removed);
-    /// Whether the context still exists.
+    /// To be called once: hands over to these functions in the thread of \a context. Calls \a gone
+    /// when the context is deleted, unless the mailbox was closed before.
+    void connectTo(const QObject *context, const Changed &changed, const Removed &removed,
+                   const std::function<void()> &gone);
+    /// Whether the context still exists, and the mailbox was not closed.
     bool isConnected() const;
     /// Nothing is handed over from now on.
     void close() { _isClosed = true; }

@@ -39,8 +39,6 @@ public:
     /// Returns the wildcard if no other watch has it, so that the subscription can end.
     QString remove(Number number);
     bool contains(Number number) const { return _watches.contains(number); }
-    int count() const { return _watches.size(); }
-    QList<Number> numbers() const { return _watches.keys(); }
 
     /// Every wildcard once.
     QStringList wildcards() const;
