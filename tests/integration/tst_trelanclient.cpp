@@ -206,6 +206,32 @@ private Q_SLOTS:
                      TrelanFailure::None);
     }
 
+    /// What a publisher publishes once more, since the bus has lost it, reaches who has seen it.
+    void keptValuesAreSeenAgain()
+    {
+        Bus bus;
+        Seen seen;
+        TrelanClient reader("reader", bus.settings().setMaxPause(10));
+        QCOMPARE(outcome(seen.watch(reader, "x")), TrelanFailure::None);
+        TrelanClient writer("writer", bus.settings());
+        const TrelanObject object = [] {
+            TrelanObject x;
+            x.setName("x");
+            x.setUid("a uid of its own");
+            x.setContent(n(1));
+            return x;
+        }();
+        QCOMPARE(outcome(writer.publish(object)), TrelanFailure::None);
+        QTRY_COMPARE(seen.told, QStringList {"x=1"});
+        bus.stop();
+        QTRY_COMPARE(reader.state().status(), TrelanConnectionState::Away);
+        QTRY_COMPARE(writer.state().status(), TrelanConnectionState::Away);
+        bus.start();
+        QTRY_COMPARE(seen.told, (QStringList {"x=1", "-x"}));
+        writer.publish(object);
+        QTRY_COMPARE(seen.told, (QStringList {"x=1", "-x", "x=1"}));
+    }
+
     void callsAndServes()
     {
         Bus bus;

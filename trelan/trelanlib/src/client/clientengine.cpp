@@ -161,6 +161,7 @@ void ClientEngine::onUp()
     const QString instance = _session.features().instance;
     const bool isRestarted = _wasUp && (instance.isEmpty() || instance != _instance);
     _instance = instance;
+    _seen.beginConnection();
     _wasUp = true;
     _door->setLimitKnown(_session.features().has(features::LIMIT));
     while (_session.isUp() && !_outbox.isEmpty()) { // a connection may be lost by sending
@@ -198,6 +199,8 @@ void ClientEngine::onDown()
 void ClientEngine::onArrived(const TrelanMessage &message)
 {
     const Incoming incoming = Incoming::of(message, !_session.features().names.isEmpty());
+    if (!_seen.add(message.msgKey(), incoming.isNotification()))
+        return;
     switch (incoming.kind) {
     case Incoming::Message:
         return _events.onMessage(message);

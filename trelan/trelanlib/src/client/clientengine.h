@@ -6,6 +6,7 @@
 #include "client/deadlines.h"
 #include "client/keptobjects.h"
 #include "client/outbox.h"
+#include "client/seenmessages.h"
 #include "client/watchmailbox.h"
 #include "client/watchtable.h"
 #include "trelanoptions.h"
@@ -115,6 +116,7 @@ private:
     Deadlines _deadlines;
     Outbox _outbox;
     QHash<QString, Operation::Ref> _calls; // that wait for an answer, by uid
+    SeenMessages _seen;
     WatchTable _watches;
     QQueue<QString> _toSubscribe; // wildcards
     QHash<WatchTable::Number, WatchEntry> _watchEntries;

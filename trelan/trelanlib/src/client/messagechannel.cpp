@@ -6,25 +6,14 @@
 
 #include <wirekeys.h>
 
-#include <QtCore/QStringBuilder>
-
 namespace bus
 {
-
-namespace
-{
-
-// Two windows of the bus: what was on its way twice can be seen twice.
-constexpr int MAX_SEEN = 128;
-
-} // namespace
 
 MessageChannel::MessageChannel(const QString &clientName, QObject *parent)
     : QObject(parent)
     , _clientName(clientName)
     , _link(*this, this)
     , _answer(this)
-    , _seen(MAX_SEEN)
 {
     _answer.setSingleShot(true);
     connect(&_answer, &QTimer::timeout, this,
@@ -106,11 +95,6 @@ void MessageChannel::takeMessage(const TrelanMessage &message)
 {
     // Repeated ones are acknowledged, too, so that the bus stops sending them.
     _link.sendTogether(pushes::acknowledgement(message, TrelanTransport::Light));
-    const QString key = message.sender() % QLatin1Char('.') % message.uid();
-    // contains() and never object(), which would count as a use: the oldest key goes first.
-    if (_seen.contains(key))
-        return;
-    _seen.insert(key, new bool(true));
     emit arrived(message);
 }
 

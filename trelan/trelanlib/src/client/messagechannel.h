@@ -4,17 +4,13 @@
 #include "client/framelink.h"
 #include "trelanmessage.h"
 
-#include <QtCore/QCache>
 #include <QtCore/QTimer>
 
 namespace bus
 {
 
-/// \brief The message channel of a client: shakes hands, acknowledges what comes, and hands it on
-/// unless it was seen before. Internal to the library; one thread.
-///
-/// What was seen is remembered beyond a connection: the bus delivers again what was acknowledged
-/// just before the connection was lost.
+/// \brief The message channel of a client: shakes hands, acknowledges what comes, also what comes
+/// again, and hands it on. Internal to the library; one thread.
 class MessageChannel : public QObject, private FrameLink::Owner
 {
     Q_OBJECT
@@ -46,7 +42,6 @@ private:
     QTimer _answer; // runs until the handshake is answered
     bool _asksFeatures = false;
     int _patience = 0;
-    QCache<QString, bool> _seen; // keys of messages
 };
 
 } // namespace bus

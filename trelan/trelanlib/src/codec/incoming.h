@@ -37,6 +37,12 @@ struct Incoming
     bool hasParams = true; ///< of a command: false if they are no map
     size_t digest = 0;     ///< of an object that is stored: differs where two values do
 
+    /// Whether the bus tells of an object, in contrast to what another client has sent.
+    bool isNotification() const
+    {
+        return kind != Message && (kind != Command || !object.name().isEmpty());
+    }
+
     /// Takes \a message apart. Whether the two last kinds are looked for is for the caller to say:
     /// for a client that has not asked for them such a text is a message like any other.
     static Incoming of(const TrelanMessage &message, bool hasAsked);
