@@ -195,12 +195,15 @@ private Q_SLOTS:
         QCOMPARE(outcome(older), TrelanFailure::Replaced);
         QCOMPARE(outcome(writer.load("x.new")), TrelanFailure::NotConnected);
         const auto waits = writer.load("x.new", TrelanOptions().orWaitForBus());
+        const auto late = writer.publish("x.late", n(4), TrelanOptions().within(1));
+        QCOMPARE(outcome(late), TrelanFailure::TimedOut);
         bus.start();
         QCOMPARE(outcome(newer), TrelanFailure::None);
         QCOMPARE(outcome(waits), TrelanFailure::None);
         QTRY_VERIFY(reader.state().isConnected());
         QTRY_VERIFY(seen.told.contains("-x.lost"));
         QTRY_VERIFY(seen.told.contains("x.new=3"));
+        QTRY_VERIFY(seen.told.contains("x.late=4"));
         QVERIFY(!seen.told.contains("x.new=2"));
         QTRY_COMPARE(outcome(other.load("x.kept", TrelanOptions().orWaitForBus())),
                      TrelanFailure::None);

@@ -60,10 +60,11 @@ private:
 /// has been asked already for at most 200 ms.
 ///
 /// What is asked before the first attempt to connect has ended waits for it. While the bus is away
-/// the newest value of each stored object waits, within bounds (see TrelanClientSettings), and
-/// replaces an older one, which ends as Replaced; everything else ends as NotConnected at once,
-/// unless TrelanOptions::orWaitForBus() says otherwise. At most 10,000 operations and 16 MiB of
-/// them are on their way at a time, unless the settings say otherwise: one more ends as Refused.
+/// the newest value of each stored object waits, for any time and within bounds (see
+/// TrelanClientSettings), and replaces an older one, which ends as Replaced; everything else ends
+/// as NotConnected at once, unless TrelanOptions::orWaitForBus() says otherwise. At most 10,000
+/// operations and 16 MiB of them are on their way at a time, unless the settings say otherwise: one
+/// more ends as Refused.
 ///
 /// Nothing is sent twice, except with TrelanOptions::orRepeat(): what was sent and not answered
 /// when the connection was lost ends as NotConnected. A stored object, whose newest value counts

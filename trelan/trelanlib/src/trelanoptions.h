@@ -16,7 +16,9 @@ class TRELAN_EXPORT TrelanOptions
 public:
     TrelanOptions() = default;
 
-    /// The operation ends as TimedOut after so many milliseconds, 1 or more; 30 s unless set.
+    /// The operation ends as TimedOut after so many milliseconds, 1 or more; 30 s unless set. It
+    /// may be done all the same: a stored object that waits for the bus is sent once the bus is
+    /// back.
     TrelanOptions within(int milliseconds) const;
     /// While the bus is away the operation waits for it, instead of ending as NotConnected.
     TrelanOptions orWaitForBus() const;

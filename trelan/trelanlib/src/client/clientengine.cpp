@@ -136,9 +136,8 @@ Operation::Ref ClientEngine::makeCall(ClientDoor &door, TrelanCommand call,
 
 void ClientEngine::begin(const Operation::Ref &operation)
 {
-    operation->place = _deadlines.add(operation->deadline, [this, operation] {
-        fail(operation, {TrelanFailure::TimedOut, QStringLiteral("its time is over")});
-    });
+    operation->place =
+        _deadlines.add(operation->deadline, [this, operation] { expire(operation); });
     if (_settings.keep() && operation->isStoredPublish())
         _kept.keep(operation->storedName, operation->frame);
     for (const QString &name : std::as_const(operation->removedNames))
@@ -305,6 +304,16 @@ void ClientEngine::wait(const Operation::Ref &operation)
             replaced,
             {TrelanFailure::Replaced,
              QStringLiteral("a newer value of \"%1\" takes its place").arg(operation->storedName)});
+}
+
+/// A value that is to be stored goes on its way: only who has asked waits no longer.
+void ClientEngine::expire(const Operation::Ref &operation)
+{
+    const TrelanFailure failure(TrelanFailure::TimedOut, QStringLiteral("its time is over"));
+    if (!operation->isStoredPublish())
+        return fail(operation, failure);
+    _deadlines.remove(*std::exchange(operation->place, {}));
+    operation->state->fail(failure);
 }
 
 void ClientEngine::done(const Operation::Ref &operation, const QVariant &value)

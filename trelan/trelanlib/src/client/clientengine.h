@@ -87,6 +87,7 @@ private:
     void failUnsent(const Operation::Ref &operation, const QString &description);
     bool mayWait(const Operation &operation) const;
     void wait(const Operation::Ref &operation);
+    void expire(const Operation::Ref &operation);
     void done(const Operation::Ref &operation, const QVariant &value = {});
     void fail(const Operation::Ref &operation, const TrelanFailure &failure);
     void end(const Operation::Ref &operation);
