@@ -30,7 +30,7 @@ constexpr int LAST_WAIT_MS = 200;
 Operation::Ref makeRequest(const QString &word, const QVariantMap &data,
                            const TrelanOptions &options)
 {
-    const Operation::Ref operation = ClientEngine::makeOperation(options);
+    Operation::Ref operation = ClientEngine::makeOperation(options);
     operation->frame = TrelanFrame::encode(TrelanFrame::Request, TrelanFrame::request(word, data),
                                            TrelanTransport::Light);
     operation->cost = operation->frame.size();

@@ -146,7 +146,7 @@ public:
     ///
     /// NobodyThere where the client is not connected, AnswerError where the answer has the
     /// parameter "error". Nothing of a call is kept anywhere when its time is over, provided that
-    /// the bus has the feature "limit".
+    /// the bus has the feature "limit". With TrelanOptions::orRepeat() it may be carried out again.
     TrelanReply<QVariantMap> call(const QString &receiver, const QString &command,
                                   const QVariantMap &params = {},
                                   const TrelanOptions &options = {});

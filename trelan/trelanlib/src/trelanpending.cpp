@@ -75,7 +75,7 @@ TrelanPending TrelanPendingWatcher::pending() const
 
 PendingState::Ref PendingState::makeFailed(const TrelanFailure &failure)
 {
-    const Ref state = make();
+    Ref state = make();
     state->fail(failure);
     return state;
 }

@@ -97,7 +97,7 @@ void ClientEngine::wake()
 
 Operation::Ref ClientEngine::makeOperation(const TrelanOptions &options)
 {
-    const auto operation = std::make_shared<Operation>();
+    auto operation = std::make_shared<Operation>();
     operation->deadline = steadyNow() + options.milliseconds();
     operation->waitsForBus = options.waitsForBus();
     operation->mayRepeat = options.mayRepeat();
@@ -107,7 +107,7 @@ Operation::Ref ClientEngine::makeOperation(const TrelanOptions &options)
 Operation::Ref ClientEngine::send(ClientDoor &door, const TrelanMessage &message,
                                   const TrelanOptions &options)
 {
-    const Operation::Ref operation = makeOperation(options);
+    Operation::Ref operation = makeOperation(options);
     operation->message = message;
     if (message.uid().isEmpty())
         operation->message->setUid(uids::random());
@@ -119,7 +119,7 @@ Operation::Ref ClientEngine::send(ClientDoor &door, const TrelanMessage &message
 Operation::Ref ClientEngine::makeCall(ClientDoor &door, TrelanCommand call,
                                       const TrelanOptions &options)
 {
-    const Operation::Ref operation = makeOperation(options);
+    Operation::Ref operation = makeOperation(options);
     call.setUid(uids::random());
     const TrelanMessage message = messageOf(call);
     operation->message = message;
@@ -271,6 +271,11 @@ void ClientEngine::onLost(const Operation::Ref &operation)
         return;
     _calls.remove(operation->call);
     operation->waitsForBus = operation->waitsForBus || operation->mayRepeat;
+    if (operation->mayRepeat && !operation->call.isEmpty()) {
+        // Whoever has got the call takes it for seen, and its answer is lost if it came meanwhile.
+        operation->call = uids::random();
+        operation->message->setUid(operation->call);
+    }
     if (operation->isStoredPublish() || operation->mayRepeat)
         wait(operation);
     else

@@ -40,7 +40,7 @@ public:
     Operation::Ref takeNext()
     {
         while (!_waiting.empty()) {
-            const Operation::Ref next = _waiting.front();
+            Operation::Ref next = _waiting.front();
             _waiting.pop_front();
             if (next->isStoredPublish() && _publishes.value(next->storedName) == next)
                 _publishes.remove(next->storedName);
