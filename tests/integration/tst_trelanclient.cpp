@@ -107,7 +107,7 @@ private Q_SLOTS:
         const auto all = client.loadAll("x.*");
         QCOMPARE(outcome(all), TrelanFailure::None);
         QCOMPARE(all.result().keys(), (QStringList {"x.a", "x.b"}));
-        QCOMPARE(outcome(client.remove("x.a")), TrelanFailure::None);
+        QCOMPARE(outcome(client.remove(" x.a ")), TrelanFailure::None);
         const auto gone = client.load("x.a");
         QCOMPARE(outcome(gone), TrelanFailure::Refused);
         QCOMPARE(gone.failure().code(), quint16(TrelanError::IncorrectRequestData));

@@ -144,10 +144,12 @@ TrelanPending TrelanClient::publish(const TrelanObject &object, const TrelanOpti
 
 TrelanPending TrelanClient::remove(const QStringList &names, const TrelanOptions &options)
 {
-    const Operation::Ref operation =
-        makeRequest(operations::REMOVE, {{keys::OBJECTS, names}}, options);
+    QStringList removed;
     for (const QString &name : names)
-        operation->removedNames.append(name.trimmed());
+        removed.append(name.trimmed());
+    const Operation::Ref operation =
+        makeRequest(operations::REMOVE, {{keys::OBJECTS, removed}}, options);
+    operation->removedNames = removed;
     return d->begin(operation);
 }
 

@@ -65,7 +65,7 @@ public:
 
     /// Runs \a function, which takes nothing, when it was done.
     template <typename Function>
-    const TrelanPending &then(const QObject *context, Function function) const
+    TrelanPending then(const QObject *context, Function function) const
     {
         whenFinished(context, [pending = *this, function]() mutable {
             if (pending.isDone())
@@ -76,7 +76,7 @@ public:
 
     /// Runs \a function, which takes the TrelanFailure, when it was not done.
     template <typename Function>
-    const TrelanPending &onError(const QObject *context, Function function) const
+    TrelanPending onError(const QObject *context, Function function) const
     {
         whenFinished(context, [pending = *this, function]() mutable {
             if (!pending.isDone())
@@ -111,7 +111,7 @@ public:
 
     /// Runs \a function, which takes the result or nothing, when it was done.
     template <typename Function>
-    const TrelanReply &then(const QObject *context, Function function) const
+    TrelanReply then(const QObject *context, Function function) const
     {
         whenFinished(context, [reply = *this, function]() mutable {
             if (!reply.isDone())
@@ -126,7 +126,7 @@ public:
 
     /// Runs \a function, which takes the TrelanFailure, when it was not done.
     template <typename Function>
-    const TrelanReply &onError(const QObject *context, Function function) const
+    TrelanReply onError(const QObject *context, Function function) const
     {
         TrelanPending::onError(context, std::move(function));
         return *this;

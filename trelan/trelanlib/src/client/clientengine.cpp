@@ -345,6 +345,7 @@ void ClientEngine::end(const Operation::Ref &operation)
     if (!operation->call.isEmpty())
         _calls.remove(operation->call);
     _door->release(*operation);
+    operation->frame.clear(); // it may stay in its place among what waits
 }
 
 void ClientEngine::watch(WatchTable::Number number, const QString &wildcard,
