@@ -114,6 +114,11 @@ class Policy(unittest.TestCase):
         self.assertFalse(any(seen.is_new("a", str(n)) for n in range(128)))
         self.assertTrue(seen.is_new("b", "0"))
         self.assertTrue(seen.is_new("a", "0"))  # the oldest has made room
+        self.assertTrue(seen.is_new("a", "value", True))
+        self.assertFalse(seen.is_new("a", "value", True))
+        seen.begin_connection()
+        self.assertTrue(seen.is_new("a", "value", True))
+        self.assertFalse(seen.is_new("a", "0"))
 
     def test_pauses(self):
         backoff = policy.Backoff()

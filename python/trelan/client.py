@@ -369,17 +369,20 @@ class Bus:
     # What is delivered
 
     async def _deliver(self, session: Session) -> None:
+        self._seen.begin_connection()
         async for batch in session.messages.batches():
             for data in batch:
-                if self._seen.is_new(str(data.get("s", "")), str(data.get("uid", ""))):
-                    try:
-                        self._take(session, data)
-                    except ProtocolError as error:
-                        LOG.warning("A delivery cannot be read: %s", error)
+                try:
+                    said = values.said(data)
+                    if self._seen.is_new(str(data.get("s", "")), str(data.get("uid", "")),
+                                         not isinstance(said, (Message, Command))):
+                        self._take(session, data, said)
+                except ProtocolError as error:
+                    LOG.warning("A delivery cannot be read: %s", error)
             await asyncio.sleep(0)  # so that readers get their turn in a flood
 
-    def _take(self, session: Session, data: Mapping[str, Any]) -> None:
-        said, size = values.said(data), len(str(data.get("msg", "")))
+    def _take(self, session: Session, data: Mapping[str, Any], said: values.Said) -> None:
+        size = len(str(data.get("msg", "")))
         if isinstance(said, Removal):
             if session.has("removals"):
                 said = Change(said.name, {}, str(data.get("s", "")),

@@ -19,15 +19,23 @@ REMEMBERED_DELIVERIES = 128
 
 
 class Seen:
-    """Remembers the last deliveries, since what was not acknowledged in time comes again."""
+    """Remembers the last deliveries, since what was not acknowledged in time comes again.
+
+    A message is remembered beyond a connection. A notification is not: no bus delivers it on another
+    one, and a publisher that comes back may publish a value once more under its uid.
+    """
 
     def __init__(self, most: int = REMEMBERED_DELIVERIES) -> None:
         self._most = most
-        self._keys: Dict[Tuple[str, str], None] = {}
+        self._keys: Dict[Tuple[str, str, int], None] = {}
+        self._connection = 0
 
-    def is_new(self, sender: str, uid: str) -> bool:
+    def begin_connection(self) -> None:
+        self._connection += 1
+
+    def is_new(self, sender: str, uid: str, is_notification: bool = False) -> bool:
         """Whether this delivery is seen for the first time. It is remembered from now on."""
-        key = (sender, uid)
+        key = (sender, uid, self._connection if is_notification else 0)
         if key in self._keys:
             return False
         self._keys[key] = None
