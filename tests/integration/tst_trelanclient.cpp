@@ -471,6 +471,7 @@ private Q_SLOTS:
             QTRY_VERIFY(told.contains(3));
         };
         QVERIFY(reader.watch("x", &context, take).wait(LONG_MS));
+        QVERIFY(writer.waitForConnected(LONG_MS)); // else the second value replaces the first
         writer.publish("x", n(1));
         QCOMPARE(outcome(writer.publish("x", n(2))), TrelanFailure::None);
         // The watch of another wildcard is whole after the values before it have arrived.
