@@ -9,6 +9,8 @@
 
 #include <wirekeys.h>
 
+#include <QtCore/QStringBuilder>
+
 #include <utility>
 
 namespace bus
@@ -198,7 +200,8 @@ void ClientEngine::onDown()
 void ClientEngine::onArrived(const TrelanMessage &message)
 {
     const Incoming incoming = Incoming::of(message, !_session.features().names.isEmpty());
-    if (!_seen.add(message.msgKey(), incoming.isNotification()))
+    const QString key = message.sender() % QLatin1Char('.') % message.uid();
+    if (!_seen.add(key, incoming.isNotification()))
         return;
     switch (incoming.kind) {
     case Incoming::Message:
