@@ -1,5 +1,5 @@
-#include <eventdispatcher.h>
 #include "net/buslistener.h"
+#include <eventdispatcher.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
@@ -16,8 +16,8 @@
 #include <utility>
 #include <vector>
 
-using bus::EventDispatcher;
 using bus::BusListener;
+using bus::EventDispatcher;
 
 namespace
 {
