@@ -12,7 +12,7 @@ void WatchTable::add(Number number, const QString &wildcard, const Listener &lis
 
 QString WatchTable::remove(Number number)
 {
-    const QString wildcard = _watches.take(number).wildcard;
+    QString wildcard = _watches.take(number).wildcard;
     for (const Watch &watch : std::as_const(_watches)) {
         if (watch.wildcard == wildcard)
             return {};
