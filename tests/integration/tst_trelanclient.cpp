@@ -452,7 +452,8 @@ private Q_SLOTS:
         }
         QCOMPARE(outcome(writer.publish("x.b", n(1))), TrelanFailure::None);
         QTRY_VERIFY(seen.told.contains("x.b=1"));
-        QVERIFY2(seen.told.size() <= 1100, qPrintable(QString::number(seen.told.size())));
+        // A thousand wait; some more come while these are handed over.
+        QVERIFY2(seen.told.size() < CHANGES / 2, qPrintable(QString::number(seen.told.size())));
         QVERIFY(seen.told.contains(QString("x.a=%1").arg(CHANGES)));
     }
 
