@@ -59,6 +59,8 @@ QueryLink::QueryLink(const Arguments &arguments, const QString &clientName, QStr
 
 bool QueryLink::doStart()
 {
+    if (_hasGivenWay) // the worker would come back at once, and take the name away again
+        return false;
     TrelanQueryWorker::doStart();
     auto *handler = channelOf<bus::TrelanQueryHandler>(*this);
     // Queued, since the signal may come out of a request.
@@ -102,7 +104,8 @@ void QueryLink::judgeLoss()
     const auto *handler = channelOf<bus::TrelanQueryHandler>(*this);
     const bool connected = handler && handler->isOpen(); // and the bus only does not answer
     const QString holder = connected ? QString() : holderOf(_clientName);
-    if (holder.isEmpty())
+    _hasGivenWay = !holder.isEmpty();
+    if (!_hasGivenWay)
         emit lost();
     else
         emit failed(Failed, QStringLiteral("another client has taken the name '%1' over, from %2")

@@ -52,6 +52,7 @@ private:
     const Arguments _arguments;
     const QString _clientName;
     const QStringList _wildCards;
+    bool _hasGivenWay = false; // to another client of this name
 };
 
 /// \brief The message channel.

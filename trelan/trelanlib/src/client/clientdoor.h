@@ -6,7 +6,6 @@
 
 #include <QtCore/QStringList>
 
-#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -45,7 +44,6 @@ public:
     /// The operation has ended and does not count any more.
     void release(const Operation &operation);
     void setState(const TrelanConnectionState &state);
-    void setLimitKnown(bool isKnown) { _isLimitKnown = isKnown; }
     void setIdle(bool idle);
     /// @}
 
@@ -53,8 +51,6 @@ public:
     bool waitForConnected(int milliseconds) const;
     /// Waits until everything that was asked has been answered, for so long at most.
     void waitForIdle(int milliseconds) const;
-    /// Whether the bus takes time limits of messages, as far as is known.
-    bool isLimitKnown() const { return _isLimitKnown; }
 
 private:
     struct Posted
@@ -79,7 +75,6 @@ private:
     mutable std::condition_variable _changed;
     std::mutex _engineMutex; // guards the member below; taken alone
     ClientEngine *_engine = nullptr;
-    std::atomic<bool> _isLimitKnown {false};
 };
 
 } // namespace bus

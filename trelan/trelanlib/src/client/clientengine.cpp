@@ -164,7 +164,6 @@ void ClientEngine::onUp()
     _instance = instance;
     _seen.beginConnection();
     _wasUp = true;
-    _door->setLimitKnown(_session.features().has(features::LIMIT));
     while (_session.isUp() && !_outbox.isEmpty()) { // a connection may be lost by sending
         if (const Operation::Ref operation = _outbox.takeNext())
             submit(operation);
