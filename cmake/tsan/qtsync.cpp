@@ -26,6 +26,7 @@ namespace
 // All queued calls share this mark. It gives the sanitizer more order than there is, which may hide
 // a race, but never makes one up.
 char _queue;
+char _connections; // of signals: whoever emits one sees what was connected, under locks inside Qt
 
 template <typename Function>
 Function original(const char *symbol)
@@ -159,9 +160,23 @@ QT_FUNCTION(void, _ZN7QObject11deleteLaterEv, (QObject * object))
     QT_ORIGINAL(_ZN7QObject11deleteLaterEv)(object);
 }
 
+QT_FUNCTION(
+    QMetaObject::Connection,
+    _ZN7QObject11connectImplEPKS_PPvS1_S3_PN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPKiPK11QMetaObject,
+    (const QObject *sender, void **signal, const QObject *receiver, void **slotPointer,
+     QtPrivate::QSlotObjectBase *slot, Qt::ConnectionType type, const int *types,
+     const QMetaObject *meta))
+{
+    __tsan_release(&_connections);
+    return QT_ORIGINAL(
+        _ZN7QObject11connectImplEPKS_PPvS1_S3_PN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPKiPK11QMetaObject)(
+        sender, signal, receiver, slotPointer, slot, type, types, meta);
+}
+
 QT_FUNCTION(void, _ZN11QMetaObject8activateEP7QObjectPKS_iPPv,
             (QObject * sender, const QMetaObject *meta, int signal, void **args))
 {
+    __tsan_acquire(&_connections);
     __tsan_release(&_queue);
     QT_ORIGINAL(_ZN11QMetaObject8activateEP7QObjectPKS_iPPv)(sender, meta, signal, args);
 }

@@ -337,9 +337,11 @@ private Q_SLOTS:
         static QSemaphore _isReset; // the script may still be in it
         const bool whileWriting = bytes.isEmpty();
         bool isFirst = whileWriting;
-        connect(socket(), &QTcpSocket::connected, this, [&isFirst] {
-            if (std::exchange(isFirst, false))
-                _isReset.acquire();
+        connect(socket(), &QTcpSocket::connected, this, [&] {
+            if (!std::exchange(isFirst, false))
+                return;
+            _server->release(); // a reset before this signal would make Qt connect once more
+            _isReset.acquire();
         });
         connect(_reciever, &R::busDisconnected, this, [this] { QVERIFY(_reciever->open()); });
         TrelanTransport::setPatience(300);
@@ -347,8 +349,7 @@ private Q_SLOTS:
         timer.start();
         const bool opened = openOn([=](ScriptedPeer &peer) {
             if (peer.number == 0) {
-                if (!whileWriting)
-                    peer.readFrame() && peer.send(bytes);
+                whileWriting ? peer.awaitRelease() : peer.readFrame() && peer.send(bytes);
                 peer.close(true);
                 _isReset.release();
             } else if (peer.readFrame() && peer.send(HELLO + push("m"))) {

@@ -459,9 +459,11 @@ private Q_SLOTS:
         // The connection that was lost owes nobody an answer, and the next one is not to be ended.
         static QSemaphore _isReset; // the script may still be in it
         bool isFirst = true;
-        connect(_handler->findChild<QTcpSocket *>(), &QTcpSocket::connected, this, [&isFirst] {
-            if (std::exchange(isFirst, false))
-                _isReset.acquire();
+        connect(_handler->findChild<QTcpSocket *>(), &QTcpSocket::connected, this, [&] {
+            if (!std::exchange(isFirst, false))
+                return;
+            _server->release(); // a reset before this signal would make Qt connect once more
+            _isReset.acquire();
         });
         QSignalSpy connected(_handler.get(), &Q::kelbusConnected);
         connect(_handler.get(), &Q::busDisconnected, this, [&] {
@@ -470,6 +472,7 @@ private Q_SLOTS:
         });
         serve([again](ScriptedPeer &peer) {
             if (peer.number == 0) {
+                peer.awaitRelease();
                 peer.close(true);
                 _isReset.release();
             } else if (peer.readFrame() && peer.send(HELLO) && !(again && peer.readFrame())) {
