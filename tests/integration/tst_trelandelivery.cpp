@@ -151,6 +151,43 @@ private Q_SLOTS:
         }
     }
 
+    void acknowledgedAndUnread_data()
+    {
+        const TestTable<QByteArray> row("then");
+        for (const QByteArray then : {"clients", "takeover", "close", "reset", "room"})
+            row(then, then);
+    }
+
+    /// The bus leaves acknowledgements unread until it has to know of them.
+    void acknowledgedAndUnread()
+    {
+        QFETCH(QByteArray, then);
+        TrelanBusSettings settings;
+        settings.setMaxQueuedBytes(5000);
+        TestBus server(settings);
+        RawPeer query(server, "me"), newer;
+        auto messages = std::make_unique<RawPeer>();
+        QVERIFY(messages->connectTo(server.msgPort()) && newer.connectTo(server.msgPort()));
+        QCOMPARE(messages->ask("handshake {'name':'me','prompt':true}"), "0 ");
+        const QByteArray text(then == "room" ? 900 : 1, 'x');
+        for (int i = 0; i < (then == "room" ? 10 : 3); ++i) {
+            QCOMPARE(query.ask("sendMessage {'r':'me','msg':'" + text + "'}"), "0 ");
+            QVERIFY(messages->acknowledge(messages->receiveDelivery()));
+        }
+        if (then == "clients") {
+            QCOMPARE(query.ask("clients {}"), "0 ");
+            const QVariantMap me = query.data()["clients"].toList().value(0).toMap();
+            QCOMPARE(me["queued"].toString() + me["queuedBytes"].toString(), "00");
+        }
+        if (then == "reset")
+            messages->endWithReset();
+        if (then == "reset" || then == "close")
+            messages.reset();
+        QCOMPARE(newer.ask("handshake {'name':'me'}"), "0 ");
+        QCOMPARE(query.ask("sendMessage {'r':'me','msg':'last'}"), "0 ");
+        QCOMPARE(newer.receiveDelivery()["msg"].toString(), "last");
+    }
+
     void moreAheadForAPromptReader()
     {
         TestBus server;

@@ -12,8 +12,9 @@ using namespace bus;
 /// whose newest value "$x" changes and "-x" removes; "&x" queues the name for a client that has
 /// asked for the value, which is sent as "x="; "%x" queues
 /// its removal, "!a" a message that is not to be sent after 1000 ms; the removal is sent as "-x"
-/// unless there is a value. "#m" queues a marker. What is sent and what is given up ("!a") is the
-/// outcome.
+/// unless there is a value. "#m" queues a marker, "*a" a message that is on disk. "hear" asks
+/// whether acknowledgements may be read late from now on, and "hear+" whether they may still be.
+/// What is sent and what is given up ("!a") is the outcome, with the answers.
 class tst_ClientQueue : public QObject
 {
     Q_OBJECT
@@ -53,6 +54,7 @@ class tst_ClientQueue : public QObject
                                       : QueuedMessage::Direct;
         appended.queuedAt = now;
         appended.endsAt = kind == '!' ? now + 1000 : 0;
+        appended.storedId = kind == '*' ? 1 : 0;
         appended.object = object;
         queue.append(appended);
     }
@@ -139,6 +141,19 @@ private Q_SLOTS:
         row("room after a restart", "1a 1b 1c send restart send", "a b c a b c", 3);
         row("large has to wait", "+a 7b send", "a", 2);
         row("large alone", "7a +b send", "a", 2);
+        row("nothing to hear of", "hear hear+", "soon soon", 0);
+        row("heard late", "+a send hear +b hear send hear", "a late soon b late", 2);
+        row("heard before a name", "$x +a send @x hear send hear", "a soon x1 late", 2);
+        row("heard of what is on disk", "*a +b send hear ~a hear", "a b soon late", 1);
+        row("heard of what comes again", "*a +b send ~b hear send hear ~a hear",
+            "a b soon a soon soon", 0);
+        row("three quarters free", "+a +b +c send hear +d send hear hear+",
+            "a b c late d soon late", 4);
+        row("half free", "+a +b +c +d +e +f +g send hear+ +h send hear+",
+            "a b c d e f g late h soon", 8);
+        row("half of the bytes", "1a send hear 1b send hear+", "a soon b soon", 2);
+        row("half of more bytes", "prompt 1a send hear hear+ 1b send hear+", "a late late b late",
+            2);
     }
 
     void steps()
@@ -181,6 +196,8 @@ private Q_SLOTS:
                 values[rest].clear();
             else if (text.startsWith('~'))
                 queue.acknowledge("s", "r", rest, now);
+            else if (text.startsWith("hear"))
+                outcome << (queue.mayHearLate({16, 40000}, text == "hear+") ? "late" : "soon");
             else if (text != "send")
                 append(queue, text[0], rest, now);
             for (QByteArray frame;

@@ -74,6 +74,7 @@ BusServer::~BusServer()
 {
     _queryListener.close();
     _msgListener.close();
+    _core.hearAll();
     _codec.finish();
     handleCodecResults();
     _storage.finish();
@@ -190,6 +191,18 @@ void BusServer::push(ConnectionId id, const QByteArray &frame)
         connection->push(frame);
 }
 
+void BusServer::setReadsLate(ConnectionId id, bool late)
+{
+    if (BusConnection *connection = _connections.value(id))
+        connection->setReadsLate(late);
+}
+
+void BusServer::readReplies(ConnectionId id)
+{
+    if (BusConnection *connection = _connections.value(id))
+        connection->readReplies();
+}
+
 void BusServer::encode(const std::function<QByteArray()> &make,
                        const std::function<void(const QByteArray &)> &done)
 {
@@ -271,7 +284,7 @@ void BusServer::onReply(ConnectionId id, const QByteArray &payload)
     if (payload.size() > SMALL_INFLATED)
         return;
     _core.handleReply(id, payload::decodeAcknowledgement(payload, SMALL_INFLATED));
-    watchTimes();
+    settle();
 }
 
 void BusServer::handle(ConnectionId id, const BusRequest &request)
@@ -281,13 +294,13 @@ void BusServer::handle(ConnectionId id, const BusRequest &request)
         _core.handleOnMessageChannel(id, request);
     else
         _core.handle(id, request);
-    watchTimes();
+    settle();
 }
 
 void BusServer::onDrained(ConnectionId id)
 {
     _core.pushMore(id);
-    watchTimes();
+    settle();
 }
 
 void BusServer::onFrameTooLarge(ConnectionId id, const QString &fault)
@@ -330,17 +343,25 @@ void BusServer::handleCodecResults()
         if (complete)
             complete();
     }
+    settle();
 }
 
 void BusServer::handleStorageResults()
 {
     _storage.handleResults();
-    watchTimes();
+    settle();
 }
 
 void BusServer::goOn()
 {
     _core.goOn();
+    settle();
+}
+
+/// Comes after whatever may have sent something.
+void BusServer::settle()
+{
+    _core.hearDue();
     watchTimes();
 }
 

@@ -62,6 +62,8 @@ private:
     void closeConnection(ConnectionId id) override;
     bool isAtEnd(ConnectionId id) const override;
     QString peer(ConnectionId id) const override;
+    void setReadsLate(ConnectionId id, bool late) override;
+    void readReplies(ConnectionId id) override;
     void setRegistered(ConnectionId id) override;
 
     void onRequest(ConnectionId id, const QByteArray &payload) override;
@@ -77,6 +79,7 @@ private:
     void handleCodecResults();
     void handleStorageResults();
     void goOn();
+    void settle();
     void watchTimes();
     void checkTimes();
     void answerEncoded(ConnectionId id, qint64 cost, const std::function<QByteArray()> &encode);

@@ -93,15 +93,20 @@ void BusDelivery::accept(const TrelanMessage &message, qint64 limit, const Done 
     const QString name = message.reciever();
     const auto known = _clients.constFind(name);
     const bool connected = known != _clients.constEnd() && known->connection != 0;
+    const bool transient = connected && known->transient;
     if (!connected && name != LOGGER_NAME && (!message.isStored() || hasLeft(name))) {
         done(absenceFault(name));
         return;
     }
     const qint64 cost = costOf(message);
-    const TrelanError fault = roomFault(name, cost);
+    TrelanError fault = roomFault(name, cost);
+    if (fault.error() != TrelanError::NoError) {
+        hearAll(); // what has been acknowledged takes no room
+        fault = roomFault(name, cost);
+    }
     // A log line is not worth the wait for the disk, where no bound drops the oldest lines.
     // The queue of a transient client would end with the bus, anyway.
-    const bool endsWithBus = name == LOGGER_NAME || (connected && known->transient);
+    const bool endsWithBus = name == LOGGER_NAME || transient;
     if (fault.error() == TrelanError::NoError && message.isStored() && !endsWithBus && limit == 0) {
         keep(message, cost, done);
         return;
@@ -282,6 +287,8 @@ void BusDelivery::attach(const QString &name, ConnectionId id, TrelanTransport::
     _absent -= int(attached.connection == 0);
     attached.connection = id;
     attached.transient = transient;
+    attached.mayHearLate = mode == TrelanTransport::Prompt;
+    setHearsLate(attached, false);
     _left.remove(name);
     attached.queue.setMode(mode);
 }
@@ -292,6 +299,7 @@ void BusDelivery::detach(const QString &client)
     if (known == _clients.end() || known->connection == 0)
         return;
     known->connection = 0;
+    setHearsLate(*known, false);
     ++_absent;
     if (known->transient) {
         known->queue.clear();
@@ -321,6 +329,13 @@ void BusDelivery::sendMore(const QString &client)
 
 void BusDelivery::sendMore(const QString &name, Notification &notification)
 {
+    while (sendNext(name, notification)) {}
+    chooseHearing(name);
+}
+
+/// Sends one frame. False if there is none to send now.
+bool BusDelivery::sendNext(const QString &name, Notification &notification)
+{
     const auto newest = [&](const QString &object, const ClientQueue::NameState &state) {
         if (const ObjectRecord *record = _storage.find(object))
             return notification.message(*record, name, wording(name, state.now));
@@ -328,21 +343,89 @@ void BusDelivery::sendMore(const QString &name, Notification &notification)
                    ? QueuedMessage()
                    : notification.removal(object, state.remover, state.removedAt, name);
     };
-    for (;;) {
-        // Look the client up each time, since sending may find the connection at its end.
-        const auto known = _clients.find(name);
-        if (known == _clients.end() || known->connection == 0 || !known->queue.hasNext() ||
-            !_output.canPush(known->connection) || encodesLarge(name, *known, std::cref(newest)))
-            return;
-        const QByteArray frame =
-            known->queue.takeFrame(now(), std::cref(newest), _settings.coding());
-        const ConnectionId connection = known->connection;
-        settleAccount(name); // names have become messages
-        if (frame.isEmpty())
-            return;
-        _output.push(connection, frame);
-        _onSent(connection);
+    // The client is looked up each time, since sending may find the connection at its end.
+    const auto known = _clients.find(name);
+    if (known == _clients.end() || known->connection == 0 || !known->queue.hasNext() ||
+        !_output.canPush(known->connection) || encodesLarge(name, *known, std::cref(newest)))
+        return false;
+    const QByteArray frame = known->queue.takeFrame(now(), std::cref(newest), _settings.coding());
+    const ConnectionId connection = known->connection;
+    settleAccount(name); // names have become messages
+    if (frame.isEmpty())
+        return false;
+    _output.push(connection, frame);
+    _onSent(connection);
+    return true;
+}
+
+/// Decides whether the acknowledgements of a client are left unread from now on. That they are read
+/// again is left to hearDue(), since reading changes the queue.
+void BusDelivery::chooseHearing(const QString &name)
+{
+    const auto known = _clients.find(name);
+    if (known == _clients.end() || mayHearLate(*known) == known->hearsLate)
+        return;
+    if (known->hearsLate) {
+        _hearingDue.append(name);
+        return;
     }
+    setHearsLate(*known, true);
+    _output.setReadsLate(known->connection, true);
+}
+
+bool BusDelivery::mayHearLate(const Client &client) const
+{
+    // What is in flight counts for every bound, so that a part of each is left to it.
+    const ClientQueue::Bounds bounds {
+        qMin(_settings.conflateAbove(), _settings.maxClientMessages()),
+        _settings.maxClientBytes() / CONFLATED_BYTES_SHARE};
+    return client.connection != 0 && client.mayHearLate && !isTight() &&
+           client.queue.mayHearLate(bounds, client.hearsLate);
+}
+
+void BusDelivery::hearDue()
+{
+    while (!_hearingDue.isEmpty()) {
+        const QStringList due = std::exchange(_hearingDue, {});
+        for (const QString &name : due) {
+            const auto late = _clients.constFind(name);
+            if (late != _clients.constEnd() && late->hearsLate)
+                _output.readReplies(late->connection);
+            const auto known = _clients.find(name); // what was read may have changed everything
+            if (known == _clients.end() || !known->hearsLate || mayHearLate(*known))
+                continue;
+            setHearsLate(*known, false);
+            _output.setReadsLate(known->connection, false);
+        }
+    }
+}
+
+void BusDelivery::hearAll()
+{
+    if (_hearingLate == 0)
+        return;
+    for (auto client = _clients.cbegin(); client != _clients.cend(); ++client) {
+        if (client->hearsLate)
+            _hearingDue.append(client.key());
+    }
+    hearDue();
+}
+
+void BusDelivery::makeRoom()
+{
+    if (isTight())
+        hearAll();
+}
+
+bool BusDelivery::isTight() const
+{
+    return _bytes >= _settings.maxQueuedBytes() / 2;
+}
+
+void BusDelivery::setHearsLate(Client &client, bool late)
+{
+    _hearingLate += int(late) - int(client.hearsLate);
+    client.hearsLate = late;
 }
 
 void BusDelivery::checkTimes()

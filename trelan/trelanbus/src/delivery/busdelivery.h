@@ -81,6 +81,18 @@ public:
     void acknowledge(const QString &client, const QString &sender, const QString &reciever,
                      const QString &uid);
 
+    /// \brief Reads acknowledgements that have arrived: those that have begun to matter, or all.
+    ///
+    /// Each acknowledgement that is read as it comes wakes the bus up. So those of a client that
+    /// reads frames in any pieces wait unread while nothing depends on them: see
+    /// ClientQueue::mayHearLate(). What is read comes back through acknowledge().
+    /// @{
+    void hearDue(); ///< To be called after everything that may have sent something.
+    void hearAll();
+    /// @}
+    /// To be called before deliver(): near the bound of all queues every acknowledgement matters.
+    void makeRoom();
+
     /// Sends what may be sent: the connection of the client is new or has room again.
     void sendMore(const QString &client);
 
@@ -102,6 +114,8 @@ private:
         ClientQueue queue;
         ConnectionId connection = 0;
         bool transient = false;   // its queue ends with its connection
+        bool mayHearLate = false; // how it reads allows that
+        bool hearsLate = false;   // its acknowledgements wait unread
         bool encoding = false;    // its next frame is being made
         int reservedMessages = 0; // on their way to the disk
         qint64 reservedBytes = 0;
@@ -128,6 +142,11 @@ private:
     void finish(const TrelanMessage &message, const TrelanError &error, const Done &done);
     void reserve(const QString &name, int messages, qint64 bytes);
     void sendMore(const QString &name, Notification &notification);
+    bool sendNext(const QString &name, Notification &notification);
+    void chooseHearing(const QString &name);
+    bool mayHearLate(const Client &client) const;
+    bool isTight() const;
+    void setHearsLate(Client &client, bool late);
     bool encodesLarge(const QString &name, Client &client, const ClientQueue::Newest &newest);
     void dropExcess(const QString &name);
     void dropExcess(const QString &name, Client &client, QueuedMessage::Kind kind);
@@ -144,6 +163,8 @@ private:
     QHash<QString, Client> _clients;
     QSet<QString> _told;           // clients that are told whether a value is a change
     QCache<QString, qint64> _left; // when a transient client went, by name
+    QStringList _hearingDue;       // clients whose acknowledgements have begun to matter
+    int _hearingLate = 0;          // clients whose acknowledgements wait unread
     int _absent = 0;               // clients without a connection
     qint64 _bytes = 0;             // of all messages, those on their way to the disk included
     qint64 _nameBytes = 0;

@@ -38,6 +38,12 @@ public:
     /// Sends a frame that answers nothing, in a block of its own.
     virtual void push(ConnectionId id, const QByteArray &frame) = 0;
 
+    /// Has the replies of \a id wait in the system until readReplies() or the end of the
+    /// connection, or has them read as they come, which is how a connection begins.
+    virtual void setReadsLate(ConnectionId id, bool late) = 0;
+    /// Hands over the replies of \a id that have arrived, before this returns.
+    virtual void readReplies(ConnectionId id) = 0;
+
     /// Runs \a make on the codec thread, so that a large frame delays no other client; calls \a
     /// done later on the bus thread.
     virtual void encode(const std::function<QByteArray()> &make,

@@ -101,7 +101,6 @@ QByteArray ClientQueue::takeFrame(qint64 now, const Newest &newest, TrelanTransp
     QueuedMessage message = _waiting.takeFirst();
     message.sentAt = now;
     message.frameSize = _nextFrame.size();
-    _bytesInFlight += message.frameSize;
     if (!message.sent)
         remember(message);
     message.sent = true;
@@ -111,7 +110,7 @@ QByteArray ClientQueue::takeFrame(qint64 now, const Newest &newest, TrelanTransp
         message.body = message.body->withoutText();
         _bytes += message.cost();
     }
-    _inFlight.append(message);
+    beginFlight(message);
     return std::exchange(_nextFrame, {});
 }
 
@@ -129,8 +128,7 @@ bool ClientQueue::acknowledge(const QString &sender, const QString &reciever, co
     if (index < 0)
         return settleWaiting(key);
     heard(now);
-    const QueuedMessage settled = _inFlight.takeAt(index);
-    _bytesInFlight -= settled.frameSize;
+    const QueuedMessage settled = endFlight(index);
     forget(settled);
     for (int i = 0; i < index; ++i) // an older value must not follow this one
         _inFlight[i].expired = _inFlight.at(i).expired || isSuperseded(_inFlight.at(i), settled);
@@ -143,12 +141,19 @@ void ClientQueue::heard(qint64 now)
     _heardAt = now;
 }
 
+bool ClientQueue::mayHearLate(const Bounds &bounds, bool already) const
+{
+    const int share = already ? 2 : 4;
+    return !_inFlight.isEmpty() && _waiting.isEmpty() && _names.empty() && _storedInFlight == 0 &&
+           _inFlight.size() < qMin(MAX_IN_FLIGHT, bounds.messages) / share &&
+           _bytesInFlight < qMin(_maxBytesInFlight, bounds.bytes) / share;
+}
+
 void ClientQueue::restart()
 {
     _nextFrame.clear();
-    _bytesInFlight = 0;
     while (!_inFlight.isEmpty()) {
-        const QueuedMessage message = _inFlight.takeLast();
+        const QueuedMessage message = endFlight(_inFlight.size() - 1);
         if (message.expired)
             forget(message);
         else
@@ -376,8 +381,7 @@ void ClientQueue::sendAgain(int number)
         return;
     _nextFrame.clear();
     for (int i = number - 1; i >= 0; --i) {
-        QueuedMessage message = _inFlight.takeAt(i);
-        _bytesInFlight -= message.frameSize;
+        QueuedMessage message = endFlight(i);
         const bool superseded =
             std::any_of(_inFlight.cbegin() + i, _inFlight.cend(),
                         [&](const QueuedMessage &newer) { return isSuperseded(message, newer); });
@@ -390,6 +394,21 @@ void ClientQueue::sendAgain(int number)
             _givenUp.prepend(message);
         }
     }
+}
+
+void ClientQueue::beginFlight(const QueuedMessage &message)
+{
+    _inFlight.append(message);
+    _bytesInFlight += message.frameSize;
+    _storedInFlight += int(message.storedId != 0);
+}
+
+QueuedMessage ClientQueue::endFlight(int index)
+{
+    const QueuedMessage message = _inFlight.takeAt(index);
+    _bytesInFlight -= message.frameSize;
+    _storedInFlight -= int(message.storedId != 0);
+    return message;
 }
 
 /// Puts a message back to its place, which is before everything that waits.

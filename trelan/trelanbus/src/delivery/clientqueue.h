@@ -87,6 +87,17 @@ public:
     /// The connection has shown progress: the silence begins anew.
     void heard(qint64 now);
 
+    /// Whether nothing would change if the acknowledgements of what is in flight were read later:
+    /// nothing waits, no message in flight is on disk, and the window and \a bounds have room.
+    /// Whoever reads late already goes on until half of the room is taken, and others begin while
+    /// three quarters are free, so that neither is for one message only.
+    struct Bounds
+    {
+        int messages;
+        qint64 bytes;
+    };
+    bool mayHearLate(const Bounds &bounds, bool already) const;
+
     /// What was in flight goes out again, before anything newer.
     void restart();
 
@@ -150,6 +161,8 @@ private:
     bool isAnswerLate(const QueuedMessage &message, qint64 now) const;
     bool settleWaiting(const QString &key);
     void sendAgain(int number);
+    void beginFlight(const QueuedMessage &message);
+    QueuedMessage endFlight(int index);
     void waitAgain(const QueuedMessage &message);
     void nameWaitsAgain(const QueuedMessage &message);
     void account(const QueuedMessage &message, int sign);
@@ -171,6 +184,7 @@ private:
     int _markers = 0;
     qint64 _markerBytes = 0;
     qint64 _bytesInFlight = 0;
+    int _storedInFlight = 0; // messages that are on disk
     qint64 _maxBytesInFlight = MAX_BYTES_IN_FLIGHT;
     qint64 _heardAt = 0;
 };

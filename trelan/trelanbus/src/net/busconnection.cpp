@@ -174,6 +174,19 @@ void BusConnection::push(const QByteArray &frame)
     send(frame);
 }
 
+void BusConnection::setReadsLate(bool late)
+{
+    _readsLate = late;
+    if (_state == Reading && mayTakeRequest())
+        watch(late ? _events & ~quint32(EPOLLIN) : _events | EPOLLIN);
+}
+
+void BusConnection::readReplies()
+{
+    if (_state == Reading && mayTakeRequest())
+        takeTurn(true);
+}
+
 void BusConnection::close()
 {
     if (_state == Closed)
@@ -283,7 +296,7 @@ void BusConnection::goOn()
         return;
     if (_reader.hasNext())
         scheduleTurn();
-    else
+    else if (!_readsLate)
         watch(_events | EPOLLIN);
 }
 

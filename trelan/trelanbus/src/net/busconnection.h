@@ -78,6 +78,13 @@ public:
     /// Sends a frame that answers nothing.
     void push(const QByteArray &frame);
 
+    /// Leaves what comes unread in the system until readReplies(), so that it does not wake the
+    /// thread, or has it read as it comes. The end of the connection is noticed either way. For the
+    /// message channel.
+    void setReadsLate(bool late);
+    /// Reads what has come, and hands it over before this returns. For the message channel.
+    void readReplies();
+
     /// Ends the connection; Owner::onClosed() follows.
     void close();
 
@@ -122,6 +129,7 @@ private:
     QList<QByteArray> _leaving; // frames that have not left as a whole
     int _sentOfFirst = 0;       // bytes of the first of them
     int _answersLeaving = 0;
+    bool _readsLate = false;
     QTimer _nextTurn;
     QTimer _stall;
     QTimer _handshake;

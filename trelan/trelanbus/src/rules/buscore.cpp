@@ -122,8 +122,19 @@ void BusCore::connectionClosed(ConnectionId id)
     endMessages(id);
 }
 
+void BusCore::hearDue()
+{
+    _delivery.hearDue();
+}
+
+void BusCore::hearAll()
+{
+    _delivery.hearAll();
+}
+
 bool BusCore::checkTimes()
 {
+    _delivery.hearAll();
     _delivery.checkTimes();
     return _delivery.hasDeadline();
 }
@@ -156,6 +167,8 @@ void BusCore::handshake(ClientRegistry &registry, ConnectionId id, const BusRequ
         acceptHandshake(registry, id, request);
         return;
     }
+    if (const ConnectionId older = registry.connection(request.name))
+        _output.readReplies(older); // or their messages would be sent again
     if (const ConnectionId older = registry.connection(request.name)) {
         registry.warnOfTakeover(older, id, request.name);
         connectionClosed(older);
@@ -385,6 +398,7 @@ void BusCore::notifyOfStored(const QString &client, const QStringList &wildcards
 
 void BusCore::listClients(ConnectionId id, const BusRequest &request)
 {
+    _delivery.hearAll();
     QStringList names = _queryClients.names() + _msgClients.names() + _delivery.names();
     std::sort(names.begin(), names.end());
     names.erase(std::unique(names.begin(), names.end()), names.end());
@@ -456,6 +470,7 @@ void BusCore::deliver(const PublishOrder::Publish &publish)
         receivers.erase(std::remove_if(receivers.begin(), receivers.end(), isGone),
                         receivers.end());
     }
+    _delivery.makeRoom();
     closeReceivers(_delivery.deliver(publish.record, receivers));
 }
 
