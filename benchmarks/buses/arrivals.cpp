@@ -1,7 +1,5 @@
 #include "arrivals.h"
 
-#include <content.h>
-
 #include <QtCore/QFile>
 
 #include <cerrno>
@@ -19,6 +17,7 @@ struct Arrivals::Shared
     std::atomic<int> count;
     std::atomic<int> faults;
     std::atomic<qint64> lastAt;
+    std::atomic<int> receiver;
 };
 
 namespace
@@ -62,7 +61,10 @@ bool Arrivals::create(const QString &path)
 bool Arrivals::open(const QString &path)
 {
     const int file = ::open(QFile::encodeName(path), O_RDWR | O_CLOEXEC);
-    return file >= 0 && map(file);
+    if (file < 0 || !map(file))
+        return false;
+    _shared->receiver = ::getpid();
+    return true;
 }
 
 bool Arrivals::map(int file)
@@ -102,6 +104,11 @@ qint64 Arrivals::lastAt() const
     return _shared->lastAt;
 }
 
+int Arrivals::receiver() const
+{
+    return _shared->receiver;
+}
+
 void Arrivals::count(const QVariantMap &content)
 {
     const qint64 now = nanoseconds();
@@ -126,13 +133,31 @@ void Arrivals::arrived(qint64 now, bool sound)
 bool Arrivals::isSound(const QVariantMap &content)
 {
     const int bytes = _shared->bytes;
-    if (_compared == bytes)
-        return readingsOf(content) == _readings;
-    const QVariantMap sent = content::ofSize(bytes);
+    if (_compared != bytes) {
+        for (std::atomic<int> &readings : _readings)
+            readings = -1;
+        _compared = bytes;
+    }
+    const int seed = content.value(content::SEED, content::DIFFERENT).toInt();
+    if (seed < 0 || seed > content::DIFFERENT || !isNext(seed))
+        return false;
+    std::atomic<int> &readings = _readings[size_t(seed)];
+    if (readings >= 0)
+        return readingsOf(content) == readings;
+    const QVariantMap sent =
+        seed < content::DIFFERENT ? content::varied(seed, bytes) : content::ofSize(bytes);
     // Not as variants: JSON knows one kind of number.
     if (json(content) != json(sent))
         return false;
-    _readings = readingsOf(sent);
-    _compared = bytes;
+    readings = readingsOf(sent);
     return true;
+}
+
+/// Each behind the one before; the first is whatever the publisher has come to.
+bool Arrivals::isNext(int seed)
+{
+    if (seed == content::DIFFERENT)
+        return true;
+    const int last = _last.exchange(seed);
+    return last < 0 || seed == (last + 1) % content::DIFFERENT;
 }

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <content.h>
+
 #include <QtCore/QString>
 #include <QtCore/QVariantMap>
 
+#include <array>
 #include <atomic>
 
 /// Nanoseconds of a clock that all processes of the machine share.
@@ -31,11 +34,15 @@ public:
     bool await(int milliseconds);
     /// When the last of them came, in nanoseconds().
     qint64 lastAt() const;
+    /// The process that has opened the file last, 0 if none has.
+    int receiver() const;
     /// @}
 
     /// \name Receivers, from any thread
     /// @{
-    /// The first content of each size is compared with what was sent, the others by a glance.
+    /// The first content of each size is compared with what was sent, the others by a glance. Of
+    /// contents that are sent in turn that is each of them, and a single receiver gets them in
+    /// turn.
     void count(const QVariantMap &content);
     void count(int bytes); ///< where there is nothing but bytes
     /// @}
@@ -46,8 +53,12 @@ private:
     bool map(int file);
     void arrived(qint64 now, bool sound);
     bool isSound(const QVariantMap &content);
+    bool isNext(int seed);
 
     Shared *_shared = nullptr;
-    std::atomic<int> _compared {0}; // the size whose content was compared
-    std::atomic<int> _readings {0}; // in content of that size
+    std::atomic<int> _compared {0}; // the size whose contents were compared
+    // In contents of that size, -1 where none was compared; behind those in turn, the one by
+    // itself.
+    std::array<std::atomic<int>, content::DIFFERENT + 1> _readings {};
+    std::atomic<int> _last {-1}; // of those in turn
 };

@@ -31,6 +31,9 @@ public:
     }
     /// @}
 
+    /// Returns when the server has acknowledged what receivers get, too.
+    virtual bool attend(const QVariantMap &content) { return publish(content); }
+
     /// Calls another program with \a content, and returns when that has answered with it. False if
     /// there is no such thing.
     virtual bool call(const QVariantMap & /*content*/) { return false; }

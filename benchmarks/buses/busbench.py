@@ -29,7 +29,9 @@ ACKNOWLEDGED = [("acknowledged", "acknowledged", 0), ("pipelined", "pipelined", 
 DELIVERED = [("delivered", "passed", 1)]
 FANNED_OUT = [("last", "passed", FAN_OUT), ("streamed", "streamed", FAN_OUT)]
 CALLED = [("called", "called", 1)]
-ALL = ACKNOWLEDGED + DELIVERED + FANNED_OUT
+AWAITED = [("awaited", "awaited", 1)]
+ATTENDED = [("attended", "attended", 1)] + AWAITED
+ALL = ACKNOWLEDGED + DELIVERED + ATTENDED + FANNED_OUT
 
 
 class Bus:
@@ -46,9 +48,11 @@ class Bus:
 OWN = [
     Bus("prompt-light", "Prompt + Light", servers.trelanbusd, idle=True),
     Bus("prompt-classic", "Prompt + Classic", servers.trelanbusd),
-    Bus("controllers", "two controllers, Prompt + Light", servers.trelanbusd, DELIVERED),
+    Bus("controllers", "two controllers, Prompt + Light", servers.trelanbusd,
+        DELIVERED + AWAITED),
     Bus("client", "TrelanClient", servers.trelanbusd, ALL + CALLED),
-    Bus("paced-classic", "Paced + Classic", servers.trelanbusd, ACKNOWLEDGED + DELIVERED, slow=True),
+    Bus("paced-classic", "Paced + Classic", servers.trelanbusd, 
+        ACKNOWLEDGED + DELIVERED + ATTENDED, slow=True),
     Bus("relay", "raw relay, no codec", servers.embedded("relay"), idle=True),
 ]
 
@@ -114,6 +118,7 @@ class Session:
             self._publisher.ask(f"{kind} {size} {receivers} {milliseconds}"))
         if not answer:
             raise Failure(f"{self._bus.label}: {kind} of {size} B has failed")
+        answer.pop("sent", None)
         return answer
 
     def idle(self):

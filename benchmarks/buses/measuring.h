@@ -30,27 +30,46 @@ public:
     /// \brief Measures one of the kinds, after some that are not counted:
     ///
     /// acknowledged, one at a time; pipelined, many under way; passed, one at a time until the last
-    /// receiver has it; streamed, many under way to the receivers.
+    /// receiver has it; streamed, many under way to the receivers. With contents in turn, to one
+    /// receiver: attended, each acknowledged before the next, while they arrive beside it; awaited,
+    /// as passed.
     ///
     /// Figures are microseconds of one of them, and how many there are in a second: of what is
-    /// acknowledged or, where receivers are, of what has arrived. Empty if the bus did not do it.
+    /// acknowledged or, where receivers are, of what has arrived. Their mean counts until all that
+    /// was to arrive has. Empty if the bus did not do it.
     QJsonObject run(const Order &order);
 
 private:
     /// Nanoseconds that one takes, negative if it fails.
     using Once = std::function<qint64()>;
 
+    /// Processor time in nanoseconds.
+    struct Used
+    {
+        qint64 server = 0;
+        qint64 publisher = 0;
+        qint64 receivers = 0;
+    };
+
+    void prepare(const Order &order);
+    const QVariantMap &next();
     Once once(const Order &order);
     Once many(const Order &order, int number);
+    bool attend(int number);
     bool delivered(const std::function<bool()> &publish, int number);
     int batch(const Order &order, qint64 one) const;
     static bool repeat(const Once &step, int milliseconds, size_t atLeast,
                        std::vector<qint64> &times);
-    qint64 serverTime() const;
+    Used used() const;
+    QJsonObject figures(const Order &order, std::vector<qint64> &times, int number,
+                        const Used &before) const;
 
     Publisher &_publisher;
     Arrivals &_arrivals;
     const QList<int> _server;
-    QVariantMap _content;
+    std::vector<QVariantMap> _contents; // one, or those that are sent in turn
+    std::vector<qint64> _acknowledged;  // times of those attended
+    size_t _turn = 0;
+    qint64 _sent = 0;
     int _bytes = 0;
 };

@@ -19,13 +19,9 @@ public:
     bool publish(const QVariantMap &content) override { return publishAll(content, 1); }
     bool publishAll(const QVariantMap &content, int number) override
     {
-        if (content != _content) {
-            _content = content;
-            _frame =
-                relay::frame(QJsonDocument::fromVariant(content).toJson(QJsonDocument::Compact));
-        }
+        const QByteArray &frame = frameOf(content);
         for (int i = 0; i < number; ++i) {
-            if (!_socket.write(_frame.constData(), size_t(_frame.size())))
+            if (!_socket.write(frame.constData(), size_t(frame.size())))
                 return false;
         }
         Length acknowledgement = 0;
@@ -38,9 +34,25 @@ public:
     }
 
 private:
+    /// Each content is encoded once, and known again by where its data lie.
+    const QByteArray &frameOf(const QVariantMap &content)
+    {
+        const auto known = _frames.find(&content.first());
+        if (known != _frames.end())
+            return known->second.bytes;
+        const QByteArray bytes = QJsonDocument::fromVariant(content).toJson(QJsonDocument::Compact);
+        return _frames.emplace(&content.first(), Frame {content, relay::frame(bytes)})
+            .first->second.bytes;
+    }
+
+    struct Frame
+    {
+        QVariantMap content; // shares its data with what was asked for, and keeps them
+        QByteArray bytes;
+    };
+
     LoopbackSocket _socket;
-    QVariantMap _content; // shares its data with what was asked for, so that comparing is cheap
-    QByteArray _frame;
+    std::map<const QVariant *, Frame> _frames;
 };
 
 /// All receivers of the process, which wait together.

@@ -45,6 +45,16 @@ QVariant plain(const QVariant &value)
     return plain(QVariant(qdbus_cast<QVariantList>(argument)));
 }
 
+/// Something that the daemon answers, after all that it has been sent before.
+bool answers(const QDBusConnection &connection)
+{
+    const QDBusMessage question = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId"));
+    return connection.call(question, QDBus::Block, PATIENCE_MS).type() ==
+           QDBusMessage::ReplyMessage;
+}
+
 class DBusPublisher : public Publisher
 {
 public:
@@ -69,6 +79,10 @@ public:
                 return false;
         }
         return true;
+    }
+    bool attend(const QVariantMap &content) override
+    {
+        return pass(content) && answers(_connection);
     }
     bool call(const QVariantMap &content) override
     {
@@ -119,10 +133,7 @@ public:
                                  SLOT(published(QVariantMap))))
             return false;
         // What asks for the signals has left by now: an answer to what follows says it was taken.
-        const QDBusMessage question = QDBusMessage::createMethodCall(
-            QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
-            QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId"));
-        return _connection.call(question).type() == QDBusMessage::ReplyMessage;
+        return answers(_connection);
     }
 
 public Q_SLOTS:

@@ -5,7 +5,8 @@
 /// \brief QtDBus, through a dbus-daemon of its own.
 ///
 /// The daemon keeps nothing and acknowledges nothing: what acknowledges is a service, whose method
-/// the publisher calls. What receivers get is a signal, the shortest way to them.
+/// the publisher calls. What receivers get is a signal, the shortest way to them; where that is to
+/// be acknowledged, too, the daemon answers a question behind it.
 class DBusBus : public Bus
 {
 public:
