@@ -18,11 +18,13 @@ import time
 import picture
 import report
 import servers
+import systemcalls
 from processes import Failure, OtherPrograms, Program, cpu_seconds, pss_kib
 
 SIZES = [286, 4096, 65536]
 IDLE_CLIENTS, IDLE_S = 10, 2.0
 FAN_OUT = 32
+TRACED_TIMES = 5  # as long, for what strace slows down
 
 # What is measured: the name of a figure, the kind of it in the program, and how many receivers.
 ACKNOWLEDGED = [("acknowledged", "acknowledged", 0), ("pipelined", "pipelined", 0)]
@@ -104,12 +106,12 @@ class Session:
     @contextlib.contextmanager
     def receivers(self, number):
         if number == 0:
-            yield
+            yield None
             return
         program = self._start("receive", self._arrivals, str(number))
         try:
             program.await_ready()
-            yield
+            yield program
         finally:
             program.end()
 
@@ -118,8 +120,20 @@ class Session:
             self._publisher.ask(f"{kind} {size} {receivers} {milliseconds}"))
         if not answer:
             raise Failure(f"{self._bus.label}: {kind} of {size} B has failed")
-        answer.pop("sent", None)
         return answer
+
+    def system_calls(self, kind, size, milliseconds):
+        """Of each process for a message, with one receiver; no time is taken."""
+        with self.receivers(1) as receiver:
+            processes = {"": self._server.pids, "publisher_": [self._publisher.pid],
+                         "receivers_": [receiver.pid]}
+            with contextlib.ExitStack() as watching:
+                counters = {who: watching.enter_context(
+                    systemcalls.Counter(pids, self._setting.path(who + "calls")))
+                    for who, pids in processes.items()}
+                sent = self.measure(kind, size, 1, milliseconds)["sent"]
+            return {who + "calls": sum(counter.calls().values()) / sent
+                    for who, counter in counters.items()}
 
     def idle(self):
         """Milliseconds of processor time in a second, and MiB, with idle clients."""
@@ -154,6 +168,23 @@ class Run:
                           file=sys.stderr)
                     with processors(cpus):
                         self._measure_bus(bus, cpus, first=number == 0)
+        if self._options.system_calls:
+            self._count_system_calls()
+
+    def _count_system_calls(self):
+        """For the smallest content. The processes are slowed down, so this comes last."""
+        for cpus in self._options.processors:
+            for bus in self._buses:
+                kinds = [] if bus.slow else [kind for kind in ATTENDED if kind in bus.measures]
+                if not kinds:
+                    continue
+                print(f"system calls, {cpus}: {bus.label}", file=sys.stderr)
+                with processors(cpus), tempfile.TemporaryDirectory(prefix="busbench") as folder, \
+                        Session(bus, self._options, folder) as session:
+                    for name, kind, _ in kinds:
+                        size = self._options.sizes[0]
+                        self._add(bus, cpus, size, name, session.system_calls(
+                            kind, size, self._options.milliseconds * TRACED_TIMES))
 
     def _measure_bus(self, bus, cpus, first):
         with tempfile.TemporaryDirectory(prefix="busbench") as folder, \
@@ -263,6 +294,8 @@ def parse(arguments):
     parser.add_argument("--milliseconds", type=int, default=200, help="for each figure of a round")
     parser.add_argument("--only", nargs="+", metavar="BUS", help="leave the others out",
                         choices=[bus.name for bus in OWN + PEERS + STREAMS])
+    parser.add_argument("--system-calls", action="store_true",
+                        help="count those of a message, too, with strace and after all else")
     parser.add_argument("--smoke", action="store_true", help="only whether it works")
     parser.add_argument("--compare", nargs=2, metavar=("BEFORE", "AFTER"),
                         help="files of two runs")

@@ -100,13 +100,14 @@ QJsonObject Measuring::figures(const Order &order, std::vector<qint64> &times, i
     const double sum = double(std::accumulate(times.begin(), times.end(), qint64(0)));
     const double published = double(times.size()) * number;
     const bool attended = order.kind == ATTENDED;
+    std::sort(times.begin(), times.end());
     std::vector<qint64> single = attended ? _acknowledged : times;
     std::sort(single.begin(), single.end());
     const int each = attended ? 1 : number;
     QJsonObject found {
         {QStringLiteral("p50_us"), percentile(single, 50) / each},
         {QStringLiteral("p99_us"), percentile(single, 99) / each},
-        {QStringLiteral("mean_us"), sum / 1e3 / published},
+        {QStringLiteral("share_us"), percentile(times, 50) / number},
         {QStringLiteral("per_s"), published * std::max(1, order.receivers) * 1e9 / sum},
         {QStringLiteral("cpu_us"), double(after.server - before.server) / 1e3 / published},
         {QStringLiteral("count"), published}};

@@ -35,8 +35,10 @@ public:
     /// as passed.
     ///
     /// Figures are microseconds of one of them, and how many there are in a second: of what is
-    /// acknowledged or, where receivers are, of what has arrived. Their mean counts until all that
-    /// was to arrive has. Empty if the bus did not do it.
+    /// acknowledged or, where receivers are, of what has arrived. One's share is the time of those
+    /// that are under way together, until all of them have arrived, by their number. Of contents in
+    /// turn "sent" is how many there were in all, those that are not counted included. Empty if the
+    /// bus did not do it.
     QJsonObject run(const Order &order);
 
 private:
@@ -70,6 +72,5 @@ private:
     std::vector<QVariantMap> _contents; // one, or those that are sent in turn
     std::vector<qint64> _acknowledged;  // times of those attended
     size_t _turn = 0;
-    qint64 _sent = 0;
     int _bytes = 0;
 };
