@@ -171,6 +171,16 @@ private Q_SLOTS:
     {
         const TestTable<QByteArray, QString> row("json", "expected");
         row("usual", "{'operation':'o','data':{'sender':'s','reciever':'r','uid':'u'}}", "osru");
+        const QByteArray light = "{'data':{'reciever':'r','sender':'s','uid':'u'},'operation':"
+                                 "'sendMessage','result':{'code':0,'description':''}}";
+        row("as the library writes it", light, "sendMessagesru");
+        row("with an escape", QByteArray(light).replace("'u'", "'\\u0075'"), "sendMessagesru");
+        row("beyond ASCII", QByteArray(light).replace("'u'", "'\xc3\xbc'"),
+            QStringLiteral("sendMessagesr\u00fc"));
+        row("no UTF-8", QByteArray(light).replace("'u'", "'\xc3'"), "----");
+        row("with a line feed", QByteArray(light).replace("'u'", "'\n'"), "----");
+        row("cut off", light.chopped(1), "----");
+        row("more behind it", light + '}', "----");
         row("incomplete", "{'operation':'o','data':{'sender':1,'uid':'u'}}", "o--u");
         row("deep",
             "{'operation':'o','data':{'sender':'s','x':" + QByteArray(200, '[') +

@@ -4,6 +4,8 @@
 
 #include <wirekeys.h>
 
+#include <QtCore/QStringBuilder>
+
 namespace bus
 {
 
@@ -131,6 +133,9 @@ QString TrelanMessage::genUid() const
 
 QString TrelanMessage::msgKey() const
 {
+    const QChar sign = QLatin1Char('%');
+    if (!_sender.contains(sign) && !_reciever.contains(sign))
+        return _sender % QLatin1Char('.') % _reciever % QLatin1Char('.') % _uid;
     // One arg() after the other, not arg(a, b, c): a sender that holds "%2" has always been filled
     // in by the next value, and keys are compared with those that other peers make.
     return QStringLiteral("%1.%2.%3")

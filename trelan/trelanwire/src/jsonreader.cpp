@@ -26,11 +26,6 @@ bool beginsWithMark(std::string_view utf8)
     return utf8.substr(0, 3) == "\xef\xbb\xbf";
 }
 
-QString fromUtf8(std::string_view utf8)
-{
-    return QString::fromUtf8(utf8.data(), int(utf8.size()));
-}
-
 /// Makes variants of a parsed text. Every function returns false for what only Qt may judge.
 class Reader
 {
@@ -41,7 +36,7 @@ public:
         for (const auto [utf8, element] : from) {
             // A key of a sorted text belongs at the end, where inserting takes no search.
             if (beginsWithMark(utf8) ||
-                !value(element, *map.insert(map.cend(), fromUtf8(utf8), QVariant())))
+                !value(element, *map.insert(map.cend(), toText(utf8), QVariant())))
                 return false;
             ++fields;
         }
@@ -91,7 +86,7 @@ private:
         // Qt drops a byte order mark unless the string has an escape.
         if (beginsWithMark(utf8))
             return false;
-        to = QVariant(fromUtf8(utf8));
+        to = QVariant(toText(utf8));
         return true;
     }
 
@@ -153,7 +148,7 @@ private:
         QVariantMap map = list.at(pattern.place).toMap();
         auto at = map.cbegin();
         for (const auto member : pattern.object) {
-            if (at.key() != fromUtf8(member.key))
+            if (at.key() != toText(member.key))
                 return false;
             ++at;
         }
@@ -203,6 +198,17 @@ bool mayHaveTinyNumber(const QByteArray &text)
 }
 
 } // namespace
+
+QString toText(std::string_view utf8)
+{
+    unsigned char all = 0;
+    for (const char byte : utf8)
+        all |= static_cast<unsigned char>(byte);
+    constexpr unsigned char BEYOND_ASCII = 0x80;
+    const int size = int(utf8.size());
+    return all < BEYOND_ASCII ? QString::fromLatin1(utf8.data(), size)
+                              : QString::fromUtf8(utf8.data(), size);
+}
 
 bool parse(const QByteArray &text, const std::function<bool(simdjson::dom::element)> &read)
 {

@@ -24,11 +24,6 @@ namespace dom = simdjson::dom;
 constexpr size_t ENVELOPE_FIELDS = 2;
 constexpr uint ALL_FIELDS = 0x3f;
 
-QString toText(std::string_view utf8)
-{
-    return QString::fromUtf8(utf8.data(), int(utf8.size()));
-}
-
 /// Reads a time as a bus writes it, without blanks and signs.
 bool takeTime(std::string_view text, qint64 &milliseconds)
 {
@@ -50,10 +45,10 @@ public:
         if (_found != ALL_FIELDS)
             return {};
         TrelanMessage message {TrelanTimestamp(_time)};
-        message.setMessage(toText(_text));
-        message.setSender(toText(_sender));
-        message.setReciever(toText(_reciever));
-        message.setUid(toText(_uid));
+        message.setMessage(json::toText(_text));
+        message.setSender(json::toText(_sender));
+        message.setReciever(json::toText(_reciever));
+        message.setUid(json::toText(_uid));
         message.setOptions(TrelanMessage::Options(QFlag(int(_options))));
         return message;
     }
