@@ -7,9 +7,12 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QTemporaryDir>
 #include <QtCore/QThread>
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -26,6 +29,8 @@ constexpr int IDLE_MS = 10000;
 constexpr int NAMES = 64;
 constexpr int ROUNDS = 16; // with and without a stopped subscriber, in turns
 constexpr int PASSES = 3;  // over all names in each round: 200 MB in all
+constexpr int PERMANENT = 100000;
+constexpr int STARTS = 5; // from the system's memory, and from the disk, in turns
 constexpr double MIB = 1024.0 * 1024.0;
 
 bool _failed = false;
@@ -290,6 +295,71 @@ void stoppedSubscriber(benchmark::State &state)
     }
 }
 BENCHMARK(stoppedSubscriber)->Iterations(1)->Unit(benchmark::kSecond);
+
+// --- A start with permanent objects.
+
+QByteArray publishPermanentFrame(int index)
+{
+    static const QVariantMap CONTENT = content::ofSize(content::SMALL - 20);
+    QVariantMap content = CONTENT;
+    content["number"] = index;
+    return RawPeer::frame("pub", {{"nm", nameOf(index)}, {"opt", 6}, {"cnt", content}});
+}
+
+/// Publishes all permanent objects, in an order that is not that of their names.
+bool fillDisk(quint16 port)
+{
+    constexpr int AT_ONCE = 500;
+    constexpr int STEP = 7919; // has no divisor in common with the number of objects
+    RawPeer publisher(port, "publisher");
+    bool done = true;
+    for (int first = 0; first < PERMANENT; first += AT_ONCE) {
+        QByteArray frames;
+        for (int i = first; i < first + AT_ONCE; ++i)
+            frames += publishPermanentFrame(int(qint64(i) * STEP % PERMANENT));
+        done = done && publisher.send(frames);
+        for (int i = 0; i < AT_ONCE; ++i)
+            done = done && publisher.receive() == "0 ";
+    }
+    return done;
+}
+
+/// Leaves nothing of a file in the system's memory, so that the next reader waits for the disk.
+bool forget(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadWrite) && ::fsync(file.handle()) == 0 &&
+           ::posix_fadvise(file.handle(), 0, 0, POSIX_FADV_DONTNEED) == 0;
+}
+
+void startWithPermanentObjects(benchmark::State &state)
+{
+    for (auto _ : state) {
+        const QTemporaryDir folder("bench_load-XXXXXX");
+        Daemon daemon(TRELANBUSD);
+        const QStringList arguments {"--data", folder.path()};
+        bool good = daemon.start(arguments) && fillDisk(daemon.queryPort);
+        good = daemon.end(SIGTERM) == 0 && good;
+        std::vector<double> warm, cold;
+        for (int round = 0; round < 2 * STARTS; ++round) {
+            const bool isCold = round % 2 == 1;
+            good = (!isCold || forget(folder.filePath("trelan.db"))) && good;
+            QElapsedTimer timer;
+            timer.start();
+            good = daemon.start(arguments) && good;
+            RawPeer reader(daemon.queryPort, "reader");
+            good = reader.ask("loadObject {'nm':'load.99999'}") == "0 " && good;
+            (isCold ? cold : warm).push_back(seconds(timer));
+            state.counters["RSS_MiB"] = daemon.status("VmRSS") / 1024.0;
+            good = daemon.end(SIGTERM) == 0 && good;
+        }
+        state.counters["start_s"] = median(warm);
+        state.counters["start_cold_s"] = median(cold);
+        if (!good)
+            fail(state, "an object was not kept or not loaded");
+    }
+}
+BENCHMARK(startWithPermanentObjects)->Iterations(1)->Unit(benchmark::kSecond);
 
 } // namespace
 

@@ -3,7 +3,6 @@
 #include "values/buslog.h"
 #include "values/busnames.h"
 
-#include <QtCore/QCryptographicHash>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
@@ -11,10 +10,14 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QtEndian>
 
+#include <nettle/sha1.h>
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <initializer_list>
+#include <utility>
 
 namespace bus
 {
@@ -27,6 +30,7 @@ const QString LOG_SUFFIX = QStringLiteral("-wal");
 constexpr int LOG_HEADER_SIZE = 32;
 constexpr quint32 LOG_MAGIC = 0x377f0682;
 constexpr int BUSY_TIMEOUT_MS = 500; // a server that is about to end may still hold the database
+constexpr int READ_AHEAD_BYTES = 1024 * 1024;
 constexpr qint64 APPLICATION_ID = 0x5472656c;
 constexpr qint64 SCHEMA_VERSION = 2;
 constexpr qint64 SCHEMA_WITHOUT_MESSAGES = 1;
@@ -53,6 +57,10 @@ constexpr char UPGRADE_SQL[] = "CREATE TABLE messages("
                                " digest BLOB NOT NULL);"
                                "PRAGMA user_version = 2;";
 static_assert(APPLICATION_ID == 1416783212, "as in the schema");
+// While everything is looked at, the names of 100,000 objects fit into memory. SQLite's default of
+// 2,000 KiB is enough for what comes afterwards.
+constexpr char LOADING_CACHE_SQL[] = "PRAGMA cache_size = -8192";
+constexpr char CACHE_SQL[] = "PRAGMA cache_size = -2000";
 constexpr char LOAD_SQL[] =
     "SELECT name, publisher, time, uid, options, content, digest FROM objects";
 constexpr char PUT_SQL[] = "INSERT OR REPLACE INTO objects VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)";
@@ -90,16 +98,29 @@ void bindBytes(sqlite3_stmt *statement, int column, const QByteArray &bytes)
 /// A sum over what a row holds, since the database has no sums of its own.
 QByteArray digestOf(std::initializer_list<QByteArray> texts, std::initializer_list<qint64> numbers)
 {
-    QCryptographicHash hash(QCryptographicHash::Sha1);
+    sha1_ctx sum {};
+    sha1_init(&sum);
+    const auto addBytes = [&sum](const char *bytes, int size) {
+        sha1_update(&sum, size_t(size), reinterpret_cast<const uint8_t *>(bytes));
+    };
+    const auto addNumber = [&addBytes](qint64 number) {
+        std::array<char, 20> digits {};
+        const auto written = std::to_chars(digits.begin(), digits.end(), number);
+        addBytes(digits.data(), int(written.ptr - digits.data()));
+    };
     for (const QByteArray &text : texts) {
-        hash.addData(QByteArray::number(text.size()) + ':');
-        hash.addData(text);
+        addNumber(text.size());
+        addBytes(":", 1);
+        addBytes(text.constData(), text.size());
     }
-    QByteArrayList words;
-    for (const qint64 number : numbers)
-        words.append(QByteArray::number(number));
-    hash.addData(words.join(':'));
-    return hash.result();
+    int separator = 0; // of no bytes in front of the first number
+    for (const qint64 number : numbers) {
+        addBytes(":", std::exchange(separator, 1));
+        addNumber(number);
+    }
+    QByteArray digest(SHA1_DIGEST_SIZE, Qt::Uninitialized);
+    sha1_digest(&sum, SHA1_DIGEST_SIZE, reinterpret_cast<uint8_t *>(digest.data()));
+    return digest;
 }
 
 /// The bytes of a column as they are stored, whether they are valid text or not.
@@ -123,6 +144,10 @@ QByteArray exactBytes(const QString &text)
 
 QString exactText(const QByteArray &bytes)
 {
+    // Nearly all texts have nothing escaped. They stand as they are between [" and "].
+    constexpr int BRACKET = 2;
+    if (!bytes.contains('\\'))
+        return QString::fromUtf8(bytes.mid(BRACKET, bytes.size() - 2 * BRACKET));
     return QJsonDocument::fromJson(bytes).array().first().toString();
 }
 
@@ -188,8 +213,10 @@ bool PermanentStore::open(const QString &folder)
         return false;
 
     sqlite3 *database = nullptr;
-    const int status = sqlite3_open_v2(QFile::encodeName(_path).constData(), &database,
-                                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    // One thread at a time uses the store, so that SQLite needs no locks of its own.
+    const int status =
+        sqlite3_open_v2(QFile::encodeName(_path).constData(), &database,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     _database.reset(database);
     const bool opened = status == SQLITE_OK ? prepareDatabase() : failDatabase();
     if (!opened)
@@ -205,8 +232,9 @@ void PermanentStore::close()
 
 bool PermanentStore::load(QVector<ObjectRecord> &records, QVector<StoredMessage> &messages)
 {
-    if (!loadObjects(records) || !upgrade() || !loadMessages(messages))
+    if (!loadObjects(records) || !upgrade() || !loadMessages(messages) || !execute(CACHE_SQL))
         return false;
+    sqlite3_db_release_memory(_database.get());
     keepLogOnClose(false);
     return true;
 }
@@ -313,8 +341,27 @@ bool PermanentStore::prepareDatabase()
     keepLogOnClose(true);
     // The lock is exclusive before anything is read, so that no other server gets in. It also keeps
     // the index of the log in memory, where it cannot be left behind damaged.
-    return execute("PRAGMA locking_mode = EXCLUSIVE") && execute("BEGIN IMMEDIATE") && checkLog() &&
-           checkKind() && checkIntegrity() && execute("COMMIT") && useLog();
+    if (!execute("PRAGMA locking_mode = EXCLUSIVE") || !execute("BEGIN IMMEDIATE") || !checkLog())
+        return false;
+    readAhead();
+    return checkKind() && execute(LOADING_CACHE_SQL) && checkIntegrity() && execute("COMMIT") &&
+           useLog();
+}
+
+/// Reads the file once from beginning to end, so that the system has it in memory: what follows
+/// takes its pages in any order, which is slow from a disk. SQLite's own descriptor is used, since
+/// closing another one of this file would drop the lock. A fault is left to the checks, which read
+/// everything again.
+void PermanentStore::readAhead()
+{
+    sqlite3_file *file = nullptr;
+    if (sqlite3_file_control(_database.get(), "main", SQLITE_FCNTL_FILE_POINTER, &file) !=
+        SQLITE_OK)
+        return;
+    QByteArray piece(READ_AHEAD_BYTES, Qt::Uninitialized);
+    qint64 at = 0;
+    while (file->pMethods->xRead(file, piece.data(), piece.size(), at) == SQLITE_OK)
+        at += piece.size();
 }
 
 void PermanentStore::keepLogOnClose(bool keep)

@@ -65,6 +65,7 @@ private:
 
     bool prepareFolder(const QString &folder);
     bool prepareDatabase();
+    void readAhead();
     void keepLogOnClose(bool keep);
     bool checkLog();
     bool checkKind();
