@@ -63,7 +63,11 @@ constexpr char LOADING_CACHE_SQL[] = "PRAGMA cache_size = -8192";
 constexpr char CACHE_SQL[] = "PRAGMA cache_size = -2000";
 constexpr char LOAD_SQL[] =
     "SELECT name, publisher, time, uid, options, content, digest FROM objects";
-constexpr char PUT_SQL[] = "INSERT OR REPLACE INTO objects VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)";
+// A row that is changed in place leaves the index as it is, and takes fewer pages to be written
+// than one that is replaced.
+constexpr char PUT_SQL[] = "INSERT INTO objects VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)"
+                           " ON CONFLICT(name) DO UPDATE SET publisher = ?2, time = ?3, uid = ?4,"
+                           " options = ?5, content = ?6, digest = ?7";
 constexpr char REMOVE_SQL[] = "DELETE FROM objects WHERE name = ?1";
 constexpr char LOAD_MESSAGES_SQL[] = "SELECT id, sender, reciever, uid, time, options, text, "
                                      "queued, digest FROM messages ORDER BY id";
@@ -184,6 +188,17 @@ bool isLogHeader(const QByteArray &header)
 
 } // namespace
 
+/// The statements of a transaction. To prepare them takes longer than to carry them out.
+struct PermanentStore::Statements
+{
+    Statement begin;
+    Statement commit;
+    Statement putObject;
+    Statement removeObject;
+    Statement putMessage;
+    Statement removeMessage;
+};
+
 PermanentStore::PermanentStore() = default;
 PermanentStore::~PermanentStore() = default;
 
@@ -196,15 +211,6 @@ void PermanentStore::Finalize::operator()(sqlite3_stmt *statement) const
 {
     sqlite3_finalize(statement);
 }
-
-/// The statements of a transaction.
-struct PermanentStore::Statements
-{
-    Statement putObject;
-    Statement removeObject;
-    Statement putMessage;
-    Statement removeMessage;
-};
 
 bool PermanentStore::open(const QString &folder)
 {
@@ -226,6 +232,7 @@ bool PermanentStore::open(const QString &folder)
 
 void PermanentStore::close()
 {
+    _statements.reset();
     _database.reset();
     _errorString.clear();
 }
@@ -284,14 +291,14 @@ bool PermanentStore::upgrade()
 
 bool PermanentStore::apply(const QVector<Change> &changes)
 {
-    if (!_database)
+    if (!_database || !prepareStatements())
         return false;
     // An immediate transaction shows a missing lock before anything is written.
-    if (!execute("BEGIN IMMEDIATE"))
+    if (!step(_statements->begin.get()))
         return false;
-    if (applyInTransaction(changes) && execute("COMMIT"))
-        return true;
-    return failAndRollBack();
+    const bool done = std::all_of(changes.cbegin(), changes.cend(),
+                                  [this](const Change &change) { return applyOne(change); });
+    return (done && step(_statements->commit.get())) || failAndRollBack();
 }
 
 bool PermanentStore::failAndRollBack()
@@ -510,19 +517,23 @@ bool PermanentStore::remove(sqlite3_stmt *statement, qint64 id)
     return step(statement);
 }
 
-bool PermanentStore::applyInTransaction(const QVector<Change> &changes)
+bool PermanentStore::prepareStatements()
 {
-    const Statements statements {prepare(PUT_SQL), prepare(REMOVE_SQL), prepare(PUT_MESSAGE_SQL),
-                                 prepare(REMOVE_MESSAGE_SQL)};
-    if (!statements.putObject || !statements.removeObject || !statements.putMessage ||
-        !statements.removeMessage)
+    if (_statements)
+        return true;
+    auto made = std::make_unique<Statements>(
+        Statements {prepare("BEGIN IMMEDIATE"), prepare("COMMIT"), prepare(PUT_SQL),
+                    prepare(REMOVE_SQL), prepare(PUT_MESSAGE_SQL), prepare(REMOVE_MESSAGE_SQL)});
+    if (!made->begin || !made->commit || !made->putObject || !made->removeObject ||
+        !made->putMessage || !made->removeMessage)
         return false;
-    return std::all_of(changes.cbegin(), changes.cend(),
-                       [&](const Change &change) { return apply(change, statements); });
+    _statements = std::move(made);
+    return true;
 }
 
-bool PermanentStore::apply(const Change &change, const Statements &statements)
+bool PermanentStore::applyOne(const Change &change)
 {
+    const Statements &statements = *_statements;
     const auto each = [](const auto &values, const auto &apply) {
         return std::all_of(values.cbegin(), values.cend(), apply);
     };
@@ -542,10 +553,10 @@ bool PermanentStore::apply(const Change &change, const Statements &statements)
 
 bool PermanentStore::step(sqlite3_stmt *statement)
 {
-    if (sqlite3_step(statement) != SQLITE_DONE)
-        return failDatabase();
+    const bool done = sqlite3_step(statement) == SQLITE_DONE || failDatabase();
     sqlite3_reset(statement);
-    return true;
+    sqlite3_clear_bindings(statement); // the next use may be long after, and a content is large
+    return done;
 }
 
 /// Compares the sum, since the database's own check does not look into texts.

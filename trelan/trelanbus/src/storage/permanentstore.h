@@ -81,8 +81,8 @@ private:
     bool put(sqlite3_stmt *statement, const StoredMessage &stored);
     bool remove(sqlite3_stmt *statement, const QString &name);
     bool remove(sqlite3_stmt *statement, qint64 id);
-    bool applyInTransaction(const QVector<Change> &changes);
-    bool apply(const Change &change, const Statements &statements);
+    bool prepareStatements();
+    bool applyOne(const Change &change);
     bool step(sqlite3_stmt *statement);
     bool readRow(sqlite3_stmt *statement, ObjectRecord &record);
     bool readRow(sqlite3_stmt *statement, StoredMessage &stored);
@@ -91,6 +91,7 @@ private:
     bool failDatabase();
 
     std::unique_ptr<sqlite3, CloseDatabase> _database;
+    std::unique_ptr<Statements> _statements; // of the database, so that they have to end before it
     QString _path;
     QString _errorString;
 };
