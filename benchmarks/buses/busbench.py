@@ -135,6 +135,12 @@ class Session:
             return {who + "calls": sum(counter.calls().values()) / sent
                     for who, counter in counters.items()}
 
+    def server_calls(self, kind, size, milliseconds):
+        """System calls of the server for a message that nobody receives, by name."""
+        with systemcalls.Counter(self._server.pids, self._setting.path("calls")) as counter:
+            sent = self.measure(kind, size, 0, milliseconds)["sent"]
+        return {call: number / sent for call, number in counter.calls().items()}
+
     def idle(self):
         """Milliseconds of processor time in a second, and MiB, with idle clients."""
         with self.receivers(IDLE_CLIENTS):
@@ -261,10 +267,10 @@ def compare(before, after):
     print(report.comparison(*runs))
 
 
-def insert(text, path):
+def insert(text, path, mark="figures"):
     """Replaces what an earlier run has left in a document."""
     with open(path, encoding="utf-8") as file:
-        parts = re.split(r"(<!-- figures -->\n|<!-- end of figures -->)", file.read())
+        parts = re.split(f"(<!-- {mark} -->\n|<!-- end of {mark} -->)", file.read())
     parts[2] = "\n" + text + "\n"
     with open(path, "w", encoding="utf-8") as file:
         file.write("".join(parts))

@@ -51,7 +51,6 @@ Measuring::Measuring(Publisher &publisher, Arrivals &arrivals, const QList<int> 
 QJsonObject Measuring::run(const Order &order)
 {
     prepare(order);
-    const size_t first = _turn;
     Once step = once(order);
     std::vector<qint64> times;
     if (!repeat(step, order.time / 10, std::max<size_t>(2, _contents.size()), times))
@@ -65,14 +64,14 @@ QJsonObject Measuring::run(const Order &order)
             return {};
     }
 
+    const double unmeasured = double(times.size()) + (number > 1 ? number : 0);
     times.clear();
     _acknowledged.clear();
     const Used before = used();
     if (!repeat(step, order.time, number > 1 ? BATCHES_AT_LEAST : AT_LEAST, times))
         return {};
     QJsonObject found = figures(order, times, number, before);
-    if (_contents.size() > 1)
-        found[QStringLiteral("sent")] = double(_turn - first);
+    found[QStringLiteral("sent")] = unmeasured + found[QStringLiteral("count")].toDouble();
     return found;
 }
 

@@ -1,5 +1,6 @@
 #include "clientbus.h"
 #include "controllerbus.h"
+#include "permanentbus.h"
 #include "relaybus.h"
 
 using bus::TrelanTransport;
@@ -20,6 +21,8 @@ std::unique_ptr<Bus> makeBus(const QString &name, const QStringList &address)
                                                address);
     if (name == QLatin1String("client"))
         return std::make_unique<ClientBus>(address);
+    if (name == QLatin1String("permanent"))
+        return std::make_unique<PermanentBus>(address);
     if (name == QLatin1String("relay"))
         return std::make_unique<RelayBus>(address);
     return nullptr;

@@ -213,13 +213,16 @@ def goals_table(run):
                      "is", "wanted", ""], rows, 2)
 
 
-def whole(run):
-    """Everything about a run, for docs/performance.md."""
-    head = (f"Version {run['version']}, {run['date']}, {run['cpus']} CPUs ({run['architecture']}), "
+def heading(run):
+    return (f"Version {run['version']}, {run['date']}, {run['cpus']} CPUs ({run['architecture']}), "
             f"medians of {run['rounds']} rounds of {run['milliseconds']} ms for each figure. "
             f"Other programs took {run['others_percent']:.0f} % of the processors meanwhile.")
+
+
+def whole(run):
+    """Everything about a run, for docs/performance.md."""
     attended = "With one subscriber all the time, and contents that change; CPU in µs a message:"
-    parts = [head, table(run, COLUMNS), attended, table(run, ATTENDED_COLUMNS)]
+    parts = [heading(run), table(run, COLUMNS), attended, table(run, ATTENDED_COLUMNS)]
     if any(figure["measure"] == "attended.calls" for figure in run["figures"]):
         parts += ["System calls of a message, counted by strace:", table(run, SYSTEM_CALLS)]
     return "\n\n".join(parts + [idle_table(run), goals_table(run)]) + "\n"

@@ -2,6 +2,7 @@
 
 import os
 import socket
+import subprocess
 import time
 
 from processes import PATIENCE_S, Failure, Program
@@ -63,14 +64,18 @@ def embedded(bus):
     return start
 
 
-def trelanbusd(setting):
+def trelanbusd(setting, *arguments):
     ports = setting.path("ports")
     program = setting.start([
         os.path.join(setting.build, "trelan/trelanbusd/trelanbusd"), "--query-port", "0",
-        "--msg-port", "0", "--port-file", ports, "--log-level", "warning"])
+        "--msg-port", "0", "--port-file", ports, "--log-level", "warning", *arguments])
     await_start(program, lambda: os.path.exists(ports))
     with open(ports, encoding="ascii") as lines:
         return Server([program], [line.strip().split("=")[1] for line in lines])
+
+
+def permanent_trelanbusd(setting):
+    return trelanbusd(setting, "--data", setting.path("data"))
 
 
 # The other buses, at their best: nothing kept on disk, nothing logged, no delay before sending.
@@ -146,11 +151,33 @@ def mosquitto(setting):
     return started(program, port)
 
 
-def nats_server(setting):
+def nats_server(setting, *arguments):
     port = free_port()
     program = setting.start([setting.peer("usr/sbin/nats-server", "usr/bin/nats-server"),
-                             "-a", "127.0.0.1", "-p", str(port), "-l", setting.path("nats.log")])
+                             "-a", "127.0.0.1", "-p", str(port), "-l", setting.path("nats.log"), *arguments])
     return started(program, port)
+
+
+# Those that keep what they are given. What Redis acknowledges is on disk.
+
+def redis_server(setting):
+    port = free_port()
+    program = setting.start([
+        setting.peer("usr/bin/redis-server"), "--bind", "127.0.0.1", "--port", str(port),
+        "--dir", setting.folder, "--logfile", setting.path("redis.log"), "--save", "",
+        "--appendonly", "yes", "--appendfsync", "always", "--auto-aof-rewrite-percentage", "0"])
+    return started(program, port)
+
+
+def jetstream(setting):
+    return nats_server(setting, "-js", "-sd", setting.path("stream"))
+
+
+def synchronous_jetstream(setting):
+    """Version 2.9 refuses the setting for it: the file system makes every write wait for the disk."""
+    os.mkdir(setting.path("stream"))
+    subprocess.run(["chattr", "+S", setting.path("stream")], check=True)
+    return jetstream(setting)
 
 
 def started(program, port):

@@ -8,9 +8,11 @@ bool NatsConnection::open(quint16 port)
            sendAndFlush("CONNECT {\"verbose\":false,\"pedantic\":false,\"lang\":\"c++\"}\r\n");
 }
 
-QByteArray NatsConnection::message(const QByteArray &subject, const QByteArray &payload)
+QByteArray NatsConnection::message(const QByteArray &subject, const QByteArray &payload,
+                                   const QByteArray &answers)
 {
-    return "PUB " + subject + ' ' + QByteArray::number(payload.size()) + "\r\n" + payload + "\r\n";
+    return "PUB " + subject + ' ' + (answers.isEmpty() ? answers : answers + ' ') +
+           QByteArray::number(payload.size()) + "\r\n" + payload + "\r\n";
 }
 
 bool NatsConnection::send(const QByteArray &bytes)

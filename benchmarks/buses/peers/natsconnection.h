@@ -17,8 +17,9 @@ public:
     bool open(quint16 port);
     int descriptor() const { return _socket.descriptor(); }
 
-    /// What to send for a message.
-    static QByteArray message(const QByteArray &subject, const QByteArray &payload);
+    /// What to send for a message. \a answers is the subject of its answer, with a stream.
+    static QByteArray message(const QByteArray &subject, const QByteArray &payload,
+                              const QByteArray &answers = {});
 
     bool send(const QByteArray &bytes);
     /// Sends and waits until the server has worked through all that was sent.

@@ -1,6 +1,8 @@
 #include "dbusbus.h"
+#include "jetstreambus.h"
 #include "mqttbus.h"
 #include "natsbus.h"
+#include "redisbus.h"
 #include "remoteobjectsbus.h"
 
 std::unique_ptr<Bus> makeBus(const QString &name, const QStringList &address)
@@ -17,5 +19,9 @@ std::unique_ptr<Bus> makeBus(const QString &name, const QStringList &address)
         return std::make_unique<NatsBus>(Payload::DataStream, address);
     if (name == QLatin1String("remoteobjects"))
         return std::make_unique<RemoteObjectsBus>(address);
+    if (name == QLatin1String("redis"))
+        return std::make_unique<RedisBus>(address);
+    if (name.startsWith(QLatin1String("jetstream")))
+        return std::make_unique<JetStreamBus>(address);
     return nullptr;
 }
