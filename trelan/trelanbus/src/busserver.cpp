@@ -78,6 +78,7 @@ BusServer::~BusServer()
     _codec.finish();
     handleCodecResults();
     _storage.finish();
+    sendAnswers();
     qDeleteAll(std::exchange(_connections, {}));
 }
 
@@ -135,6 +136,12 @@ QString BusServer::errorString() const
     return _errorString;
 }
 
+void BusServer::takeNext(ConnectionId id)
+{
+    if (BusConnection *connection = _connections.value(id))
+        connection->takeNext();
+}
+
 void BusServer::reply(ConnectionId id, const QString &word, const TrelanError &error)
 {
     if (error.error() != TrelanError::NoError) {
@@ -187,6 +194,7 @@ bool BusServer::canPush(ConnectionId id) const
 
 void BusServer::push(ConnectionId id, const QByteArray &frame)
 {
+    sendAnswers(); // the publisher hears of its publish before the subscribers do
     if (BusConnection *connection = _connections.value(id))
         connection->push(frame);
 }
@@ -262,10 +270,10 @@ void BusServer::onRequest(ConnectionId id, const QByteArray &payload)
 {
     const qint64 limit = _settings.maxInflatedSize();
     if (payload.size() <= SMALL_REQUEST) {
-        const BusRequest request = BusRequest::parse(payload, qMin(limit, SMALL_INFLATED));
+        BusRequest request = BusRequest::parse(payload, qMin(limit, SMALL_INFLATED));
         // A small payload may inflate a thousandfold, which makes it a large request.
         if (request.payloadFault != TrelanFrame::TooLarge || limit <= SMALL_INFLATED) {
-            handle(id, request);
+            handle(id, std::move(request));
             return;
         }
     }
@@ -287,13 +295,13 @@ void BusServer::onReply(ConnectionId id, const QByteArray &payload)
     settle();
 }
 
-void BusServer::handle(ConnectionId id, const BusRequest &request)
+void BusServer::handle(ConnectionId id, BusRequest request)
 {
     const BusConnection *connection = _connections.value(id);
     if (connection && connection->channel() == BusConnection::Messages)
         _core.handleOnMessageChannel(id, request);
     else
-        _core.handle(id, request);
+        _core.handle(id, std::move(request));
     settle();
 }
 
@@ -349,13 +357,13 @@ void BusServer::handleCodecResults()
 void BusServer::handleStorageResults()
 {
     _storage.handleResults();
-    settle();
+    goOnBehindAnswers();
 }
 
 void BusServer::goOn()
 {
     _core.goOn();
-    settle();
+    goOnBehindAnswers();
 }
 
 /// Comes after whatever may have sent something.
@@ -390,8 +398,25 @@ void BusServer::answerEncoded(ConnectionId id, qint64 cost,
 
 void BusServer::answer(ConnectionId id, const QByteArray &frame)
 {
-    if (BusConnection *connection = _connections.value(id))
-        connection->answer(frame);
+    BusConnection *connection = _connections.value(id);
+    if (connection && connection->answer(frame) == BusConnection::HeldBack &&
+        (_holding.isEmpty() || _holding.constLast() != id))
+        _holding.append(id);
+}
+
+void BusServer::sendAnswers()
+{
+    for (const ConnectionId id : std::exchange(_holding, {})) {
+        if (BusConnection *connection = _connections.value(id))
+            connection->sendAnswers();
+    }
+}
+
+void BusServer::goOnBehindAnswers()
+{
+    sendAnswers();
+    _core.handleWaiting();
+    settle();
 }
 
 } // namespace bus

@@ -12,6 +12,7 @@
 #include <QtCore/QHash>
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
+#include <QtCore/QVector>
 
 #include <functional>
 #include <memory>
@@ -48,6 +49,7 @@ private:
     using Job = std::function<Completion()>;
     using Codec = BackgroundWorker<Job, Completion>;
 
+    void takeNext(ConnectionId id) override;
     void reply(ConnectionId id, const QString &word, const TrelanError &error) override;
     void replyObject(ConnectionId id, const QString &word, const ObjectRecord &record) override;
     void replyObjects(ConnectionId id, const QString &word,
@@ -74,7 +76,7 @@ private:
 
     bool listen(BusListener &listener, int descriptor, quint16 port);
     void onDescriptor(BusConnection::Channel channel, int descriptor);
-    void handle(ConnectionId id, const BusRequest &request);
+    void handle(ConnectionId id, BusRequest request);
     void addJob(ConnectionId id, const Job &job);
     void handleCodecResults();
     void handleStorageResults();
@@ -84,6 +86,8 @@ private:
     void checkTimes();
     void answerEncoded(ConnectionId id, qint64 cost, const std::function<QByteArray()> &encode);
     void answer(ConnectionId id, const QByteArray &frame);
+    void sendAnswers();
+    void goOnBehindAnswers();
 
     const TrelanBusSettings _settings;
     QString _errorString;
@@ -95,6 +99,7 @@ private:
     QHash<ConnectionId, BusConnection *> _connections;     // children of this
     QHash<ConnectionId, std::shared_ptr<const Job>> _jobs; // for the codec; one for a connection
     ConnectionId _lastId = 0;
+    QVector<ConnectionId> _holding;         // connections that may hold answers back
     QHash<QString, QByteArray> _doneFrames; // by operation: the answer that it is done
     WarningLimiter _warnings;
     QTimer _times; // runs while something waits for a client

@@ -91,10 +91,7 @@ void BusDelivery::restore()
 void BusDelivery::accept(const TrelanMessage &message, qint64 limit, const Done &done)
 {
     const QString name = message.reciever();
-    const auto known = _clients.constFind(name);
-    const bool connected = known != _clients.constEnd() && known->connection != 0;
-    const bool transient = connected && known->transient;
-    if (!connected && name != LOGGER_NAME && (!message.isStored() || hasLeft(name))) {
+    if (!isConnected(name) && name != LOGGER_NAME && (!message.isStored() || hasLeft(name))) {
         done(absenceFault(name));
         return;
     }
@@ -104,16 +101,31 @@ void BusDelivery::accept(const TrelanMessage &message, qint64 limit, const Done 
         hearAll(); // what has been acknowledged takes no room
         fault = roomFault(name, cost);
     }
-    // A log line is not worth the wait for the disk, where no bound drops the oldest lines.
-    // The queue of a transient client would end with the bus, anyway.
-    const bool endsWithBus = name == LOGGER_NAME || transient;
-    if (fault.error() == TrelanError::NoError && message.isStored() && !endsWithBus && limit == 0) {
+    if (fault.error() == TrelanError::NoError && isKept(message, limit)) {
         keep(message, cost, done);
         return;
     }
     if (fault.error() == TrelanError::NoError)
         append(message, now(), 0, limit);
     finish(message, fault, done);
+}
+
+bool BusDelivery::surelyGoesToDisk(const TrelanMessage &message, qint64 limit) const
+{
+    const QString name = message.reciever();
+    return _storage.state() == BusStorage::OnDisk && isKept(message, limit) &&
+           (isConnected(name) || !hasLeft(name)) &&
+           roomFault(name, costOf(message)).error() == TrelanError::NoError;
+}
+
+/// Whether a message that is accepted goes to the disk, if there is one.
+bool BusDelivery::isKept(const TrelanMessage &message, qint64 limit) const
+{
+    // A log line is not worth the wait for the disk, where no bound drops the oldest lines.
+    if (!message.isStored() || limit != 0 || message.reciever() == LOGGER_NAME)
+        return false;
+    // The queue of a transient client would end with the bus, anyway.
+    return !isConnected(message.reciever()) || !_clients.constFind(message.reciever())->transient;
 }
 
 /// Takes the room before the disk has the message, so that an accepted message always fits.
@@ -484,10 +496,16 @@ BusDelivery::Client &BusDelivery::client(const QString &name)
 }
 
 /// Whether a transient client of this name has gone, so lately that messages may still come for it.
-bool BusDelivery::hasLeft(const QString &name)
+bool BusDelivery::hasLeft(const QString &name) const
 {
     const qint64 *at = _left.object(name);
     return at && now() - *at < _settings.messageLifetime();
+}
+
+bool BusDelivery::isConnected(const QString &name) const
+{
+    const auto known = _clients.constFind(name);
+    return known != _clients.constEnd() && known->connection != 0;
 }
 
 TrelanError BusDelivery::roomFault(const QString &name, qint64 cost) const

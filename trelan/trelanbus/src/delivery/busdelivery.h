@@ -46,6 +46,9 @@ public:
     /// message is on disk, and in any case before the message is sent. A message with a \a limit,
     /// in milliseconds, is never on disk, and dropped if it was not sent by then.
     void accept(const TrelanMessage &message, qint64 limit, const Done &done);
+    /// Whether accept() puts the message on disk, whatever becomes of the messages that are on
+    /// their way there.
+    bool surelyGoesToDisk(const TrelanMessage &message, qint64 limit) const;
 
     /// Clients that are past a bound and cannot be told what they have subscribed to any more, each
     /// with the bound, for people.
@@ -125,7 +128,9 @@ private:
     };
 
     Client &client(const QString &name);
-    bool hasLeft(const QString &name);
+    bool hasLeft(const QString &name) const;
+    bool isConnected(const QString &name) const;
+    bool isKept(const TrelanMessage &message, qint64 limit) const;
     TrelanError roomFault(const QString &name, qint64 cost) const;
     bool isFull(const Client &client, int messages, qint64 bytes) const;
     bool isBehind(const QString &name, const QString &object, qint64 cost) const;

@@ -21,7 +21,11 @@ class BusOutput
 public:
     virtual ~BusOutput() = default;
 
-    /// Answers the request of \a id that is being handled. Ignored when the connection is gone.
+    /// The request of \a id that is being handled is answered later, and the next ones may be
+    /// handled meanwhile. The answers are due in the order of the requests.
+    virtual void takeNext(ConnectionId id) = 0;
+
+    /// Answers the oldest request of \a id that has no answer. Ignored when the connection is gone.
     virtual void reply(ConnectionId id, const QString &word, const TrelanError &error) = 0;
     /// Answers with one object as the data.
     virtual void replyObject(ConnectionId id, const QString &word, const ObjectRecord &record) = 0;

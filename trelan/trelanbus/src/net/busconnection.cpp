@@ -30,6 +30,9 @@ constexpr int PUSH_BUFFER = 256 * 1024;
 // More answers do not wait for a client that asks and does not read.
 constexpr int MAX_ANSWERS_LEAVING = 16;
 
+// Answers that wait for each other are joined up to this size.
+constexpr int MAX_JOINED = 64 * 1024;
+
 constexpr int READ_CHUNK = 64 * 1024;
 // An array would be a part of the stack of every thread of the program.
 thread_local std::vector<char> _chunk(READ_CHUNK);
@@ -140,16 +143,47 @@ void BusConnection::setRegistered()
     _handshake.stop();
 }
 
-void BusConnection::answer(const QByteArray &frame)
+void BusConnection::takeNext()
 {
     if (_state != HandingOver && _state != Answering)
         return;
+    const bool comesLater = _state == Answering; // otherwise the turn goes on by itself
+    _state = Reading;
+    ++_unanswered;
+    if (comesLater)
+        goOn();
+}
+
+BusConnection::Sending BusConnection::answer(const QByteArray &frame)
+{
+    if (_unanswered > 0 && _state != Closed) {
+        --_unanswered;
+        if (_leaving.isEmpty() || _leaving.constLast().size() >= MAX_JOINED)
+            _leaving.append(frame);
+        else
+            _leaving.last() += frame;
+        return HeldBack;
+    }
+    if (_state != HandingOver && _state != Answering)
+        return Sent;
     const bool comesLater = _state == Answering; // otherwise the turn goes on by itself
     _state = Reading;
     send(frame);
     _answersLeaving = _leaving.isEmpty() ? 0 : _answersLeaving + 1;
     if (comesLater)
         goOn();
+    return Sent;
+}
+
+void BusConnection::sendAnswers()
+{
+    if (_state == Closed || _leaving.isEmpty() || (_events & EPOLLOUT) != 0)
+        return; // otherwise they leave behind what has found no room
+    sendRest();
+    if (_leaving.isEmpty())
+        return;
+    watch(_events | EPOLLOUT);
+    watchProgress();
 }
 
 void BusConnection::answerAndEnd(const QByteArray &frame)
@@ -249,7 +283,7 @@ void BusConnection::takeRequests(bool isReadable)
     QElapsedTimer turn;
     turn.start();
     while (_state == Reading && mayTakeRequest()) {
-        const TrelanFrameReader::Status status = _reader.next();
+        const TrelanFrameReader::Status status = _postponed ? *_postponed : _reader.next();
         if (status != TrelanFrameReader::NeedMoreData) {
             takeRequest(status);
         } else if (isReadable) {
@@ -266,11 +300,23 @@ void BusConnection::takeRequests(bool isReadable)
 /// wait for the other side to read.
 bool BusConnection::mayTakeRequest() const
 {
+    if (_postponed && _unanswered > 0)
+        return false;
     return _leaving.isEmpty() || (_channel == Messages && _answersLeaving < MAX_ANSWERS_LEAVING);
+}
+
+bool BusConnection::isRequest(TrelanFrameReader::Status status) const
+{
+    return status == TrelanFrameReader::FrameReady &&
+           (_reader.kind() == TrelanFrame::Request || _channel == Messages);
 }
 
 void BusConnection::takeRequest(TrelanFrameReader::Status status)
 {
+    if (_unanswered > 0 && !isRequest(status)) {
+        _postponed = status;
+        return;
+    }
     if (status == TrelanFrameReader::TooLarge) {
         _state = HandingOver;
         _owner.onFrameTooLarge(_connectionId, _reader.faultText());
@@ -294,7 +340,7 @@ void BusConnection::goOn()
     watchProgress();
     if (_state != Reading || !mayTakeRequest())
         return;
-    if (_reader.hasNext())
+    if (_postponed || _reader.hasNext())
         scheduleTurn();
     else if (!_readsLate)
         watch(_events | EPOLLIN);
@@ -367,7 +413,7 @@ void BusConnection::watch(quint32 events)
 /// Runs the clock while the other side has to send the rest of a frame or to read one.
 void BusConnection::watchProgress()
 {
-    const bool owesBytes = _state == Reading && _reader.isInsideFrame();
+    const bool owesBytes = _state == Reading && !_postponed && _reader.isInsideFrame();
     if (_state == Closed || _state == Discarding)
         return;
     if (owesBytes || !_leaving.isEmpty())

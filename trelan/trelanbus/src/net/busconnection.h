@@ -10,15 +10,18 @@
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
 
+#include <optional>
+
 namespace bus
 {
 
 /// \brief One connection of a client: bytes in and out, and how long they may take.
 ///
-/// The connection hands over one request at a time, and reads the next when that one is answered
-/// and the answer has left: one client makes the bus keep one frame in each direction at most,
-/// however fast it sends and however slowly it reads. The connection works in short turns, between
-/// which other connections have theirs. It lives in the thread of the bus.
+/// The connection hands over one request at a time, and the next when the owner has answered it or
+/// asks for the next, and all answers so far have left: one client makes the bus keep one frame in
+/// each direction at most, and what the owner lets it have on its way, however fast it sends and
+/// however slowly it reads. The connection works in short turns, between which other connections
+/// have theirs. It lives in the thread of the bus.
 class BusConnection : public QObject
 {
 public:
@@ -33,13 +36,14 @@ public:
     public:
         virtual ~Owner() = default;
 
-        /// A request has arrived; answer() is due.
+        /// A request has arrived; answer() is due, now or later, and takeNext() may come before.
         virtual void onRequest(ConnectionId id, const QByteArray &payload) = 0;
         /// A reply has arrived, on the message channel.
         virtual void onReply(ConnectionId id, const QByteArray &payload) = 0;
         /// Everything that was sent has left, and canPush() is true again.
         virtual void onDrained(ConnectionId id) = 0;
-        /// A frame above the limit has been announced; answerAndEnd() is due.
+        /// A frame above the limit has been announced, and everything before it is answered;
+        /// answerAndEnd() is due.
         virtual void onFrameTooLarge(ConnectionId id, const QString &fault) = 0;
         /// The connection has ended. This is called once, and last. The connection may be in the
         /// middle of something, and must not be destroyed at once.
@@ -65,8 +69,17 @@ public:
     /// Ends the wait for the handshake.
     void setRegistered();
 
-    /// Sends the answer to the request that was handed over last, and goes on reading.
-    void answer(const QByteArray &frame);
+    /// Hands over the next request before the one that was handed over last is answered.
+    void takeNext();
+
+    enum Sending {
+        Sent,
+        HeldBack ///< sendAnswers() is due soon
+    };
+    /// Answers the oldest request that has no answer, and goes on reading. The answer to the
+    /// request that was handed over last is sent at once; others leave together.
+    Sending answer(const QByteArray &frame);
+    void sendAnswers();
 
     /// Sends a last frame, ends the sending side, and reads on for a while without looking at what
     /// comes. If the connection were closed at once, what the client still sends would make its
@@ -106,6 +119,7 @@ private:
     void takeTurn(bool isReadable);
     void takeRequests(bool isReadable);
     bool mayTakeRequest() const;
+    bool isRequest(TrelanFrameReader::Status status) const;
     void takeRequest(TrelanFrameReader::Status status);
     void goOn();
     int receive();
@@ -126,8 +140,10 @@ private:
     quint32 _events; // that the poller watches
     TrelanFrameReader _reader;
     State _state = Reading;
-    QList<QByteArray> _leaving; // frames that have not left as a whole
-    int _sentOfFirst = 0;       // bytes of the first of them
+    int _unanswered = 0; // requests before the one that was handed over last
+    std::optional<TrelanFrameReader::Status> _postponed; // of a frame that ends the connection
+    QList<QByteArray> _leaving;                          // frames that have not left as a whole
+    int _sentOfFirst = 0;                                // bytes of the first of them
     int _answersLeaving = 0;
     bool _readsLate = false;
     QTimer _nextTurn;

@@ -21,6 +21,7 @@ constexpr int MAX_LAST_PUBLISHED = 10000;
 constexpr qint64 MAX_TESTS_AT_ONCE = 1000000;
 constexpr qint64 CLIENT_DATA_COST = 256; // bytes in an answer, roughly
 constexpr qint64 FEATURES_COST = 512;
+constexpr qint64 REQUEST_COST = 256;   // and of each of its names
 constexpr int MAX_TOLD_AT_ONCE = 1000; // removals in one turn: some milliseconds
 
 /// What this bus can do beyond what every bus can, sorted.
@@ -28,6 +29,19 @@ QStringList featureNames()
 {
     return {features::CLIENTS,  features::LIMIT, features::NOW,      features::PROMPT,
             features::REMOVALS, features::TOLD,  features::TRANSIENT};
+}
+
+/// What a request takes on its way to the disk, in bytes, roughly.
+qint64 costOf(const BusRequest &request)
+{
+    if (request.operation == BusRequest::Publish)
+        return request.record.cost();
+    qint64 cost = REQUEST_COST;
+    if (request.message)
+        cost += request.message->message().size() * qint64(sizeof(QChar));
+    for (const QString &name : request.names)
+        cost += REQUEST_COST + name.size() * qint64(sizeof(QChar));
+    return cost;
 }
 
 void logPublish(const ObjectHead &object)
@@ -54,7 +68,61 @@ BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutp
     , _lastPublished(MAX_LAST_PUBLISHED)
 {}
 
-void BusCore::handle(ConnectionId id, const BusRequest &request)
+void BusCore::handle(ConnectionId id, BusRequest request)
+{
+    complete(id, request);
+    if (_writes.isEmpty(id) || mayStart(id, request))
+        start(id, request);
+    else
+        _waiting.insert(id, request);
+}
+
+/// Fills in what the bus knows of a publish or a message.
+void BusCore::complete(ConnectionId id, BusRequest &request) const
+{
+    if (request.operation == BusRequest::Publish) {
+        ObjectRecord &record = request.record;
+        record.head.publisher = _queryClients.name(id);
+        // The id covers the content, so that two values of one millisecond do not share it.
+        if (record.head.uid.isEmpty())
+            record.head.uid = record.toObject().genUid();
+    } else if (request.operation == BusRequest::SendMessage) {
+        TrelanMessage &message = *request.message;
+        message.setSender(_queryClients.name(id));
+        if (message.uid().isEmpty())
+            message.setUid(message.genUid());
+    }
+}
+
+/// Whether a request does and answers the same, whatever becomes of the writes of its connection
+/// that are on their way to the disk.
+bool BusCore::mayStart(ConnectionId id, const BusRequest &request) const
+{
+    switch (request.operation) {
+    case BusRequest::Publish:
+        return !_order.isFull() && request.record.head.isStored() &&
+               !names::isCommandName(request.record.head.name) &&
+               _writes.hasRoom(id, costOf(request)) && _storage.surelyGoesToDisk(request.record);
+    case BusRequest::Remove:
+        return !_order.isFull() && _writes.hasRoom(id, costOf(request)) &&
+               _storage.surelyGoesToDisk(request.names);
+    case BusRequest::SendMessage:
+        // What changes tell a receiver takes room in its queue.
+        return !_writes.hasChanges(id) && _writes.hasRoom(id, costOf(request)) &&
+               _delivery.surelyGoesToDisk(*request.message, request.limit);
+    default:
+        return false;
+    }
+}
+
+void BusCore::start(ConnectionId id, const BusRequest &request)
+{
+    startOperation(id, request);
+    if (!_writes.isEmpty(id))
+        _output.takeNext(id);
+}
+
+void BusCore::startOperation(ConnectionId id, const BusRequest &request)
 {
     const bool isHandshake = request.word == QString(operations::HANDSHAKE);
     // A request that could not be read has no operation that could be refused.
@@ -118,6 +186,8 @@ void BusCore::pushMore(ConnectionId id)
 
 void BusCore::connectionClosed(ConnectionId id)
 {
+    _writes.forget(id);
+    _waiting.remove(id);
     endQuery(id);
     endMessages(id);
 }
@@ -147,6 +217,18 @@ bool BusCore::hasQueues() const
 void BusCore::goOn()
 {
     _order.resume();
+}
+
+void BusCore::handleWaiting()
+{
+    for (const ConnectionId id : std::exchange(_answered, {})) {
+        const auto waiting = _waiting.find(id);
+        if (waiting == _waiting.end() || !(_writes.isEmpty(id) || mayStart(id, *waiting)))
+            continue;
+        const BusRequest request = *waiting;
+        _waiting.erase(waiting);
+        start(id, request);
+    }
 }
 
 void BusCore::restoreMessages()
@@ -220,15 +302,15 @@ void BusCore::endMessages(ConnectionId id)
 
 void BusCore::publish(ConnectionId id, const BusRequest &request)
 {
-    ObjectRecord record = request.record;
-    record.head.publisher = _queryClients.name(id);
-    if (record.head.uid.isEmpty()) {
-        // The id covers the content, so that two values of one millisecond do not share it.
-        record.head.uid = record.toObject().genUid();
-    }
+    const ObjectRecord &record = request.record;
+    const bool isKept = record.head.isStored() && !names::isCommandName(record.head.name);
+    PendingWrites::Write write;
+    if (isKept && _storage.goesToDisk(record))
+        write = _writes.begin(id, PendingWrites::Change, costOf(request));
     const quint64 place = _order.takePlace();
-    const auto done = [this, id, word = request.word, record, place](const TrelanError &error) {
-        const auto reply = [this, id, word, error] { _output.reply(id, word, error); };
+    const auto done = [this, id, word = request.word, record, place,
+                       write](const TrelanError &error) {
+        const auto reply = [this, write, id, word, error] { replyInTurn(write, id, word, error); };
         if (error.error() != TrelanError::NoError) {
             reply();
             _order.leave(place);
@@ -245,7 +327,7 @@ void BusCore::publish(ConnectionId id, const BusRequest &request)
         publish.receivers = _subscriptions.receivers(record.head.name);
         _order.takeEffect(place, publish);
     };
-    if (record.head.isStored() && !names::isCommandName(record.head.name))
+    if (isKept)
         _storage.publish(record, done);
     else
         done(TrelanError());
@@ -254,13 +336,30 @@ void BusCore::publish(ConnectionId id, const BusRequest &request)
 void BusCore::remove(ConnectionId id, const BusRequest &request)
 {
     const QString remover = _queryClients.name(id);
+    const auto write = _writes.begin(id, PendingWrites::Change, costOf(request));
     // Without a place a removal holds nothing up that nobody is to be told of.
     const quint64 place = _removals.isEmpty() ? 0 : _order.takePlace();
-    _storage.remove(request.names, [this, id, word = request.word, remover,
-                                    place](const TrelanError &error, const QStringList &removed) {
+    const auto done = [this, id, word = request.word, remover, place,
+                       write](const TrelanError &error, const QStringList &removed) {
         objectsRemoved(removed, remover, place,
-                       [this, id, word, error] { _output.reply(id, word, error); });
-    });
+                       [this, write, id, word, error] { replyInTurn(write, id, word, error); });
+    };
+    _storage.remove(request.names, done);
+}
+
+/// Replies to a request that was on its way to the disk when those before it are answered, and to
+/// any other one at once.
+void BusCore::replyInTurn(const PendingWrites::Write &write, ConnectionId id, const QString &word,
+                          const TrelanError &error)
+{
+    const auto reply = [this, id, word, error] { _output.reply(id, word, error); };
+    if (write.number == 0) {
+        reply();
+        return;
+    }
+    if (_waiting.contains(id) && (_answered.isEmpty() || _answered.constLast() != id))
+        _answered.append(id);
+    _writes.end(write, reply);
 }
 
 /// Tells of stored objects that are gone from the storage. Everything that removes objects ends
@@ -442,18 +541,18 @@ void BusCore::unsubscribe(ConnectionId id, const BusRequest &request)
 
 void BusCore::sendMessage(ConnectionId id, const BusRequest &request)
 {
-    TrelanMessage message = *request.message;
-    message.setSender(_queryClients.name(id));
-    if (message.uid().isEmpty())
-        message.setUid(message.genUid());
+    const TrelanMessage &message = *request.message;
     if (message.isLogged()) {
         qCInfo(BUS_LOG).noquote() << QStringLiteral("%1 sends a message to %2")
                                          .arg(names::quoted(message.sender()),
                                               names::quoted(message.reciever()));
     }
+    PendingWrites::Write write;
+    if (message.isStored())
+        write = _writes.begin(id, PendingWrites::Message, costOf(request));
     _delivery.accept(message, request.limit,
-                     [this, id, word = request.word](const TrelanError &error) {
-                         _output.reply(id, word, error);
+                     [this, write, id, word = request.word](const TrelanError &error) {
+                         replyInTurn(write, id, word, error);
                      });
 }
 

@@ -5,6 +5,7 @@
 #include "request/buspayload.h"
 #include "request/busrequest.h"
 #include "rules/clientregistry.h"
+#include "rules/pendingwrites.h"
 #include "rules/publishorder.h"
 #include "rules/subscriptionindex.h"
 #include "storage/busstorage.h"
@@ -27,8 +28,9 @@ public:
     BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output);
 
     /// Handles one request of the query channel and sees to it that exactly one reply follows, now
-    /// or later.
-    void handle(ConnectionId id, const BusRequest &request);
+    /// or later. While requests of the connection are on their way to the disk, one that could tell
+    /// the difference waits until they are answered.
+    void handle(ConnectionId id, BusRequest request);
     /// Handles one request of the message channel. Exactly one reply follows at once.
     void handleOnMessageChannel(ConnectionId id, const BusRequest &request);
     /// Handles a reply on the message channel.
@@ -52,10 +54,20 @@ public:
     /// To be called once after each BusOutput::goOnLater().
     void goOn();
 
+    /// Handles requests that have waited for others. To be called after BusStorage::handleResults()
+    /// and goOn().
+    void handleWaiting();
+
     /// To be called once, when the storage is open.
     void restoreMessages();
 
 private:
+    void complete(ConnectionId id, BusRequest &request) const;
+    bool mayStart(ConnectionId id, const BusRequest &request) const;
+    void start(ConnectionId id, const BusRequest &request);
+    void startOperation(ConnectionId id, const BusRequest &request);
+    void replyInTurn(const PendingWrites::Write &write, ConnectionId id, const QString &word,
+                     const TrelanError &error);
     void handshake(ClientRegistry &registry, ConnectionId id, const BusRequest &request);
     void acceptHandshake(const ClientRegistry &registry, ConnectionId id,
                          const BusRequest &request);
@@ -92,8 +104,11 @@ private:
     ClientRegistry _queryClients;
     ClientRegistry _msgClients;
     PublishOrder _order;
-    SubscriptionIndex _subscriptions; // of clients with a query connection
-    SubscriptionIndex _removals;      // those of them with which removals are told
+    PendingWrites _writes;
+    QHash<ConnectionId, BusRequest> _waiting; // for the writes of their connection
+    QVector<ConnectionId> _answered;          // whose writes were answered; see handleWaiting()
+    SubscriptionIndex _subscriptions;         // of clients with a query connection
+    SubscriptionIndex _removals;              // those of them with which removals are told
     QCache<QString, QPair<QString, size_t>> _lastPublished; // uid and digest by object name
     WarningLimiter _warnings;
 };

@@ -1,5 +1,7 @@
 #include "storage/busstorage.h"
 
+#include <algorithm>
+
 namespace bus
 {
 
@@ -79,6 +81,22 @@ void BusStorage::publish(const ObjectRecord &record, const Done &done)
     });
 }
 
+bool BusStorage::goesToDisk(const ObjectRecord &record) const
+{
+    return _state == OnDisk && (record.head.isPermanent() || concernsDisk(record.head.name));
+}
+
+/// A name without changes under way takes the room that its value takes.
+bool BusStorage::surelyGoesToDisk(const ObjectRecord &record) const
+{
+    if (_state != OnDisk)
+        return false;
+    const bool isPending = _pending.contains(record.head.name);
+    if (!record.head.isPermanent() && (isPending || !isPermanent(record.head.name)))
+        return false;
+    return isPending ? _objects.hasAmpleRoom(record) : _objects.roomFault(record).isEmpty();
+}
+
 void BusStorage::remove(const QStringList &names, const RemoveDone &done)
 {
     PermanentStore::Change toDisk;
@@ -102,6 +120,14 @@ void BusStorage::remove(const QStringList &names, const RemoveDone &done)
     change(toDisk, names, [removeFromMemory, done](const TrelanError &error) {
         done(error, error.error() == TrelanError::NoError ? removeFromMemory() : QStringList());
     });
+}
+
+bool BusStorage::surelyGoesToDisk(const QStringList &names) const
+{
+    const auto isPending = [this](const QString &name) { return _pending.contains(name); };
+    const auto isOnDisk = [this](const QString &name) { return isPermanent(name); };
+    return _state == OnDisk && std::none_of(names.cbegin(), names.cend(), isPending) &&
+           std::any_of(names.cbegin(), names.cend(), isOnDisk);
 }
 
 void BusStorage::keepMessage(const TrelanMessage &message, const MessageDone &done)
@@ -198,23 +224,32 @@ std::vector<BusStorage::Result> BusStorage::write(PermanentStore &store, std::ve
         changes.append(job.change);
         results.push_back({job.ticket, QString()});
     }
-    if (store.apply(changes))
-        return results;
-    // A change that fails must not make the others fail.
-    for (int i = 0; i < changes.size(); ++i) {
-        const bool written = changes.size() > 1 && store.apply({changes.at(i)});
-        results[size_t(i)].fault = written ? QString() : store.errorString();
+    // A change that fails must not make the others fail. Halves find it with few commits.
+    QVector<QPair<int, int>> parts {{0, changes.size()}};
+    while (!parts.isEmpty()) {
+        const auto [first, count] = parts.takeLast();
+        if (store.apply(changes.mid(first, count)))
+            continue;
+        if (count == 1) {
+            results[size_t(first)].fault = store.errorString();
+        } else {
+            parts.append({first + count / 2, count - count / 2});
+            parts.append({first, count / 2});
+        }
     }
     return results;
+}
+
+bool BusStorage::isPermanent(const QString &name) const
+{
+    const ObjectRecord *record = _objects.find(name);
+    return record && record->head.isPermanent();
 }
 
 /// Whether the disk holds a value of this name, or will, so that every change has to go there.
 bool BusStorage::concernsDisk(const QString &name) const
 {
-    if (_state != OnDisk)
-        return false;
-    const ObjectRecord *record = _objects.find(name);
-    return _pending.contains(name) || (record && record->head.isPermanent());
+    return _state == OnDisk && (_pending.contains(name) || isPermanent(name));
 }
 
 void BusStorage::change(const PermanentStore::Change &change, const QStringList &names,

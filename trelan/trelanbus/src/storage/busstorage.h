@@ -52,12 +52,20 @@ public:
     /// Keeps a stored object. \a done is called with the outcome, at once or from handleResults().
     void publish(const ObjectRecord &record, const Done &done);
 
+    /// Whether publish() goes to the disk.
+    bool goesToDisk(const ObjectRecord &record) const;
+    /// Whether publish() goes to the disk, and is not refused before, whatever becomes of the
+    /// changes that are under way.
+    bool surelyGoesToDisk(const ObjectRecord &record) const;
+
     /// \a removed has the names of the objects that were there, each once.
     using RemoveDone = std::function<void(const TrelanError &, const QStringList &removed)>;
 
     /// Drops objects; names that are not there are no error. \a done is called with the outcome, at
     /// once or from handleResults().
     void remove(const QStringList &names, const RemoveDone &done);
+    /// Whether remove() goes to the disk, whatever becomes of the changes that are under way.
+    bool surelyGoesToDisk(const QStringList &names) const;
 
     /// \a id is the id of the message on disk, or 0 if it is not there.
     using MessageDone = std::function<void(const TrelanError &, qint64 id)>;
@@ -96,6 +104,7 @@ private:
     /// Runs in the disk's thread.
     static std::vector<Result> write(PermanentStore &store, std::vector<Job> jobs);
 
+    bool isPermanent(const QString &name) const;
     bool concernsDisk(const QString &name) const;
     void change(const PermanentStore::Change &change, const QStringList &names, const Done &done);
     void endPending(const QStringList &names);

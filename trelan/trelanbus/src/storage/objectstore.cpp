@@ -23,6 +23,11 @@ QString ObjectStore::roomFault(const ObjectRecord &record) const
     return {};
 }
 
+bool ObjectStore::hasAmpleRoom(const ObjectRecord &record) const
+{
+    return _takenObjects + 1 <= _maxObjects && _takenBytes + record.cost() <= _maxBytes;
+}
+
 void ObjectStore::reserve(const ObjectRecord &record)
 {
     const QString &name = record.head.name;

@@ -23,6 +23,8 @@ public:
     /// Which bound \a record would pass, for people; empty if there is room. A value that replaces
     /// one of its name and is no larger passes no bound.
     QString roomFault(const ObjectRecord &record) const;
+    /// Whether there is room for \a record beside the value of its name, whatever becomes of that.
+    bool hasAmpleRoom(const ObjectRecord &record) const;
 
     /// Each reserve() is followed by one release() of that record.
     void reserve(const ObjectRecord &record);
