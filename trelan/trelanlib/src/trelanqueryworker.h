@@ -28,7 +28,7 @@ namespace bus
 /// the worker's thread until the bus has answered; nothing tells the caller how it went, except of
 /// an operation that is asked for with one of the functions that return a TrelanPending. In Prompt
 /// mode (see TrelanTransport) the worker sends waiting requests ahead of the replies to earlier
-/// ones, up to 64 requests or 256 KiB; replies are taken in the order of the requests.
+/// ones, up to 256 requests or 256 KiB; replies are taken in the order of the requests.
 ///
 /// While the channel is down every slot drops what it is given, without a report. A new attempt
 /// follows as with TrelanMsgWorker; on each connection the wildcards given at construction are

@@ -16,7 +16,7 @@ namespace
 
 // What is sent ahead of its replies has bounds, so that bus and client never wait for each other to
 // read.
-constexpr int MAX_PENDING = 64;
+constexpr int MAX_PENDING = 256;
 constexpr qint64 MAX_PENDING_BYTES = 256 * 1024;
 constexpr int MAX_UNSENT = 16 * 1024; // of small requests, which leave together
 

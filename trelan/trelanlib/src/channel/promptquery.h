@@ -56,7 +56,7 @@ public:
     /// Sends a request, and waits for its reply and those before it. \a done is called before this
     /// returns.
     void request(const QByteArray &frame, const Done &done);
-    /// Sends a request behind those that have no reply yet, 64 of them or 256 KiB at most: above
+    /// Sends a request behind those that have no reply yet, 256 of them or 256 KiB at most: above
     /// that it waits for the oldest. \a done is called by takeReplies() at the latest.
     void ask(const QByteArray &frame, const Done &done);
     /// Sends a request as ask() does. Its reply is taken when the event loop has nothing left to
