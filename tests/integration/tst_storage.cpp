@@ -1,11 +1,10 @@
+#include <filelimit.h>
 #include <logcapture.h>
 #include <testtable.h>
 #include <trelanbus.h>
 #include <trelanqueryhandler.h>
 
-#include <csignal>
 #include <sqlite3.h>
-#include <sys/resource.h>
 #include <thread>
 
 using namespace bus;
@@ -33,16 +32,6 @@ static int load(TrelanQueryHandler &client, const QString &name)
     TrelanObject object;
     client.loadObject(name, object);
     return object.content().value("value").toInt();
-}
-
-/// Lets no file of this process grow beyond \a size. Tests print to a pipe, which is none.
-static void limitFiles(rlim_t size)
-{
-    rlimit limit {};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    limit.rlim_cur = qMin(size, limit.rlim_max);
-    setrlimit(RLIMIT_FSIZE, &limit);
-    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 class tst_Storage : public QObject
