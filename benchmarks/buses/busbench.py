@@ -15,8 +15,10 @@ import sys
 import tempfile
 import time
 
+import breakdown
 import picture
 import report
+import sampling
 import servers
 import systemcalls
 from processes import Failure, OtherPrograms, Program, cpu_seconds, pss_kib
@@ -24,6 +26,7 @@ from processes import Failure, OtherPrograms, Program, cpu_seconds, pss_kib
 SIZES = [286, 4096, 65536]
 IDLE_CLIENTS, IDLE_S = 10, 2.0
 FAN_OUT = 32
+PROFILE_MS = 3000
 TRACED_TIMES = 5  # as long, for what strace slows down
 
 # What is measured: the name of a figure, the kind of it in the program, and how many receivers.
@@ -125,8 +128,7 @@ class Session:
     def system_calls(self, kind, size, milliseconds):
         """Of each process for a message, with one receiver; no time is taken."""
         with self.receivers(1) as receiver:
-            processes = {"": self._server.pids, "publisher_": [self._publisher.pid],
-                         "receivers_": [receiver.pid]}
+            processes = self._processes(receiver)
             with contextlib.ExitStack() as watching:
                 counters = {who: watching.enter_context(
                     systemcalls.Counter(pids, self._setting.path(who + "calls")))
@@ -140,6 +142,19 @@ class Session:
         with systemcalls.Counter(self._server.pids, self._setting.path("calls")) as counter:
             sent = self.measure(kind, size, 0, milliseconds)["sent"]
         return {call: number / sent for call, number in counter.calls().items()}
+
+    def parts(self, kind, size, milliseconds, path):
+        """The shares of what each process does, with one receiver, all on one processor."""
+        with self.receivers(1) as receiver:
+            self.measure(kind, size, 1, milliseconds // 10)
+            with sampling.Sampler(max(os.sched_getaffinity(0)), path) as sampler:
+                self.measure(kind, size, 1, milliseconds)
+            return {who + part: share for who, pids in self._processes(receiver).items()
+                    for part, share in sampler.shares(pids).items()}
+
+    def _processes(self, receiver):
+        return {"": self._server.pids, "publisher_": [self._publisher.pid],
+                "receivers_": [receiver.pid]}
 
     def idle(self):
         """Milliseconds of processor time in a second, and MiB, with idle clients."""
@@ -176,6 +191,8 @@ class Run:
                         self._measure_bus(bus, cpus, first=number == 0)
         if self._options.system_calls:
             self._count_system_calls()
+        if self._options.profile:
+            self._sample()
 
     def _count_system_calls(self):
         """For the smallest content. The processes are slowed down, so this comes last."""
@@ -191,6 +208,20 @@ class Run:
                         size = self._options.sizes[0]
                         self._add(bus, cpus, size, name, session.system_calls(
                             kind, size, self._options.milliseconds * TRACED_TIMES))
+
+    def _sample(self):
+        """What each process does for a message of the smallest content, where its time has to be
+        told apart: all on one processor."""
+        name, kind, _ = ATTENDED[0]
+        for bus in self._buses:
+            if bus.name not in breakdown.ROWS:
+                continue
+            print(f"profile: {bus.label}", file=sys.stderr)
+            with processors(report.ONE_CPU), tempfile.TemporaryDirectory(prefix="busbench") as \
+                    folder, Session(bus, self._options, folder) as session:
+                size = self._options.sizes[0]
+                self._add(bus, report.ONE_CPU, size, name, session.parts(
+                    kind, size, PROFILE_MS, os.path.join(folder, "perf.data")))
 
     def _measure_bus(self, bus, cpus, first):
         with tempfile.TemporaryDirectory(prefix="busbench") as folder, \
@@ -280,7 +311,8 @@ def keep(run, document):
     """The figures of a document, and what is drawn of them, in the folder of its name."""
     folder = os.path.splitext(document)[0]
     os.makedirs(folder, exist_ok=True)
-    for name, text in (("figures.json", report.kept(run)), ("publish.svg", picture.draw(run))):
+    for name, text in (("figures.json", report.kept(run)), ("publish.svg", picture.draw(run)),
+                       ("message.svg", breakdown.draw(run))):
         if text:
             with open(os.path.join(folder, name), "w", encoding="utf-8") as file:
                 file.write(text)
@@ -302,6 +334,8 @@ def parse(arguments):
                         choices=[bus.name for bus in OWN + PEERS + STREAMS])
     parser.add_argument("--system-calls", action="store_true",
                         help="count those of a message, too, with strace and after all else")
+    parser.add_argument("--profile", action="store_true",
+                        help="find out, with perf and after all else, what takes the time")
     parser.add_argument("--smoke", action="store_true", help="only whether it works")
     parser.add_argument("--compare", nargs=2, metavar=("BEFORE", "AFTER"),
                         help="files of two runs")

@@ -131,15 +131,16 @@ def draw(run):
     return "\n".join(parts + ["</svg>"]) + "\n"
 
 
-def main():
+def main(drawing, usage, missing):
+    """The program of a picture: FIGURES.json PICTURE.svg."""
     if len(sys.argv) != 3:
-        print(__doc__, file=sys.stderr)
+        print(usage, file=sys.stderr)
         return 2
     with open(sys.argv[1], encoding="utf-8") as file:
         run = json.load(file)
-    drawn = draw(run)
+    drawn = drawing(run)
     if drawn is None:
-        print("picture: the figures have no time of a publish", file=sys.stderr)
+        print(f"{sys.argv[0]}: the figures do not have {missing}", file=sys.stderr)
         return 1
     with open(sys.argv[2], "w", encoding="utf-8") as file:
         file.write(drawn)
@@ -147,4 +148,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(draw, __doc__, "the time of a publish"))
