@@ -217,7 +217,7 @@ void BusConnection::setReadsLate(bool late)
 
 void BusConnection::readReplies()
 {
-    if (_state == Reading && mayTakeRequest())
+    if (_channel == Messages && _state == Reading && mayTakeRequest())
         takeTurn(true);
 }
 
