@@ -405,7 +405,7 @@ void ClientQueue::beginFlight(const QueuedMessage &message)
 
 QueuedMessage ClientQueue::endFlight(int index)
 {
-    const QueuedMessage message = _inFlight.takeAt(index);
+    QueuedMessage message = _inFlight.takeAt(index);
     _bytesInFlight -= message.frameSize;
     _storedInFlight -= int(message.storedId != 0);
     return message;

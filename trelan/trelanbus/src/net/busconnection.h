@@ -95,7 +95,8 @@ public:
     /// thread, or has it read as it comes. The end of the connection is noticed either way. For the
     /// message channel.
     void setReadsLate(bool late);
-    /// Reads what has come, and hands it over before this returns. Does nothing on the query channel.
+    /// Reads what has come, and hands it over before this returns. Does nothing on the query
+    /// channel.
     void readReplies();
 
     /// Ends the connection; Owner::onClosed() follows.
