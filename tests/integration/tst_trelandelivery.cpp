@@ -188,6 +188,48 @@ private Q_SLOTS:
         QCOMPARE(newer.receiveDelivery()["msg"].toString(), "last");
     }
 
+    /// What a client sends while its replies are being read is read in its turn, not within them.
+    void repliesThatSettleNothing()
+    {
+        TestBus server;
+        RawPeer query(server, "me"), messages;
+        QVERIFY(messages.connectTo(server.msgPort()));
+        QCOMPARE(messages.ask("handshake {'name':'me','prompt':true}"), "0 ");
+        const QVariantMap data {{"sender", "a"}, {"reciever", "b"}, {"uid", "c"}};
+        const QByteArray reply = TrelanFrame::encode(
+            TrelanFrame::Reply, TrelanFrame::reply("sendMessage", TrelanError(), data));
+        std::atomic_bool isOver {false};
+        std::thread flood([&, replies = reply.repeated(1000)] {
+            while (!isOver && messages.send(replies)) {}
+        });
+        bool isThere = true;
+        for (int i = 0; i < 40 && isThere; ++i) // more than half of the window
+            isThere = query.ask("sendMessage {'r':'me','msg':''}") == "0 ";
+        isOver = true;
+        flood.join();
+        QVERIFY(isThere);
+    }
+
+    void acknowledgedBeforeItIsClosed()
+    {
+        TrelanBusSettings settings;
+        settings.setConflateAbove(8);
+        settings.setMaxClientNames(1);
+        TestBus server(settings);
+        RawPeer query(server, "me"), messages, newer;
+        QVERIFY(messages.connectTo(server.msgPort()) && newer.connectTo(server.msgPort()));
+        QCOMPARE(messages.ask("handshake {'name':'me','prompt':true}"), "0 ");
+        for (int i = 0; i < 20; ++i)
+            QCOMPARE(query.ask("pub {'nm':'o" + QByteArray::number(i) + "','opt':2}"), "0 ");
+        QCOMPARE(query.ask("sendMessage {'r':'me','msg':'first'}"), "0 ");
+        QVERIFY(messages.acknowledge(messages.receiveDelivery()));
+        QCOMPARE(query.ask("sub {'wc':'*','now':true}"), "0 "); // more than may wait
+        QVERIFY(messages.awaitEnd());
+        QCOMPARE(newer.ask("handshake {'name':'me'}"), "0 ");
+        QCOMPARE(query.ask("sendMessage {'r':'me','msg':'last'}"), "0 ");
+        QCOMPARE(newer.receiveDelivery()["msg"].toString(), "last");
+    }
+
     void moreAheadForAPromptReader()
     {
         TestBus server;

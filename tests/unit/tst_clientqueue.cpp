@@ -197,7 +197,7 @@ private Q_SLOTS:
             else if (text.startsWith('~'))
                 queue.acknowledge("s", "r", rest, now);
             else if (text.startsWith("hear"))
-                outcome << (queue.mayHearLate({16, 40000}, text == "hear+") ? "late" : "soon");
+                outcome << (queue.mayHearLate({16, 100000}, text == "hear+") ? "late" : "soon");
             else if (text != "send")
                 append(queue, text[0], rest, now);
             for (QByteArray frame;

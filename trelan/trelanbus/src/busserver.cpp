@@ -74,7 +74,8 @@ BusServer::~BusServer()
 {
     _queryListener.close();
     _msgListener.close();
-    _core.hearAll();
+    for (const ConnectionId id : _connections.keys()) // reading may end connections
+        readReplies(id);
     _codec.finish();
     handleCodecResults();
     _storage.finish();

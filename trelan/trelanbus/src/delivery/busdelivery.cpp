@@ -91,16 +91,14 @@ void BusDelivery::restore()
 void BusDelivery::accept(const TrelanMessage &message, qint64 limit, const Done &done)
 {
     const QString name = message.reciever();
+    const qint64 cost = costOf(message);
+    if (needsRoom(name, cost))
+        hearAll(); // what has been acknowledged takes no room
     if (!isConnected(name) && name != LOGGER_NAME && (!message.isStored() || hasLeft(name))) {
         done(absenceFault(name));
         return;
     }
-    const qint64 cost = costOf(message);
-    TrelanError fault = roomFault(name, cost);
-    if (fault.error() != TrelanError::NoError) {
-        hearAll(); // what has been acknowledged takes no room
-        fault = roomFault(name, cost);
-    }
+    const TrelanError fault = roomFault(name, cost);
     if (fault.error() == TrelanError::NoError && isKept(message, limit)) {
         keep(message, cost, done);
         return;
@@ -397,6 +395,9 @@ bool BusDelivery::mayHearLate(const Client &client) const
 
 void BusDelivery::hearDue()
 {
+    if (_isHearing)
+        return; // what has begun to matter meanwhile is read further up the stack
+    _isHearing = true;
     while (!_hearingDue.isEmpty()) {
         const QStringList due = std::exchange(_hearingDue, {});
         for (const QString &name : due) {
@@ -410,6 +411,7 @@ void BusDelivery::hearDue()
             _output.setReadsLate(known->connection, false);
         }
     }
+    _isHearing = false;
 }
 
 void BusDelivery::hearAll()
@@ -427,11 +429,22 @@ void BusDelivery::makeRoom()
 {
     if (isTight())
         hearAll();
+    else
+        hearDue();
 }
 
 bool BusDelivery::isTight() const
 {
     return _bytes >= _settings.maxQueuedBytes() / 2;
+}
+
+/// Whether a message of this cost would be refused, or oldest log lines dropped for it.
+bool BusDelivery::needsRoom(const QString &name, qint64 cost) const
+{
+    if (name != LOGGER_NAME)
+        return roomFault(name, cost).error() != TrelanError::NoError;
+    const auto known = _clients.constFind(name);
+    return isTight() || (known != _clients.constEnd() && isFull(*known, 1, cost));
 }
 
 void BusDelivery::setHearsLate(Client &client, bool late)

@@ -93,7 +93,8 @@ public:
     void hearDue(); ///< To be called after everything that may have sent something.
     void hearAll();
     /// @}
-    /// To be called before deliver(): near the bound of all queues every acknowledgement matters.
+    /// To be called before deliver(): near the bound of all queues every acknowledgement matters,
+    /// and in a row of publishes those that have begun to.
     void makeRoom();
 
     /// Sends what may be sent: the connection of the client is new or has room again.
@@ -151,6 +152,7 @@ private:
     void chooseHearing(const QString &name);
     bool mayHearLate(const Client &client) const;
     bool isTight() const;
+    bool needsRoom(const QString &name, qint64 cost) const;
     void setHearsLate(Client &client, bool late);
     bool encodesLarge(const QString &name, Client &client, const ClientQueue::Newest &newest);
     void dropExcess(const QString &name);
@@ -169,9 +171,10 @@ private:
     QSet<QString> _told;           // clients that are told whether a value is a change
     QCache<QString, qint64> _left; // when a transient client went, by name
     QStringList _hearingDue;       // clients whose acknowledgements have begun to matter
-    int _hearingLate = 0;          // clients whose acknowledgements wait unread
-    int _absent = 0;               // clients without a connection
-    qint64 _bytes = 0;             // of all messages, those on their way to the disk included
+    bool _isHearing = false;
+    int _hearingLate = 0; // clients whose acknowledgements wait unread
+    int _absent = 0;      // clients without a connection
+    qint64 _bytes = 0;    // of all messages, those on their way to the disk included
     qint64 _nameBytes = 0;
     qint64 _lostLogLines = 0;
     QElapsedTimer _logWarning;

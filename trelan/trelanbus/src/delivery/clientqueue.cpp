@@ -146,7 +146,7 @@ bool ClientQueue::mayHearLate(const Bounds &bounds, bool already) const
     const int share = already ? 2 : 4;
     return !_inFlight.isEmpty() && _waiting.isEmpty() && _names.empty() && _storedInFlight == 0 &&
            _inFlight.size() < qMin(MAX_IN_FLIGHT, bounds.messages) / share &&
-           _bytesInFlight < qMin(_maxBytesInFlight, bounds.bytes) / share;
+           _bytesInFlight < _maxBytesInFlight / share && _bytes < bounds.bytes / share;
 }
 
 void ClientQueue::restart()

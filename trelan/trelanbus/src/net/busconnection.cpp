@@ -213,6 +213,7 @@ void BusConnection::setReadsLate(bool late)
     _readsLate = late;
     if (_state == Reading && mayTakeRequest())
         watch(late ? _events & ~quint32(EPOLLIN) : _events | EPOLLIN);
+    watchProgress();
 }
 
 void BusConnection::readReplies()
@@ -413,7 +414,8 @@ void BusConnection::watch(quint32 events)
 /// Runs the clock while the other side has to send the rest of a frame or to read one.
 void BusConnection::watchProgress()
 {
-    const bool owesBytes = _state == Reading && !_postponed && _reader.isInsideFrame();
+    const bool owesBytes =
+        _state == Reading && !_postponed && !_readsLate && _reader.isInsideFrame();
     if (_state == Closed || _state == Discarding)
         return;
     if (owesBytes || !_leaving.isEmpty())

@@ -197,11 +197,6 @@ void BusCore::hearDue()
     _delivery.hearDue();
 }
 
-void BusCore::hearAll()
-{
-    _delivery.hearAll();
-}
-
 bool BusCore::checkTimes()
 {
     _delivery.hearAll();
@@ -441,7 +436,11 @@ void BusCore::subscribe(ConnectionId id, const BusRequest &request)
         distinct = request.names;
         distinct.removeDuplicates();
     }
-    const TrelanError fault = subscriptionFault(client, request, added.size(), distinct.size());
+    TrelanError fault = subscriptionFault(client, request, added.size(), distinct.size());
+    if (fault.error() != TrelanError::NoError && request.told) {
+        _delivery.hearAll(); // what has been acknowledged takes no room
+        fault = subscriptionFault(client, request, added.size(), distinct.size());
+    }
     if (fault.error() != TrelanError::NoError) {
         _output.reply(id, request.word, fault);
         return;
@@ -594,6 +593,8 @@ void BusCore::closeReceiver(const QString &client, const QString &reason)
             << QStringLiteral("client %1 loses its subscriptions and its message connection: %2")
                    .arg(names::quoted(client), reason);
     }
+    if (const ConnectionId id = _msgClients.connection(client))
+        _output.readReplies(id); // or their messages would be sent again
     forgetSubscriptions(client);
     if (const ConnectionId id = _msgClients.connection(client)) {
         endMessages(id);

@@ -38,10 +38,9 @@ public:
     /// Everything that was sent on a connection of the message channel has left.
     void pushMore(ConnectionId id);
 
-    /// To be called after everything that may have sent something, and before the bus ends: reads
-    /// the acknowledgements that have begun to matter, or all that have arrived.
+    /// To be called after everything that may have sent something: reads the acknowledgements that
+    /// have begun to matter.
     void hearDue();
-    void hearAll();
 
     /// The connection has ended. Another connection that has taken over its name stays registered.
     void connectionClosed(ConnectionId id);
