@@ -5,6 +5,9 @@
 #include <trelanqueryhandler.h>
 
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <thread>
 
 using namespace bus;
@@ -147,6 +150,57 @@ private slots:
         QCOMPARE(client.lastError().error(), TrelanError::InvalidDataStorage);
         _bus.stop();
         QVERIFY(inUse || (read("trelan.db") == database && read("trelan.db-wal") == log));
+    }
+
+    void folderIsClosedToOthers_data()
+    {
+        const TestTable<QByteArray, QString, int> row("preparation", "fault", "warnings");
+        row("made", "", "", 0);
+        row("closed", "mkdir -m 700 data", "", 0);
+        row("open", "mkdir -m 755 data", "", 1);
+        row("open to a group", "mkdir -m 750 data", "", 1);
+        row("open files",
+            "mkdir -m 755 data; cp trelan.db data; touch data/trelan.db-wal; chmod 644 data/*", "",
+            3);
+        row("another file in it", "mkdir -m 755 data; touch data/letter",
+            "is open to others and holds other files, such as letter", 0);
+        row("another file in a closed one", "mkdir -m 700 data; touch data/letter", "", 0);
+        row("of another user", "mkdir -m 777 data; chown 12345 data",
+            "of user 12345 and with mode 0777, is open to others", 0);
+    }
+
+    void folderIsClosedToOthers()
+    {
+        QFETCH(QByteArray, preparation);
+        QFETCH(QString, fault);
+        QFETCH(int, warnings);
+        if (preparation.contains("chown") && ::geteuid() != 0)
+            SKIP_TEST("only root can make folders of others");
+        QVERIFY(start());
+        _bus.stop();
+        QProcess shell;
+        shell.setWorkingDirectory(_dir->path());
+        shell.start("sh", {"-c", preparation});
+        QVERIFY(shell.waitForFinished() && shell.exitCode() == 0);
+        _settings.setDataFolder(_dir->filePath("data"));
+        LogCapture log;
+        const mode_t mask = ::umask(0);
+        const bool isRunning = start();
+        ::umask(mask);
+        const auto rights = [this](const char *path) {
+            struct stat status = {};
+            ::stat(_dir->filePath(path).toUtf8(), &status);
+            return int(status.st_mode & 07777);
+        };
+        QCOMPARE(isRunning, fault.isEmpty());
+        QVERIFY2(_bus.errorString().contains(fault), qPrintable(_bus.errorString()));
+        QCOMPARE(log.faults().filter("was open to others and has mode 0").size(), warnings);
+        if (isRunning) {
+            QCOMPARE(rights("data"), 0700);
+            QCOMPARE(rights("data/trelan.db"), 0600);
+            QCOMPARE(rights("data/trelan.db-wal"), 0600);
+        }
+        _bus.stop(); // the log ends here
     }
 
     void olderDatabase()

@@ -129,7 +129,13 @@ private Q_SLOTS:
         row("send nobody hi", R"(1\|\|trelanctl: no client 'nobody' is there)", "");
         row("call nobody do", R"(1\|\|trelanctl: no client 'nobody' is there)", "");
         row("send absent hi --stored", R"(0\|\|)", "");
-        row("clients", R"(0\|NAME .*\nabsent +- +0 +1 +[1-9]\d+ +0 +0 +-\ntrelanctl-.*\|)", "");
+        row("clients", R"(0\|NAME .*\nabsent +- +0 +1 +[1-9]\d+ +0 +0 +- +-\ntrelanctl-.*\|)", "");
+        row("--name me whoami",
+            R"(0\|NAME +me\nADDRESS +127\..*\nOWNER +user\nUSER +\w.*\n)"
+            R"(PROCESS +\d+\nPROGRAM +trelanctl\|)",
+            "");
+        row("--json --name me whoami", R"(0\|\{"address":.*"name":"me",.*"owner":"user",.*\}\|)",
+            "");
         row("bench --json --seconds 0.001", R"(0\|(\{"bytes":\d+,"count":[^\n]+\n?){9}\|)", "");
         row("pub --help", R"(0\|.*trelanctl pub room\.kitchen .*\|)", "");
         row("--version", R"(0\|trelanctl 1\..*\|)", "");
@@ -230,7 +236,8 @@ private Q_SLOTS:
             call = std::make_unique<RunningTool>("call server do", _at);
         // The server has all five commands, and one of them waits.
         const QByteArray clients = "--json clients | grep server";
-        AWAIT(runTool(clients, _at).contains("\"out\":5,\"queued\":0"));
+        const QRegularExpression allSent("\"out\":5,.*\"queued\":0,");
+        AWAIT(runTool(clients, _at).contains(allSent));
         AWAIT(serve.err.count("start") == 4);
         const auto ended = [](const auto &call) { return call->out == "{}\n"; };
         AWAIT(release(fifo) && std::all_of(calls.begin(), calls.end(), ended));

@@ -252,8 +252,9 @@ private Q_SLOTS:
         RawPeer third(server, "me"); // when the first ended, the second stayed registered
         QVERIFY(second.awaitEnd());
         QCOMPARE(third.ask("sub {'wc':'a'}"), "0 ");
-        const QString expected = QString("warning: client \"me\" at %1 is taken over by %2")
-                                     .arg(first.address(), second.address());
+        const QString expected =
+            QString("warning: client \"me\" at %1 (%3) is taken over by %2 (%3)")
+                .arg(first.address(), second.address(), RawPeer::owner());
         QCOMPARE(log.faults(), QStringList(expected)); // at most one line a minute
     }
 

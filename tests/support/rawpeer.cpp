@@ -6,6 +6,7 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -58,6 +59,12 @@ QString RawPeer::address() const
     socklen_t size = sizeof own;
     ::getsockname(_socket, reinterpret_cast<sockaddr *>(&own), &size);
     return QString("127.0.0.1:%1").arg(ntohs(own.sin_port));
+}
+
+QString RawPeer::owner()
+{
+    const passwd *const user = ::getpwuid(::geteuid());
+    return user ? QString("user %1").arg(user->pw_name) : QString("user %1").arg(::geteuid());
 }
 
 QByteArray RawPeer::frame(const QByteArray &request)

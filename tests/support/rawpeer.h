@@ -34,6 +34,9 @@ public:
     /// Address and port, by which the bus names this peer in its log.
     QString address() const;
 
+    /// How the bus names the user of this process: "user alice".
+    static QString owner();
+
     static QByteArray frame(const QByteArray &request);
     static QByteArray frame(const QString &operation, const QVariantMap &data);
     /// A request frame around a payload that inflates to \a json.

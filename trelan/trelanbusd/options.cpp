@@ -164,6 +164,12 @@ void addOptions(CLI::App &app, Options &options)
         ->type_name("ADDRESS")
         ->check(CLI::ValidIPV4)
         ->capture_default_str();
+    app.add_option("--for", options.audience,
+                   "Who may connect: me, which is the user of the daemon and root, or users, which "
+                   "is every user")
+        ->type_name("WHOM")
+        ->check(CLI::IsMember({"me", "users"}))
+        ->capture_default_str();
     Numbers ports(app, options.settings);
     ports.addPort("--query-port", &TrelanBusSettings::queryPort, &TrelanBusSettings::setQueryPort,
                   "Port of the query channel; 0 takes any free one");
@@ -193,6 +199,8 @@ void addOptions(CLI::App &app, Options &options)
 void finish(Options &options)
 {
     options.settings.setHost(QHostAddress(QString::fromStdString(options.host)));
+    options.settings.setAdmission(options.audience == "me" ? TrelanBusSettings::Me
+                                                           : TrelanBusSettings::Users);
     options.settings.setDataFolder(QString::fromStdString(options.dataFolder));
     options.settings.setRequireStorage(true);
     options.settings.setMessageLifetime(options.messageLifetime * MS_OF_SECOND);

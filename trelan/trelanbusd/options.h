@@ -14,6 +14,7 @@ struct Options
 {
     bus::TrelanBusSettings settings;
     std::string host = "127.0.0.1";
+    std::string audience = "users";
     std::string dataFolder;
     std::string portFile;
     std::string logLevel = "info";

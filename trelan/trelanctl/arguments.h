@@ -32,6 +32,7 @@ struct Arguments
         Serve,
         Logs,
         Clients,
+        WhoAmI,
         Bench,
         Match,
         Frame

@@ -206,6 +206,10 @@ void addOtherCommands(CLI::App &app, RawArguments &raw)
     CLI::App *clients = app.add_subcommand("clients", "show who is on the bus, or has something "
                                                       "waiting there");
     addExamples(*clients, {{"trelanctl clients --json | jq .queued", "shows what waits"}});
+    CLI::App *whoAmI = app.add_subcommand(
+        "whoami", "show what the bus knows of who runs this: user, groups, process");
+    addExamples(*whoAmI, {{"trelanctl whoami --json | jq -r .user",
+                           "shows the user that the bus takes this for"}});
     CLI::App *bench =
         app.add_subcommand("bench", "measure this bus at its sockets, without the pacing of the "
                                     "client library; nothing is stored");
@@ -276,7 +280,7 @@ Arguments::Command commandOf(const CLI::App &app)
         {"rm", Arguments::Remove},   {"match", Arguments::Match},     {"frame", Arguments::Frame},
         {"watch", Arguments::Watch}, {"wait", Arguments::Wait},       {"send", Arguments::Send},
         {"call", Arguments::Call},   {"serve", Arguments::Serve},     {"logs", Arguments::Logs},
-        {"bench", Arguments::Bench}, {"clients", Arguments::Clients},
+        {"bench", Arguments::Bench}, {"clients", Arguments::Clients}, {"whoami", Arguments::WhoAmI},
     };
     return COMMANDS.at(app.get_subcommands().front()->get_name());
 }

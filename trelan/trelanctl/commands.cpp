@@ -78,6 +78,8 @@ ExitCode Commands::runCommand()
         return showLogs(_arguments);
     case Arguments::Clients:
         return clients();
+    case Arguments::WhoAmI:
+        return whoAmI();
     case Arguments::Bench:
         return BenchRunner(_arguments).run();
     case Arguments::Match:
@@ -176,6 +178,35 @@ ExitCode Commands::call()
 
 ExitCode Commands::clients()
 {
+    QVariantList clients;
+    const ExitCode code = askForClients(clients);
+    if (code != Done)
+        return code;
+    if (!_arguments.json)
+        _output.lines(clientTable(clients, Output::terminalWidth()));
+    else
+        for (const QVariant &client : clients)
+            _output.line(clientJson(client));
+    return Done;
+}
+
+ExitCode Commands::whoAmI()
+{
+    QVariantList clients;
+    const ExitCode code = askForClients(clients);
+    for (const QVariant &client : std::as_const(clients)) {
+        if (client.toMap().value(QStringLiteral("name")) != _arguments.clientName)
+            continue;
+        if (_arguments.json)
+            _output.line(clientJson(client));
+        else
+            _output.lines(clientLines(client.toMap()));
+    }
+    return code;
+}
+
+ExitCode Commands::askForClients(QVariantList &clients)
+{
     bus::TrelanQueryHandler handler(_arguments.clientName);
     const ExitCode code = told(connectTo(handler, _arguments));
     if (code != Done)
@@ -183,12 +214,7 @@ ExitCode Commands::clients()
     QVariantMap answer;
     if (!handler.request(answer, QStringLiteral("clients"), {}))
         return failed(handler);
-    const QVariantList clients = answer.value(QStringLiteral("clients")).toList();
-    if (!_arguments.json)
-        _output.lines(clientTable(clients, Output::terminalWidth()));
-    else
-        for (const QVariant &client : clients)
-            _output.line(clientJson(client));
+    clients = answer.value(QStringLiteral("clients")).toList();
     return Done;
 }
 

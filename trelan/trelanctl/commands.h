@@ -26,6 +26,8 @@ private:
     ExitCode send();
     ExitCode call();
     ExitCode clients();
+    ExitCode whoAmI();
+    ExitCode askForClients(QVariantList &clients);
     ExitCode match();
     ExitCode frame();
 

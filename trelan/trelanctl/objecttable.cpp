@@ -26,14 +26,26 @@ struct ClientColumn
 };
 
 // The address stands last, since it is missed least where a line is cut.
-constexpr std::array<ClientColumn, 8> CLIENT_COLUMNS = {{{"NAME", "name"},
+constexpr std::array<ClientColumn, 9> CLIENT_COLUMNS = {{{"NAME", "name"},
                                                          {"CONNECTIONS", "connections"},
                                                          {"SUBSCRIPTIONS", "subscriptions"},
                                                          {"QUEUED", "queued"},
                                                          {"BYTES", "queuedBytes"},
                                                          {"IN", "in"},
                                                          {"OUT", "out"},
+                                                         {"USER", "user"},
                                                          {"ADDRESS", "address"}}};
+
+/// What is known of one client, from the client to its surroundings.
+constexpr std::array<ClientColumn, 9> OWNER_ROWS = {{{"NAME", "name"},
+                                                     {"ADDRESS", "address"},
+                                                     {"OWNER", "owner"},
+                                                     {"USER", "user"},
+                                                     {"USER ID", "userId"},
+                                                     {"GROUPS", "groups"},
+                                                     {"CONTROL GROUP", "controlGroup"},
+                                                     {"PROCESS", "process"},
+                                                     {"PROGRAM", "program"}}};
 
 QString cellText(const QVariant &value)
 {
@@ -41,6 +53,14 @@ QString cellText(const QVariant &value)
                              ? value.toStringList().join(QLatin1Char(','))
                              : value.toString();
     return text.isEmpty() ? QStringLiteral("-") : terminal::escaped(text);
+}
+
+/// What a client has in a column. Without a user it says what kind of an owner there is.
+QVariant cellOf(const QVariantMap &client, const QString &key)
+{
+    return key == QLatin1String("user") && !client.contains(key)
+               ? client.value(QStringLiteral("owner"))
+               : client.value(key);
 }
 
 QString localTime(const QDateTime &time)
@@ -186,10 +206,21 @@ QStringList clientTable(const QVariantList &clients, int width)
     for (const QVariant &client : clients) {
         QStringList cells;
         for (const ClientColumn &column : CLIENT_COLUMNS)
-            cells.append(cellText(client.toMap().value(QLatin1String(column.key))));
+            cells.append(cellText(cellOf(client.toMap(), QLatin1String(column.key))));
         rows.append(cells);
     }
     return table(rows, width);
+}
+
+QStringList clientLines(const QVariantMap &client)
+{
+    QList<QStringList> rows;
+    for (const ClientColumn &row : OWNER_ROWS) {
+        const QVariant value = client.value(QLatin1String(row.key));
+        if (value.isValid())
+            rows.append({QLatin1String(row.heading), cellText(value)});
+    }
+    return table(rows, 0);
 }
 
 QString clientJson(const QVariant &client)

@@ -46,5 +46,7 @@ QString logJson(const bus::TrelanCommand &saveLog);
 /// A heading and one line for each of \a clients, which are as the bus lists them.
 QStringList clientTable(const QVariantList &clients, int width);
 QString clientJson(const QVariant &client);
+/// A line for each thing that the bus knows of a client and its owner.
+QStringList clientLines(const QVariantMap &client);
 
 } // namespace trelanctl

@@ -180,7 +180,8 @@ def told_rows():
 
 
 def bus_rows():
-    features = ["clients", "limit", "now", "prompt", "removals", "told", "transient"]
+    features = ["clients", "limit", "now", "owners", "prompt", "removals", "told",
+                "transient"]
     for channel in ("query", "message"):
         from_bus(f"features-{channel}", reply_from_bus("handshake", {
             "channel": channel, "features": features, "instance": "<id>"}))

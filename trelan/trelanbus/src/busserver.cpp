@@ -1,7 +1,10 @@
 #include "busserver.h"
 
 #include "answers.h"
+#include "net/socketprocesses.h"
 #include "request/buspayload.h"
+
+#include <wirekeys.h>
 
 #include <unistd.h>
 
@@ -29,6 +32,25 @@ qint64 totalCost(const QVector<ObjectRecord> &records)
     for (const ObjectRecord &record : records)
         cost += record.cost();
     return cost;
+}
+
+/// Adds to each client the process that has its socket, where one can be seen.
+QVariantList withProcesses(const QVariantList &clients, const QVector<quint64> &sockets)
+{
+    QSet<quint64> wanted(sockets.cbegin(), sockets.cend());
+    wanted.remove(0);
+    const QHash<quint64, SocketProcess> processes = processesOf(wanted);
+    QVariantList completed;
+    for (int i = 0; i < clients.size(); ++i) {
+        QVariantMap client = clients[i].toMap();
+        const SocketProcess process = processes.value(sockets[i]);
+        if (process.id != 0) {
+            client.insert(keys::CLIENT_PROCESS, process.id);
+            client.insert(keys::CLIENT_PROGRAM, process.program);
+        }
+        completed.append(client);
+    }
+    return completed;
 }
 
 } // namespace
@@ -93,8 +115,30 @@ bool BusServer::start()
     }
     _core.restoreMessages();
     watchTimes();
-    return listen(_queryListener, _settings.queryDescriptor(), _settings.queryPort()) &&
-           listen(_msgListener, _settings.msgDescriptor(), _settings.msgPort());
+    const bool listens =
+        listen(_queryListener, _settings.queryDescriptor(), _settings.queryPort()) &&
+        listen(_msgListener, _settings.msgDescriptor(), _settings.msgPort());
+    if (listens)
+        warnOfOpenDoors();
+    return listens;
+}
+
+void BusServer::warnOfOpenDoors() const
+{
+    if (!_owners.canAsk()) {
+        qCWarning(BUS_LOG) << "the kernel does not tell who connects: no name is kept from "
+                              "anybody";
+    }
+    const QHostAddress query = _queryListener.serverAddress();
+    const QHostAddress messages = _msgListener.serverAddress();
+    const QHostAddress open = query.isLoopback() ? messages : query;
+    if (open.isLoopback())
+        return;
+    qCWarning(BUS_LOG).noquote()
+        << QStringLiteral("the bus listens on %1, beyond this machine: whoever can reach its ports "
+                          "can read, change and remove everything on it; nothing is encrypted, "
+                          "and of users of other machines only the address is known")
+               .arg(open.toString());
 }
 
 bool BusServer::listen(BusListener &listener, int descriptor, quint16 port)
@@ -187,6 +231,15 @@ void BusServer::replyData(ConnectionId id, const QString &word, const QVariantMa
     });
 }
 
+void BusServer::replyClients(ConnectionId id, const QString &word, const QVariantList &clients,
+                             const QVector<quint64> &sockets)
+{
+    const auto encode = [word, clients, sockets, settings = _settings] {
+        return answers::data(word, {{keys::CLIENTS, withProcesses(clients, sockets)}}, settings);
+    };
+    addJob(id, [this, id, encode] { return [this, id, frame = encode()] { answer(id, frame); }; });
+}
+
 bool BusServer::canPush(ConnectionId id) const
 {
     const BusConnection *connection = _connections.value(id);
@@ -241,6 +294,12 @@ QString BusServer::peer(ConnectionId id) const
     return connection ? connection->peer() : QString();
 }
 
+ClientOwner BusServer::owner(ConnectionId id) const
+{
+    const BusConnection *connection = _connections.value(id);
+    return connection ? connection->clientOwner() : ClientOwner();
+}
+
 void BusServer::setRegistered(ConnectionId id)
 {
     if (BusConnection *connection = _connections.value(id))
@@ -259,6 +318,7 @@ void BusServer::onDescriptor(BusConnection::Channel channel, int descriptor)
     }
     auto *connection = new BusConnection(channel, ++_lastId, descriptor, _settings, _poller, *this);
     connection->setParent(this);
+    connection->setClientOwner(_owners.ownerOf(descriptor)); // before the client may have gone
     _connections.insert(_lastId, connection);
     if (!connection->open()) {
         if (_warnings.allows(QStringLiteral("watching")))

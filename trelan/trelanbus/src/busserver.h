@@ -2,6 +2,7 @@
 
 #include "net/busconnection.h"
 #include "net/buslistener.h"
+#include "net/ownerlookup.h"
 #include "rules/buscore.h"
 #include "storage/backgroundworker.h"
 #include "storage/busstorage.h"
@@ -56,6 +57,8 @@ private:
                       const QVector<ObjectRecord> &records) override;
     void replyData(ConnectionId id, const QString &word, const QVariantMap &data,
                    qint64 cost) override;
+    void replyClients(ConnectionId id, const QString &word, const QVariantList &clients,
+                      const QVector<quint64> &sockets) override;
     bool canPush(ConnectionId id) const override;
     void push(ConnectionId id, const QByteArray &frame) override;
     void encode(const std::function<QByteArray()> &make,
@@ -64,6 +67,7 @@ private:
     void closeConnection(ConnectionId id) override;
     bool isAtEnd(ConnectionId id) const override;
     QString peer(ConnectionId id) const override;
+    ClientOwner owner(ConnectionId id) const override;
     void setReadsLate(ConnectionId id, bool late) override;
     void readReplies(ConnectionId id) override;
     void setRegistered(ConnectionId id) override;
@@ -75,6 +79,7 @@ private:
     void onClosed(ConnectionId id) override;
 
     bool listen(BusListener &listener, int descriptor, quint16 port);
+    void warnOfOpenDoors() const;
     void onDescriptor(BusConnection::Channel channel, int descriptor);
     void handle(ConnectionId id, BusRequest request);
     void addJob(ConnectionId id, const Job &job);
@@ -93,6 +98,7 @@ private:
     QString _errorString;
     BusListener _queryListener;
     BusListener _msgListener;
+    OwnerLookup _owners;
     BusStorage _storage;
     BusCore _core;
     Poller &_poller;

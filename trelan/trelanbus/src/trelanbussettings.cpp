@@ -24,6 +24,7 @@ public:
     quint16 msgPort = 43537;
     int queryDescriptor = -1;
     int msgDescriptor = -1;
+    Admission admission = Users;
     QString dataFolder;
     bool requireStorage = false;
     int maxObjects = 100000;
@@ -46,11 +47,11 @@ public:
 
     auto all() const
     {
-        return std::tie(host, queryPort, msgPort, queryDescriptor, msgDescriptor, dataFolder,
-                        requireStorage, maxObjects, maxObjectBytes, maxFrameSize, maxInflatedSize,
-                        maxConnections, maxSubscriptions, maxClientMessages, maxClientBytes,
-                        maxQueues, maxQueuedBytes, conflateAbove, maxClientNames, messageLifetime,
-                        coding, handshakeTimeout, stallTimeout, discardTime);
+        return std::tie(host, queryPort, msgPort, queryDescriptor, msgDescriptor, admission,
+                        dataFolder, requireStorage, maxObjects, maxObjectBytes, maxFrameSize,
+                        maxInflatedSize, maxConnections, maxSubscriptions, maxClientMessages,
+                        maxClientBytes, maxQueues, maxQueuedBytes, conflateAbove, maxClientNames,
+                        messageLifetime, coding, handshakeTimeout, stallTimeout, discardTime);
     }
 };
 
@@ -120,6 +121,16 @@ int TrelanBusSettings::msgDescriptor() const
 void TrelanBusSettings::setMsgDescriptor(int descriptor)
 {
     _d->msgDescriptor = qMax(descriptor, -1);
+}
+
+TrelanBusSettings::Admission TrelanBusSettings::admission() const
+{
+    return _d->admission;
+}
+
+void TrelanBusSettings::setAdmission(Admission admission)
+{
+    _d->admission = admission;
 }
 
 QString TrelanBusSettings::dataFolder() const

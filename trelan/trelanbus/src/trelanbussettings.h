@@ -52,11 +52,27 @@ public:
     void setMsgDescriptor(int descriptor);
 
     /// @}
+    /// \name Who may connect
+    /// @{
+
+    enum Admission {
+        Me,   ///< the user of this process, and root
+        Users ///< every user of this machine, and whoever else reaches the ports
+    };
+
+    /// Whose handshakes are accepted: those of all users, Users. Others are refused with
+    /// TrelanError::UnregisteredClient.
+    Admission admission() const;
+    void setAdmission(Admission admission);
+
+    /// @}
     /// \name What it keeps
     /// @{
 
     /// The folder of the permanent objects and the stored messages, which is made if it does not
-    /// exist. Empty, the default: they live in memory only.
+    /// exist, and belongs to the bus alone: others can neither read nor enter it. A folder
+    /// that others can enter is closed to them if it belongs to the user of this process and holds
+    /// nothing else. If not, it is refused. Empty, the default: they live in memory only.
     QString dataFolder() const;
     void setDataFolder(const QString &folder);
     /// Whether a bus whose data folder cannot be used fails to start. Otherwise, the default, it

@@ -70,6 +70,13 @@ TRELAN_WIRE_WORD(CLIENT_QUEUED, "queued")
 TRELAN_WIRE_WORD(CLIENT_QUEUED_BYTES, "queuedBytes")
 TRELAN_WIRE_WORD(CLIENT_IN, "in")
 TRELAN_WIRE_WORD(CLIENT_OUT, "out")
+TRELAN_WIRE_WORD(CLIENT_OWNER, "owner")
+TRELAN_WIRE_WORD(CLIENT_USER, "user")
+TRELAN_WIRE_WORD(CLIENT_USER_ID, "userId")
+TRELAN_WIRE_WORD(CLIENT_GROUPS, "groups")
+TRELAN_WIRE_WORD(CLIENT_CONTROL_GROUP, "controlGroup")
+TRELAN_WIRE_WORD(CLIENT_PROCESS, "process")
+TRELAN_WIRE_WORD(CLIENT_PROGRAM, "program")
 
 // The text of a notification, of a marker behind notifications, and of a command. Notifications and
 // commands say "__name__".
@@ -108,6 +115,7 @@ namespace bus::features
 TRELAN_WIRE_WORD(CLIENTS, "clients")
 TRELAN_WIRE_WORD(LIMIT, "limit")
 TRELAN_WIRE_WORD(NOW, "now")
+TRELAN_WIRE_WORD(OWNERS, "owners")
 TRELAN_WIRE_WORD(PROMPT, "prompt")
 TRELAN_WIRE_WORD(REMOVALS, "removals")
 TRELAN_WIRE_WORD(TOLD, "told")

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "values/clientowner.h"
 #include "values/connectionid.h"
 #include "values/objectrecord.h"
 
@@ -37,6 +38,11 @@ public:
     virtual void replyData(ConnectionId id, const QString &word, const QVariantMap &data,
                            qint64 cost) = 0;
 
+    /// Answers with data for each client under "clients", and adds which processes have \a sockets,
+    /// one for each client. Reading all of it from the system takes a while.
+    virtual void replyClients(ConnectionId id, const QString &word, const QVariantList &clients,
+                              const QVector<quint64> &sockets) = 0;
+
     /// Whether everything that was sent has left, so that push() may be called.
     virtual bool canPush(ConnectionId id) const = 0;
     /// Sends a frame that answers nothing, in a block of its own.
@@ -61,6 +67,8 @@ public:
     virtual bool isAtEnd(ConnectionId id) const = 0;
     /// Address and port of the other side.
     virtual QString peer(ConnectionId id) const = 0;
+    /// Who has made the connection, without names.
+    virtual ClientOwner owner(ConnectionId id) const = 0;
     /// The client has named itself.
     virtual void setRegistered(ConnectionId id) = 0;
 };

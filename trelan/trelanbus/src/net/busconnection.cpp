@@ -119,6 +119,16 @@ bool BusConnection::open()
     return _poller.watch(_descriptor, _connectionId, _events);
 }
 
+void BusConnection::setClientOwner(const ClientOwner &owner)
+{
+    _clientOwner = owner;
+}
+
+ClientOwner BusConnection::clientOwner() const
+{
+    return _clientOwner;
+}
+
 BusConnection::Channel BusConnection::channel() const
 {
     return _channel;

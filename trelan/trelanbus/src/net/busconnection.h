@@ -1,6 +1,7 @@
 #pragma once
 
 #include "trelanbussettings.h"
+#include "values/clientowner.h"
 #include "values/connectionid.h"
 
 #include <poller.h>
@@ -55,6 +56,10 @@ public:
     BusConnection(Channel channel, ConnectionId id, int descriptor,
                   const TrelanBusSettings &settings, Poller &poller, Owner &owner);
     ~BusConnection() override;
+
+    /// Who has made the connection; to be set before open().
+    void setClientOwner(const ClientOwner &owner);
+    ClientOwner clientOwner() const;
 
     /// Begins to read. False, with errno, if the system cannot watch one more socket.
     bool open();
@@ -151,6 +156,7 @@ private:
     QTimer _stall;
     QTimer _handshake;
     const QString _peer;
+    ClientOwner _clientOwner;
 };
 
 } // namespace bus

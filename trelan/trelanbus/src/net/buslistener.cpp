@@ -111,6 +111,11 @@ quint16 BusListener::serverPort() const
     return _server.serverPort();
 }
 
+QHostAddress BusListener::serverAddress() const
+{
+    return _server.serverAddress();
+}
+
 QString BusListener::errorString() const
 {
     return _errorString;

@@ -29,6 +29,7 @@ public:
     void close();
 
     quint16 serverPort() const;
+    QHostAddress serverAddress() const;
     QString errorString() const;
 
 Q_SIGNALS:

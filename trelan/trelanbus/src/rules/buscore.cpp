@@ -4,6 +4,8 @@
 
 #include <wirekeys.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <functional>
 #include <string_view>
@@ -19,7 +21,6 @@ constexpr int MAX_LAST_PUBLISHED = 10000;
 // Comparisons of a name with a wildcard in one request: they take some tenths of a second, in which
 // nobody else is served.
 constexpr qint64 MAX_TESTS_AT_ONCE = 1000000;
-constexpr qint64 CLIENT_DATA_COST = 256; // bytes in an answer, roughly
 constexpr qint64 FEATURES_COST = 512;
 constexpr qint64 REQUEST_COST = 256;   // and of each of its names
 constexpr int MAX_TOLD_AT_ONCE = 1000; // removals in one turn: some milliseconds
@@ -27,8 +28,26 @@ constexpr int MAX_TOLD_AT_ONCE = 1000; // removals in one turn: some millisecond
 /// What this bus can do beyond what every bus can, sorted.
 QStringList featureNames()
 {
-    return {features::CLIENTS,  features::LIMIT, features::NOW,      features::PROMPT,
-            features::REMOVALS, features::TOLD,  features::TRANSIENT};
+    return {features::CLIENTS, features::LIMIT,    features::NOW,  features::OWNERS,
+            features::PROMPT,  features::REMOVALS, features::TOLD, features::TRANSIENT};
+}
+
+/// The owner that is shown for a client: that of its query connection, else of the other one.
+ClientOwner ownerOf(const ClientRegistry::Client &query, const ClientRegistry::Client &messages)
+{
+    return query.name.isEmpty() ? messages.owner : query.owner;
+}
+
+void addOwner(const ClientOwner &owner, QVariantMap &data)
+{
+    data.insert(keys::CLIENT_OWNER, owner.kindName());
+    if (owner.kind != ClientOwner::User)
+        return;
+    data.insert(keys::CLIENT_USER, owner.name);
+    data.insert(keys::CLIENT_USER_ID, owner.userId);
+    data.insert(keys::CLIENT_GROUPS, owner.groups);
+    if (owner.controlGroup != 0)
+        data.insert(keys::CLIENT_CONTROL_GROUP, owner.controlGroup);
 }
 
 /// What a request takes on its way to the disk, in bytes, roughly.
@@ -57,6 +76,7 @@ void logPublish(const ObjectHead &object)
 
 BusCore::BusCore(const TrelanBusSettings &settings, BusStorage &storage, BusOutput &output)
     : _maxSubscriptions(settings.maxSubscriptions())
+    , _admission(settings.admission())
     , _instance(names::freshUid())
     , _storage(storage)
     , _output(output)
@@ -244,14 +264,19 @@ void BusCore::handshake(ClientRegistry &registry, ConnectionId id, const BusRequ
         acceptHandshake(registry, id, request);
         return;
     }
-    if (const ConnectionId older = registry.connection(request.name))
-        _output.readReplies(older); // or their messages would be sent again
-    if (const ConnectionId older = registry.connection(request.name)) {
-        registry.warnOfTakeover(older, id, request.name);
-        connectionClosed(older);
-        _output.closeConnection(older);
+    ClientOwner owner = _output.owner(id);
+    _users.complete(owner);
+    const QString refusal = ownerFault(owner, request.name);
+    if (!refusal.isEmpty()) {
+        refuseOwner(id, request, refusal);
+        return;
     }
-    registry.add(id, request.name);
+    for (ClientRegistry *each : {&_queryClients, &_msgClients}) {
+        // Whatever another owner has left behind under the name ends on both channels.
+        if (each == &registry || !owner.mayTakeFrom(each->client(request.name).owner))
+            endOlder(*each, id, request.name, owner);
+    }
+    registry.add(id, request.name, owner);
     _output.setRegistered(id);
     const bool receives = &registry == &_msgClients;
     // Attach before the reply: sending it may find the connection at its end and detach it.
@@ -262,6 +287,46 @@ void BusCore::handshake(ClientRegistry &registry, ConnectionId id, const BusRequ
     acceptHandshake(registry, id, request);
     if (receives)
         _delivery.sendMore(request.name);
+}
+
+/// What hinders an owner from having a name; empty if nothing does. Who has ended is in nobody's
+/// way, even if the bus has not noticed yet.
+QString BusCore::ownerFault(const ClientOwner &owner, const QString &name) const
+{
+    if (_admission == TrelanBusSettings::Me && !owner.isRoot() &&
+        (owner.kind != ClientOwner::User || owner.userId != ::geteuid()))
+        return QStringLiteral("this bus takes no clients of %1").arg(owner.text());
+    for (const ClientRegistry *registry : {&_queryClients, &_msgClients}) {
+        const ConnectionId holder = registry->connection(name);
+        const ClientOwner other = registry->client(name).owner;
+        if (holder != 0 && !owner.mayTakeFrom(other) && !_output.isAtEnd(holder)) {
+            return QStringLiteral("client %1 belongs to %2").arg(names::quoted(name), other.text());
+        }
+    }
+    return {};
+}
+
+void BusCore::refuseOwner(ConnectionId id, const BusRequest &request, const QString &fault)
+{
+    if (_refusals.allows(request.name)) {
+        qCWarning(BUS_LOG).noquote()
+            << QStringLiteral("a handshake of %1 from %2 is refused: %3")
+                   .arg(names::quoted(request.name), _output.peer(id), fault);
+    }
+    _output.reply(id, request.word, {TrelanError::UnregisteredClient, fault});
+}
+
+/// Ends the connection that has a name, for the sake of \a id, which \a owner has made.
+void BusCore::endOlder(ClientRegistry &registry, ConnectionId id, const QString &name,
+                       const ClientOwner &owner)
+{
+    if (const ConnectionId older = registry.connection(name))
+        _output.readReplies(older); // or their messages would be sent again
+    if (const ConnectionId older = registry.connection(name)) {
+        registry.warnOfTakeover(older, id, name, owner);
+        connectionClosed(older);
+        _output.closeConnection(older);
+    }
 }
 
 /// Answers who asks for the features. All others get the answer of ever, to the byte.
@@ -501,10 +566,13 @@ void BusCore::listClients(ConnectionId id, const BusRequest &request)
     std::sort(names.begin(), names.end());
     names.erase(std::unique(names.begin(), names.end()), names.end());
     QVariantList clients;
-    for (const QString &name : std::as_const(names))
+    QVector<quint64> sockets;
+    for (const QString &name : std::as_const(names)) {
+        const ClientOwner owner = ownerOf(_queryClients.client(name), _msgClients.client(name));
         clients.append(clientData(name));
-    _output.replyData(id, request.word, {{keys::CLIENTS, clients}},
-                      clients.size() * CLIENT_DATA_COST);
+        sockets.append(owner.socket);
+    }
+    _output.replyClients(id, request.word, clients, sockets);
 }
 
 QVariantMap BusCore::clientData(const QString &name) const
@@ -516,7 +584,7 @@ QVariantMap BusCore::clientData(const QString &name) const
         connections.append(channels::QUERY);
     if (!messages.name.isEmpty())
         connections.append(channels::MESSAGE);
-    return {
+    QVariantMap data {
         {keys::CLIENT_NAME, name},
         {keys::CLIENT_ADDRESS, query.name.isEmpty() ? messages.peer : query.peer},
         {keys::CLIENT_CONNECTIONS, connections},
@@ -526,6 +594,9 @@ QVariantMap BusCore::clientData(const QString &name) const
         {keys::CLIENT_IN, query.count},
         {keys::CLIENT_OUT, messages.count},
     };
+    if (!connections.isEmpty())
+        addOwner(ownerOf(query, messages), data);
+    return data;
 }
 
 void BusCore::unsubscribe(ConnectionId id, const BusRequest &request)

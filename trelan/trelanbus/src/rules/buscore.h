@@ -9,6 +9,7 @@
 #include "rules/publishorder.h"
 #include "rules/subscriptionindex.h"
 #include "storage/busstorage.h"
+#include "values/userdatabase.h"
 
 #include <QtCore/QCache>
 #include <QtCore/QPair>
@@ -70,6 +71,10 @@ private:
     void handshake(ClientRegistry &registry, ConnectionId id, const BusRequest &request);
     void acceptHandshake(const ClientRegistry &registry, ConnectionId id,
                          const BusRequest &request);
+    QString ownerFault(const ClientOwner &owner, const QString &name) const;
+    void refuseOwner(ConnectionId id, const BusRequest &request, const QString &fault);
+    void endOlder(ClientRegistry &registry, ConnectionId id, const QString &name,
+                  const ClientOwner &owner);
     void endQuery(ConnectionId id);
     void endMessages(ConnectionId id);
     void publish(ConnectionId id, const BusRequest &request);
@@ -96,6 +101,7 @@ private:
     void freshenUid(ObjectRecord &record);
 
     const int _maxSubscriptions;
+    const TrelanBusSettings::Admission _admission;
     const QString _instance; // tells this run of the bus from all others
     BusStorage &_storage;
     BusOutput &_output;
@@ -110,6 +116,8 @@ private:
     SubscriptionIndex _removals;              // those of them with which removals are told
     QCache<QString, QPair<QString, size_t>> _lastPublished; // uid and digest by object name
     WarningLimiter _warnings;
+    WarningLimiter _refusals;
+    UserDatabase _users;
 };
 
 } // namespace bus

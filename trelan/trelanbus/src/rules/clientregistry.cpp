@@ -5,6 +5,18 @@
 namespace bus
 {
 
+namespace
+{
+
+/// "127.0.0.1:4000 (user alice)", for the log.
+QString placeText(const QString &peer, const ClientOwner &owner)
+{
+    return owner.kind == ClientOwner::Remote ? peer
+                                             : QStringLiteral("%1 (%2)").arg(peer, owner.text());
+}
+
+} // namespace
+
 ClientRegistry::ClientRegistry(const QString &channel, BusOutput &output)
     : _channel(channel)
     , _output(output)
@@ -56,12 +68,13 @@ QString ClientRegistry::handshakeFault(ConnectionId id, const QString &name) con
     return {};
 }
 
-void ClientRegistry::add(ConnectionId id, const QString &name)
+void ClientRegistry::add(ConnectionId id, const QString &name, const ClientOwner &owner)
 {
-    _clients.insert(id, {name, _output.peer(id), 0});
+    const QString peer = _output.peer(id);
+    _clients.insert(id, {name, peer, owner, 0});
     _ids.insert(name, id);
     qCInfo(BUS_LOG).noquote() << QStringLiteral("client %1 is connected from %2 on the %3 channel")
-                                     .arg(names::quoted(name), _output.peer(id), _channel);
+                                     .arg(names::quoted(name), placeText(peer, owner), _channel);
 }
 
 QString ClientRegistry::remove(ConnectionId id)
@@ -77,13 +90,15 @@ QString ClientRegistry::remove(ConnectionId id)
     return client.name;
 }
 
-void ClientRegistry::warnOfTakeover(ConnectionId older, ConnectionId newer, const QString &name)
+void ClientRegistry::warnOfTakeover(ConnectionId older, ConnectionId newer, const QString &name,
+                                    const ClientOwner &owner)
 {
     if (_output.isAtEnd(older) || !_takeoverWarnings.allows(name))
         return;
     qCWarning(BUS_LOG).noquote() << QStringLiteral("client %1 at %2 is taken over by %3")
-                                        .arg(names::quoted(name), _output.peer(older),
-                                             _output.peer(newer));
+                                        .arg(names::quoted(name),
+                                             placeText(_output.peer(older), client(name).owner),
+                                             placeText(_output.peer(newer), owner));
 }
 
 void ClientRegistry::count(ConnectionId id)

@@ -2,6 +2,7 @@
 
 #include "delivery/busoutput.h"
 #include "values/buslog.h"
+#include "values/clientowner.h"
 
 #include <QtCore/QHash>
 #include <QtCore/QString>
@@ -25,6 +26,7 @@ public:
     {
         QString name;
         QString peer; ///< address and port
+        ClientOwner owner;
         qint64 count = 0;
     };
 
@@ -40,14 +42,16 @@ public:
     /// What is wrong with a handshake, for people; empty if it can be accepted.
     QString handshakeFault(ConnectionId id, const QString &name) const;
 
-    /// Registers \a id under a name that nobody has.
-    void add(ConnectionId id, const QString &name);
+    /// Registers \a id, a connection of \a owner, under a name that nobody has.
+    void add(ConnectionId id, const QString &name, const ClientOwner &owner);
     /// Forgets \a id. Returns the name that it had, empty if none.
     QString remove(ConnectionId id);
 
-    /// Logs that \a newer takes over from \a older, once a minute for a name at most. Nothing is
-    /// logged if the older connection has ended by itself: the client has just come back.
-    void warnOfTakeover(ConnectionId older, ConnectionId newer, const QString &name);
+    /// Logs that \a newer, of \a owner, takes over from \a older, once a minute for a name at most.
+    /// Nothing is logged if the older connection has ended by itself: the client has just come
+    /// back.
+    void warnOfTakeover(ConnectionId older, ConnectionId newer, const QString &name,
+                        const ClientOwner &owner);
 
     /// Counts one request or one delivery. The sum is logged at the end.
     void count(ConnectionId id);

@@ -1,5 +1,6 @@
 #include "storage/permanentstore.h"
 
+#include "storage/datafolder.h"
 #include "values/buslog.h"
 #include "values/busnames.h"
 
@@ -319,8 +320,9 @@ bool PermanentStore::prepareFolder(const QString &folder)
 {
     const QDir dir(folder);
     _path = dir.absoluteFilePath(FILE_NAME);
-    if (!dir.exists() && !QDir().mkpath(dir.absolutePath()))
-        return fail(QStringLiteral("the folder cannot be made"));
+    const QString fault = datafolder::prepare(dir.absolutePath(), FILE_NAME);
+    if (!fault.isEmpty())
+        return fail(fault);
     const QFileInfo file(_path);
     const QFileInfo log(_path + LOG_SUFFIX);
     const bool isEmpty = !file.exists() || file.size() == 0;
@@ -337,6 +339,7 @@ bool PermanentStore::prepareFolder(const QString &folder)
         qCWarning(BUS_LOG).noquote()
             << QStringLiteral("%1 is empty; no permanent objects are there").arg(_path);
     }
+    datafolder::makeFile(_path);
     return true;
 }
 
