@@ -96,8 +96,9 @@ BusServer::~BusServer()
 {
     _queryListener.close();
     _msgListener.close();
-    for (const ConnectionId id : _connections.keys()) // reading may end connections
-        readReplies(id);
+    const QList<BusConnection *> connections = _connections.values(); // reading may end some
+    for (BusConnection *connection : connections)
+        connection->readReplies();
     _codec.finish();
     handleCodecResults();
     _storage.finish();
