@@ -45,6 +45,8 @@ QString close(const QString &path, mode_t mode)
     struct stat status = {};
     if (::stat(encoded.constData(), &status) != 0 || (status.st_mode & OF_OTHERS) == 0)
         return {};
+    if (!S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode)) // such as a device, which all share
+        return QStringLiteral("%1 is neither a folder nor a file").arg(path);
     const QString open = described(path, status);
     if (status.st_uid != ::geteuid())
         return QStringLiteral("%1 is open to others, and only its user can close it").arg(open);
